@@ -1,0 +1,37 @@
+# What every target of the project shares, and the two kinds of target there are.
+
+add_library(ferovane_options INTERFACE)
+target_include_directories(ferovane_options INTERFACE ${PROJECT_SOURCE_DIR})
+target_compile_options(ferovane_options INTERFACE
+    -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion
+    $<$<COMPILE_LANGUAGE:CXX>:-Wold-style-cast>
+    $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor>
+    $<$<COMPILE_LANGUAGE:CXX>:-Woverloaded-virtual>
+    $<$<CXX_COMPILER_ID:Clang,AppleClang>:-Wthread-safety>
+    $<$<BOOL:${FEROVANE_WARNINGS_AS_ERRORS}>:-Werror>)
+
+if(FEROVANE_SANITIZE)
+    add_compile_options(-fsanitize=${FEROVANE_SANITIZE} -fno-omit-frame-pointer
+                        -fno-sanitize-recover=all)
+    add_link_options(-fsanitize=${FEROVANE_SANITIZE})
+    # objc_msgSend is called through the type of the method, as the platform wants it.
+    if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+        add_compile_options(-fno-sanitize=function)
+    endif()
+endif()
+
+# ferovane_library(NAME SOURCES file... LINKS target...): the library of one folder. It links, and so
+# sees, only what that folder may include.
+function(ferovane_library name)
+    cmake_parse_arguments(arg "" "" "SOURCES;LINKS" ${ARGN})
+    add_library(${name} STATIC ${arg_SOURCES})
+    target_link_libraries(${name} PUBLIC ferovane_options ${arg_LINKS})
+endfunction()
+
+# ferovane_test(NAME SOURCES file... LINKS target...): one test program, known to CTest case by case.
+function(ferovane_test name)
+    cmake_parse_arguments(arg "" "" "SOURCES;LINKS" ${ARGN})
+    add_executable(${name} ${arg_SOURCES})
+    target_link_libraries(${name} PRIVATE ferovane_options ${arg_LINKS} GTest::gmock GTest::gtest_main)
+    gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 300)
+endfunction()

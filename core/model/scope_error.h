@@ -1,0 +1,31 @@
+// The library's only error type.
+#pragma once
+
+#include <exception>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace ferovane {
+
+// Carries one user-facing text (Simplified Chinese), shown exactly as it stands: by commands on
+// standard error, by the session as a reply's message.
+class ScopeError : public std::exception {
+public:
+    explicit ScopeError(std::string message) : message_(std::move(message)) {}
+
+    const std::string& message() const noexcept { return message_; }
+    const char* what() const noexcept override { return message_.c_str(); }
+
+private:
+    std::string message_;
+};
+
+// The text of any caught exception as a user is to see it: a ScopeError's message, else what().
+std::string describe(const std::exception& error);
+
+// Several failures in one message, in order, joined with "；".
+std::string joinFailures(const std::vector<std::string>& failures);
+
+}  // namespace ferovane

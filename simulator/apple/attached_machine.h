@@ -1,0 +1,35 @@
+// What the host-side stand-ins (clocks, sysctl, process information, tools) ask of the simulated
+// Mac that this process is attached to. simulator/machine implements it.
+#pragma once
+
+#include <optional>
+#include <string>
+
+namespace simulator {
+
+class AttachedMachine {
+public:
+    virtual ~AttachedMachine() = default;
+
+    virtual std::string cpuBrand() = 0;       // "machdep.cpu.brand_string"
+    virtual bool appleSilicon() = 0;          // "hw.optional.arm64" exists
+    virtual std::string systemVersion() = 0;  // "kern.osproductversion", such as "14.2.1"
+    virtual int processorCount() = 0;
+    virtual int thermalState() = 0;  // 0 to 3
+    virtual std::optional<bool> lowPowerMode() = 0;
+    virtual int memoryPressureLevel() = 0;  // "kern.memorystatus_vm_pressure_level"
+
+    // The machine's clocks in seconds, given the host's: equal to the host's plus what the machine
+    // has slept, or the machine's own virtual time.
+    virtual double continuousSeconds(double hostSeconds) = 0;
+    virtual double uptimeSeconds(double hostSeconds) = 0;
+
+    // Directory under which absolute paths of system tools and bundles are looked up.
+    virtual std::string root() = 0;
+};
+
+// The machine named by FEROVANE_SIMULATED_MAC (looked up at the first call) or attached by a test;
+// null when there is none, and then nothing is simulated. Any thread.
+AttachedMachine* attachedMachine();
+
+}  // namespace simulator
