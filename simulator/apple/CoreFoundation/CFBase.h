@@ -1,0 +1,37 @@
+// Base types and the calls that every CoreFoundation object answers.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+typedef unsigned char Boolean;
+typedef unsigned char UInt8;
+
+typedef unsigned long CFTypeID;
+typedef unsigned long CFOptionFlags;
+typedef unsigned long CFHashCode;
+typedef long CFIndex;
+typedef const void* CFTypeRef;
+
+typedef const struct __CFString* CFStringRef;
+typedef const struct __CFAllocator* CFAllocatorRef;
+
+enum CFComparisonResult : CFIndex {
+    kCFCompareLessThan = -1,
+    kCFCompareEqualTo = 0,
+    kCFCompareGreaterThan = 1
+};
+
+extern "C" {
+
+extern const CFAllocatorRef kCFAllocatorDefault;
+
+// Null ends the program in all of these, as on macOS.
+CFTypeID CFGetTypeID(CFTypeRef object);
+CFTypeRef CFRetain(CFTypeRef object);
+void CFRelease(CFTypeRef object);
+CFIndex CFGetRetainCount(CFTypeRef object);
+Boolean CFEqual(CFTypeRef first, CFTypeRef second);
+CFHashCode CFHash(CFTypeRef object);
+
+}  // extern "C"
