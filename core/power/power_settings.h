@@ -1,0 +1,52 @@
+// The power sources and settings that may be read and changed, and what the system's tool calls
+// them.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <string_view>
+
+#include "core/model/raw_enum.h"
+
+namespace ferovane {
+
+enum class PowerSource { ac, battery };
+std::string_view title(PowerSource source);         // what a user reads
+std::string_view toolArgument(PowerSource source);  // "-c" or "-b"
+
+// The raw value is also the tool's own name for the setting.
+enum class PowerSetting { lowPowerMode, displaySleep, systemSleep };
+std::string_view title(PowerSetting setting);
+
+// Low-power mode: 0 or 1. Sleep times: 0 to 240 minutes, of which 0 means never.
+bool valid(PowerSetting setting, std::int64_t value);
+
+// Where an optimisation applies low-power mode: to the plan's own source, or always to the battery.
+enum class PowerScope { current, batteryAutomatic };
+
+template <>
+struct RawEnum<PowerSource> {
+    static constexpr std::array<RawCase<PowerSource>, 2> cases{{
+        {PowerSource::ac, "ac"},
+        {PowerSource::battery, "battery"},
+    }};
+};
+
+template <>
+struct RawEnum<PowerSetting> {
+    static constexpr std::array<RawCase<PowerSetting>, 3> cases{{
+        {PowerSetting::lowPowerMode, "lowpowermode"},
+        {PowerSetting::displaySleep, "displaysleep"},
+        {PowerSetting::systemSleep, "sleep"},
+    }};
+};
+
+template <>
+struct RawEnum<PowerScope> {
+    static constexpr std::array<RawCase<PowerScope>, 2> cases{{
+        {PowerScope::current, "current"},
+        {PowerScope::batteryAutomatic, "batteryAutomatic"},
+    }};
+};
+
+}  // namespace ferovane
