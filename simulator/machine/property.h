@@ -1,0 +1,54 @@
+// The outside world of a simulated Mac, as named values that a test or the tool may set.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string_view>
+
+namespace simulator {
+
+enum class Property : std::uint32_t {
+    kLoad,          // processor load, percent
+    kGraphicsLoad,  // percent
+    kAmbient,       // room temperature, °C
+    kSpeed,         // how many times faster than the clock heat, fans and battery run
+
+    kAcPower,            // 1 on mains, 0 on battery; "absent": the power-source query has no answer
+    kBatteryPresent,     // 0: no battery, no "AppleSmartBattery", no battery source
+    kBatteryPercent,     // 0 to 100
+    kBatteryMillivolts,  // absent: the registry entry lacks the property
+    kBatteryMilliamps,   // negative while discharging; absent: it follows the power drawn
+    kBatteryCharging,    // 0 or 1; absent: it follows AC power and charge
+    kBatteryCycles,      // absent: the registry entry lacks the property
+
+    kSpeedLimit,      // percent, as IOPMCopyCPUPowerStatus publishes it; the three of this group
+    kSchedulerLimit,  // may each be absent or not a number, and with all three absent nothing
+    kAvailableCpus,   // was ever published
+    kThermalWarning,  // the platform's unordered level; absent: never published
+    kThermalState,    // 0 to 3; absent: follows the die temperature
+    kLowPowerFlag,    // 0 or 1; absent: the system has no such flag
+    kMemoryPressure,  // 1, 2, 4, or whatever a test wants the sysctl to say
+    kProcessors,      // logical processors
+
+    kPrivileged,         // 1 or 0 for every process; absent: a process's effective user decides
+    kExtensionLoaded,    // the turbo-disabling extension, 0 or 1
+    kExtensionApproval,  // ExtensionApproval as a number: what loading it meets
+    kExtensionAnswers,   // 0: the extension manager gives no answer
+    kAssertionsAnswer,   // 0: the power daemon is unreachable
+    kTurboApplications,  // bit 0 the Pro bundle, bit 1 the plain one (directory machines only)
+
+    kCount
+};
+
+enum class ExtensionApproval : std::uint32_t {
+    kApproved = 0,
+    kNotApproved = 1,
+    kRestartRequired = 2,
+    kNotLoadable = 3,  // the kernel refuses it
+};
+
+// The name of a property in the tool's "set", in the journal and in scripts: "load", "ac" …
+std::string_view propertyName(Property property);
+std::optional<Property> propertyNamed(std::string_view name);
+
+}  // namespace simulator
