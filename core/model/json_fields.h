@@ -8,7 +8,7 @@ namespace ferovane {
 template <class Record, class Member>
 struct JsonField {
     std::string_view name;
-    Member Record::* member;
+    Member Record::*member;
 };
 
 // A record lists its members in coding order, as a static member function:
@@ -20,7 +20,7 @@ struct JsonField {
 // A std::optional member is left out when absent and may be missing when read; every other member
 // is required. Enumerations with a RawEnum table are written as their raw value.
 template <class Record, class Member>
-constexpr JsonField<Record, Member> jsonField(std::string_view name, Member Record::* member) {
+constexpr JsonField<Record, Member> jsonField(std::string_view name, Member Record::*member) {
     return {name, member};
 }
 
