@@ -5,7 +5,9 @@
 #include <map>
 #include <optional>
 #include <string_view>
+#include <tuple>
 
+#include "core/model/json_fields.h"
 #include "core/power/power_settings.h"
 
 namespace ferovane {
@@ -24,6 +26,11 @@ struct PowerConfiguration {
     static PowerConfiguration parse(std::string_view text);
 
     bool operator==(const PowerConfiguration&) const = default;
+
+    // The maps' keys being enumerations, each map is an array that alternates key and value.
+    static constexpr auto jsonFields() {
+        return std::tuple{jsonField("profiles", &PowerConfiguration::profiles)};
+    }
 };
 
 }  // namespace ferovane
