@@ -30,7 +30,7 @@ typedef struct {
 uint32_t fv_smc_open(void);
 void fv_smc_close(uint32_t connection); /* 0 is ignored */
 
-/* key: exactly four characters. -1 bad argument or wrong reply size, -2 a key size outside 1..32. */
+/* key: exactly four characters. -1 bad argument or wrong reply size, -2 key size outside 1..32. */
 int fv_smc_read(uint32_t connection, const char* key, FVValue* value);
 
 /* Writes only fan mode and target keys and the forced-fan mask; any other key is refused with -3
@@ -40,8 +40,11 @@ int fv_smc_write(uint32_t connection, const char* key, const FVValue* value);
 /* The key at an index below the value of "#KEY": four characters and a NUL. */
 int fv_smc_key_at_index(uint32_t connection, uint32_t index, char key[FV_SMC_KEY_TEXT_SIZE]);
 
-double fv_decode(const FVValue* value);       /* NaN for anything it cannot decode */
-int fv_encode(FVValue* value, double number); /* -1 no value or no usable number, -2 type or range */
+/* NaN for anything it cannot decode. */
+double fv_decode(const FVValue* value);
+
+/* By the value's type and size. -1 no value or no usable number, -2 type or range. */
+int fv_encode(FVValue* value, double number);
 
 /* ---- Machine state ------------------------------------------------------------------------ */
 
@@ -116,14 +119,15 @@ bool fv_owner_alive(int32_t pid, uint32_t uid); /* pid exists, can be inspected 
 
 void fv_install_stop_handlers(void); /* SIGTERM, SIGINT, SIGHUP set one flag; safe to call twice */
 bool fv_should_stop(void);
-bool fv_pause(double seconds);     /* sleeps; ends early, with true, once the stop flag is set */
+bool fv_pause(double seconds);      /* sleeps; ends early, with true, once the stop flag is set */
 void fv_use_utility_priority(void); /* the calling thread, for watchdogs */
 
 /* ---- Child tools -------------------------------------------------------------------------- */
 
 /* Starts path with argv (null-terminated, argv[0] included) in its own process group: null standard
  * input, output_fd as both outputs, no other descriptor of ours, default signals, an environment of
- * PATH and LANG alone. 0 and *pid, or an errno value. The caller waits for the child. */
+ * PATH and LANG alone. path is absolute. 0 and *pid, or an errno value (EINVAL for a bad argument).
+ * The caller waits for the child. */
 int fv_spawn_tool(const char* path, const char* const argv[], int output_fd, int32_t* pid);
 
 /* The user's temporary directory, ending in a slash. -1 when it does not fit. */
