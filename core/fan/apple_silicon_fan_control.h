@@ -16,7 +16,7 @@ public:
     using Read = std::function<double(const std::string& key)>;
     // Writes a number to a key; throws ScopeError when that fails.
     using Write = std::function<void(const std::string& key, double value)>;
-    using Wait = std::function<void()>;  // pauses for one retry interval
+    using Wait = std::function<void()>;   // pauses for one retry interval
     using Now = std::function<double()>;  // monotonic seconds
 
     AppleSiliconFanControl(Read read, Write write, Wait wait, Now now);
@@ -37,14 +37,16 @@ private:
     };
 
     void take(int fan, const std::string& key);
+    void switchToManual(const std::string& key);
     void restore(int fan, const std::string& key);
+    bool confirmRestored(const std::string& key, bool last);
 
     Read read_;
     Write write_;
     Wait wait_;
     Now now_;
     std::map<int, Original> originals_;     // the fans held, with the mode each had before
-    std::optional<double> unlockOriginal_;  // "Ftst" before this object wrote it; absent if it did not
+    std::optional<double> unlockOriginal_;  // "Ftst" before this object wrote it, if it did
 };
 
 }  // namespace ferovane

@@ -1,0 +1,167 @@
+#include "core/fan/curve_lease.h"
+
+#include <algorithm>
+#include <cmath>
+#include <optional>
+
+#include "core/fan/cooling_lease.h"
+#include "core/fan/curve_policy.h"
+#include "core/fan/fan_checks.h"
+#include "core/fan/lease_span.h"
+#include "core/model/scope_error.h"
+
+namespace ferovane::CurveLease {
+namespace {
+
+constexpr double kFullPercent = 100;
+constexpr double kFallPerRoundPercent = 4.0;  // so that a fan slows down without being heard to
+constexpr double kDeadBandRpm = 30.0;         // a smaller change is not worth a write
+// A target reads back rounded to the controller's own steps, which are below this.
+constexpr double kTargetToleranceRpm = 3.0;
+
+struct PlannedFan {
+    int id;
+    double minimum, maximum;  // rpm
+};
+
+bool isRatedRangeCredible(const FanReading& fan) {
+    // 0 % is the rated minimum, so a minimum of 0 would let a curve stop the fan.
+    return std::isfinite(*fan.minimum) && std::isfinite(*fan.maximum) && *fan.minimum > 0 &&
+           *fan.maximum <= FanChecks::kMaximumRatedRpm && *fan.maximum >= *fan.minimum;
+}
+
+// Reads and refuses; writes nothing.
+std::vector<PlannedFan> planFans(CoolingHardware& hardware) {
+    const std::vector<FanReading> fans = hardware.fans();
+    const bool rated = std::all_of(fans.begin(), fans.end(), [](const FanReading& fan) {
+        return fan.minimum.has_value() && fan.maximum.has_value();
+    });
+    if (!rated || !FanChecks::allFree(fans)) {
+        throw ScopeError("请先恢复系统自动风扇并退出其他控制程序");
+    }
+    std::vector<PlannedFan> plan;
+    for (const FanReading& fan : fans) {
+        if (!isRatedRangeCredible(fan)) {
+            throw ScopeError("无法验证风扇额定范围");
+        }
+        plan.push_back({fan.id, *fan.minimum, *fan.maximum});
+    }
+    for (const FanReading& fan : fans) {
+        CoolingLease::validateInheritedTarget(fan, hardware);
+    }
+    return plan;
+}
+
+double controlTemperature(const FanCurve& curve, const Snapshot& snapshot) {
+    const std::optional<double> cpu = snapshot.cpuTemperature();
+    const std::optional<double> followed = temperature(curve.sensor, snapshot);
+    if (!cpu || !std::isfinite(*cpu) || !followed || !std::isfinite(*followed)) {
+        throw ScopeError("控制温度传感器不可用，已停止曲线并恢复系统自动");
+    }
+    return *followed;
+}
+
+// What the fans were last told, from round to round.
+class Rounds {
+public:
+    Rounds(CoolingHardware& hardware, const FanCurve& curve, const std::vector<PlannedFan>& plan)
+        : hardware_(hardware), curve_(curve), plan_(plan) {}
+
+    // Drives the fans by one sample; tells whether the machine's heat overruled the curve.
+    bool drive(const Snapshot& snapshot) {
+        const double celsius = controlTemperature(curve_, snapshot);
+        const bool first = !percent_;
+        if (!first) {
+            checkOwnership();
+        }
+        const bool hot = CurvePolicy::requiresMaximum(snapshot);
+        const double desired = hot ? kFullPercent : curve_.percent(celsius);
+        percent_ = std::clamp(first ? desired : std::max(desired, *percent_ - kFallPerRoundPercent),
+                              0.0, kFullPercent);
+        for (const PlannedFan& fan : plan_) {
+            if (first) {
+                hardware_.setManual(fan.id, true);
+            }
+            const double rpm = fan.minimum + (fan.maximum - fan.minimum) * *percent_ / kFullPercent;
+            if (first || isWorthWriting(fan.id, rpm)) {
+                hardware_.setTarget(fan.id, rpm);
+                written_[fan.id] = rpm;
+            }
+        }
+        return hot;
+    }
+
+    const std::map<int, double>& written() const { return written_; }
+
+private:
+    bool isWorthWriting(int id, double rpm) const {
+        const auto last = written_.find(id);
+        return std::abs(rpm - (last == written_.end() ? 0 : last->second)) >= kDeadBandRpm;
+    }
+
+    void checkOwnership() {
+        const std::vector<FanReading> fans = hardware_.fans();
+        for (const PlannedFan& fan : plan_) {
+            const auto last = written_.find(fan.id);
+            if (last == written_.end() ||
+                !FanChecks::isHeldAt(fan.id, last->second, kTargetToleranceRpm, fans, hardware_)) {
+                throw ScopeError("风扇控制被改变或无法读取，已停止曲线");
+            }
+        }
+    }
+
+    CoolingHardware& hardware_;
+    const FanCurve& curve_;
+    const std::vector<PlannedFan>& plan_;
+    std::map<int, double> written_;  // rpm by fan index, confirmed
+    std::optional<double> percent_;  // of the previous round; absent before the first
+};
+
+}  // namespace
+
+void run(CoolingHardware& hardware, const FanCurve& curve, double duration, const Sample& sample,
+         const LeaseClock& now, const LeaseCancelled& isCancelled, const LeasePause& wait,
+         const OnUpdate& onUpdate, const OnApplied& onApplied) {
+    curve.validate();
+    if (!(duration > 0 && duration <= kMaximumSeconds)) {
+        throw ScopeError("曲线会话最长 30 分钟");
+    }
+    if (isCancelled()) {
+        return;
+    }
+    const std::vector<PlannedFan> plan = planFans(hardware);
+    std::vector<int> ids;
+    for (const PlannedFan& fan : plan) {
+        ids.push_back(fan.id);
+    }
+    const double start = now();
+    const LeaseSpan span{start, start + duration};
+    if (!span.contains(now()) || isCancelled()) {
+        return;  // nothing has been touched, so there is nothing to hand back
+    }
+
+    CoolingLease::handBackAfter(ids, hardware, [&] {
+        Rounds rounds(hardware, curve, plan);
+        bool applied = false;
+        do {
+            const bool hot = rounds.drive(sample());
+            onUpdate({span.deadline, fanTargets(rounds.written()), hot});
+            if (!applied) {
+                applied = true;
+                onApplied();
+            }
+            wait();
+        } while (span.contains(now()) && !isCancelled());
+    });
+}
+
+std::vector<FanTarget> fanTargets(const std::map<int, double>& targets) {
+    std::vector<FanTarget> list;
+    list.reserve(targets.size());
+    for (const auto& [id, rpm] : targets) {
+        list.push_back({id, rpm});
+    }
+    return list;
+}
+
+}  // namespace ferovane::CurveLease
