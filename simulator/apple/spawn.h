@@ -32,7 +32,7 @@ int simulator_posix_spawn_file_actions_addinherit_np(simulator_spawn_file_action
 }  // extern "C"
 
 // The implementation needs the host's names.
-#ifndef SIMULATOR_HOST_SPAWN
+#ifndef SIMULATOR_HOST_NAMES
 #define posix_spawn simulator_posix_spawn
 #define posix_spawnattr_setflags simulator_posix_spawnattr_setflags
 #define posix_spawn_file_actions_t simulator_spawn_file_actions_t
