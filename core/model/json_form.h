@@ -284,9 +284,14 @@ struct JsonForm<R> {
     static_assert(count <= kMaxJsonMembers);
 
     template <std::size_t Index>
-    static void* locate(void* record) {
+    static void* place(void* record) {
         constexpr auto field = std::get<Index>(R::jsonFields());
         return std::addressof(static_cast<R*>(record)->*field.member);
+    }
+    template <std::size_t Index>
+    static const void* value(const void* record) {
+        constexpr auto field = std::get<Index>(R::jsonFields());
+        return std::addressof(static_cast<const R*>(record)->*field.member);
     }
     template <std::size_t Index>
     using Member =
@@ -295,7 +300,7 @@ struct JsonForm<R> {
     template <std::size_t... Indexes>
     static constexpr std::array<JsonMember, count> list(std::index_sequence<Indexes...>) {
         return {{{std::get<Indexes>(R::jsonFields()).name, &JsonForm<Member<Indexes>>::type,
-                  &locate<Indexes>}...}};
+                  &place<Indexes>, &value<Indexes>}...}};
     }
     static constexpr std::array<JsonMember, count> members =
         list(std::make_index_sequence<count>{});

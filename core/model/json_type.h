@@ -39,7 +39,8 @@ struct JsonType;
 struct JsonMember {
     std::string_view name;
     const JsonType* type;
-    void* (*locate)(void* record);
+    void* (*place)(void* record);
+    const void* (*value)(const void* record);
 };
 
 // Which of the parts below are set follows from the shape. Everything is static data made by

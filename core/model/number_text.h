@@ -20,13 +20,6 @@ std::string fixed2(double value);
 // returns the end of what was written.
 char* writeFixed2(double value, char* out);
 
-// The longest that writeShortest writes.
-inline constexpr std::size_t kShortestMaxLength = 32;
-
-// A finite number with as few significant digits as read back to it, in the buffer; returns the
-// end. Whole numbers have no fraction ("1800"); below 1e-5 and from 1e16 on there is an exponent.
-char* writeShortest(double value, char* out);
-
 // A decimal integer: an optional "+" or "-", then digits only. Absent for anything else and for
 // what does not fit; "-0" is zero in both.
 std::optional<std::int32_t> parseInt32(std::string_view text);

@@ -46,10 +46,10 @@ struct FanReading {
 
     static constexpr auto jsonFields() {
         using R = FanReading;
-        return std::tuple{jsonField("id", &R::id),           jsonField("rpm", &R::rpm),
-                          jsonField("minimum", &R::minimum), jsonField("maximum", &R::maximum),
-                          jsonField("manual", &R::manual),
-                          jsonField("controllable", &R::controllable)};
+        return std::tuple{
+            jsonField("id", &R::id),           jsonField("rpm", &R::rpm),
+            jsonField("minimum", &R::minimum), jsonField("maximum", &R::maximum),
+            jsonField("manual", &R::manual),   jsonField("controllable", &R::controllable)};
     }
 };
 
@@ -72,7 +72,7 @@ struct Snapshot {
     Date date;                       // also the snapshot's identity
     std::optional<double> cpuUsage;  // percent; absent on the first sample
     std::vector<SensorReading> sensors;
-    std::vector<FanReading> fans;  // by fan index
+    std::vector<FanReading> fans;                   // by fan index
     std::optional<int> speedLimit, schedulerLimit;  // percent, 100 means unlimited
     std::optional<int> availableCPUs;
     int totalCPUs = 0;
@@ -85,7 +85,7 @@ struct Snapshot {
     std::optional<MemoryPressure> memoryPressure;
     std::optional<std::vector<HardwareSensorReading>> additionalSensors;
 
-    // The hottest reading of a category; of equal ones the first. Absent without one.
+    // The hottest reading of a category; NaN does not count. Absent without one.
     std::optional<double> temperature(SensorCategory category) const;
     std::optional<double> cpuTemperature() const { return temperature(SensorCategory::cpu); }
 
