@@ -130,6 +130,9 @@ void fv_use_utility_priority(void); /* the calling thread, for watchdogs */
  * The caller waits for the child. */
 int fv_spawn_tool(const char* path, const char* const argv[], int output_fd, int32_t* pid);
 
+/* The file this process was started from. -1 when it cannot be told or does not fit. */
+int fv_executable_path(char* path, size_t capacity);
+
 /* The user's temporary directory, ending in a slash. -1 when it does not fit. */
 int fv_temporary_directory(char* path, size_t capacity);
 

@@ -186,6 +186,7 @@ static_assert(kSame<decltype(proc_listpids), int(std::uint32_t, std::uint32_t, v
 static_assert(kSame<decltype(proc_pidinfo), int(int, int, std::uint64_t, void*, int)>);
 static_assert(kSame<decltype(proc_pid_rusage), int(int, int, rusage_info_t*)>);
 static_assert(kSame<decltype(proc_name), int(int, void*, std::uint32_t)>);
+static_assert(kSame<decltype(proc_pidpath), int(int, void*, std::uint32_t)>);
 static_assert(kSame<rusage_info_t, void*>);
 static_assert(PROC_ALL_PIDS == 1 && PROC_PIDTBSDINFO == 3 && RUSAGE_INFO_V2 == 2);
 static_assert(sizeof(proc_bsdinfo) == 136 && alignof(proc_bsdinfo) == 8);

@@ -77,4 +77,7 @@ int proc_pid_rusage(int pid, int flavor, rusage_info_t* record);
 // Length, or 0 with errno. The buffer needs at least 2 * MAXCOMLEN bytes.
 int proc_name(int pid, void* buffer, std::uint32_t size);
 
+// The path of the process's own file: length, or 0 with errno.
+int proc_pidpath(int pid, void* buffer, std::uint32_t size);
+
 }  // extern "C"
