@@ -80,14 +80,14 @@ CFIndex CFArrayGetCount(CFArrayRef array) {
 const void* CFArrayGetValueAtIndex(CFArrayRef array, CFIndex index) {
     const std::vector<const void*>& values = checked(array).values;
     if (index < 0 || index >= static_cast<CFIndex>(values.size())) {
-        simulator::cf::fail("the index is outside the array", std::source_location::current());
+        simulator::cf::fail("the index is outside the array", __func__);
     }
     return values[static_cast<std::size_t>(index)];
 }
 
 void CFArrayAppendValue(CFMutableArrayRef array, const void* value) {
     if (!checked(array).changeable) {
-        simulator::cf::fail("the array is immutable", std::source_location::current());
+        simulator::cf::fail("the array is immutable", __func__);
     }
     array->append(value);
 }

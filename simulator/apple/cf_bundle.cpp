@@ -68,7 +68,7 @@ CFURLRef CFURLCreateFromFileSystemRepresentation(CFAllocatorRef, const UInt8* pa
 CFURLRef CFURLCreateWithFileSystemPath(CFAllocatorRef, CFStringRef path, CFURLPathStyle style,
                                        Boolean) {
     if (style != kCFURLPOSIXPathStyle) {
-        simulator::cf::fail("only POSIX paths are there", std::source_location::current());
+        simulator::cf::fail("only POSIX paths are there", __func__);
     }
     return simulator::cf::make<__CFURL>(checked(path).utf8);
 }

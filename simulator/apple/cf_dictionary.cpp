@@ -127,9 +127,9 @@ private:
 namespace {
 
 __CFDictionary& checkedMutable(CFMutableDictionaryRef dictionary,
-                               const std::source_location& at = std::source_location::current()) {
-    if (!checked(dictionary, at).changeable) {
-        simulator::cf::fail("the dictionary is immutable", at);
+                               const char* caller = __builtin_FUNCTION()) {
+    if (!checked(dictionary, caller).changeable) {
+        simulator::cf::fail("the dictionary is immutable", caller);
     }
     return *dictionary;
 }

@@ -193,7 +193,7 @@ CFNumberRef CFNumberCreate(CFAllocatorRef, CFNumberType type, const void* value)
     const std::optional<Value> loaded =
         value != nullptr ? loadValue(fixedType, value) : std::nullopt;
     if (!loaded) {
-        simulator::cf::fail("no value, or no such number type", std::source_location::current());
+        simulator::cf::fail("no value, or no such number type", __func__);
     }
     return simulator::cf::make<__CFNumber>(fixedType, *loaded);
 }
@@ -222,6 +222,6 @@ Boolean CFNumberGetValue(CFNumberRef number, CFNumberType type, void* value) {
         case kCFNumberFloat64Type:
             return storeFloat<double>(stored, value);
         default:
-            simulator::cf::fail("no such number type", std::source_location::current());
+            simulator::cf::fail("no such number type", __func__);
     }
 }

@@ -5,7 +5,6 @@
 
 #include <atomic>
 #include <cstdint>
-#include <source_location>
 #include <utility>
 
 namespace simulator::cf {
@@ -22,8 +21,8 @@ enum TypeId : CFTypeID {
     kBundleTypeId
 };
 
-// Says what was misused and ends the program: on macOS each of these is a crash.
-[[noreturn]] void fail(const char* problem, const std::source_location& at);
+// Says which function was misused and how, and ends the program: on macOS each of these is a crash.
+[[noreturn]] void fail(const char* problem, const char* caller);
 
 // Immortal, and not counted among the live objects, until startCounting(). Reference counts may be
 // changed on any thread; contents follow the rule of the platform (no writer beside a reader).
@@ -38,8 +37,8 @@ public:
     bool alive() const { return references() > 0; }
 
     void startCounting();
-    void retain(const std::source_location& at) const;
-    void release(const std::source_location& at) const;
+    void retain(const char* caller) const;
+    void release(const char* caller) const;
 
     // Asked only of two objects of the same type.
     virtual bool equals(const Object& other) const { return this == &other; }
@@ -68,13 +67,13 @@ T* make(Arguments&&... arguments) {
 }
 
 // The object behind a reference that must not be null nor released to nothing.
-const Object& checkedObject(CFTypeRef reference, const std::source_location& at);
-void checkType(const Object& object, CFTypeID wanted, const std::source_location& at);
+const Object& checkedObject(CFTypeRef reference, const char* caller);
+void checkType(const Object& object, CFTypeID wanted, const char* caller);
 
 // The same, of the type that the called function is for.
 template <class T>
-T& checked(T* reference, const std::source_location& at = std::source_location::current()) {
-    checkType(checkedObject(reference, at), T::kTypeId, at);
+T& checked(T* reference, const char* caller = __builtin_FUNCTION()) {
+    checkType(checkedObject(reference, caller), T::kTypeId, caller);
     return *reference;
 }
 

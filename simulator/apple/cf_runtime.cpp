@@ -42,8 +42,8 @@ std::int64_t liveObjects() {
 
 namespace cf {
 
-void fail(const char* problem, const std::source_location& at) {
-    std::fprintf(stderr, "CoreFoundation: %s: %s\n", at.function_name(), problem);
+void fail(const char* problem, const char* caller) {
+    std::fprintf(stderr, "CoreFoundation: %s: %s\n", caller, problem);
     std::abort();
 }
 
@@ -52,22 +52,22 @@ void Object::startCounting() {
     liveCount.fetch_add(1);
 }
 
-void Object::retain(const std::source_location& at) const {
+void Object::retain(const char* caller) const {
     if (references() == kImmortal) {
         return;
     }
     if (references_.fetch_add(1, std::memory_order_relaxed) < 1) {
-        fail("the object was released to nothing before", at);
+        fail("the object was released to nothing before", caller);
     }
 }
 
-void Object::release(const std::source_location& at) const {
+void Object::release(const char* caller) const {
     if (references() == kImmortal) {
         return;
     }
     const std::int64_t before = references_.fetch_sub(1, std::memory_order_acq_rel);
     if (before < 1) {
-        fail("the object was released more often than it was created and retained", at);
+        fail("the object was released more often than it was created and retained", caller);
     }
     if (before == 1) {
         liveCount.fetch_sub(1);
@@ -80,20 +80,20 @@ CFHashCode Object::hash() const {
     return std::hash<const Object*>{}(this);
 }
 
-const Object& checkedObject(CFTypeRef reference, const std::source_location& at) {
+const Object& checkedObject(CFTypeRef reference, const char* caller) {
     if (reference == nullptr) {
-        fail("null is not an object", at);
+        fail("null is not an object", caller);
     }
     const auto& object = *static_cast<const Object*>(reference);
     if (!object.alive()) {
-        fail("the object was released to nothing before", at);
+        fail("the object was released to nothing before", caller);
     }
     return object;
 }
 
-void checkType(const Object& object, CFTypeID wanted, const std::source_location& at) {
+void checkType(const Object& object, CFTypeID wanted, const char* caller) {
     if (object.typeId() != wanted) {
-        fail("the object is of another type", at);
+        fail("the object is of another type", caller);
     }
 }
 
@@ -103,34 +103,31 @@ void checkType(const Object& object, CFTypeID wanted, const std::source_location
 using simulator::cf::checkedObject;
 
 CFTypeID CFGetTypeID(CFTypeRef object) {
-    return checkedObject(object, std::source_location::current()).typeId();
+    return checkedObject(object, __func__).typeId();
 }
 
 CFTypeRef CFRetain(CFTypeRef object) {
-    const auto at = std::source_location::current();
-    checkedObject(object, at).retain(at);
+    checkedObject(object, __func__).retain(__func__);
     return object;
 }
 
 void CFRelease(CFTypeRef object) {
-    const auto at = std::source_location::current();
     if (object == nullptr) {
-        simulator::cf::fail("null is not an object", at);
+        simulator::cf::fail("null is not an object", __func__);
     }
-    static_cast<const Object*>(object)->release(at);
+    static_cast<const Object*>(object)->release(__func__);
 }
 
 CFIndex CFGetRetainCount(CFTypeRef object) {
-    return checkedObject(object, std::source_location::current()).references();
+    return checkedObject(object, __func__).references();
 }
 
 Boolean CFEqual(CFTypeRef first, CFTypeRef second) {
-    const auto at = std::source_location::current();
-    const Object& a = checkedObject(first, at);
-    const Object& b = checkedObject(second, at);
+    const Object& a = checkedObject(first, __func__);
+    const Object& b = checkedObject(second, __func__);
     return &a == &b || (a.typeId() == b.typeId() && a.equals(b));
 }
 
 CFHashCode CFHash(CFTypeRef object) {
-    return checkedObject(object, std::source_location::current()).hash();
+    return checkedObject(object, __func__).hash();
 }

@@ -90,7 +90,7 @@ CFTypeID CFStringGetTypeID(void) {
 CFStringRef CFStringCreateWithCString(CFAllocatorRef allocator, const char* text,
                                       CFStringEncoding encoding) {
     if (text == nullptr) {
-        simulator::cf::fail("null is not a text", std::source_location::current());
+        simulator::cf::fail("null is not a text", __func__);
     }
     return CFStringCreateWithBytes(allocator, reinterpret_cast<const UInt8*>(text),
                                    static_cast<CFIndex>(std::strlen(text)), encoding, 0);
@@ -149,8 +149,7 @@ const char* CFStringGetCStringPtr(CFStringRef string, CFStringEncoding) {
 CFComparisonResult CFStringCompare(CFStringRef first, CFStringRef second,
                                    CFStringCompareFlags options) {
     if (options != 0) {
-        simulator::cf::fail("only the literal comparison is there",
-                            std::source_location::current());
+        simulator::cf::fail("only the literal comparison is there", __func__);
     }
     const int order = checked(first).utf8.compare(checked(second).utf8);
     if (order == 0) {
@@ -170,7 +169,7 @@ CFStringRef __CFStringMakeConstantString(const char* text) {
     }
     const std::optional<CFIndex> length = simulator::cf::utf16Length(text);
     if (!length) {
-        simulator::cf::fail("a constant string must be UTF-8", std::source_location::current());
+        simulator::cf::fail("a constant string must be UTF-8", __func__);
     }
     return strings.emplace(text, new __CFString(text, *length)).first->second;
 }

@@ -99,7 +99,8 @@ SEL sel_registerName(const char* name) {
 }
 
 BOOL class_respondsToSelector(Class type, SEL selector) {
-    return type != nullptr && answerOf(type, nameOf(selector)).has_value();
+    const bool responds = type != nullptr && answerOf(type, nameOf(selector)).has_value();
+    return static_cast<BOOL>(responds);
 }
 
 // Every method here returns at most one integer register, so one definition serves all the types
