@@ -173,8 +173,11 @@ int proc_pidpath(int pid, void* buffer, std::uint32_t size) {
     const std::string link = "/proc/" + std::to_string(pid) + "/exe";
     auto* const path = static_cast<char*>(buffer);
     const ssize_t length = ::readlink(link.c_str(), path, size);
-    if (length <= 0 || length >= static_cast<ssize_t>(size)) {
+    if (length <= 0) {
         return 0;
+    }
+    if (length >= static_cast<ssize_t>(size)) {
+        return failWith(ENOMEM, 0);
     }
     path[length] = '\0';
     return static_cast<int>(length);

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <filesystem>
 #include <functional>
 #include <string>
 #include <vector>
@@ -86,6 +87,13 @@ TEST(ProcessesTest, OwnRecordAndUsageAreTrue) {
     EXPECT_STREQ(name.data(), "standin_tests");
     errno = 0;
     EXPECT_EQ(proc_name(getpid(), name.data(), 31), 0);
+    EXPECT_EQ(errno, ENOMEM);
+
+    std::array<char, 4096> path{};
+    const int length = proc_pidpath(getpid(), path.data(), path.size());
+    EXPECT_EQ(path.data(), std::filesystem::read_symlink("/proc/self/exe").string());
+    errno = 0;
+    EXPECT_EQ(proc_pidpath(getpid(), path.data(), static_cast<std::uint32_t>(length)), 0);
     EXPECT_EQ(errno, ENOMEM);
 }
 
