@@ -16,6 +16,9 @@ namespace {
 // Longer than any test waits: a pause of this length ends because of a signal or not at all.
 constexpr double kLongSeconds = 60.0;
 
+// A pause looks at the flag at least every 0.2 s; the rest is for a busy host.
+constexpr double kSliceAndSlackSeconds = 0.9;
+
 double secondsOf(const std::function<void()>& action) {
     const auto start = std::chrono::steady_clock::now();
     action();
@@ -51,14 +54,12 @@ TEST_P(StopSignalTest, EndsAPauseAndABlockingRead) {
     });
     ready.await();
     // Sent again and again, as the first may come before the child waits.
-    const double seconds = secondsOf([&] {
-        while (!child.ended()) {
-            kill(child.pid(), GetParam());
-            usleep(10'000);
-        }
-    });
+    for (int attempt = 0; attempt < 1'000 && !child.ended(); ++attempt) {
+        kill(child.pid(), GetParam());
+        usleep(10'000);
+    }
+    ASSERT_TRUE(child.ended());
     EXPECT_EQ(child.exitStatus(), 0);
-    EXPECT_LT(seconds, kLongSeconds / 4);
 }
 
 INSTANTIATE_TEST_SUITE_P(EachSignal, StopSignalTest, testing::Values(SIGTERM, SIGINT, SIGHUP));
@@ -121,7 +122,7 @@ TEST(PauseTest, NoticesASignalThatAnotherThreadReceived) {
                   usleep(50'000);
                   raise(SIGTERM);
                   pausing.join();
-                  return stopped && seconds < 5.0 ? 0 : 1;
+                  return stopped && seconds < kSliceAndSlackSeconds ? 0 : 1;
               }),
               0);
 }
