@@ -59,6 +59,8 @@ void JsonDecoder::scalar(const JsonScalar& scalar) {
             failSaying("应为文本");
         }
         addKey(top(), *text);
+        dropNames(top().firstName);
+        keepName(*text);
         return;
     }
     Place place = nextPlace();
@@ -252,7 +254,9 @@ std::string JsonDecoder::path() const {
     std::string path;
     for (std::size_t level = 0; level < depth_ && path.size() < kMaxPathBytes; ++level) {
         const Frame& frame = frames_[level];
-        if (!frame.object) {
+        const bool keyed = frame.object || (hasShape(frame.place.type, JsonShape::alternating) &&
+                                            frame.count % 2 == 0);
+        if (!keyed) {
             path += '[' + std::to_string(frame.count == 0 ? 0 : frame.count - 1) + ']';
         } else if (const std::string_view name = currentName(level); !name.empty()) {
             path += (path.empty() ? "" : ".") + printable(name);
@@ -286,7 +290,8 @@ void JsonDecoder::failInvalidUtf8(std::size_t byte) const {
                std::to_string(byte) + " 字节）");
 }
 
-void JsonDecoder::failOutOfRange() const {
+void JsonDecoder::failOutOfRange() {
+    static_cast<void>(nextPlace());  // the parser refused the number before it was met here
     failSaying(describeProblem(JsonProblem::outOfRange));
 }
 

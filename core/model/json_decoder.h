@@ -29,7 +29,7 @@ public:
     // The failures that only the parser sees, at what it is reading; bytes count from 1.
     [[noreturn]] void failMalformed(std::size_t byte) const;
     [[noreturn]] void failInvalidUtf8(std::size_t byte) const;
-    [[noreturn]] void failOutOfRange() const;
+    [[noreturn]] void failOutOfRange();
 
 private:
     // Where the next value goes; without a type it is only checked.

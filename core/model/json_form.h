@@ -159,7 +159,7 @@ struct JsonForm<Uuid> {
         scratch = static_cast<const Uuid*>(value)->text();
         return std::string_view(scratch);
     }
-    static constexpr JsonType type{JsonShape::scalar, "UUID 文本", &read, &write};
+    static constexpr JsonType type{JsonShape::scalar, "文本", &read, &write};
 };
 
 template <RawEnumeration E>
