@@ -8,6 +8,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -165,6 +166,16 @@ TEST(TemporaryDirectoryTest, EndsInASlashAndFitsExactly) {
     EXPECT_STREQ(path, "");
     EXPECT_EQ(fv_temporary_directory(path, 0), -1);
     EXPECT_EQ(fv_temporary_directory(nullptr, 10), -1);
+}
+
+TEST(ExecutablePathTest, IsTheFileOfThisProcess) {
+    const std::string expected = std::filesystem::read_symlink("/proc/self/exe");
+    char path[4096];
+    ASSERT_EQ(fv_executable_path(path, sizeof path), 0);
+    EXPECT_EQ(path, expected);
+    EXPECT_EQ(fv_executable_path(path, expected.size() + 1), 0);
+    EXPECT_EQ(fv_executable_path(path, expected.size()), -1);
+    EXPECT_EQ(fv_executable_path(nullptr, sizeof path), -1);
 }
 
 }  // namespace
