@@ -25,11 +25,12 @@ struct PowerTarget {
 struct PowerOptimizationPlan {
     PowerSource source = PowerSource::ac;  // the source the plan was made for
     PowerScope scope = PowerScope::current;
-    bool lowPower = false;                       // switch low-power mode on
-    std::optional<std::int64_t> displayMinutes;  // 2, 5 or 10
-    std::optional<std::int64_t> idleMinutes;     // 5, 10 or 15
+    bool lowPower = false;                                      // switch low-power mode on
+    std::optional<std::int64_t> displayMinutes = std::nullopt;  // 2, 5 or 10
+    std::optional<std::int64_t> idleMinutes = std::nullopt;     // 5, 10 or 15
     bool disableTurbo = false;
-    std::optional<PowerConfiguration> expected;  // the reading the plan was made from
+    // The reading that the plan was made from.
+    std::optional<PowerConfiguration> expected = std::nullopt;
 
     // Throws unless the minutes are among the choices offered.
     void validate() const;

@@ -1,0 +1,85 @@
+// The texts in which power records travel between the monitor and the helper.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "core/model/json_codec.h"
+#include "core/power/power_transaction.h"
+#include "core/power/sleep_blocker.h"
+#include "tests/support/failure_text.h"
+
+namespace ferovane {
+namespace {
+
+using enum PowerSetting;
+
+TEST(PowerJsonTest, MapsAlternateKeyAndValue) {
+    const PowerConfiguration reading{
+        {{PowerSource::battery, {{systemSleep, 10}, {displaySleep, 5}}}}};
+    EXPECT_EQ(encodeJson(reading), R"({"profiles":["battery",["displaysleep",5,"sleep",10]]})");
+    EXPECT_EQ(
+        decodeJson<PowerConfiguration>(R"({"profiles":["battery",["sleep",10,"displaysleep",5]]})"),
+        reading);
+    EXPECT_EQ(decodeJson<PowerConfiguration>(R"({"profiles":["battery",[],"ac",[]]})"),
+              (PowerConfiguration{{{PowerSource::ac, {}}, {PowerSource::battery, {}}}}));
+}
+
+TEST(PowerJsonTest, RefusesReadingsThatCouldNotHaveBeenWritten) {
+    for (const char* text : {
+             R"({"profiles":["battery"]})",
+             R"({"profiles":["battery",["sleep"]]})",
+             R"({"profiles":["battery",["sleep",10,"displaysleep"]]})",
+             R"({"profiles":["ups",[]]})",
+             R"({"profiles":["battery",["disksleep",10]]})",
+             R"({"profiles":["battery",["sleep",10,"sleep",10]]})",
+             R"({"profiles":["battery",[],"battery",[]]})",
+             R"({"profiles":["battery",["sleep",1.5]]})",
+             R"({"profiles":["battery",["sleep","10"]]})",
+             R"({"profiles":{"battery":{"sleep":10}}})",
+             R"({"profiles":[[],"battery"]})",
+             R"({})",
+         }) {
+        EXPECT_NE(testing::failureOf([&] { decodeJson<PowerConfiguration>(text); }), "") << text;
+    }
+}
+
+TEST(PowerJsonTest, PlansLeaveOutWhatIsAbsent) {
+    const PowerOptimizationPlan small{.source = PowerSource::battery,
+                                      .scope = PowerScope::batteryAutomatic};
+    const std::string smallText =
+        R"({"source":"battery","scope":"batteryAutomatic","lowPower":false,"disableTurbo":false})";
+    EXPECT_EQ(encodeJson(small), smallText);
+    EXPECT_EQ(decodeJson<PowerOptimizationPlan>(smallText), small);
+
+    const PowerOptimizationPlan full{PowerSource::ac,     PowerScope::current, true, 5, 10, true,
+                                     PowerConfiguration{}};
+    const std::string fullText =
+        R"({"source":"ac","scope":"current","lowPower":true,"displayMinutes":5,"idleMinutes":10,)"
+        R"("disableTurbo":true,"expected":{"profiles":[]}})";
+    EXPECT_EQ(encodeJson(full), fullText);
+    EXPECT_EQ(decodeJson<PowerOptimizationPlan>(fullText), full);
+}
+
+TEST(PowerJsonTest, OutcomesCarryTheWholeBackup) {
+    PowerBackup backup({{PowerSource::battery, systemSleep, 30, 10}}, 0, Date{700000000.5});
+    backup.id = *Uuid::parse("0F0E0D0C-0B0A-4908-8706-050403020100");
+    const PowerOutcome outcome{backup, true, 2, Date{700000000}};
+    const std::string text =
+        R"({"backup":{"id":"0F0E0D0C-0B0A-4908-8706-050403020100","date":700000000.5,)"
+        R"("edits":[{"source":"battery","key":"sleep","before":30,"after":10}],"turboBefore":0},)"
+        R"("changed":true,"skipped":2,"startedAt":700000000})";
+    EXPECT_EQ(encodeJson(outcome), text);
+    EXPECT_EQ(decodeJson<PowerOutcome>(text), outcome);
+    EXPECT_EQ(encodeJson(PowerOutcome{}), R"({"changed":false,"skipped":0})");
+}
+
+TEST(PowerJsonTest, BlockersSayWhoAndWhy) {
+    const SleepBlocker blocker{71, "caffeinate", "film", "PreventSystemSleep", Date{10.5}};
+    EXPECT_EQ(encodeJson(blocker),
+              R"({"pid":71,"name":"caffeinate","reason":"film","type":"PreventSystemSleep",)"
+              R"("since":10.5})");
+}
+
+}  // namespace
+}  // namespace ferovane

@@ -1,0 +1,266 @@
+// Running real tools: what comes back, and that nothing stays behind.
+#include "core/power/process_runner.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <filesystem>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/support/failure_text.h"
+
+namespace ferovane {
+namespace {
+
+using testing::failureOf;
+
+constexpr double kAmple = 60;  // seconds; far more than anything here takes
+constexpr const char* kTimedOut = "命令超时。请刷新状态确认结果。";
+
+std::ptrdiff_t openDescriptors() {
+    const std::filesystem::directory_iterator descriptors("/dev/fd");
+    return std::distance(begin(descriptors), end(descriptors));
+}
+
+double secondsNow() {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
+// A named pipe whose end of file tells that every process of a script that opened it is gone.
+class Lifeline {
+public:
+    explicit Lifeline(const std::filesystem::path& path) : path_(path.string()) {
+        EXPECT_EQ(mkfifo(path_.c_str(), 0600), 0);
+        reader_ = open(path_.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    }
+    Lifeline(const Lifeline&) = delete;
+    Lifeline& operator=(const Lifeline&) = delete;
+    ~Lifeline() {
+        close(reader_);
+        unlink(path_.c_str());
+    }
+
+    const std::string& path() const { return path_; }
+
+    // What was written until the last writer went; "…" at the end when one is still there.
+    std::string lastWords() const {
+        std::string words;
+        std::array<char, 64> buffer{};
+        for (;;) {
+            pollfd waiting{reader_, POLLIN, 0};
+            if (poll(&waiting, 1, 5000) <= 0) {
+                return words + "…";
+            }
+            const auto count = read(reader_, buffer.data(), buffer.size());
+            if (count <= 0) {
+                return words;
+            }
+            words.append(buffer.data(), static_cast<std::size_t>(count));
+        }
+    }
+
+private:
+    std::string path_;
+    int reader_ = -1;
+};
+
+class ProcessRunnerTest : public ::testing::Test {
+protected:
+    ProcessRunnerTest() {
+        std::string name = ::testing::TempDir() + "process-runner-XXXXXX";
+        directory_ = mkdtemp(name.data());
+        setenv("TMPDIR", directory_.c_str(), 1);
+        descriptorsBefore_ = openDescriptors();
+    }
+
+    ~ProcessRunnerTest() override {
+        EXPECT_EQ(openDescriptors(), descriptorsBefore_);
+        EXPECT_TRUE(std::filesystem::is_empty(directory_));
+        EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "a child was not reaped";
+        std::filesystem::remove_all(directory_);
+        unsetenv("TMPDIR");
+    }
+
+    static CommandResult shell(const std::string& script, double timeout = kAmple,
+                               const ProcessRunner::Limits& limits = {}) {
+        return ProcessRunner::run("/bin/sh", {"-c", script}, timeout, limits);
+    }
+
+    std::filesystem::path directory_;
+    std::ptrdiff_t descriptorsBefore_ = 0;
+};
+
+TEST_F(ProcessRunnerTest, ReturnsStatusAndOutput) {
+    struct Case {
+        const char* script;
+        CommandResult expected;
+    };
+    const std::vector<Case> cases{
+        {"exit 0", {0, ""}},
+        {"exit 7", {7, ""}},
+        {"echo out; exit 255", {255, "out\n"}},
+        {"echo out; kill -9 $$", {9, "out\n"}},
+        {"echo 1; echo 2 >&2; echo 3; echo 4 >&2", {0, "1\n2\n3\n4\n"}},
+        {"cat; echo after", {0, "after\n"}},  // the standard input is empty
+        {"printf 'a\\377b\\344\\270'",
+         {0,
+          "a\xEF\xBF\xBD"
+          "b\xEF\xBF\xBD"}},
+        {"printf 'a\\000b'", {0, std::string("a\0b", 3)}},
+        {"printf '中文'", {0, "中文"}},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(shell(c.script), c.expected) << c.script;
+    }
+}
+
+TEST_F(ProcessRunnerTest, ArgumentsReachTheToolAsTheyAre) {
+    const std::vector<std::string> arguments{"-c",  "printf '%s|' \"$@\"", "sh", "",
+                                             "a b", "$HOME;'\"",           "*"};
+    EXPECT_EQ(ProcessRunner::run("/bin/sh", arguments, kAmple).output, "|a b|$HOME;'\"|*|");
+}
+
+TEST_F(ProcessRunnerTest, OutputIsCutAtItsLimitBetweenCharacters) {
+    const auto flood = shell("head -c 3000000 /dev/zero | tr '\\0' x");
+    EXPECT_EQ(flood.output, std::string(1048576, 'x'));
+
+    const auto cut = [](const char* text, std::size_t bytes) {
+        return shell(std::string("printf ") + text, kAmple, {.outputBytes = bytes}).output;
+    };
+    EXPECT_EQ(cut("ab中文", 8), "ab中文");
+    EXPECT_EQ(cut("ab中文", 7), "ab中");
+    EXPECT_EQ(cut("ab中文", 5), "ab中");
+    EXPECT_EQ(cut("ab中文", 4), "ab");
+    EXPECT_EQ(cut("ab😀", 5), "ab");
+    EXPECT_EQ(cut("ab", 0), "");
+}
+
+TEST_F(ProcessRunnerTest, ALateToolIsAskedToEndAndMayTidyUp) {
+    const Lifeline lifeline(directory_ / "lifeline");
+    const auto script = "exec >" + lifeline.path() +
+                        "; trap 'printf asked; exit 0' TERM; printf 'started '; "
+                        "while :; do sleep 0.01; done";
+    EXPECT_EQ(failureOf([&] { shell(script, 0.3, {.graceSeconds = kAmple}); }), kTimedOut);
+    EXPECT_EQ(lifeline.lastWords(), "started asked");
+}
+
+TEST_F(ProcessRunnerTest, AToolThatDoesNotEndWhenAskedIsKilledWithItsChildren) {
+    for (const char* behaviour : {"trap '' TERM; sleep 60 & wait; sleep 60", "kill -STOP $$"}) {
+        const Lifeline lifeline(directory_ / "lifeline");
+        const auto script = "exec >" + lifeline.path() + "; printf started; " + behaviour;
+        const double before = secondsNow();
+        EXPECT_EQ(failureOf([&] { shell(script, 0.3, {.graceSeconds = 0.1}); }), kTimedOut);
+        EXPECT_GE(secondsNow() - before, 0.4) << behaviour;
+        EXPECT_EQ(lifeline.lastWords(), "started") << behaviour;
+    }
+}
+
+TEST_F(ProcessRunnerTest, ChildrenDoNotOutliveTheTool) {
+    struct Case {
+        const char* what;
+        const char* script;  // after it has taken the lifeline as its standard output
+        double timeout;
+        std::string failure;
+    };
+    const std::vector<Case> cases{
+        {"ended in time", "sh -c 'printf started; exec sleep 60' & sleep 0.2; exit 0", kAmple, ""},
+        {"late", "sh -c 'printf started; exec sleep 60' & wait", 0.3, kTimedOut},
+        {"late, and only the children ignore being asked",
+         "sh -c 'trap \"\" TERM; printf started; sleep 60' & wait", 0.3, kTimedOut},
+    };
+    for (const auto& c : cases) {
+        const Lifeline lifeline(directory_ / "lifeline");
+        const auto script = "exec >" + lifeline.path() + "; " + c.script;
+        EXPECT_EQ(failureOf([&] { shell(script, c.timeout, {.graceSeconds = 0.1}); }), c.failure)
+            << c.what;
+        EXPECT_EQ(lifeline.lastWords(), "started") << c.what;
+    }
+}
+
+TEST_F(ProcessRunnerTest, SaysWhyAToolCouldNotBeStarted) {
+    EXPECT_EQ(failureOf([] { ProcessRunner::run("/nonexistent/tool", {}, kAmple); }),
+              "无法启动 /nonexistent/tool：No such file or directory");
+    EXPECT_EQ(failureOf([] { ProcessRunner::run("/etc/passwd", {}, kAmple); }),
+              "无法启动 /etc/passwd：Permission denied");
+}
+
+TEST_F(ProcessRunnerTest, NeedsAPlaceForTheOutput) {
+    const auto missing = (directory_ / "missing").string();
+    setenv("TMPDIR", missing.c_str(), 1);
+    EXPECT_EQ(failureOf([] { shell("exit 0"); }), "无法创建命令输出文件");
+    setenv("TMPDIR", std::string(5000, 'x').c_str(), 1);
+    EXPECT_EQ(failureOf([] { shell("exit 0"); }), "无法创建命令输出文件");
+}
+
+TEST_F(ProcessRunnerTest, SignalsDoNotDisturbIt) {
+    struct sigaction counting {};
+    struct sigaction previous {};
+    static std::atomic<int> signals;
+    signals = 0;
+    counting.sa_handler = [](int) { ++signals; };  // without SA_RESTART
+    sigaction(SIGALRM, &counting, &previous);
+    const itimerval everyMillisecond{{0, 1000}, {0, 1000}};
+    setitimer(ITIMER_REAL, &everyMillisecond, nullptr);
+
+    const auto quick = shell("sleep 0.1; echo done");
+    const auto late = failureOf([] { shell("sleep 60", 0.1, {.graceSeconds = 0.1}); });
+
+    const itimerval never{};
+    setitimer(ITIMER_REAL, &never, nullptr);
+    sigaction(SIGALRM, &previous, nullptr);
+    EXPECT_EQ(quick, (CommandResult{0, "done\n"}));
+    EXPECT_EQ(late, kTimedOut);
+    EXPECT_GT(signals, 10);
+}
+
+TEST_F(ProcessRunnerTest, RunsFromSeveralThreadsStayApart) {
+    std::vector<std::thread> threads;
+    for (int thread = 0; thread < 4; ++thread) {
+        threads.emplace_back([thread] {
+            for (int run = 0; run < 10; ++run) {
+                const auto mark = std::to_string(thread) + "." + std::to_string(run);
+                const auto result = shell("echo " + mark + "; exit " + std::to_string(run));
+                EXPECT_EQ(result, (CommandResult{run, mark + "\n"}));
+            }
+        });
+    }
+    for (auto& thread : threads) {
+        thread.join();
+    }
+}
+
+TEST(QuotingTest, ShellWordsSurviveAShell) {
+    EXPECT_EQ(ProcessRunner::shellQuote(""), "''");
+    EXPECT_EQ(ProcessRunner::shellQuote("plain"), "'plain'");
+    EXPECT_EQ(ProcessRunner::shellQuote("it's"), "'it'\\''s'");
+    EXPECT_EQ(ProcessRunner::shellQuote("''"), "''\\'''\\'''");
+    const std::string nasty = "a'b\"c$HOME `id` \\ ;\n*中";
+    const auto echoed = ProcessRunner::run(
+        "/bin/sh", {"-c", "printf %s " + ProcessRunner::shellQuote(nasty)}, kAmple);
+    EXPECT_EQ(echoed.output, nasty);
+}
+
+TEST(QuotingTest, AppleScriptStringsEscapeBackslashesFirst) {
+    EXPECT_EQ(ProcessRunner::appleScriptString(""), R"("")");
+    EXPECT_EQ(ProcessRunner::appleScriptString("it's"), R"("it's")");
+    EXPECT_EQ(ProcessRunner::appleScriptString("a\\b\"c\nd"), R"("a\\b\"c\nd")");
+    EXPECT_EQ(ProcessRunner::appleScriptString("\\\""), R"("\\\"")");
+    EXPECT_EQ(ProcessRunner::appleScriptString("a\r\tb"), "\"a\r\tb\"");
+}
+
+}  // namespace
+}  // namespace ferovane
