@@ -14,7 +14,7 @@ typedef mach_port_t host_t;
 typedef unsigned int mach_msg_type_number_t;
 typedef unsigned long vm_size_t;
 
-#define MACH_PORT_NULL 0u
+#define MACH_PORT_NULL 0
 
 #define KERN_SUCCESS 0
 #define KERN_INVALID_ARGUMENT 4
