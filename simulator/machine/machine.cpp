@@ -1,0 +1,212 @@
+#include "simulator/machine/machine.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <ctime>
+#include <limits>
+#include <stdexcept>
+
+#include "simulator/machine/fans.h"
+#include "simulator/machine/faults.h"
+#include "simulator/machine/heat.h"
+#include "simulator/machine/key_table.h"
+
+namespace simulator {
+namespace {
+
+// The step of heat and fans: well below the quickest time constant, the motors' half second.
+constexpr double kStepSeconds = 0.1;
+// A long time is passed in fewer, larger steps; they are stable at any size.
+constexpr double kMostSteps = 200000;
+// The host's clock is caught up with in such pieces: nothing in the machine moves faster.
+constexpr double kHostPieceSeconds = 0.005;
+// A machine has been running for a while when it is first seen.
+constexpr double kUptimeAtCreation = 1000;
+
+double hostClockSeconds() {
+    timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
+}
+
+double nextPending(const WorldState& state) {
+    double next = std::numeric_limits<double>::infinity();
+    if (state.pendingWrites == 0) {
+        return next;
+    }
+    for (const PendingWrite& pending : state.pending) {
+        next = pending.time > 0 ? std::min(next, pending.time) : next;
+    }
+    return next;
+}
+
+void settlePending(World& world) {
+    WorldState& state = world.state();
+    if (state.pendingWrites == 0) {
+        return;
+    }
+    for (PendingWrite& pending : state.pending) {
+        if (pending.time <= 0 || pending.time > state.machineSeconds) {
+            continue;
+        }
+        KeyRecord* key = KeyTable::find(world, pending.key);
+        if (key != nullptr && key->size == pending.size) {
+            Fans::write(world, *key, pending.bytes);
+            world.note(kSystemItself, "a delayed write settled");
+        }
+        pending.time = 0;
+        --state.pendingWrites;
+    }
+}
+
+void runWhatIsDue(World& world) {
+    settlePending(world);
+    Fans::runEvents(world);
+    if (world.state().nextDue <= world.state().machineSeconds) {
+        Faults::runDue(world);
+    }
+}
+
+}  // namespace
+
+void passHeat(World& world, double seconds) {
+    const double steps = std::clamp(std::ceil(seconds / kStepSeconds), 1.0, kMostSteps);
+    const double dt = seconds / steps;
+    for (double step = 0; step < steps; ++step) {
+        Fans::step(world, dt);
+        Heat::step(world, dt);
+    }
+}
+
+void passTime(World& world, double seconds) {
+    WorldState& state = world.state();
+    const double awakeUntil = state.machineSeconds - state.sleptSeconds + seconds;
+    while (true) {
+        runWhatIsDue(world);
+        const double end = awakeUntil + state.sleptSeconds;  // it may have slept on the way
+        const double due =
+            std::min({state.nextDue, Fans::nextEvent(state), nextPending(state), end});
+        const double piece = due - state.machineSeconds;
+        if (piece > 0) {
+            passHeat(world, piece * world.number(Property::kSpeed, 1));
+            state.machineSeconds = due;
+        } else if (due >= end) {
+            return;
+        }
+    }
+}
+
+Machine::Machine(std::unique_ptr<StateStore> store, std::unique_ptr<Journal> journal,
+                 std::string root)
+    : store_(std::move(store)),
+      journal_(std::move(journal)),
+      root_(std::move(root)),
+      world_(*store_, *journal_) {}
+
+Machine::Hold::Hold(Machine& machine) : machine_(machine) {
+    if (machine_.store_->lock()) {
+        machine_.world_.repair();
+    }
+    machine_.catchUp();
+}
+
+Machine::Hold::~Hold() {
+    machine_.store_->unlock();
+}
+
+void Machine::catchUp() {
+    WorldState& state = store_->state();
+    if (state.clockMode != ClockMode::kHost) {
+        return;
+    }
+    const double now = hostClockSeconds();
+    if (now < state.nextHostWork && now >= state.hostSeconds) {
+        return;
+    }
+    // The host's clock starts anew when it boots: then no time has passed.
+    const double passed = std::max(now - state.hostSeconds, 0.0);
+    const bool first = state.hostSeconds == 0;
+    state.hostSeconds = now;
+    state.nextHostWork = now + kHostPieceSeconds;
+    if (!first && passed > 0) {
+        passTime(world_, passed);
+    }
+}
+
+ControllerAnswer Machine::call(const ControllerBlock& in, ControllerBlock& out) {
+    const Hold hold(*this);
+    WorldState& state = store_->state();
+    if (state.callDuration > 0 && state.clockMode == ClockMode::kVirtual) {
+        passTime(world_, state.callDuration);
+    }
+    const bool privileged = in.command != kWriteCommand ||
+                            world_.number(Property::kPrivileged, ::geteuid() == 0 ? 1 : 0) != 0;
+    return Controller::call(world_, in, out, privileged);
+}
+
+void Machine::advance(double seconds) {
+    locked([seconds](World& world) {
+        if (world.state().clockMode != ClockMode::kVirtual) {
+            throw std::logic_error("this machine follows the host's clock");
+        }
+        passTime(world, std::max(seconds, 0.0));
+    });
+}
+
+double Machine::continuousSeconds(double hostSeconds) {
+    return locked([hostSeconds](World& world) {
+        const WorldState& state = world.state();
+        return state.clockMode == ClockMode::kHost ? hostSeconds + state.sleptSeconds
+                                                   : kUptimeAtCreation + state.machineSeconds;
+    });
+}
+
+double Machine::uptimeSeconds(double hostSeconds) {
+    return locked([hostSeconds](World& world) {
+        const WorldState& state = world.state();
+        return state.clockMode == ClockMode::kHost
+                   ? hostSeconds
+                   : kUptimeAtCreation + state.machineSeconds - state.sleptSeconds;
+    });
+}
+
+std::string Machine::cpuBrand() {
+    return locked([](World& world) { return std::string(world.state().brand); });
+}
+
+bool Machine::appleSilicon() {
+    return locked([](World& world) { return world.state().appleSilicon != 0; });
+}
+
+std::string Machine::systemVersion() {
+    return locked([](World& world) { return std::string(world.state().systemVersion); });
+}
+
+int Machine::processorCount() {
+    return locked(
+        [](World& world) { return static_cast<int>(world.number(Property::kProcessors, 1)); });
+}
+
+int Machine::thermalState() {
+    return locked([](World& world) {
+        return static_cast<int>(
+            world.number(Property::kThermalState, Heat::thermalState(world.state().heat)));
+    });
+}
+
+std::optional<bool> Machine::lowPowerMode() {
+    return locked([](World& world) -> std::optional<bool> {
+        const auto flag = world.number(Property::kLowPowerFlag);
+        return flag ? std::optional(*flag != 0) : std::nullopt;
+    });
+}
+
+int Machine::memoryPressureLevel() {
+    return locked(
+        [](World& world) { return static_cast<int>(world.number(Property::kMemoryPressure, 1)); });
+}
+
+}  // namespace simulator

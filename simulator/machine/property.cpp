@@ -1,0 +1,51 @@
+#include "simulator/machine/property.h"
+
+#include <algorithm>
+#include <array>
+
+namespace simulator {
+namespace {
+
+constexpr std::array<std::string_view, static_cast<std::size_t>(Property::kCount)> kNames = {
+    "load",
+    "gpu-load",
+    "ambient",
+    "speed",
+    "ac",
+    "battery",
+    "battery-percent",
+    "battery-mv",
+    "battery-ma",
+    "battery-charging",
+    "battery-cycles",
+    "speed-limit",
+    "scheduler-limit",
+    "available-cpus",
+    "thermal-warning",
+    "thermal-state",
+    "low-power",
+    "memory-pressure",
+    "processors",
+    "privileged",
+    "extension",
+    "extension-approval",
+    "extension-answers",
+    "assertions-answer",
+    "turbo-applications",
+};
+
+}  // namespace
+
+std::string_view propertyName(Property property) {
+    return kNames[static_cast<std::size_t>(property)];
+}
+
+std::optional<Property> propertyNamed(std::string_view name) {
+    const auto found = std::find(kNames.begin(), kNames.end(), name);
+    if (found == kNames.end()) {
+        return std::nullopt;
+    }
+    return static_cast<Property>(found - kNames.begin());
+}
+
+}  // namespace simulator
