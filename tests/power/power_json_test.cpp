@@ -25,23 +25,13 @@ TEST(PowerJsonTest, MapsAlternateKeyAndValue) {
               (PowerConfiguration{{{PowerSource::ac, {}}, {PowerSource::battery, {}}}}));
 }
 
-TEST(PowerJsonTest, RefusesReadingsThatCouldNotHaveBeenWritten) {
-    for (const char* text : {
-             R"({"profiles":["battery"]})",
-             R"({"profiles":["battery",["sleep"]]})",
-             R"({"profiles":["battery",["sleep",10,"displaysleep"]]})",
-             R"({"profiles":["ups",[]]})",
-             R"({"profiles":["battery",["disksleep",10]]})",
-             R"({"profiles":["battery",["sleep",10,"sleep",10]]})",
-             R"({"profiles":["battery",[],"battery",[]]})",
-             R"({"profiles":["battery",["sleep",1.5]]})",
-             R"({"profiles":["battery",["sleep","10"]]})",
-             R"({"profiles":{"battery":{"sleep":10}}})",
-             R"({"profiles":[[],"battery"]})",
-             R"({})",
-         }) {
-        EXPECT_NE(testing::failureOf([&] { decodeJson<PowerConfiguration>(text); }), "") << text;
-    }
+TEST(PowerJsonTest, RefusesSourcesAndSettingsThatNobodyKnows) {
+    const auto refusal = [](const char* text) {
+        return testing::failureOf([&] { decodeJson<PowerConfiguration>(text); });
+    };
+    EXPECT_EQ(refusal(R"({"profiles":["ups",[]]})"), "JSON 成员 profiles[0] 的取值无法识别");
+    EXPECT_EQ(refusal(R"({"profiles":["battery",["disksleep",10]]})"),
+              "JSON 成员 profiles.battery[0] 的取值无法识别");
 }
 
 TEST(PowerJsonTest, PlansLeaveOutWhatIsAbsent) {
@@ -54,11 +44,10 @@ TEST(PowerJsonTest, PlansLeaveOutWhatIsAbsent) {
 
     const PowerOptimizationPlan full{PowerSource::ac,     PowerScope::current, true, 5, 10, true,
                                      PowerConfiguration{}};
-    const std::string fullText =
-        R"({"source":"ac","scope":"current","lowPower":true,"displayMinutes":5,"idleMinutes":10,)"
-        R"("disableTurbo":true,"expected":{"profiles":[]}})";
-    EXPECT_EQ(encodeJson(full), fullText);
-    EXPECT_EQ(decodeJson<PowerOptimizationPlan>(fullText), full);
+    EXPECT_EQ(encodeJson(full),
+              R"({"source":"ac","scope":"current","lowPower":true,"displayMinutes":5,)"
+              R"("idleMinutes":10,"disableTurbo":true,"expected":{"profiles":[]}})");
+    EXPECT_EQ(decodeJson<PowerOptimizationPlan>(encodeJson(full)), full);
 }
 
 TEST(PowerJsonTest, OutcomesCarryTheWholeBackup) {

@@ -227,6 +227,13 @@ TEST_F(ProcessRunnerTest, SignalsDoNotDisturbIt) {
     EXPECT_GT(signals, 10);
 }
 
+// A parent that ignores the end of its children hands that on to whom it starts.
+TEST_F(ProcessRunnerTest, WithoutAStatusThereIsNoSuccess) {
+    const auto previous = signal(SIGCHLD, SIG_IGN);
+    EXPECT_EQ(failureOf([] { shell("exit 0"); }), "无法取得命令结果：/bin/sh");
+    signal(SIGCHLD, previous);
+}
+
 TEST_F(ProcessRunnerTest, RunsFromSeveralThreadsStayApart) {
     std::vector<std::thread> threads;
     for (int thread = 0; thread < 4; ++thread) {
