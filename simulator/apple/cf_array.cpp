@@ -22,10 +22,9 @@ const CFArrayCallBacks kCFTypeArrayCallBacks = {0, retainObject, releaseObject, 
 
 struct __CFArray final : simulator::cf::Object {
     static constexpr simulator::cf::TypeId kTypeId = simulator::cf::kArrayTypeId;
-    __CFArray(const CFArrayCallBacks* callBacksOrNull, bool isMutable)
+    explicit __CFArray(const CFArrayCallBacks* callBacksOrNull)
         : Object(kTypeId),
-          callBacks(callBacksOrNull != nullptr ? *callBacksOrNull : CFArrayCallBacks{}),
-          changeable(isMutable) {}
+          callBacks(callBacksOrNull != nullptr ? *callBacksOrNull : CFArrayCallBacks{}) {}
 
     void append(const void* value) {
         values.push_back(callBacks.retain != nullptr ? callBacks.retain(nullptr, value) : value);
@@ -42,7 +41,6 @@ struct __CFArray final : simulator::cf::Object {
     CFHashCode hash() const override { return values.size(); }
 
     const CFArrayCallBacks callBacks;
-    const bool changeable;
     std::vector<const void*> values;
 
 protected:
@@ -63,14 +61,9 @@ CFTypeID CFArrayGetTypeID(void) {
 
 CFArrayRef CFArrayCreate(CFAllocatorRef, const void** values, CFIndex count,
                          const CFArrayCallBacks* callBacks) {
-    auto* array = simulator::cf::make<__CFArray>(callBacks, false);
+    auto* array = simulator::cf::make<__CFArray>(callBacks);
     std::for_each_n(values, count, [array](const void* value) { array->append(value); });
     return array;
-}
-
-// The capacity is a hint, as on macOS.
-CFMutableArrayRef CFArrayCreateMutable(CFAllocatorRef, CFIndex, const CFArrayCallBacks* callBacks) {
-    return simulator::cf::make<__CFArray>(callBacks, true);
 }
 
 CFIndex CFArrayGetCount(CFArrayRef array) {
@@ -83,11 +76,4 @@ const void* CFArrayGetValueAtIndex(CFArrayRef array, CFIndex index) {
         simulator::cf::fail("the index is outside the array", __func__);
     }
     return values[static_cast<std::size_t>(index)];
-}
-
-void CFArrayAppendValue(CFMutableArrayRef array, const void* value) {
-    if (!checked(array).changeable) {
-        simulator::cf::fail("the array is immutable", __func__);
-    }
-    array->append(value);
 }

@@ -52,10 +52,6 @@ CFStringRef readIdentifier(const std::filesystem::path& bundle) {
 
 }  // namespace
 
-CFTypeID CFURLGetTypeID(void) {
-    return __CFURL::kTypeId;
-}
-
 CFURLRef CFURLCreateFromFileSystemRepresentation(CFAllocatorRef, const UInt8* path,
                                                  CFIndex byteCount, Boolean) {
     if (path == nullptr || byteCount <= 0) {
@@ -71,10 +67,6 @@ CFURLRef CFURLCreateWithFileSystemPath(CFAllocatorRef, CFStringRef path, CFURLPa
         simulator::cf::fail("only POSIX paths are there", __func__);
     }
     return simulator::cf::make<__CFURL>(checked(path).utf8);
-}
-
-CFTypeID CFBundleGetTypeID(void) {
-    return __CFBundle::kTypeId;
 }
 
 CFBundleRef CFBundleCreate(CFAllocatorRef, CFURLRef url) {

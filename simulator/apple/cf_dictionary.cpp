@@ -78,15 +78,6 @@ struct __CFDictionary final : simulator::cf::Object {
         }
     }
 
-    void remove(const void* key) {
-        const auto known = entries.find(key);
-        if (known != entries.end()) {
-            const Entries::value_type entry = *known;
-            entries.erase(known);
-            releaseEntry(entry);
-        }
-    }
-
     bool equals(const Object& other) const override {
         const auto& dictionary = static_cast<const __CFDictionary&>(other);
         if (entries.size() != dictionary.entries.size()) {
@@ -159,10 +150,6 @@ CFMutableDictionaryRef CFDictionaryCreateMutable(CFAllocatorRef, CFIndex,
 
 void CFDictionarySetValue(CFMutableDictionaryRef dictionary, const void* key, const void* value) {
     checkedMutable(dictionary).set(key, value);
-}
-
-void CFDictionaryRemoveValue(CFMutableDictionaryRef dictionary, const void* key) {
-    checkedMutable(dictionary).remove(key);
 }
 
 CFIndex CFDictionaryGetCount(CFDictionaryRef dictionary) {

@@ -7,8 +7,6 @@ typedef struct __CFBundle* CFBundleRef;
 
 extern "C" {
 
-CFTypeID CFBundleGetTypeID(void);
-
 // While a simulated machine is attached, an absolute path is looked up below its root.
 CFBundleRef CFBundleCreate(CFAllocatorRef allocator, CFURLRef url);
 CFStringRef CFBundleGetIdentifier(CFBundleRef bundle);

@@ -42,7 +42,6 @@ CFMutableDictionaryRef CFDictionaryCreateMutable(CFAllocatorRef allocator, CFInd
                                                  const CFDictionaryKeyCallBacks* keyCallBacks,
                                                  const CFDictionaryValueCallBacks* valueCallBacks);
 void CFDictionarySetValue(CFMutableDictionaryRef dictionary, const void* key, const void* value);
-void CFDictionaryRemoveValue(CFMutableDictionaryRef dictionary, const void* key);
 CFIndex CFDictionaryGetCount(CFDictionaryRef dictionary);
 Boolean CFDictionaryContainsKey(CFDictionaryRef dictionary, const void* key);
 const void* CFDictionaryGetValue(CFDictionaryRef dictionary, const void* key);

@@ -13,7 +13,6 @@ enum CFURLPathStyle : CFIndex {
 
 extern "C" {
 
-CFTypeID CFURLGetTypeID(void);
 CFURLRef CFURLCreateFromFileSystemRepresentation(CFAllocatorRef allocator, const UInt8* path,
                                                  CFIndex byteCount, Boolean isDirectory);
 CFURLRef CFURLCreateWithFileSystemPath(CFAllocatorRef allocator, CFStringRef path,
