@@ -190,7 +190,9 @@ TEST_F(AppleSiliconFanControlTest, AFailedLockStaysOwedUntilItSucceeds) {
     EXPECT_EQ(take(0), "");
     mac.keys["Ftst"].unwritable = true;
     EXPECT_EQ(giveBack(0), "SMC Ftst 写入失败（130）");
-    mac.keys["Ftst"].unwritable = false;
+    mac.keys["Ftst"].unreadable = true;  // what cannot be read does not confirm it either
+    EXPECT_EQ(giveBack(0), "SMC Ftst 写入失败（130）");
+    mac.keys["Ftst"].unwritable = mac.keys["Ftst"].unreadable = false;
     EXPECT_EQ(giveBack(0), "");
     EXPECT_EQ(mac["Ftst"], 0);
 }

@@ -89,5 +89,29 @@ TEST(LeaseMemoryTest, FansAreHandedBackWhicheverAllocationFails) {
     }
 }
 
+TEST(LeaseMemoryTest, AFanThatFailsCostsNoOtherItsHandBack) {
+    for (long allocations = 0; allocations == 0 || struck; ++allocations) {
+        LeaseWorld world(3);
+        for (const char* key : {"F0Md", "F1Md", "F2Md"}) {
+            world.mac[key] = 1;
+        }
+        world.mac.keys["F0Md"].unwritable = world.mac.keys["F1Md"].unwritable = true;
+        const std::vector<int> ids{0, 1, 2};
+        struck = false;
+        forGood = true;
+        remaining = allocations;
+        bool failed = false;
+        armed = true;
+        try {
+            CoolingLease::restoreAuto(ids, world.fans);
+        } catch (const std::exception&) {
+            failed = true;
+        }
+        armed = false;
+        EXPECT_TRUE(failed) << allocations;
+        EXPECT_TRUE(world.fans.isAutomatic(2)) << allocations;
+    }
+}
+
 }  // namespace
 }  // namespace ferovane
