@@ -5,14 +5,6 @@
 #include <new>
 
 namespace simulator {
-namespace {
-
-constexpr std::size_t wholeUnits(std::size_t bytes) {
-    return (bytes + sizeof(std::max_align_t) - 1) / sizeof(std::max_align_t);
-}
-
-}  // namespace
-
 std::size_t StateStore::sizeFor(std::size_t keyCapacity) {
     return sizeof(WorldState) + keyCapacity * (sizeof(KeyRecord) + sizeof(KeyIndexEntry));
 }
@@ -25,8 +17,8 @@ void StateStore::pointInto(std::byte* base, std::size_t keyCapacity) {
 }
 
 MemoryStore::MemoryStore(std::size_t keyCapacity)
-    : block_(std::make_unique<std::max_align_t[]>(wholeUnits(sizeFor(keyCapacity)))) {
-    pointInto(reinterpret_cast<std::byte*>(block_.get()), keyCapacity);
+    : block_(std::make_unique<std::byte[]>(sizeFor(keyCapacity))) {
+    pointInto(block_.get(), keyCapacity);
     state().keyCapacity = static_cast<std::uint32_t>(keyCapacity);
 }
 
@@ -44,12 +36,12 @@ void MemoryStore::reserveKeys(std::size_t count) {
         return;
     }
     const std::size_t capacity = std::max<std::size_t>(count, 2 * state().keyCapacity);
-    auto larger = std::make_unique<std::max_align_t[]>(wholeUnits(sizeFor(capacity)));
+    auto larger = std::make_unique<std::byte[]>(sizeFor(capacity));
     const WorldState* oldState = &state();
     const KeyRecord* oldKeys = keys();
     const KeyIndexEntry* oldIndex = index();
     const std::size_t used = oldState->keyCount;
-    pointInto(reinterpret_cast<std::byte*>(larger.get()), capacity);
+    pointInto(larger.get(), capacity);
     std::memcpy(&state(), oldState, sizeof(WorldState));
     std::memcpy(keys(), oldKeys, used * sizeof(KeyRecord));
     std::memcpy(index(), oldIndex, used * sizeof(KeyIndexEntry));

@@ -49,7 +49,7 @@ public:
 
 private:
     std::mutex mutex_;
-    std::unique_ptr<std::max_align_t[]> block_;
+    std::unique_ptr<std::byte[]> block_;
 };
 
 // The "state" file of a machine directory, mapped by every attached process.
