@@ -1,0 +1,36 @@
+#include "core/analysis/cpu_load_history.h"
+
+#include "core/analysis/observation_gap.h"
+
+namespace ferovane {
+
+void CpuLoadHistory::append(Date date, std::optional<double> usage) {
+    if (last_ && date < *last_) {
+        spans_.clear();  // the clock was set back: what was recorded has no place in time any more
+    }
+    while (!spans_.empty() && spans_.front().to < date - kKeptSeconds) {
+        spans_.pop_front();
+    }
+    const std::optional<CpuLoadBand> band = cpuLoadBand(usage);
+    if (band && continuesObservation(last_, date)) {
+        if (!spans_.empty() && spans_.back().to == *last_ && spans_.back().band == *band) {
+            spans_.back().to = date;
+        } else {
+            spans_.push_back({*last_, date, *band});
+        }
+    }
+    if (spans_.size() > kMostSpans) {
+        spans_.pop_front();
+    }
+    last_ = date;
+}
+
+double CpuLoadHistory::seconds(CpuLoadBand band) const {
+    double total = 0;
+    for (const CpuLoadSpan& span : spans_) {
+        total += span.band == band ? span.to - span.from : 0;
+    }
+    return total;
+}
+
+}  // namespace ferovane
