@@ -10,9 +10,11 @@
 #include <cerrno>
 #include <filesystem>
 #include <functional>
-#include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
+
+#include "tests/simulator/apple/temporary_directory.h"
 
 namespace {
 
@@ -72,7 +74,6 @@ TEST(ProcessesTest, OwnRecordAndUsageAreTrue) {
     EXPECT_EQ(record.pbi_ppid, static_cast<std::uint32_t>(getppid()));
     EXPECT_EQ(record.pbi_uid, geteuid());
     EXPECT_EQ(record.pbi_pgid, static_cast<std::uint32_t>(getpgrp()));
-    EXPECT_STREQ(record.pbi_name, "standin_tests");
     EXPECT_LE(
         std::abs(static_cast<double>(record.pbi_start_tvsec) - static_cast<double>(time(nullptr))),
         3600.0);
@@ -83,18 +84,36 @@ TEST(ProcessesTest, OwnRecordAndUsageAreTrue) {
     EXPECT_LT(used.ri_phys_footprint, std::uint64_t{1} << 40);
     EXPECT_LE(used.ri_proc_start_abstime, mach_continuous_time());
 
-    std::array<char, 32> name{};
-    EXPECT_EQ(proc_name(getpid(), name.data(), name.size()), 13);
-    EXPECT_STREQ(name.data(), "standin_tests");
-    errno = 0;
-    EXPECT_EQ(proc_name(getpid(), name.data(), 31), 0);
-    EXPECT_EQ(errno, ENOMEM);
-
     std::array<char, 4096> path{};
     const int length = proc_pidpath(getpid(), path.data(), path.size());
     EXPECT_EQ(path.data(), std::filesystem::read_symlink("/proc/self/exe").string());
     errno = 0;
     EXPECT_EQ(proc_pidpath(getpid(), path.data(), static_cast<std::uint32_t>(length)), 0);
+    EXPECT_EQ(errno, ENOMEM);
+}
+
+TEST(ProcessesTest, LongNameIsTheProgramFilesAndTheShortOneIsCut) {
+    const TemporaryDirectory directory;
+    const std::filesystem::path program =
+        directory.path() / "a-program-with-a-very-long-name-indeed";
+    std::filesystem::copy_file("/bin/sleep", program);
+    const Child child([&] { return execl(program.c_str(), program.c_str(), "60", nullptr); });
+
+    proc_bsdinfo record{};
+    std::array<char, 32> name{};
+    int length = 0;
+    // Until the child has become the program it still bears this one's name.
+    for (int i = 0; i < 1000 && std::string_view(name.data()).substr(0, 9) != "a-program"; ++i) {
+        usleep(1000);
+        length = proc_name(child.pid(), name.data(), name.size());
+    }
+    EXPECT_STREQ(name.data(), "a-program-with-a-very-long-name");
+    EXPECT_EQ(length, 31);
+    proc_pidinfo(child.pid(), PROC_PIDTBSDINFO, 0, &record, sizeof record);
+    EXPECT_STREQ(record.pbi_comm, "a-program-with-");
+    EXPECT_STREQ(record.pbi_name, name.data());
+    errno = 0;
+    EXPECT_EQ(proc_name(child.pid(), name.data(), 31), 0);
     EXPECT_EQ(errno, ENOMEM);
 }
 
