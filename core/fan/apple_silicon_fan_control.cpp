@@ -73,7 +73,7 @@ void AppleSiliconFanControl::setManual(int fan, bool enabled) {
     // A fan that is held goes back through the key it was taken by, even when that key cannot be
     // read just now: the write may still arrive.
     if (const auto held = originals_.find(fan); !enabled && held != originals_.end()) {
-        restore(fan, std::string(held->second.key));
+        restore(fan, std::string(held->second.key));  // a copy: the entry goes with its success
         return;
     }
     const std::optional<std::string> key = modeKey(fan);

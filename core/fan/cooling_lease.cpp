@@ -39,6 +39,7 @@ std::vector<PlannedFan> planFans(CoolingHardware& hardware) {
             "请先恢复系统自动风扇并退出其他风扇控制软件；也可能是此机型没有可写的风扇接口。");
     }
     std::vector<PlannedFan> plan;
+    plan.reserve(fans.size());
     for (const FanReading& fan : fans) {
         if (!isRatedRangeCredible(fan)) {
             throw ScopeError("风扇额定转速无法验证，已拒绝控制");
@@ -70,6 +71,7 @@ void run(CoolingHardware& hardware, double duration, const LeaseClock& now,
     }
     const std::vector<PlannedFan> plan = planFans(hardware);
     std::vector<int> ids;
+    ids.reserve(plan.size());
     for (const PlannedFan& fan : plan) {
         ids.push_back(fan.id);
     }

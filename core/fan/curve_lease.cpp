@@ -40,6 +40,7 @@ std::vector<PlannedFan> planFans(CoolingHardware& hardware) {
         throw ScopeError("请先恢复系统自动风扇并退出其他控制程序");
     }
     std::vector<PlannedFan> plan;
+    plan.reserve(fans.size());
     for (const FanReading& fan : fans) {
         if (!isRatedRangeCredible(fan)) {
             throw ScopeError("无法验证风扇额定范围");
@@ -131,6 +132,7 @@ void run(CoolingHardware& hardware, const FanCurve& curve, double duration, cons
     }
     const std::vector<PlannedFan> plan = planFans(hardware);
     std::vector<int> ids;
+    ids.reserve(plan.size());
     for (const PlannedFan& fan : plan) {
         ids.push_back(fan.id);
     }

@@ -49,6 +49,8 @@ using testing::FanSwitch;
 using testing::LeaseWorld;
 using testing::steepCurve;
 
+int struckAfterATake = 0;
+
 // Whether an allocation failed in a run whose first so many succeed.
 bool runWithAllocations(long allocations, bool failForGood, FanSwitch fanSwitch, bool cooling) {
     LeaseWorld world(2, fanSwitch);
@@ -71,6 +73,7 @@ bool runWithAllocations(long allocations, bool failForGood, FanSwitch fanSwitch,
     EXPECT_TRUE(world.fans.allAutomatic())
         << (cooling ? "cooling" : "curve") << (failForGood ? " for good" : " once") << " after "
         << allocations << " on machine " << static_cast<int>(fanSwitch);
+    struckAfterATake += struck && world.mac.journal().find("Md=1") != std::string::npos;
     return struck;
 }
 
@@ -83,10 +86,10 @@ TEST(LeaseMemoryTest, FansAreHandedBackWhicheverAllocationFails) {
                 while (runWithAllocations(allocations, failForGood, fanSwitch, cooling)) {
                     ++allocations;
                 }
-                EXPECT_GT(allocations, 10);
             }
         }
     }
+    EXPECT_GT(struckAfterATake, 30);  // else the runs were not worth their name
 }
 
 TEST(LeaseMemoryTest, AFanThatFailsCostsNoOtherItsHandBack) {

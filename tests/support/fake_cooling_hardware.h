@@ -1,7 +1,7 @@
 // Fans under a simulated controller, behind the interface that leases use.
 #pragma once
 
-#include <algorithm>
+#include <cstddef>
 #include <functional>
 #include <optional>
 #include <string>
@@ -38,6 +38,7 @@ public:
                    [this](const std::string& key, double value) { mac.write(key, value); },
                    [&clock] { clock.advance(kRetrySeconds); }, [&clock] { return clock.now(); }) {
         for (int fan = 0; fan < count; ++fan) {
+            names_.push_back({key(fan, "Mn"), key(fan, "Mx"), key(fan, "Tg"), key(fan, "Md")});
             mac[key(fan, "Md")] = intel_ || fan % 2 == 0 ? 0 : 3;
             mac[key(fan, "Tg")] = mac[key(fan, "Mn")] = 2000;
             mac[key(fan, "Mx")] = 6000 + 200 * fan;
@@ -78,18 +79,18 @@ public:
     }
 
     std::optional<double> target(int fan) override {
-        std::optional<double> rpm = mac.number(key(fan, "Tg"));
+        std::optional<double> rpm = mac.number(names(fan).target);
         if (editTarget) {
             editTarget(fan, rpm);
         }
         return rpm;
     }
 
-    void setTarget(int fan, double rpm) override { mac.write(key(fan, "Tg"), rpm); }
+    void setTarget(int fan, double rpm) override { mac.write(names(fan).target, rpm); }
 
     void setManual(int fan, bool enabled) override {
         if (intel_) {
-            mac.write(key(fan, "Md"), enabled ? 1 : 0);
+            mac.write(names(fan).mode, enabled ? 1 : 0);
         } else {
             armFans_.setManual(fan, enabled);
         }
@@ -98,13 +99,19 @@ public:
 private:
     static constexpr double kRetrySeconds = 0.1;
 
+    struct KeyNames {
+        std::string minimum, maximum, target, mode;
+    };
+
+    const KeyNames& names(int fan) const { return names_.at(static_cast<std::size_t>(fan)); }
+
     FanReading reading(int fan) {
         FanReading told;
         told.id = fan;
-        told.minimum = mac.number(key(fan, "Mn"));
-        told.maximum = mac.number(key(fan, "Mx"));
-        told.controllable = told.maximum && mac.number(key(fan, "Tg"));
-        const std::optional<double> mode = mac.number(key(fan, "Md"));
+        told.minimum = mac.number(names(fan).minimum);
+        told.maximum = mac.number(names(fan).maximum);
+        told.controllable = told.maximum && mac.number(names(fan).target);
+        const std::optional<double> mode = mac.number(names(fan).mode);
         if (mode && (*mode == 0 || *mode == 1 || *mode == 3)) {
             told.manual = *mode == 1;
         }
@@ -112,6 +119,7 @@ private:
     }
 
     bool intel_;
+    std::vector<KeyNames> names_;  // built once: a sweep reads them millions of times
     AppleSiliconFanControl armFans_;
 };
 

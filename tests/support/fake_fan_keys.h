@@ -3,10 +3,10 @@
 
 #include <cmath>
 #include <limits>
-#include <map>
 #include <optional>
 #include <sstream>
 #include <string>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -31,7 +31,7 @@ struct FakeKey {
 // memory away from the code under test.
 class FakeFanKeys {
 public:
-    std::map<std::string, FakeKey> keys;
+    std::unordered_map<std::string, FakeKey> keys;
     bool locked = false;          // no mode key takes 1 while "Ftst" is 0
     int refusalsAfterUnlock = 0;  // how often the thermal daemon still wins after that
     CallFaults faults;
