@@ -1,0 +1,101 @@
+#include "core/control/control_channel.h"
+
+#include <poll.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <string_view>
+#include <utility>
+
+#include "core/model/scope_error.h"
+
+namespace ferovane {
+namespace {
+
+constexpr std::size_t kReadBytes = 4096;
+
+[[noreturn]] void failTooLong() {
+    throw ScopeError("控制消息过长");
+}
+
+}  // namespace
+
+ControlChannel::ControlChannel(int fd, Uptime uptime, double longestWaitSeconds)
+    : fd_(fd), uptime_(std::move(uptime)), longestWaitSeconds_(longestWaitSeconds) {}
+
+std::optional<std::string> ControlChannel::readLine(double timeoutSeconds) {
+    const double deadline = uptime_() + timeoutSeconds;
+    while (true) {
+        if (auto line = takeLine()) {
+            return line;
+        }
+        if (waitUntilReadable(deadline) && !receive()) {
+            return std::nullopt;
+        }
+    }
+}
+
+std::optional<std::string> ControlChannel::takeLine() {
+    const std::size_t end = buffer_.find('\n');
+    if (std::min(end, buffer_.size()) > kMaxControlLineBytes) {
+        failTooLong();
+    }
+    if (end == std::string::npos) {
+        return std::nullopt;
+    }
+    std::string line = buffer_.substr(0, end);
+    buffer_.erase(0, end + 1);
+    return line;
+}
+
+// False when there may be nothing to read yet, and the deadline has to be looked at again.
+bool ControlChannel::waitUntilReadable(double deadline) const {
+    const double remaining = deadline - uptime_();
+    if (!(remaining > 0)) {
+        throw ScopeError("辅助进程响应超时");
+    }
+    const bool cut = remaining > longestWaitSeconds_;
+    pollfd waiting{fd_, POLLIN, 0};
+    const int ready =
+        poll(&waiting, 1, static_cast<int>(std::min(remaining, longestWaitSeconds_) * 1000));
+    if (ready > 0) {
+        return true;
+    }
+    // Only a wait for all that remained has run out; one that was cut short goes on.
+    if (ready == 0 ? !cut : errno != EINTR) {
+        throw ScopeError("辅助进程通信中断或超时");
+    }
+    return false;
+}
+
+// Takes in what has arrived; false at the end of the stream.
+bool ControlChannel::receive() {
+    std::array<char, kReadBytes> chunk{};
+    const ssize_t count = read(fd_, chunk.data(), chunk.size());
+    if (count < 0 && errno != EINTR) {
+        throw ScopeError("辅助进程读取失败");
+    }
+    if (count > 0) {
+        buffer_.append(chunk.data(), static_cast<std::size_t>(count));
+    }
+    return count != 0;
+}
+
+void ControlChannel::sendLine(std::string line) const {
+    if (line.size() > kMaxControlLineBytes) {
+        failTooLong();
+    }
+    line += '\n';
+    for (std::string_view rest = line; !rest.empty();) {
+        const ssize_t count = write(fd_, rest.data(), rest.size());
+        if (count > 0) {
+            rest.remove_prefix(static_cast<std::size_t>(count));
+        } else if (count == 0 || errno != EINTR) {
+            throw ScopeError("辅助进程写入失败");  // nothing written would go on for ever
+        }
+    }
+}
+
+}  // namespace ferovane

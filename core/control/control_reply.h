@@ -1,0 +1,40 @@
+// What a session answers.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <tuple>
+
+#include "core/control/fan_session_status.h"
+#include "core/model/json_fields.h"
+#include "core/power/power_transaction.h"
+
+namespace ferovane {
+
+struct ControlReply {
+    bool ok = false;
+    std::string message;                                // for the user, on success too
+    std::optional<std::string> session = std::nullopt;  // the running fan session's id
+    std::optional<std::string> profile = std::nullopt;  // its profile's command word
+    std::optional<std::string> label = std::nullopt;    // its mode's name
+    std::optional<std::int64_t> turbo = std::nullopt;   // 0 not loaded, 1 turbo disabled
+    std::optional<FanSessionStatus> fanStatus = std::nullopt;
+    std::optional<PowerOutcome> power = std::nullopt;  // set by whoever ran a power command
+
+    bool operator==(const ControlReply&) const = default;
+
+    static constexpr auto jsonFields() {
+        using R = ControlReply;
+        return std::tuple{jsonField("ok", &R::ok),           jsonField("message", &R::message),
+                          jsonField("session", &R::session), jsonField("profile", &R::profile),
+                          jsonField("label", &R::label),     jsonField("turbo", &R::turbo),
+                          jsonField("power", &R::power),     jsonField("fanStatus", &R::fanStatus)};
+    }
+};
+
+// The reply as it can be sent: when its line would be longer than a channel accepts, the message is
+// cut between characters and ends by saying so. Everything else stays; it is never that long.
+ControlReply fittedToLine(ControlReply reply);
+
+}  // namespace ferovane
