@@ -16,6 +16,8 @@
 namespace ferovane {
 namespace {
 
+constexpr int kMaskReadings = 4;  // two alike, with room for one wrong among them
+
 constexpr double kMostKeys = 10000;           // no controller has more; a larger count is garbage
 constexpr double kMostFans = 10;              // fan keys have one digit
 constexpr double kLargestMaximumRpm = 12000;  // a rated speed above this is not believed
@@ -163,14 +165,27 @@ void SMC::switchIntelFan(int fan, bool enabled) {
         write(modeKey, enabled ? 1 : 0);
         return;
     }
-    const auto mask = number("FS! ");
-    // A reading that is no 16-bit mask would be written back as nonsense over the other fans' bits.
-    if (!mask || *mask < 0 || *mask > SMCVerification::kLargestFanMask) {
+    const auto mask = forcedMask();
+    if (!mask) {
         throw noModeKey(fan);
     }
     const std::uint32_t bit = 1U << fan;
-    const auto bits = static_cast<std::uint32_t>(*mask);
-    write("FS! ", enabled ? bits | bit : bits & ~bit);
+    write("FS! ", enabled ? *mask | bit : *mask & ~bit);
+}
+
+// One bit of the mask is changed and the others are written back as they were read, so a wrong
+// reading would switch other fans, and read back as confirmed: it counts only when read twice
+// alike.
+std::optional<std::uint32_t> SMC::forcedMask() const {
+    std::optional<double> last;
+    for (int reading = 0; reading < kMaskReadings; ++reading) {
+        const auto mask = number("FS! ");
+        if (mask && mask == last && *mask >= 0 && *mask <= SMCVerification::kLargestFanMask) {
+            return static_cast<std::uint32_t>(*mask);
+        }
+        last = mask;
+    }
+    return std::nullopt;
 }
 
 AppleSiliconFanControl& SMC::armFans() {

@@ -77,6 +77,7 @@ private:
     std::optional<SensorKey> sensorKeyAt(std::uint32_t index) const;
     FanReading fan(int index, std::optional<double> mask) const;
     void switchIntelFan(int fan, bool enabled);
+    std::optional<std::uint32_t> forcedMask() const;
     AppleSiliconFanControl& armFans();
 
     Surroundings surroundings_;

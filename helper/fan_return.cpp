@@ -1,0 +1,19 @@
+#include "helper/fan_return.h"
+
+#include "core/fan/cooling_lease.h"
+#include "core/model/scope_error.h"
+
+namespace ferovane {
+
+void returnEveryFan(CoolingHardware& hardware) {
+    std::vector<int> ids;
+    for (const FanReading& fan : hardware.fans()) {
+        ids.push_back(fan.id);
+    }
+    if (ids.empty()) {
+        throw ScopeError("没有可读取的风扇");
+    }
+    CoolingLease::restoreAuto(ids, hardware);
+}
+
+}  // namespace ferovane

@@ -1,0 +1,99 @@
+#include "helper/guardian_watch.h"
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <ctime>
+
+#include "helper/standard_streams.h"
+
+extern char** environ;  // NOLINT: the platform declares it nowhere
+
+namespace ferovane {
+namespace {
+
+// One transient controller error needs one more attempt; a controller that is busy for a moment
+// needs a little time. After these, only the log is left.
+constexpr int kAttempts = 5;
+constexpr timespec kPauseBetweenAttempts{0, 200'000'000};
+
+constexpr int kIgnoredSignals[] = {SIGTERM, SIGINT, SIGHUP, SIGQUIT, SIGPIPE, SIGTSTP};
+
+void setSignals(void (*disposition)(int)) {
+    for (const int signal : kIgnoredSignals) {
+        ::signal(signal, disposition);
+    }
+}
+
+// Whether fans were held when the helper's end of the pipe was closed.
+bool heldAtTheEnd(int pipe) {
+    bool held = false;
+    for (;;) {
+        char words[64];
+        const ssize_t count = ::read(pipe, words, sizeof words);
+        if (count > 0) {
+            held = words[count - 1] == kGuardianHeld;
+        } else if (count == 0 || errno != EINTR) {
+            return held;
+        }
+    }
+}
+
+bool runAuto(const char* helperPath) {
+    const pid_t child = ::fork();
+    if (child == 0) {
+        setSignals(SIG_DFL);
+        occupyStandardDescriptors();
+        char word[] = "auto";
+        char* const arguments[] = {const_cast<char*>(helperPath), word, nullptr};
+        ::execve(helperPath, arguments, environ);
+        ::_exit(127);
+    }
+    if (child < 0) {
+        return false;
+    }
+    int status = 0;
+    while (::waitpid(child, &status, 0) < 0) {
+        if (errno != EINTR) {
+            return false;
+        }
+    }
+    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+[[noreturn]] void tellLog() {
+    char program[] = "/usr/bin/logger";
+    char tagOption[] = "-t";
+    char tag[] = "FerovaneHelper";
+    char levelOption[] = "-p";
+    char level[] = "daemon.err";
+    char text[] = "辅助进程意外结束，恢复自动风扇失败；请重新启动电脑以恢复系统自动。";
+    char* const arguments[] = {program, tagOption, tag, levelOption, level, text, nullptr};
+    ::execve(program, arguments, environ);
+    ::_exit(1);
+}
+
+}  // namespace
+
+void watchOverFans(const GuardianPlan& plan) {
+    ::setsid();
+    // A signal meant for the helper must not take its guardian along.
+    setSignals(SIG_IGN);
+    for (const int descriptor : plan.descriptors) {
+        ::close(descriptor);
+    }
+    if (!heldAtTheEnd(plan.pipe)) {
+        ::_exit(0);
+    }
+    for (int attempt = 0; attempt < kAttempts; ++attempt) {
+        if (runAuto(plan.helperPath)) {
+            ::_exit(0);
+        }
+        ::nanosleep(&kPauseBetweenAttempts, nullptr);
+    }
+    tellLog();
+}
+
+}  // namespace ferovane

@@ -1,0 +1,109 @@
+#include "helper/process_guardian.h"
+
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <filesystem>
+#include <utility>
+#include <vector>
+
+#include "core/model/number_text.h"
+#include "core/model/scope_error.h"
+#include "helper/guardian_watch.h"
+
+namespace ferovane {
+namespace {
+
+constexpr const char* kNoGuardian = "无法启动风扇守护进程，未接管风扇";
+
+// Every descriptor this process has open; the child closes them one by one, because asking for the
+// list, or trying every number there could be, is nothing to do after a fork.
+std::vector<int> openDescriptors() {
+    std::vector<int> descriptors;
+    for (const auto& entry : std::filesystem::directory_iterator("/dev/fd")) {
+        if (const auto number = parseInt32(entry.path().filename().string())) {
+            descriptors.push_back(*number);
+        }
+    }
+    return descriptors;
+}
+
+void closeOnExec(int descriptor) {
+    ::fcntl(descriptor, F_SETFD, FD_CLOEXEC);
+}
+
+}  // namespace
+
+ProcessGuardian::ProcessGuardian(std::string helperPath) : helperPath_(std::move(helperPath)) {
+    start();
+}
+
+ProcessGuardian::~ProcessGuardian() {
+    release();
+}
+
+void ProcessGuardian::start() {
+    ::signal(SIGPIPE, SIG_IGN);  // a guardian that was killed must not take the helper along
+    int ends[2] = {-1, -1};
+    if (::pipe(ends) != 0) {
+        throw ScopeError(kNoGuardian);
+    }
+    closeOnExec(ends[0]);
+    closeOnExec(ends[1]);
+    GuardianPlan plan{ends[0], {}, helperPath_.c_str()};
+    try {
+        plan.descriptors = openDescriptors();
+        std::erase(plan.descriptors, ends[0]);
+        pid_ = ::fork();
+    } catch (const std::exception&) {
+        pid_ = -1;
+    }
+    if (pid_ == 0) {
+        watchOverFans(plan);
+    }
+    ::close(ends[0]);
+    if (pid_ < 0) {
+        ::close(ends[1]);
+        throw ScopeError(kNoGuardian);
+    }
+    pipe_ = ends[1];
+}
+
+// Closing the pipe releases the guardian. One that has nothing to do ends at once and is waited
+// for; one that has must not be, since it waits for the helper to end.
+void ProcessGuardian::release() noexcept {
+    ::close(pipe_);
+    pipe_ = -1;
+    while (!held_ && ::waitpid(pid_, nullptr, 0) < 0 && errno == EINTR) {
+    }
+}
+
+bool ProcessGuardian::tell(char word) noexcept {
+    ssize_t written = -1;
+    do {
+        written = ::write(pipe_, &word, 1);
+    } while (written < 0 && errno == EINTR);
+    return written == 1;
+}
+
+void ProcessGuardian::fansHeld() {
+    if (!tell(kGuardianHeld)) {
+        release();  // it was killed: nothing is held yet, so another can take its place
+        start();
+        if (!tell(kGuardianHeld)) {
+            throw ScopeError(kNoGuardian);
+        }
+    }
+    held_ = true;
+}
+
+void ProcessGuardian::fansReturned() noexcept {
+    // A guardian that is gone has nobody to tell.
+    tell(kGuardianReturned);
+    held_ = false;
+}
+
+}  // namespace ferovane

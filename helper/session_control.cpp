@@ -1,0 +1,285 @@
+#include "helper/session_control.h"
+
+#include <algorithm>
+#include <array>
+#include <string_view>
+#include <utility>
+
+#include "core/fan/cooling_lease.h"
+#include "core/fan/profile.h"
+#include "core/model/scope_error.h"
+#include "core/model/uuid.h"
+#include "core/power/power_transaction.h"
+#include "helper/fan_control_policy.h"
+#include "helper/fan_return.h"
+#include "helper/held_fans.h"
+#include "helper/turbo_change.h"
+
+namespace ferovane {
+namespace {
+
+constexpr const char* kConfirmed = "控制已确认生效";
+constexpr const char* kSystemManaged = "风扇由系统管理";
+constexpr const char* kOldLeaseRuns = "等待风扇恢复自动超时，未开始下一操作";
+constexpr const char* kNotConfirmed = "控制确认超时，已请求恢复系统自动";
+constexpr const char* kSessionEnds = "会话正在结束，未开始新操作";
+constexpr const char* kNoThread = "无法启动风扇控制线程";
+constexpr const char* kCustomLabel = "独立风扇策略";
+constexpr const char* kFanTestMode = "test-fans";
+constexpr const char* kFanTestLabel = "风扇测试";
+constexpr double kFanTestPercent = 100.0;
+
+}  // namespace
+
+SessionControl::SessionControl(SessionOwner owner, const HelperEnvironment& environment)
+    : owner_(owner),
+      environment_(environment),
+      guardian_(environment.makeGuardian()),
+      smc_(environment.makeSMC()),
+      sampler_(environment.makeSampler()),
+      power_(environment.makePowerAccess()) {}
+
+SessionControl::~SessionControl() {
+    if (thread_.joinable()) {
+        thread_.join();
+    }
+}
+
+// ---- Requests ---------------------------------------------------------------------------------
+
+ControlReply SessionControl::handle(const ControlRequest& request) {
+    FanControlPolicy::validate(request, environment_.appleSilicon);
+    const std::string& command = request.command;
+    if (command == "hello" || command == "status") {
+        return status();
+    }
+    if (command == "auto") {
+        returnFans();
+        return status();
+    }
+    if (command == "test-fans") {
+        start(FanCurve::manual(kFanTestPercent), kFanTestMode,
+              request.label.value_or(kFanTestLabel), environment_.timings.fanTest);
+        return confirmed();
+    }
+    if (command == "profile") {
+        startProfile(request);
+        return confirmed();
+    }
+    if (command == "power-optimize") {
+        PowerOutcome outcome = PowerTransaction::apply(*request.powerPlan, *power_);
+        const char* message = outcome.changed ? "优化设置已确认生效" : "所选设置已满足";
+        return powerReply(std::move(outcome), message);
+    }
+    if (command == "power-restore") {
+        PowerOutcome outcome = PowerTransaction::restore(*request.powerBackup, *power_);
+        const char* message = outcome.skipped == 0 ? "原设置已恢复" : "恢复已结束；外部更改保留";
+        return powerReply(std::move(outcome), message);
+    }
+    if (command == "turbo-disable" || command == "turbo-enable") {
+        power_->setTurbo(command == "turbo-disable");
+        return status();
+    }
+    if (command == "shutdown") {
+        const ConditionGuard guard(lock_);
+        requireStoppedLocked();
+    }
+    return status();
+}
+
+void SessionControl::startProfile(const ControlRequest& request) {
+    const Profile profile = *profileNamed(*request.profile);
+    if (profile == Profile::automatic) {
+        returnFans();
+        return;
+    }
+    const bool custom = profile == Profile::custom;
+    const std::string label =
+        custom ? kCustomLabel : request.label.value_or(std::string(rawValue(profile)));
+    TurboChange turbo(*power_);
+    if (!custom) {
+        turbo.apply(disablesTurbo(profile));
+    }
+    turbo.rollBackOnFailure([&] {
+        start(custom ? *request.curve : curve(profile), *request.profile, label,
+              environment_.timings.profile);
+    });
+}
+
+void SessionControl::returnFans() {
+    {
+        const ConditionGuard guard(lock_);
+        requireStoppedLocked();
+        returning_ = true;  // the watchdog waits for this as for a lease
+    }
+    std::exception_ptr failure;
+    try {
+        returnEveryFan(*smc_);
+    } catch (...) {
+        failure = std::current_exception();
+    }
+    const ConditionGuard guard(lock_);
+    returning_ = false;
+    if (!failure) {
+        unreturned_ = nullptr;
+    }
+    lock_.broadcast();
+    if (failure) {
+        std::rethrow_exception(failure);
+    }
+}
+
+ControlReply SessionControl::status() {
+    const auto turbo = power_->turboState();
+    const ConditionGuard guard(lock_);
+    if (unreturned_) {
+        std::rethrow_exception(unreturned_);
+    }
+    const bool held = running_ && lease_ && lease_->applied;
+    ControlReply reply{true, held ? kConfirmed : kSystemManaged};
+    reply.turbo = turbo;
+    if (running_ && lease_) {
+        reply.session = lease_->session;
+        reply.profile = lease_->mode;
+        reply.label = lease_->label;
+        if (lease_->progress) {
+            reply.fanStatus =
+                FanSessionStatus{std::max(0.0, lease_->progress->deadline - environment_.now()),
+                                 lease_->progress->targets, lease_->progress->protectionActive};
+        }
+    }
+    return reply;
+}
+
+ControlReply SessionControl::confirmed() {
+    ControlReply reply = status();
+    reply.message = kConfirmed;
+    return reply;
+}
+
+ControlReply SessionControl::powerReply(PowerOutcome outcome, const char* message) {
+    ControlReply reply = status();
+    reply.message = message;
+    reply.power = std::move(outcome);
+    return reply;
+}
+
+// ---- Starting and stopping a lease ------------------------------------------------------------
+
+void SessionControl::start(const FanCurve& curve, const std::string& mode, const std::string& name,
+                           double duration) {
+    curve.validate();
+    {
+        const ConditionGuard guard(lock_);
+        requireStoppedLocked();
+        if (finished_) {
+            throw ScopeError(kSessionEnds);
+        }
+        beginLocked(mode, name, duration);
+    }
+    if (thread_.joinable()) {
+        thread_.join();  // the ended lease's; it has nothing left to do
+    }
+    try {
+        thread_ = std::thread([this, curve, duration] { runLease(curve, duration); });
+    } catch (const std::exception&) {
+        const ConditionGuard guard(lock_);
+        running_ = false;
+        lock_.broadcast();
+        throw ScopeError(kNoThread);
+    }
+    awaitConfirmation();
+}
+
+void SessionControl::beginLocked(const std::string& mode, const std::string& name,
+                                 double duration) {
+    lease_ = Lease{Uuid::random().text(), mode, name, duration, std::nullopt, false, nullptr};
+    stopRequested_ = false;
+    running_ = true;
+}
+
+bool SessionControl::stopLocked() {
+    if (running_) {
+        stopRequested_ = true;
+        lock_.broadcast();
+    }
+    return lock_.waitLocked(environment_.timings.leaseEnd, environment_.timings.leasePoll,
+                            environment_.uptime, [this] { return !running_ && !returning_; });
+}
+
+void SessionControl::requireStoppedLocked() {
+    if (!stopLocked()) {
+        throw ScopeError(kOldLeaseRuns);
+    }
+}
+
+void SessionControl::awaitConfirmation() {
+    const ConditionGuard guard(lock_);
+    lock_.waitLocked(environment_.timings.confirmation, environment_.timings.leasePoll,
+                     environment_.uptime,
+                     [this] { return !running_ || lease_->applied || lease_->failure; });
+    if (lease_->failure) {
+        std::rethrow_exception(lease_->failure);
+    }
+    if (!lease_->applied) {
+        stopRequested_ = true;
+        lock_.broadcast();
+        throw ScopeError(kNotConfirmed);
+    }
+}
+
+bool SessionControl::finish() {
+    const ConditionGuard guard(lock_);
+    finished_ = true;
+    return stopLocked() && !unreturned_;
+}
+
+// ---- On the lease's thread --------------------------------------------------------------------
+
+void SessionControl::runLease(const FanCurve& curve, double duration) noexcept {
+    HeldFans fans(*smc_, *guardian_);
+    std::exception_ptr failure;
+    try {
+        holdCurve(fans, curve, duration);
+    } catch (...) {
+        failure = std::current_exception();
+    }
+    const std::exception_ptr unreturned = fans.returnHeld();
+    const ConditionGuard guard(lock_);
+    lease_->failure = failure;
+    unreturned_ = unreturned;
+    running_ = false;
+    lock_.broadcast();
+}
+
+void SessionControl::holdCurve(CoolingHardware& fans, const FanCurve& curve, double duration) {
+    CurveLease::run(
+        fans, curve, duration, [this] { return sampler_->sample(); }, environment_.now,
+        [this] { return mustStop(); }, [this] { waitForRound(); },
+        [this](const FanControlProgress& progress) {
+            const ConditionGuard guard(lock_);
+            lease_->progress = progress;
+        },
+        [this] {
+            const ConditionGuard guard(lock_);
+            lease_->applied = true;
+            lock_.broadcast();
+        });
+}
+
+bool SessionControl::mustStop() {
+    // Looked at here too, and not only by the watchdog: the fans must not depend on one thread.
+    if (environment_.shouldStop() || !environment_.ownerAlive(owner_.pid, owner_.uid)) {
+        return true;
+    }
+    const ConditionGuard guard(lock_);
+    return stopRequested_;
+}
+
+void SessionControl::waitForRound() {
+    const ConditionGuard guard(lock_);
+    lock_.waitLocked(environment_.timings.leaseRound, environment_.timings.leasePoll,
+                     environment_.uptime, [this] { return stopRequested_; });
+}
+
+}  // namespace ferovane

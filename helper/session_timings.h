@@ -1,0 +1,17 @@
+// Every time a control session waits for, in seconds. Data, so that tests take milliseconds.
+#pragma once
+
+namespace ferovane {
+
+struct SessionTimings {
+    double request = 86400.0;    // longest wait for the next request
+    double watchdogPoll = 0.2;   // between looks at the owner and the stop flag
+    double leasePoll = 0.1;      // between looks at a lease's stop request while it waits
+    double leaseRound = 2.0;     // from one round of a lease to the next
+    double leaseEnd = 12.0;      // for a lease to hand its fans back once asked to
+    double confirmation = 12.0;  // for a new lease's first targets to take effect
+    double profile = 1800.0;     // a profile's lease
+    double fanTest = 5.0;        // a fan test's lease
+};
+
+}  // namespace ferovane

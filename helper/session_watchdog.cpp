@@ -1,0 +1,42 @@
+#include "helper/session_watchdog.h"
+
+#include <utility>
+
+namespace ferovane {
+
+SessionWatchdog::SessionWatchdog(SessionOwner owner, const HelperEnvironment& environment,
+                                 std::function<void()> endFanControl)
+    : owner_(owner),
+      environment_(environment),
+      endFanControl_(std::move(endFanControl)),
+      thread_([this] { watch(); }) {}
+
+void SessionWatchdog::stop() {
+    {
+        const ConditionGuard guard(lock_);
+        stopped_ = true;
+        lock_.broadcast();
+    }
+    if (thread_.joinable()) {
+        thread_.join();
+    }
+}
+
+void SessionWatchdog::watch() noexcept {
+    environment_.useUtilityPriority();
+    while (!sleepUntilStopped()) {
+        if (environment_.shouldStop() || !environment_.ownerAlive(owner_.pid, owner_.uid)) {
+            endFanControl_();
+            environment_.endProcess(0);
+            return;
+        }
+    }
+}
+
+bool SessionWatchdog::sleepUntilStopped() {
+    const double poll = environment_.timings.watchdogPoll;
+    const ConditionGuard guard(lock_);
+    return lock_.waitLocked(poll, poll, environment_.uptime, [this] { return stopped_; });
+}
+
+}  // namespace ferovane

@@ -1,0 +1,134 @@
+#include "helper/commands.h"
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "tests/helper/helper_world.h"
+
+namespace ferovane::testing {
+namespace {
+
+const std::string kPrivileges = "硬件控制需要管理员授权；监测不需要管理员权限。\n";
+const std::string kUsage =
+    "允许的命令：probe、cooling、profile、auto、turbo-disable、turbo-enable\n";
+const std::string kArguments = "无效参数\n";
+const std::string kAuthentication = "原生授权会话身份验证失败\n";
+const std::string kCoolingArguments = "无效的散热会话参数或发起程序已经退出\n";
+const std::string kProfileArguments = "无效的模式会话参数\n";
+
+struct Refusal {
+    std::vector<std::string> words;
+    std::string asRoot;
+    std::string asUser;
+};
+
+TEST(CommandsTest, RefusesInOneFixedOrder) {
+    const std::vector<Refusal> refusals{
+        {{}, kUsage, kPrivileges},
+        {{"prob"}, kUsage, kPrivileges},
+        {{"Probe"}, kUsage, kPrivileges},
+        {{"probe", "x"}, kUsage, kPrivileges},
+        {{"fan-probe", "x"}, kUsage, kPrivileges},
+        {{"serve"}, kUsage, kPrivileges},
+        {{"serve", "4711"}, kUsage, kPrivileges},
+        {{"serve", "4711", "501", "x"}, kUsage, kPrivileges},
+        {{"serve", "4711", "502"}, kAuthentication, kAuthentication},
+        {{"auto", "x"}, kArguments, kPrivileges},
+        {{"turbo-disable", "x"}, kArguments, kPrivileges},
+        {{"turbo-enable", "", ""}, kArguments, kPrivileges},
+        {{"cooling"}, kCoolingArguments, kPrivileges},
+        {{"test-fan"}, kCoolingArguments, kPrivileges},
+        {{"profile"}, kProfileArguments, kPrivileges},
+    };
+    for (const Refusal& refusal : refusals) {
+        for (const std::uint32_t user : {0U, kOwnerUid}) {
+            HelperWorld world(simulator::intelMac(2));
+            world.environment.effectiveUser = user;
+            EXPECT_EQ(world.run(refusal.words), 1);
+            EXPECT_EQ(world.errors.text(), user == 0 ? refusal.asRoot : refusal.asUser)
+                << ::testing::PrintToString(refusal.words);
+            EXPECT_EQ(world.output.text(), "");
+            EXPECT_EQ(world.mac.writes(), "");
+        }
+    }
+}
+
+TEST(CommandsTest, MonitoringNeedsNoPrivileges) {
+    HelperWorld world(simulator::intelMacWithMaskOnly(2));
+    world.environment.effectiveUser = kOwnerUid;
+    EXPECT_EQ(world.run({"fan-probe"}), 0);
+    EXPECT_EQ(world.output.text(),
+              "{\"F0Ac\":2000,\"F0Mn\":2000,\"F0Mx\":6200,\"F0Tg\":2000,\"FNum\":2,\"FS! \":0}\n");
+    EXPECT_EQ(world.errors.text(), "");
+}
+
+TEST(CommandsTest, FanProbeOfNoControllerIsAnEmptyObject) {
+    HelperWorld bare(simulator::macWithoutController());
+    EXPECT_EQ(bare.run({"fan-probe"}), 0);
+    EXPECT_EQ(bare.output.text(), "{}\n");
+}
+
+TEST(CommandsTest, ProbePrintsTheSecondSample) {
+    HelperWorld world(simulator::intelMac(2));
+    world.environment.effectiveUser = kOwnerUid;
+    EXPECT_EQ(world.run({"probe"}), 0);
+    const std::string text = world.output.text();
+    EXPECT_EQ(world.pauses, 1);
+    EXPECT_NE(text.find("\n  \"cpuUsage\": "), std::string::npos) << text;
+    EXPECT_LT(text.find("\n  \"cpuUsage\""), text.find("\n  \"date\": \"20"));
+    EXPECT_EQ(text.substr(text.size() - 3), "\n}\n");
+}
+
+TEST(CommandsTest, AutoReturnsEveryFanOrSaysWhichNot) {
+    HelperWorld world(simulator::intelMac(2));
+    world.mac.otherTakesFan(0);
+    EXPECT_EQ(world.run({"auto"}), 0);
+    EXPECT_EQ(world.output.text(), "风扇已恢复系统自动。\n");
+    EXPECT_EQ(world.mac.writes(), "F0Md=0 F1Md=0");
+    EXPECT_TRUE(world.mac.allFansAutomatic());
+}
+
+TEST(CommandsTest, AutoSaysWhichFanItCouldNotReturn) {
+    HelperWorld stuck(simulator::intelMac(3));
+    stuck.mac.otherTakesFan(1);
+    stuck.mac.refuseWrites("F1Md", simulator::kNotWritable);
+    EXPECT_EQ(stuck.run({"auto"}), 1);
+    EXPECT_EQ(stuck.errors.text(),
+              "恢复自动风扇失败：SMC F1Md 写入失败（134）；此机型可能不支持控制\n");
+    EXPECT_EQ(stuck.output.text(), "");
+}
+
+TEST(CommandsTest, AutoOfNoFanIsAFailure) {
+    HelperWorld fanless(simulator::intelMac(0));
+    EXPECT_EQ(fanless.run({"auto"}), 1);
+    EXPECT_EQ(fanless.errors.text(), "没有可读取的风扇\n");
+}
+
+TEST(CommandsTest, TurboCommandsConfirmOrFail) {
+    HelperWorld world(simulator::intelMac(2));
+    EXPECT_EQ(world.run({"turbo-disable"}), 0);
+    EXPECT_EQ(world.run({"turbo-enable"}), 0);
+    EXPECT_EQ(world.output.text(), "已确认禁用睿频驱动加载。\n已确认禁用睿频驱动卸载。\n");
+    EXPECT_EQ(world.power.writes, (std::vector<std::string>{"turbo=1", "turbo=0"}));
+
+    world.power.failCall(1, PowerFault::refused);
+    EXPECT_EQ(world.run({"turbo-disable"}), 1);
+    EXPECT_EQ(world.errors.text(), "第1步失败\n");
+}
+
+TEST(CommandsTest, OutputThatCannotBeWrittenIsAFailure) {
+    HelperWorld world(simulator::intelMac(2));
+    const int full = ::open("/dev/full", O_WRONLY | O_CLOEXEC);
+    if (full < 0) {
+        return;  // this system has no such device
+    }
+    world.environment.outputDescriptor = full;
+    EXPECT_EQ(world.run({"auto"}), 1);
+    EXPECT_EQ(world.errors.text(), "无法写入标准输出\n");
+    ::close(full);
+}
+
+}  // namespace
+}  // namespace ferovane::testing

@@ -1,0 +1,218 @@
+#include <gtest/gtest.h>
+
+#include "tests/helper/helper_world.h"
+
+namespace ferovane::testing {
+namespace {
+
+const std::string kCoolingDone = "散热会话结束，已确认风扇恢复系统自动。\n";
+const std::string kProfileDone = "模式会话结束，风扇已恢复系统自动；保留睿频选择。\n";
+
+TEST(CoolingCommandTest, RunsAtFullSpeedForItsTimeAndHandsBack) {
+    for (const auto& [word, seconds] :
+         {std::pair<std::string, double>{"cooling", 300.0}, {"test-fan", 5.0}}) {
+        HelperWorld world(simulator::intelMac(2));
+        const double start = world.mac.now();
+        bool full = true;
+        world.onPause = [&] { full = full && world.mac.fanTarget(1) == 5800; };
+        EXPECT_EQ(world.cool(word), 0) << world.errors.text();
+        EXPECT_TRUE(full);
+        EXPECT_EQ(world.output.text(), kCoolingDone);
+        EXPECT_EQ(world.mac.writes(), "F0Md=1 F0Tg=6200 F1Md=1 F1Tg=5800 F0Md=0 F1Md=0");
+        EXPECT_TRUE(world.mac.allFansAutomatic());
+        EXPECT_NEAR(world.mac.now() - start, seconds, 2.0);
+        EXPECT_EQ(world.guardianRecord, "held returned ");
+    }
+}
+
+TEST(CoolingCommandTest, ReadsItsArgumentsStrictly) {
+    const std::string pid = std::to_string(kOwnerPid);
+    const std::string uid = std::to_string(kOwnerUid);
+    const std::vector<std::vector<std::string>> refused{
+        {pid, uid},
+        {pid, uid, kSession, "x"},
+        {"", uid, kSession},
+        {" " + pid, uid, kSession},
+        {pid + "x", uid, kSession},
+        {"0x1267", uid, kSession},
+        {"4294971967", uid, kSession},  // the process id plus two to the power 32
+        {"1", uid, kSession},
+        {"-4711", uid, kSession},
+        {pid, "0", kSession},
+        {pid, "-501", kSession},
+        {pid, "502", kSession},
+        {pid, uid, ""},
+        {pid, uid, "6f1c2f0e7a444d2b9a3d0e6c9bb0a1f2"},
+        {pid, uid, "../../../../../../../../etc/passwd00"},
+    };
+    for (std::vector<std::string> words : refused) {
+        HelperWorld world(simulator::intelMac(2));
+        words.insert(words.begin(), "cooling");
+        EXPECT_EQ(world.run(words), 1) << ::testing::PrintToString(words);
+        EXPECT_EQ(world.errors.text(), "无效的散热会话参数或发起程序已经退出\n");
+        EXPECT_EQ(world.mac.calls().total(), 0U);
+        EXPECT_EQ(world.guardianRecord, "");
+    }
+    HelperWorld world(simulator::intelMac(2));
+    EXPECT_EQ(world.run({"test-fan", "+" + pid, "+" + uid, kSession}), 0) << world.errors.text();
+}
+
+using Ending = std::function<void(HelperWorld&)>;
+
+TEST(CoolingCommandTest, EveryCauseOfStoppingEndsItWithinARound) {
+    const std::vector<std::pair<std::string, Ending>> endings{
+        {"stop file", [](HelperWorld& world) { world.files.insert(kStopFile); }},
+        {"owner gone", [](HelperWorld& world) { world.ownerAlive = false; }},
+        {"signal", [](HelperWorld& world) { world.stopFlag = true; }},
+    };
+    for (const auto& [name, end] : endings) {
+        HelperWorld world(simulator::intelMac(2));
+        world.onPause = [&, ending = end] {
+            if (world.pauses == 20) {
+                ending(world);
+            }
+        };
+        EXPECT_EQ(world.cool(), 0) << name;
+        EXPECT_EQ(world.pauses, 20) << name;
+        EXPECT_TRUE(world.mac.allFansAutomatic()) << name;
+        EXPECT_EQ(world.output.text(), kCoolingDone) << name;
+    }
+}
+
+TEST(CoolingCommandTest, AFanThatAnotherProgramTakesEndsIt) {
+    HelperWorld world(simulator::intelMac(2));
+    world.mac.at(world.mac.now() + 41).driftTarget(1, -2);
+    EXPECT_EQ(world.cool(), 1);
+    EXPECT_EQ(world.errors.text(), "检测到风扇状态改变或无法读取，散热会话已停止\n");
+    EXPECT_EQ(world.output.text(), "");
+    EXPECT_TRUE(world.mac.allFansAutomatic());
+}
+
+TEST(CoolingCommandTest, TellsOfAFanThatCouldNotBeHandedBack) {
+    HelperWorld world(simulator::intelMac(2));
+    world.onPause = [&] {
+        world.mac.refuseWrites("F1Md", simulator::kNotWritable);
+        world.mac.driftTarget(0, 100);
+    };
+    EXPECT_EQ(world.cool(), 1);
+    EXPECT_EQ(world.errors.text(),
+              "恢复自动风扇失败：SMC F1Md 写入失败（134）；此机型可能不支持控制\n"
+              "检测到风扇状态改变或无法读取，散热会话已停止\n");
+    EXPECT_EQ(world.guardianRecord, "held ") << "the guardian must know that a fan is still held";
+}
+
+TEST(CoolingCommandTest, OneTransientErrorOfTheHandBackIsMadeGood) {
+    HelperWorld world(simulator::intelMac(2));
+    world.onPause = [&] {
+        world.onPause = nullptr;
+        world.mac.driftTarget(0, 100);
+        world.mac.refuseWrites("F1Md", simulator::kNotWritable, simulator::kOnce);
+    };
+    EXPECT_EQ(world.cool(), 1);
+    EXPECT_EQ(world.errors.text(), "检测到风扇状态改变或无法读取，散热会话已停止\n");
+    EXPECT_TRUE(world.mac.allFansAutomatic());
+    EXPECT_EQ(world.guardianRecord, "held returned ");
+}
+
+// {"points":[{"temperature":30,"percent":20},{"temperature":90,"percent":100}],"sensor":"CPU"}
+const std::string kCurve =
+    "eyJwb2ludHMiOlt7InRlbXBlcmF0dXJlIjozMCwicGVyY2VudCI6MjB9LHsidGVtcGVyYXR1cmUiOjkwLCJwZXJjZW50"
+    "IjoxMDB9XSwic2Vuc29yIjoiQ1BVIn0=";
+
+TEST(ProfileCommandTest, FollowsTheCurveAndKeepsTheTurboChoice) {
+    HelperWorld world(simulator::intelMac(2));
+    world.onPause = [&] { world.stopFlag = world.pauses == 30; };
+    EXPECT_EQ(world.profile("quiet"), 0) << world.errors.text();
+    EXPECT_EQ(world.output.text(), kProfileDone);
+    EXPECT_EQ(world.power.writes, std::vector<std::string>{"turbo=1"});
+    EXPECT_TRUE(world.mac.allFansAutomatic());
+    EXPECT_EQ(world.mac.writes().substr(0, 7), "F0Md=1 ");
+}
+
+TEST(ProfileCommandTest, ModesAndTheirTurbo) {
+    struct Case {
+        std::string mode;
+        std::int64_t before;
+        std::vector<std::string> writes;
+    };
+    const std::vector<Case> cases{
+        {"quiet", 0, {"turbo=1"}},
+        {"quiet", 1, {}},
+        {"balanced", 1, {"turbo=0"}},
+        {"balanced", 0, {}},
+        {"performance", 1, {"turbo=0"}},
+        {"automatic", 1, {"turbo=0"}},
+        {"custom", 1, {}},
+        {"custom", 0, {}},
+    };
+    for (const Case& c : cases) {
+        HelperWorld world(simulator::intelMac(2));
+        world.power.turbo = c.before;
+        world.onPause = [&] { world.stopFlag = true; };
+        EXPECT_EQ(world.profile(c.mode, kCurve), 0) << c.mode << world.errors.text();
+        EXPECT_EQ(world.power.writes, c.writes) << c.mode << c.before;
+    }
+    for (const char* mode : {"eco", "Quiet", "静音", ""}) {
+        HelperWorld world(simulator::intelMac(2));
+        EXPECT_EQ(world.profile(mode), 1) << mode;
+        EXPECT_EQ(world.errors.text(), "无效的模式会话参数\n") << mode;
+        EXPECT_EQ(world.mac.calls().total(), 0U) << mode;
+    }
+}
+
+TEST(ProfileCommandTest, PutsTurboBackWhenTheFansCannotFollow) {
+    HelperWorld world(simulator::intelMac(2));
+    world.onPause = [&] { world.mac.driftTarget(0, 3); };
+    EXPECT_EQ(world.profile("quiet"), 1);
+    EXPECT_EQ(world.errors.text(), "风扇控制被改变或无法读取，已停止曲线\n");
+    EXPECT_EQ(world.power.writes, (std::vector<std::string>{"turbo=1", "turbo=0"}));
+}
+
+TEST(ProfileCommandTest, TellsOfTurboThatCouldNotBePutBack) {
+    HelperWorld both(simulator::intelMac(2));
+    both.onPause = [&] {
+        both.mac.driftTarget(0, 3);
+        both.power.failCall(1, PowerFault::refused);
+    };
+    EXPECT_EQ(both.profile("quiet"), 1);
+    EXPECT_EQ(both.errors.text(),
+              "风扇控制被改变或无法读取，已停止曲线；睿频回退失败：第1步失败\n");
+    EXPECT_TRUE(both.mac.allFansAutomatic());
+}
+
+TEST(ProfileCommandTest, RefusesBeforeTouchingAnything) {
+    const std::string tooLong(4100, 'A');
+    // A first point at 20 degrees.
+    const std::string tooCold =
+        "eyJwb2ludHMiOlt7InRlbXBlcmF0dXJlIjoyMCwicGVyY2VudCI6MjB9LHsidGVtcGVyYXR1cmUiOjkwLCJwZXJj"
+        "ZW50IjoxMDB9XSwic2Vuc29yIjoiQ1BVIn0=";
+    const std::vector<std::pair<std::string, std::string>> curves{
+        {"", "曲线数据无效\n"},
+        {"e30=", "曲线数据无效\n"},                               // {}
+        {kCurve + "\n", "曲线数据无效\n"},                        // not of the alphabet
+        {kCurve.substr(0, kCurve.size() - 1), "曲线数据无效\n"},  // padding missing
+        {tooLong, "曲线数据无效\n"},
+        {tooCold, "曲线温度范围为 30–100°C，转速范围为 0–100%\n"},
+    };
+    for (const auto& [curve, message] : curves) {
+        HelperWorld world(simulator::intelMac(2));
+        EXPECT_EQ(world.profile("custom", curve), 1);
+        EXPECT_EQ(world.errors.text(), message);
+        EXPECT_EQ(world.mac.calls().total(), 0U);
+    }
+}
+
+TEST(ProfileCommandTest, NeedsATemperatureBeforeItSwitchesTurbo) {
+    HelperWorld cold(simulator::intelMac(2));
+    for (const char* key : {"TC0C", "TC0P", "TC1C"}) {
+        cold.mac.removeKey(key);
+    }
+    EXPECT_EQ(cold.profile("quiet"), 1);
+    EXPECT_EQ(cold.errors.text(),
+              "风扇必须处于系统自动，且控制温度传感器可读取；请先退出其他调控软件。\n");
+    EXPECT_EQ(cold.mac.writes(), "");
+    EXPECT_TRUE(cold.power.writes.empty()) << "turbo is switched only when the fans can follow";
+}
+
+}  // namespace
+}  // namespace ferovane::testing

@@ -1,0 +1,233 @@
+#include <gtest/gtest.h>
+
+#include "tests/helper/session_world.h"
+
+namespace ferovane::testing {
+namespace {
+
+const std::string kConfirmed = "控制已确认生效";
+const std::string kSystemManaged = "风扇由系统管理";
+
+TEST(SessionTest, StartsOnlyForItsOwner) {
+    struct Case {
+        std::uint32_t effective, real;
+        std::string pid, uid;
+    };
+    const std::vector<Case> refused{
+        {501, 501, "4711", "501"}, {0, 0, "4711", "501"},
+        {0, 501, "4712", "501"},   {0, 501, "4711", "502"},
+        {0, 501, "4711", ""},      {0, 501, "4711 ", "501"},
+        {0, 501, "x", "501"},      {0, 501, "4711", "5011111111111"},
+    };
+    for (const Case& c : refused) {
+        HelperWorld world(simulator::intelMac(2));
+        world.environment.effectiveUser = c.effective;
+        world.environment.realUser = c.real;
+        EXPECT_EQ(world.run({"serve", c.pid, c.uid}), 1);
+        EXPECT_EQ(world.errors.text(), "原生授权会话身份验证失败\n");
+        EXPECT_EQ(world.mac.calls().total(), 0U);
+    }
+}
+
+TEST(SessionTest, TellsItsStateAndNothingOfALeaseThatDoesNotRun) {
+    SessionWorld session;
+    for (const char* word : {"hello", "status"}) {
+        const ControlReply reply = session.command(word);
+        EXPECT_EQ(reply, (ControlReply{.ok = true, .message = kSystemManaged, .turbo = 0}));
+    }
+    EXPECT_EQ(session.end(), "");
+    EXPECT_EQ(session.world.mac.writes(), "");
+}
+
+TEST(SessionTest, HoldsAProfileUntilItIsHandedBack) {
+    SessionWorld session;
+    const ControlReply quiet = session.profile("quiet");
+    ASSERT_TRUE(quiet.ok) << quiet.message;
+    EXPECT_EQ(quiet.message, kConfirmed);
+    EXPECT_EQ(quiet.profile, "quiet");
+    EXPECT_EQ(quiet.label, "静音");
+    EXPECT_EQ(quiet.turbo, 1);
+    ASSERT_TRUE(quiet.session && quiet.fanStatus);
+    EXPECT_EQ(quiet.fanStatus->targets.size(), 2U);
+    EXPECT_FALSE(quiet.fanStatus->protectionActive);
+    EXPECT_NEAR(quiet.fanStatus->remainingSeconds, 1800, 10);
+    EXPECT_TRUE(session.world.mac.fanManual(0) && session.world.mac.fanManual(1));
+
+    const ControlReply status = session.command("status");
+    EXPECT_EQ(status.session, quiet.session);
+    EXPECT_EQ(status.message, kConfirmed);
+
+    const ControlReply automatic = session.profile("automatic");
+    EXPECT_EQ(automatic, (ControlReply{.ok = true, .message = kConfirmed, .turbo = 1}))
+        << "automatic keeps the turbo choice";
+    EXPECT_TRUE(session.world.mac.allFansAutomatic());
+    EXPECT_EQ(session.world.power.writes, std::vector<std::string>{"turbo=1"});
+}
+
+TEST(SessionTest, ANewLeaseReplacesTheOldOneAfterItHasEnded) {
+    SessionWorld session;
+    session.world.environment.timings.fanTest = 5;
+    const ControlReply test = session.ask("{\"command\":\"test-fans\",\"label\":\"试转\"}");
+    ASSERT_TRUE(test.ok) << test.message;
+    EXPECT_EQ(test.label, "试转");
+    const ControlReply curve = session.ask(
+        "{\"command\":\"profile\",\"profile\":\"custom\",\"label\":\"x\",\"curve\":{\"points\":"
+        "[{\"temperature\":30,\"percent\":50},{\"temperature\":90,\"percent\":100}],"
+        "\"sensor\":\"CPU\"}}");
+    ASSERT_TRUE(curve.ok) << curve.message;
+    EXPECT_EQ(curve.label, "独立风扇策略");
+    EXPECT_NE(curve.session, test.session);
+    EXPECT_EQ(session.command("shutdown").message, kSystemManaged);
+    EXPECT_EQ(session.end(), "");
+    EXPECT_TRUE(session.world.mac.allFansAutomatic());
+    EXPECT_EQ(session.world.guardianRecord, "held returned held returned ");
+    EXPECT_TRUE(session.world.power.writes.empty()) << "neither touches turbo";
+}
+
+TEST(SessionTest, AFanTestEndsByItself) {
+    SessionWorld session;
+    ASSERT_TRUE(session.command("test-fans").ok);
+    for (int i = 0; i < 1000 && session.command("status").message == kConfirmed; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    EXPECT_EQ(session.command("status").message, kSystemManaged);
+    EXPECT_TRUE(session.world.mac.allFansAutomatic());
+}
+
+TEST(SessionTest, TakesTurboBackWhenTheLeaseCannotStart) {
+    SessionWorld session;
+    session.world.mac.otherTakesFan(1);
+    const ControlReply reply = session.profile("eco");
+    EXPECT_EQ(reply, (ControlReply{false, "请先恢复系统自动风扇并退出其他控制程序"}));
+    EXPECT_TRUE(session.world.mac.fanManual(1)) << "the other program's fan is left alone";
+    session.end();
+    EXPECT_EQ(session.world.power.writes, (std::vector<std::string>{"turbo=1", "turbo=0"}));
+    EXPECT_EQ(session.world.mac.writes(), "");
+}
+
+TEST(SessionTest, SaysSoWhileAFanCouldNotBeHandedBack) {
+    SessionWorld session;
+    ASSERT_TRUE(session.profile("balanced").ok);
+    session.world.mac.refuseWrites("F1Md", simulator::kNotWritable);
+    const std::string failure = "恢复自动风扇失败：SMC F1Md 写入失败（134）；此机型可能不支持控制";
+    EXPECT_EQ(session.command("auto"), (ControlReply{false, failure}));
+    EXPECT_EQ(session.command("status"), (ControlReply{false, failure}));
+    session.world.mac.clearFaults();
+    EXPECT_EQ(session.command("auto").message, kSystemManaged);
+    EXPECT_TRUE(session.world.mac.allFansAutomatic());
+    EXPECT_EQ(session.end(), "");
+}
+
+TEST(SessionTest, OnAppleSiliconOnlyFansAreControlled) {
+    SessionWorld session(simulator::appleSiliconMac(2), true);
+    const std::string refusal =
+        "Apple Silicon 当前仅支持独立风扇控制，不支持 Intel 睿频或电源设置控制";
+    for (const char* word : {"turbo-disable", "turbo-enable"}) {
+        EXPECT_EQ(session.command(word), (ControlReply{false, refusal}));
+    }
+    for (const char* word : {"automatic", "eco", "performance", "balanced", "quiet"}) {
+        EXPECT_EQ(session.profile(word), (ControlReply{false, refusal}));
+    }
+    ASSERT_TRUE(session.command("test-fans").ok);
+    EXPECT_EQ(session.command("auto").message, kSystemManaged);
+    EXPECT_TRUE(session.world.mac.allFansAutomatic());
+}
+
+TEST(SessionTest, AMalformedLineIsAnsweredAndTheSessionGoesOn) {
+    SessionWorld session;
+    for (const char* line : {"", "{", "[]", "\xff", "{\"command\":1}", "{}",
+                             "{\"command\":\"status\",\"command\":\"status\"}",
+                             "{\"command\":\"status\",\"duration\":1e999}"}) {
+        const ControlReply reply = session.ask(line);
+        EXPECT_FALSE(reply.ok) << line;
+        EXPECT_NE(reply.message, "") << line;
+    }
+    EXPECT_EQ(session.command("dance"), (ControlReply{false, "未知控制命令"}));
+    EXPECT_EQ(session.command("power-optimize"), (ControlReply{false, "缺少优化方案"}));
+    EXPECT_TRUE(session.command("status").ok);
+}
+
+TEST(SessionTest, TwoLinesInOneWriteGetTwoReplies) {
+    SessionWorld session;
+    session.tell("{\"command\":\"hello\"}\n{\"command\":\"status\"}\n{\"comm");
+    EXPECT_TRUE(session.reply().ok);
+    EXPECT_TRUE(session.reply().ok);
+    EXPECT_EQ(session.end(), "") << "half a line and the end of input end it quietly";
+}
+
+TEST(SessionTest, ALineThatIsTooLongEndsItWithTheFansHandedBack) {
+    SessionWorld session;
+    ASSERT_TRUE(session.profile("performance").ok);
+    session.tell(std::string(20000, 'x'));
+    EXPECT_THROW(session.reply(), std::runtime_error);
+    EXPECT_EQ(session.end(), "控制消息过长");
+    EXPECT_TRUE(session.world.mac.allFansAutomatic());
+}
+
+TEST(SessionTest, EveryCauseOfStoppingHandsTheFansBack) {
+    for (const std::string cause : {"input", "owner", "signal", "shutdown", "reader"}) {
+        SessionWorld session;
+        ASSERT_TRUE(session.profile("balanced").ok);
+        if (cause == "owner") {
+            session.world.ownerAlive = false;
+            EXPECT_TRUE(session.endsItself());
+        } else if (cause == "signal") {
+            session.world.stopFlag = true;
+            EXPECT_TRUE(session.endsItself());
+        } else if (cause == "shutdown") {
+            EXPECT_TRUE(session.command("shutdown").ok);
+        } else if (cause == "reader") {
+            session.replies.closeEnd(0);
+            session.tell("{\"command\":\"status\"}\n");
+            EXPECT_EQ(session.end(), "辅助进程写入失败");
+        }
+        session.end();
+        EXPECT_TRUE(session.world.mac.allFansAutomatic()) << cause;
+        EXPECT_EQ(session.world.guardianRecord, "held returned ") << cause;
+    }
+}
+
+TEST(SessionTest, AFullPipeDoesNotKeepTheWatchdogFromTheFans) {
+    SessionWorld session;
+    ASSERT_TRUE(session.profile("balanced").ok);
+    // A reader that never reads: requests go on until their replies fill the pipe.
+    std::string many;
+    for (int i = 0; i < 2000; ++i) {
+        many += "{\"command\":\"status\"}\n";
+    }
+    session.tell(many);
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    session.world.ownerAlive = false;
+    EXPECT_TRUE(session.endsItself());
+    EXPECT_TRUE(session.world.mac.allFansAutomatic());
+    session.replies.closeEnd(0);
+}
+
+TEST(SessionTest, PowerPlansAreAppliedAndUndone) {
+    SessionWorld session;
+    FakePowerAccess& power = session.world.power;
+    power.settings.profiles[PowerSource::battery] = {{PowerSetting::displaySleep, 10},
+                                                     {PowerSetting::systemSleep, 30}};
+    const std::string plan =
+        "{\"command\":\"power-optimize\",\"powerPlan\":{\"source\":\"battery\",\"scope\":"
+        "\"current\",\"lowPower\":false,\"displayMinutes\":5,\"disableTurbo\":true}}";
+    const ControlReply applied = session.ask(plan);
+    EXPECT_EQ(applied.message, "优化设置已确认生效");
+    ASSERT_TRUE(applied.power && applied.power->backup);
+    EXPECT_EQ(session.ask(plan).message, "所选设置已满足");
+
+    const std::string restore =
+        "{\"command\":\"power-restore\",\"powerBackup\":" + encodeJson(*applied.power->backup) +
+        "}";
+    const ControlReply restored = session.ask(restore);
+    EXPECT_EQ(restored.message, "原设置已恢复");
+    EXPECT_TRUE(restored.power && restored.power->changed);
+    EXPECT_EQ(session.ask(plan).message, "优化设置已确认生效");
+    power.settings.profiles[PowerSource::battery][PowerSetting::displaySleep] = 7;
+    EXPECT_EQ(session.ask(restore).message, "恢复已结束；外部更改保留");
+    session.end();
+    EXPECT_EQ(power.settings.value(PowerSetting::displaySleep, PowerSource::battery), 7);
+}
+
+}  // namespace
+}  // namespace ferovane::testing

@@ -1,0 +1,136 @@
+// A control session on a thread of its own, spoken to over real pipes, in milliseconds.
+#pragma once
+
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <thread>
+
+#include "core/control/control_channel.h"
+#include "core/control/control_reply.h"
+#include "core/model/scope_error.h"
+#include "helper/control_session.h"
+#include "tests/helper/helper_world.h"
+
+namespace ferovane::testing {
+
+inline constexpr double kReplySeconds = 20;
+
+struct Pipe {
+    Pipe() {
+        if (::pipe(ends) != 0) {
+            throw std::runtime_error("no pipe");
+        }
+    }
+    ~Pipe() {
+        closeEnd(0);
+        closeEnd(1);
+    }
+    void closeEnd(int end) {
+        if (ends[end] >= 0) {
+            ::close(ends[end]);
+            ends[end] = -1;
+        }
+    }
+    int ends[2] = {-1, -1};  // reading, writing
+};
+
+class SessionWorld {
+public:
+    explicit SessionWorld(simulator::SimulatedMac machine = simulator::intelMac(2),
+                          bool appleSilicon = false)
+        : world(std::move(machine), appleSilicon) {
+        world.mac.followHostClock();
+        HelperEnvironment& environment = world.environment;
+        environment.inputDescriptor = requests.ends[0];
+        environment.outputDescriptor = replies.ends[1];
+        environment.now = environment.uptime = [] {
+            const auto now = std::chrono::steady_clock::now().time_since_epoch();
+            return std::chrono::duration<double>(now).count();
+        };
+        environment.timings = {.request = 20,
+                               .watchdogPoll = 0.005,
+                               .leasePoll = 0.005,
+                               .leaseRound = 0.02,
+                               .leaseEnd = 10,
+                               .confirmation = 10,
+                               .profile = 1800,
+                               .fanTest = 0.1};
+        environment.endProcess = [this](int status) { endedWith = status; };
+        environment.makeSMC = [appleSilicon, now = environment.now] {
+            return std::make_unique<SMC>(
+                SMC::Surroundings{now, [](double) { std::this_thread::yield(); }, appleSilicon});
+        };
+        thread_ = std::thread([this] { serve(); });
+    }
+    ~SessionWorld() { end(); }
+
+    // The reply to one line as it stands.
+    ControlReply ask(const std::string& line) {
+        tell(line + "\n");
+        return reply();
+    }
+    ControlReply command(const std::string& word) { return ask("{\"command\":\"" + word + "\"}"); }
+    ControlReply profile(const std::string& word) {
+        return ask("{\"command\":\"profile\",\"profile\":\"" + word + "\"}");
+    }
+    void tell(const std::string& bytes) {
+        if (::write(requests.ends[1], bytes.data(), bytes.size()) !=
+            static_cast<ssize_t>(bytes.size())) {
+            throw std::runtime_error("the session does not listen");
+        }
+    }
+    ControlReply reply() {
+        const auto line = channel_.readLine(kReplySeconds);
+        if (!line) {
+            throw std::runtime_error("the session has ended");
+        }
+        return decodeJson<ControlReply>(*line);
+    }
+
+    // Closes the session's input and waits for it; what it failed with, or nothing.
+    std::string end() {
+        requests.closeEnd(1);
+        if (thread_.joinable()) {
+            thread_.join();
+        }
+        return failure;
+    }
+    // Waits until the session's process would have ended from the watchdog.
+    bool endsItself() {
+        for (int i = 0; i < 2000 && endedWith < 0; ++i) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+        return endedWith == 0;
+    }
+
+    HelperWorld world;
+    Pipe requests, replies;
+    std::string failure;
+    std::atomic<int> endedWith = -1;
+
+private:
+    void serve() {
+        try {
+            runControlSession(
+                {"FerovaneHelper", "serve", std::to_string(kOwnerPid), std::to_string(kOwnerUid)},
+                world.environment);
+        } catch (const ScopeError& error) {
+            failure = error.message();
+        }
+        replies.closeEnd(1);
+    }
+
+    ControlChannel channel_{
+        replies.ends[0], [] {
+            const auto now = std::chrono::steady_clock::now();
+            return std::chrono::duration<double>(now.time_since_epoch()).count();
+        }};
+    std::thread thread_;
+};
+
+}  // namespace ferovane::testing
