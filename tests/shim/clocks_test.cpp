@@ -28,7 +28,9 @@ TEST(TimeBaseTest, ScalesExactlyAndSaturates) {
         {442721857769029238u, 125, 3, 18446744073709551583u},  // the last that fits
         {442721857769029239u, 125, 3, kLargest},
         {kLargest, 125, 3, kLargest},
-        {kLargest - 1, kLargestRatio, kLargestRatio - 1, kLargest},
+        {18446744069414584318u, kLargestRatio, kLargestRatio - 1, kLargest},
+        // Here only adding the remainder's share goes beyond.
+        {18446744069414584319u, kLargestRatio, kLargestRatio - 1, kLargest},
         {7, 0, 5, 0},
         {7, 5, 0, 35},
     };

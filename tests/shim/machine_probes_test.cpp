@@ -2,15 +2,17 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <chrono>
 #include <cmath>
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
-#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "live_objects.h"
 #include "shim/fv.h"
 #include "tests/shim/attached_mac_test.h"
 
@@ -277,6 +279,15 @@ TEST(HostStatisticsTest, MemoryAddsUp) {
         (memory.internal_pages + memory.wired_pages + memory.compressed_pages) * memory.page_size,
         memory.total_bytes);
     EXPECT_EQ(fv_memory(nullptr), -1);
+}
+
+TEST(HostStatisticsTest, GivesTheHostPortBack) {
+    const std::int64_t before = simulator::hostPortReferences();
+    FVMemory memory{};
+    std::uint64_t ticks = 0;
+    EXPECT_EQ(fv_memory(&memory), 0);
+    EXPECT_EQ(fv_cpu_ticks(&ticks, &ticks, &ticks, &ticks), 0);
+    EXPECT_EQ(simulator::hostPortReferences(), before);
 }
 
 TEST(HostStatisticsTest, AHostWithoutAMachineIsHonest) {
