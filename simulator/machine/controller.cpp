@@ -1,5 +1,7 @@
 #include "simulator/machine/controller.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
@@ -177,6 +179,7 @@ const char* perform(Call& call, KeyRecord& key) {
         return " delayed";
     }
     refuse(call, Fans::write(call.world, key, call.in.data));
+    Fans::recordHolder(call.world.state(), static_cast<std::int32_t>(::getpid()));
     return "";
 }
 

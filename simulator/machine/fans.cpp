@@ -250,6 +250,17 @@ void wake(World& world) {
     }
 }
 
+void recordHolder(WorldState& state, std::int32_t process) {
+    for (std::uint32_t i = 0; i < state.fanCount; ++i) {
+        FanRecord& fan = state.fans[i];
+        if (fan.mode != kModeManual) {
+            fan.holder = 0;
+        } else if (fan.holder == 0) {
+            fan.holder = process;
+        }
+    }
+}
+
 bool manual(const WorldState& state, std::size_t fan) {
     return fan < state.fanCount && state.fans[fan].mode == kModeManual;
 }

@@ -22,6 +22,9 @@ void runEvents(World& world);
 // The machine wakes from sleep: manual modes and the unlock are gone.
 void wake(World& world);
 
+// After a write by a process (its id, or kHeldByOther): who holds the fans that are manual now.
+void recordHolder(WorldState& state, std::int32_t process);
+
 bool manual(const WorldState& state, std::size_t fan);
 bool allAutomatic(const WorldState& state);
 

@@ -246,7 +246,8 @@ std::string text(const FaultRecord& fault) {
         line += " property=" + std::string(propertyName(static_cast<Property>(fault.property)));
     }
     if (takes(form, 'n')) {
-        line += " " + std::string(form.numberName);
+        line += ' ';
+        line += form.numberName;
         add(line, "=%.10g", fault.number);
     }
     if (takes(form, 's')) {
@@ -281,7 +282,9 @@ std::vector<std::string> help() {
                     parameters += " fan=";
                     break;
                 case 'n':
-                    parameters += " " + std::string(form.numberName) + "=";
+                    parameters += ' ';
+                    parameters += form.numberName;
+                    parameters += '=';
                     break;
                 case 's':
                     parameters += " seconds=";

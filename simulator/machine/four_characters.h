@@ -30,4 +30,10 @@ constexpr bool isDigit(char character) {
     return character >= '0' && character <= '9';
 }
 
+// "F0Ac": a key of one of the ten fans that a name has room for.
+constexpr std::uint32_t fanKey(std::size_t fan, std::string_view suffix) {
+    const char name[] = {'F', static_cast<char>('0' + fan % 10), suffix[0], suffix[1]};
+    return packed({name, sizeof name});
+}
+
 }  // namespace simulator

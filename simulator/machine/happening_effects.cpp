@@ -10,12 +10,6 @@
 namespace simulator::HappeningEffects {
 namespace {
 
-std::uint32_t fanKey(std::size_t fan, const char* suffix) {
-    char name[8];
-    std::snprintf(name, sizeof name, "F%zu%s", fan, suffix);
-    return packed(name);
-}
-
 void writeMode(World& world, std::size_t fan, std::uint32_t mode) {
     WorldState& state = world.state();
     if (state.controller == ControllerKind::kForcedMask) {
@@ -104,6 +98,7 @@ bool writeAsOther(World& world, std::uint32_t code, double number) {
     } else {
         KeyTable::store(world, *key, bytes.data());
     }
+    Fans::recordHolder(world.state(), kHeldByOther);
     char line[48];
     std::snprintf(line, sizeof line, "write %s=%.10g -> 00", unpacked(code).c_str(), number);
     world.note(kOtherProgram, line);

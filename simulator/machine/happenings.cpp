@@ -1,11 +1,13 @@
 #include "simulator/machine/happenings.h"
 
 #include <cstring>
+#include <filesystem>
 #include <stdexcept>
 
 #include "simulator/machine/faults.h"
 #include "simulator/machine/four_characters.h"
 #include "simulator/machine/machine.h"
+#include "simulator/machine/machine_directory.h"
 
 namespace simulator {
 namespace {
@@ -28,7 +30,7 @@ void copyText(std::string_view text, char (&into)[kSize]) {
     if (text.size() >= kSize) {
         throw std::runtime_error("too long for a fault: " + std::string(text));
     }
-    std::memcpy(into, text.data(), text.size());
+    text.copy(into, text.size());
 }
 
 FaultRecord record(const Parts& parts, const Moment& moment) {
@@ -60,6 +62,10 @@ void befallProperty(Machine& machine, const Moment& moment, Property property, P
     fault.property = static_cast<std::uint32_t>(property);
     fault.form = static_cast<std::uint32_t>(form);
     machine.locked([&fault](World& world) { Faults::befall(world, fault); });
+    std::error_code none;
+    if (property == Property::kTurboApplications && std::filesystem::exists(machine.root(), none)) {
+        MachineDirectory::placeTurboExtension(machine.root(), static_cast<unsigned>(value));
+    }
 }
 
 }  // namespace

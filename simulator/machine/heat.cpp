@@ -40,6 +40,9 @@ constexpr double kFairAbove = 80;  // °C of the die, for the operating system's
 constexpr double kSeriousAbove = 96;
 constexpr double kCriticalAbove = 105;
 
+// Of what a machine draws at light load, the processor takes no more than this.
+constexpr double kProcessorShare = 0.6;
+
 constexpr double kBatteryWattHours = 60;
 constexpr double kSecondsPerHour = 3600;
 
@@ -89,9 +92,19 @@ double relaxed(double value, double goal, double dt, double seconds) {
     return value + (goal - value) * (1 - std::exp(-dt / seconds));
 }
 
+// The watts that the machine shows are true to its dump at rest and to its processor at full power;
+// in between, and below, they go with the fraction that makes the heat.
+double processorWatts(const HeatState& heat, double fraction) {
+    if (fraction <= heat.restFraction) {
+        return heat.restWatts * fraction / heat.restFraction;
+    }
+    const double above = (fraction - heat.restFraction) / std::max(1 - heat.restFraction, 0.01);
+    return heat.restWatts + above * (heat.fullWatts - heat.restWatts);
+}
+
 void updatePowers(World& world) {
     HeatState& heat = world.state().heat;
-    const double processor = processorFraction(world) * heat.fullWatts;
+    const double processor = processorWatts(heat, processorFraction(world));
     const double graphics = graphicsFraction(world) * heat.fullWatts;
     node(heat, HeatNode::kProcessorPower) = processor;
     node(heat, HeatNode::kGraphicsPower) = graphics;
@@ -182,7 +195,10 @@ void calibrate(World& world, const Figures& figures) {
         heat.idleFraction < 1 ? (fraction - heat.idleFraction) / (1 - heat.idleFraction) : 0;
     world.property(Property::kLoad) = {100 * std::clamp(load, 0.0, 1.0), PropertyForm::kNumber, 0};
     world.property(Property::kAmbient) = {heat.restAmbient, PropertyForm::kNumber, 0};
-    heat.baseWatts = std::max(figures.totalWattsAtRest - fraction * figures.fullWatts, 0.0);
+    heat.restFraction = fraction;
+    heat.restWatts =
+        std::min(fraction * figures.fullWatts, kProcessorShare * figures.totalWattsAtRest);
+    heat.baseWatts = figures.totalWattsAtRest - heat.restWatts;
     settle(world);
     copyToRest(heat);
 }

@@ -12,10 +12,12 @@
 namespace simulator::HeatKeys {
 namespace {
 
-// A key never follows its node more strongly than this, nor less: close sensors differ by tens of
-// percent, not by orders of magnitude.
+// No live sensor follows its node less than this.
 constexpr double kLeastGain = 0.1;
-constexpr double kMostGain = 1.5;
+// With its node at 100 °C, where processors protect themselves, no sensor shows more than 112 °C:
+// the highest that was seen on a real machine.
+constexpr double kHottestNode = 100;
+constexpr double kHottestSensor = 112;
 constexpr double kColdestLive = 12;   // °C: below it a temperature key is a constant or an offset
 constexpr double kHottestLive = 110;  // °C at rest
 constexpr double kGatedCluster = 40;  // Apple Silicon's substitute for a core that sleeps
@@ -45,7 +47,7 @@ bool isConstantTemperature(World& world, const KeyRecord& key) {
     }
     if (world.state().appleSilicon != 0) {
         return oneOf(second, "fz") || (second == 'a' && isDigit(third)) ||
-               isNamed(key.code, "TVMD TVMr TVMR TVM2 TTPD TVmD TVXs");
+               isNamed(key.code, "TVMD TVMr TVM2 TTPD TVmD TVXs");
     }
     if (oneOf(second, "CGJNH") && isDigit(third)) {
         return oneOf(fourth, "GJT") || (second == 'H' && oneOf(fourth, t2 ? "RO" : "FRO"));
@@ -157,7 +159,9 @@ void connectTemperature(World& world, KeyRecord& key) {
     const double gain = node == HeatNode::kAmbient ? 1
                         : rise < 1                 ? kLeastGain
                                                    : (*value - heat.restAmbient) / rise;
-    follow(key, node, *value, std::clamp(gain, kLeastGain, kMostGain));
+    const double room = (kHottestSensor - *value) /
+                        std::max(kHottestNode - heat.rest[static_cast<std::size_t>(node)], 1.0);
+    follow(key, node, *value, std::clamp(gain, kLeastGain, std::max(room, kLeastGain)));
 }
 
 struct PowerRule {

@@ -23,6 +23,8 @@ constexpr double kStepSeconds = 0.1;
 constexpr double kMostSteps = 200000;
 // The host's clock is caught up with in such pieces: nothing in the machine moves faster.
 constexpr double kHostPieceSeconds = 0.005;
+// Longer than the slowest part, the battery, takes to settle.
+constexpr double kSettledSeconds = 3600;
 // A machine has been running for a while when it is first seen.
 constexpr double kUptimeAtCreation = 1000;
 
@@ -79,6 +81,12 @@ void passHeat(World& world, double seconds) {
         Fans::step(world, dt);
         Heat::step(world, dt);
     }
+}
+
+void settleHeat(World& world) {
+    const PropertyValue charge = world.property(Property::kBatteryPercent);
+    passHeat(world, kSettledSeconds);
+    world.property(Property::kBatteryPercent) = charge;
 }
 
 void passTime(World& world, double seconds) {

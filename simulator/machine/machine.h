@@ -69,6 +69,8 @@ private:
 void passTime(World& world, double seconds);
 // Heat and fans alone, without the clock.
 void passHeat(World& world, double seconds);
+// The heat in which the present load ends; the battery stays as full as it is.
+void settleHeat(World& world);
 
 // The machine this process is attached to, or null: as attachedMachine(), with all of its doors.
 Machine* attachedMac();

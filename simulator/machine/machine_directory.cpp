@@ -22,9 +22,13 @@ namespace fs = std::filesystem;
 // Room for keys that are added to a machine later.
 constexpr std::size_t kSpareKeys = 64;
 
-constexpr std::array<const char*, 2> kTurboApplications = {"Turbo Boost Switcher Pro.app",
-                                                           "Turbo Boost Switcher.app"};
-constexpr const char* kTurboBundle = "Contents/Resources/DisableTurboBoost.64bits.kext";
+// In the order of the TurboInstallation bits.
+constexpr std::array<const char*, 3> kTurboPlaces = {
+    "Applications/Turbo Boost Switcher Pro.app",
+    "Applications/Turbo Boost Switcher.app",
+    "Library/Extensions/DisableTurboBoost.kext",
+};
+constexpr const char* kInsideApplication = "Contents/Resources/DisableTurboBoost.64bits.kext";
 constexpr const char* kTurboInfo = R"(<?xml version="1.0" encoding="UTF-8"?>
 <!DOCTYPE plist PUBLIC "-//Apple//DTD PLIST 1.0//EN" "http://www.apple.com/DTDs/PropertyList-1.0.dtd">
 <plist version="1.0">
@@ -148,6 +152,8 @@ std::unique_ptr<Machine> build(const fs::path& directory, const MachinePlan& pla
         furnish(world, plan, keys);
         startAt(world, startLoad);
         world.note(kOutsideWorld, "created " + std::string(plan.name));
+        placeTurboExtension((directory / "root").string(),
+                            static_cast<unsigned>(world.number(Property::kTurboApplications, 0)));
         state.state().clockMode = ClockMode::kHost;
         state.state().ready = 1;
     });
@@ -186,12 +192,14 @@ std::unique_ptr<Machine> open(const std::string& directory) {
                                      fs::absolute(path / "root").string());
 }
 
-void placeTurboApplications(const std::string& root, unsigned which) {
-    for (std::size_t i = 0; i < kTurboApplications.size(); ++i) {
-        const fs::path application = fs::path(root) / "Applications" / kTurboApplications[i];
-        fs::remove_all(application);
-        if ((which >> i & 1) != 0) {
-            const fs::path contents = application / kTurboBundle / "Contents";
+void placeTurboExtension(const std::string& root, unsigned where) {
+    for (std::size_t i = 0; i < kTurboPlaces.size(); ++i) {
+        const fs::path place = fs::path(root) / kTurboPlaces[i];
+        fs::remove_all(place);
+        if ((where >> i & 1) != 0) {
+            const bool application = place.extension() == ".app";
+            const fs::path contents =
+                (application ? place / kInsideApplication : place) / "Contents";
             fs::create_directories(contents);
             writeFile(contents / "Info.plist", kTurboInfo);
         }

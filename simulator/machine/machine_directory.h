@@ -22,8 +22,7 @@ std::unique_ptr<Machine> create(const std::string& directory, const MachinePlan&
 // Throws std::runtime_error when there is no machine, or one of another version.
 std::unique_ptr<Machine> open(const std::string& directory);
 
-// Puts the turbo-switching applications into the machine's root as the world has them: bit 0 the
-// Pro bundle, bit 1 the plain one.
-void placeTurboApplications(const std::string& root, unsigned which);
+// Puts the turbo-disabling extension where the bits (TurboInstallation) say, and nowhere else.
+void placeTurboExtension(const std::string& root, unsigned where);
 
 }  // namespace simulator::MachineDirectory

@@ -16,16 +16,10 @@ namespace simulator {
 namespace {
 
 constexpr std::uint32_t kRandomSeed = 0x2545F491;
-// Longer than the slowest part, the battery, takes to settle.
-constexpr double kSettledSeconds = 3600;
 
 std::optional<double> numberOf(World& world, std::string_view name) {
     const KeyRecord* key = KeyTable::find(world, packed(name));
     return key == nullptr || key->readResult != 0 ? std::nullopt : KeyTable::number(world, *key);
-}
-
-std::uint32_t fanKey(std::size_t fan, std::string_view suffix) {
-    return packed("F" + std::to_string(fan) + std::string(suffix));
 }
 
 void give(World& world, std::uint32_t code, KeyRole role, std::size_t fan = 0) {
@@ -111,7 +105,9 @@ void furnishWorld(World& world, const MachinePlan& plan) {
     setNumber(world, Property::kExtensionApproval, 0);
     setNumber(world, Property::kExtensionAnswers, 1);
     setNumber(world, Property::kAssertionsAnswer, 1);
-    setNumber(world, Property::kTurboApplications, 0);
+    // Installed on every Intel machine: in the library, and in the application that brought it.
+    setNumber(world, Property::kTurboApplications,
+              plan.cpuLimits ? kTurboInLibrary | kTurboApplication : 0);
     if (plan.cpuLimits) {
         setNumber(world, Property::kSpeedLimit, 100);
         setNumber(world, Property::kSchedulerLimit, 100);
@@ -167,7 +163,7 @@ void furnish(World& world, const MachinePlan& plan, const std::vector<KeyDefinit
 void startAt(World& world, double load) {
     if (load >= 0) {
         setNumber(world, Property::kLoad, load);
-        passHeat(world, kSettledSeconds);
+        settleHeat(world);
     }
 }
 

@@ -35,7 +35,7 @@ enum class Property : std::uint32_t {
     kExtensionApproval,  // ExtensionApproval as a number: what loading it meets
     kExtensionAnswers,   // 0: the extension manager gives no answer
     kAssertionsAnswer,   // 0: the power daemon is unreachable
-    kTurboApplications,  // bit 0 the Pro bundle, bit 1 the plain one (directory machines only)
+    kTurboApplications,  // TurboInstallation bits (directory machines only)
 
     kCount
 };
@@ -45,6 +45,13 @@ enum class ExtensionApproval : std::uint32_t {
     kNotApproved = 1,
     kRestartRequired = 2,
     kNotLoadable = 3,  // the kernel refuses it
+};
+
+// Where the turbo-disabling extension can be found, as bits.
+enum TurboInstallation : std::uint32_t {
+    kTurboProApplication = 1,
+    kTurboApplication = 2,
+    kTurboInLibrary = 4,  // where the extension tool finds it by its identifier
 };
 
 // The name of a property in the tool's "set", in the journal and in scripts: "load", "ac" …

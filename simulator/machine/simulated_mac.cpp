@@ -19,8 +19,6 @@
 namespace simulator {
 namespace {
 
-constexpr double kSettledSeconds = 3600;
-
 template <std::size_t kSize>
 void copyText(std::string_view text, char (&into)[kSize]) {
     if (text.size() >= kSize) {
@@ -282,7 +280,7 @@ double SimulatedMac::heatSinkTemperature() {
 }
 
 void SimulatedMac::settle() {
-    owned_->locked([](World& world) { passHeat(world, kSettledSeconds); });
+    owned_->locked([](World& world) { settleHeat(world); });
 }
 
 std::optional<double> SimulatedMac::value(Property property) {

@@ -51,10 +51,14 @@ void checkFanCount(int fans) {
     }
 }
 
+std::string fanPrefix(int fan) {
+    return {'F', static_cast<char>('0' + fan)};
+}
+
 // One fan's keys in the form of the machine; limits as attributes say whether they can be written.
 void addFan(KeyList& keys, int fan, std::string_view type, std::uint32_t size,
             std::uint8_t limitAttributes) {
-    const std::string prefix = "F" + std::to_string(fan);
+    const std::string prefix = fanPrefix(fan);
     const double minimum = kFirstMinimum - kMinimumStep * fan;
     keys.add(prefix + "Ac", type, size, minimum);
     keys.add(prefix + "Mn", type, size, minimum, limitAttributes);
@@ -96,7 +100,7 @@ SimulatedMac intelMac(int fans) {
     keys.add("#KEY", "ui32", 4, 0);
     for (int fan = 0; fan < fans; ++fan) {
         addFan(keys, fan, "flt ", 4, kReadOnly);
-        keys.add("F" + std::to_string(fan) + "Md", "ui8 ", 1, 0, kReadWrite);
+        keys.add(fanPrefix(fan) + "Md", "ui8 ", 1, 0, kReadWrite);
     }
     keys.add("FNum", "ui8 ", 1, fans);
     addIntelSensors(keys);
@@ -128,7 +132,7 @@ SimulatedMac appleSiliconMac(int fans, const AppleSiliconOptions& options) {
     keys.add("#KEY", "ui32", 4, 0);
     for (int fan = 0; fan < fans; ++fan) {
         addFan(keys, fan, "flt ", 4, kReadOnly);
-        keys.add("F" + std::to_string(fan) + (options.lowerCaseModeKey ? "md" : "Md"), "ui8 ", 1,
+        keys.add(fanPrefix(fan) + (options.lowerCaseModeKey ? "md" : "Md"), "ui8 ", 1,
                  locked ? 3 : 0, kReadWrite);
     }
     keys.add("FNum", "ui8 ", 1, fans);

@@ -89,6 +89,8 @@ struct KeyIndexEntry {
     std::uint32_t position;
 };
 
+inline constexpr std::int32_t kHeldByOther = -1;
+
 enum class ControllerKind : std::uint32_t { kNone, kForcedMask, kT2, kAppleSilicon };
 
 enum class ManualModeRule : std::uint32_t {
@@ -112,6 +114,8 @@ struct FanRecord {
     std::uint32_t modeChangeTo;
     std::uint32_t vanished;
     std::uint32_t resting;  // stopped by the system because the machine is cool
+    std::int32_t holder;    // process that took it: its id, kHeldByOther, or 0 for the system
+    std::uint32_t unused;
 };
 
 // Heat conductances in W/K and capacities in J/K are relative to the power at full load, so that
@@ -125,6 +129,8 @@ struct HeatState {
     double idleFraction;      // of full processor power, at no load
     double graphicsFraction;  // of full processor power, at full graphics load
     double fullWatts;         // processor power at full load
+    double restFraction;      // of full processor power, in the key dump
+    double restWatts;         // of the processor, in the key dump
     double baseWatts;         // everything else
     double dieResistance;     // K at full processor power
     double graphicsResistance;

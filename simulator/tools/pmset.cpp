@@ -1,0 +1,215 @@
+// The power tool of a simulated Mac.
+#include <algorithm>
+#include <cstdio>
+#include <ctime>
+
+#include "simulator/machine/machine.h"
+#include "simulator/machine/power_settings.h"
+#include "simulator/tools/machine_tool.h"
+#include "simulator/tools/pmset_print.h"
+
+namespace simulator::tools {
+namespace {
+
+constexpr int kRefused = 1;
+constexpr long kHighestPowerMode = 2;
+
+int usage() {
+    std::puts("Usage: pmset <options>\nSee pmset(1) for details: 'man pmset'");
+    return kRefused;
+}
+
+// What can be set somewhere; a name that this machine does not list is taken and forgotten.
+bool isSettingName(const std::string& name) {
+    static const std::vector<std::string> known = {"sleep",
+                                                   "displaysleep",
+                                                   "disksleep",
+                                                   "womp",
+                                                   "ring",
+                                                   "powernap",
+                                                   "proximitywake",
+                                                   "autorestart",
+                                                   "lidwake",
+                                                   "acwake",
+                                                   "lessbright",
+                                                   "halfdim",
+                                                   "sms",
+                                                   "hibernatemode",
+                                                   "ttyskeepawake",
+                                                   "networkoversleep",
+                                                   "standby",
+                                                   "standbydelay",
+                                                   "standbydelayhigh",
+                                                   "standbydelaylow",
+                                                   "autopoweroff",
+                                                   "autopoweroffdelay",
+                                                   "tcpkeepalive",
+                                                   "gpuswitch",
+                                                   "lowpowermode",
+                                                   "powermode",
+                                                   "highstandbythreshold"};
+    return std::find(known.begin(), known.end(), name) != known.end();
+}
+
+bool isWholeNumber(const std::string& text) {
+    return !text.empty() && text.size() <= 9 &&
+           std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
+}
+
+using Sources = std::vector<std::string_view>;
+
+Sources sourcesFor(SimulatedMac& mac, const std::string& option) {
+    Sources wanted;
+    if (option == "-c" || option == "-a") {
+        wanted.push_back(PowerSettings::kMains);
+    }
+    if (option == "-b" || option == "-a") {
+        wanted.push_back(PowerSettings::kBattery);
+    }
+    if (option == "-u" || option == "-a") {
+        wanted.push_back(PowerSettings::kUps);
+    }
+    // Settings of a source that the machine does not have are kept nowhere.
+    mac.machine().locked([&wanted](World& world) {
+        wanted.erase(std::remove_if(wanted.begin(), wanted.end(),
+                                    [&world](std::string_view source) {
+                                        return !PowerSettings::hasSource(world, source);
+                                    }),
+                     wanted.end());
+    });
+    return wanted;
+}
+
+// The name under which a machine keeps the low-power mode: machines with a High Power mode have
+// "powermode" and take the old name for it.
+std::string keptName(SimulatedMac& mac, std::string_view source, const std::string& name) {
+    const bool alias = name == "lowpowermode" && !mac.powerSetting(source, name) &&
+                       mac.powerSetting(source, "powermode");
+    return alias ? "powermode" : name;
+}
+
+// 0, or the exit status of a refusal that was printed.
+int checkValue(SimulatedMac& mac, std::string_view source, const std::string& name,
+               const std::string& value) {
+    if (!isSettingName(name) || !isWholeNumber(value)) {
+        return usage();
+    }
+    const std::string kept = keptName(mac, source, name);
+    if (kept == "powermode" && std::stol(value) > kHighestPowerMode) {
+        std::printf("Unsupported mode %s\n", value.c_str());
+        return kRefused;
+    }
+    const bool mode = kept == "powermode" || kept == "lowpowermode";
+    if (mode && !mac.powerSetting(source, kept)) {
+        std::printf("<%s> not supported on <%s>\n",
+                    kept == "powermode" ? "PowerMode" : "LowPowerMode",
+                    std::string(source).c_str());
+        return usage();
+    }
+    return 0;
+}
+
+long valueOf(SimulatedMac& mac, std::string_view source, const std::string& name) {
+    return std::strtol(mac.powerSetting(source, name).value_or("0").c_str(), nullptr, 10);
+}
+
+void warnOf(SimulatedMac& mac, std::string_view source) {
+    const long sleep = valueOf(mac, source, "sleep");
+    const bool display = sleep != 0 && (valueOf(mac, source, "displaysleep") > sleep ||
+                                        valueOf(mac, source, "displaysleep") == 0);
+    const bool disk = sleep != 0 && mac.powerSetting(source, "disksleep") &&
+                      valueOf(mac, source, "disksleep") == 0;
+    if (!display && !disk) {
+        return;
+    }
+    std::fprintf(stderr, "Warning: Idle sleep timings for \"%s\" may not behave as expected.\n",
+                 std::string(source).c_str());
+    if (display) {
+        std::fputs("- Display sleep should have a lower timeout than system sleep.\n", stderr);
+    }
+    if (disk) {
+        std::fputs("- Disk sleep should be non-zero whenever system sleep is non-zero.\n", stderr);
+    }
+}
+
+// The low-power flag of the system is the setting of the source in use.
+void updateLowPowerFlag(SimulatedMac& mac) {
+    const bool onMains = mac.value(Property::kAcPower).value_or(1) != 0;
+    const auto source = onMains ? PowerSettings::kMains : PowerSettings::kBattery;
+    const std::string name = keptName(mac, source, "lowpowermode");
+    if (mac.value(Property::kLowPowerFlag) && mac.powerSetting(source, name)) {
+        const double flag = valueOf(mac, source, name) == 1 ? 1 : 0;
+        if (mac.value(Property::kLowPowerFlag) != flag) {
+            mac.set(Property::kLowPowerFlag, flag);
+        }
+    }
+}
+
+int change(MachineTool& tool) {
+    const Words& words = tool.arguments();
+    const bool hasSource =
+        words[0] == "-a" || words[0] == "-b" || words[0] == "-c" || words[0] == "-u";
+    const std::size_t first = hasSource ? 1 : 0;
+    if (words.size() == first || (words.size() - first) % 2 != 0) {
+        return usage();
+    }
+    if (!tool.privileged()) {
+        std::puts("'pmset' must be run as root...");
+        return kRefused;
+    }
+    SimulatedMac& mac = tool.mac();
+    const Sources sources = sourcesFor(mac, hasSource ? words[0] : "-a");
+    for (std::size_t i = first; i < words.size(); i += 2) {
+        for (const std::string_view source : sources) {
+            if (const int status = checkValue(mac, source, words[i], words[i + 1])) {
+                return status;
+            }
+        }
+    }
+    const bool keep = tool.withoutEffect();
+    for (const std::string_view source : sources) {
+        for (std::size_t i = first; i < words.size() && !keep; i += 2) {
+            const std::string name = keptName(mac, source, words[i]);
+            if (mac.powerSetting(source, name)) {
+                mac.setPowerSetting(source, name, words[i + 1]);
+            }
+        }
+        warnOf(mac, source);
+    }
+    updateLowPowerFlag(mac);
+    return 0;
+}
+
+int get(MachineTool& tool) {
+    const Words& words = tool.arguments();
+    const std::string what = words.size() > 1 ? words[1] : "live";
+    if (what == "custom") {
+        printCustom(tool.mac());
+    } else if (what == "live") {
+        printLive(tool.mac());
+    } else if (what == "assertions") {
+        printAssertions(tool.mac());
+    } else if (what == "therm") {
+        printThermal(tool.mac());
+    } else {
+        return usage();
+    }
+    return 0;
+}
+
+int act(MachineTool& tool) {
+    const Words& words = tool.arguments();
+    if (words.empty()) {
+        return usage();
+    }
+    return words[0] == "-g" ? get(tool) : change(tool);
+}
+
+}  // namespace
+
+int pmset(const Words& words) {
+    MachineTool tool("pmset", words);
+    return tool.finish(act(tool));
+}
+
+}  // namespace simulator::tools
