@@ -252,6 +252,12 @@ TEST_F(ForeignAnswersTest, TakesTheFirstInternalBatteryThatIsThere) {
     EXPECT_EQ(fv_battery().percent, 75.0);
     EXPECT_EQ(fv_battery().charging, 1);
 
+    // Not every source says whether it is there.
+    platform.powerSources =
+        array(dictionary(text("Type"), text("InternalBattery"), text("Current Capacity"), number(1),
+                         text("Max Capacity"), number(8)));
+    EXPECT_EQ(fv_battery().percent, 12.5);
+
     platform.hasList = false;
     EXPECT_TRUE(std::isnan(fv_battery().percent));
 }
