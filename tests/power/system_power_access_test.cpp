@@ -2,9 +2,13 @@
 #include "helper/system_power_access.h"
 
 #include <gtest/gtest.h>
+#include <stdlib.h>
 
+#include <filesystem>
 #include <optional>
+#include <string>
 
+#include "core/power/power_transaction.h"
 #include "core/power/sleep_blocker.h"
 #include "simulator/machine/simulated_mac.h"
 #include "tests/support/failure_text.h"
@@ -50,6 +54,60 @@ TEST_F(SystemPowerAccessTest, AsksThePowerDaemonForBlockers) {
                   {71, "caffeinate", "film", "PreventUserIdleSystemSleep", Date{700000000}}}));
     mac.set(Property::kAssertionsAnswer, 0);
     EXPECT_EQ(testing::failureOf([this] { access.hasSleepBlockers(); }), "休眠阻止状态不可读取");
+}
+
+// A machine whose tools are there to be run.
+struct MachineWithToolsTest : ::testing::Test {
+    std::filesystem::path directory = freshDirectory();
+    simulator::SimulatedMac mac =
+        simulator::createMachineDirectory((directory / "mac").string(), "MacBookPro16,1");
+    simulator::Attachment attached = mac.attach();
+    SystemPowerAccess access;
+
+    static std::filesystem::path freshDirectory() {
+        std::string name = ::testing::TempDir() + "power-access-XXXXXX";
+        return mkdtemp(name.data());
+    }
+    ~MachineWithToolsTest() override { std::filesystem::remove_all(directory); }
+};
+
+TEST_F(MachineWithToolsTest, APlanIsAppliedAndUndoneByTheSystemsTools) {
+    mac.set(Property::kPrivileged, 1);
+    mac.set(Property::kAcPower, 0);
+    mac.set(Property::kExtensionLoaded, 0);
+    const auto before = access.configuration();
+    const PowerOptimizationPlan plan{
+        PowerSource::battery, PowerScope::current, false, 5, 15, true, before};
+
+    const auto outcome = PowerTransaction::apply(plan, access);
+    EXPECT_EQ(mac.powerSetting("Battery Power", "displaysleep"), "5");
+    EXPECT_EQ(mac.powerSetting("Battery Power", "sleep"), "15");
+    EXPECT_EQ(mac.value(Property::kExtensionLoaded), 1);
+    ASSERT_TRUE(outcome.backup);
+
+    EXPECT_TRUE(PowerTransaction::restore(*outcome.backup, access).changed);
+    EXPECT_EQ(access.configuration(), before);
+    EXPECT_EQ(mac.value(Property::kExtensionLoaded), 0);
+}
+
+TEST_F(MachineWithToolsTest, WhatTheToolsRefuseIsPassedOn) {
+    mac.set(Property::kPrivileged, 0);
+    const auto failure = testing::failureOf(
+        [this] { access.set(PowerSetting::displaySleep, PowerSource::battery, 5); });
+    EXPECT_EQ(failure.rfind("系统电源设置未完成：'", 0), 0U) << failure;
+
+    mac.set(Property::kPrivileged, 1);
+    const auto before = access.configuration();
+    mac.toolIgnoresChange("pmset", simulator::kOnce);
+    EXPECT_EQ(testing::failureOf(
+                  [this] { access.set(PowerSetting::displaySleep, PowerSource::battery, 5); }),
+              "系统电源设置读回不一致");
+    EXPECT_EQ(access.configuration(), before);
+
+    mac.set(Property::kExtensionApproval, 1);
+    const auto notApproved = testing::failureOf([this] { access.setTurbo(true); });
+    EXPECT_NE(notApproved.find("驱动。\nError Domain=KMErrorDomain Code=27"), std::string::npos)
+        << notApproved;
 }
 
 }  // namespace
