@@ -257,9 +257,10 @@ std::string JsonDecoder::path() const {
         const bool keyed = frame.object || (hasShape(frame.place.type, JsonShape::alternating) &&
                                             frame.count % 2 == 0);
         if (!keyed) {
-            path += '[' + std::to_string(frame.count == 0 ? 0 : frame.count - 1) + ']';
+            path.append("[").append(std::to_string(std::max<std::size_t>(frame.count, 1) - 1));
+            path += ']';
         } else if (const std::string_view name = currentName(level); !name.empty()) {
-            path += (path.empty() ? "" : ".") + printable(name);
+            path.append(path.empty() ? "" : ".").append(printable(name));
         }
     }
     if (path.size() > kMaxPathBytes) {

@@ -47,7 +47,7 @@ TEST(DateTest, AgreesWithCountingDayByDay) {
     int year = 1890, month = 1, day = 1;
     double seconds = -2524521600;
     for (int count = 0; count < 160000; ++count, seconds += 86400) {
-        char expected[40];
+        char expected[64];
         std::snprintf(expected, sizeof expected, "%04d-%02d-%02dT00:00:00Z", year, month, day);
         ASSERT_EQ(iso8601(Date::fromUnixSeconds(seconds)), expected);
         ASSERT_EQ(parseIso8601(expected).unixSeconds(), seconds);
