@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cmath>
+#include <functional>
+#include <vector>
 
 #include "core/analysis/diagnostic_rules.h"
 #include "core/analysis/observation_gap.h"
@@ -51,6 +53,16 @@ bool needsAttention(const DiagnosticFinding& finding) {
     return finding.severity != DiagnosticSeverity::information;
 }
 
+// A stable sort of a handful, without the memory that the library's would ask for.
+void putMostSevereFirst(std::vector<DiagnosticFinding>& findings) {
+    for (auto next = findings.begin(); next != findings.end(); ++next) {
+        const auto place =
+            std::ranges::upper_bound(findings.begin(), next, next->severity, std::ranges::greater{},
+                                     &DiagnosticFinding::severity);
+        std::rotate(place, next, next + 1);
+    }
+}
+
 DiagnosticState stateOf(const DiagnosticReport& report, const DiagnosticEvidence& evidence,
                         double observed) {
     if (report.attentionCount > 0) {
@@ -78,7 +90,7 @@ DiagnosticReport DiagnosticEngine::evaluate(const DiagnosticInput& input) {
     DiagnosticReport report;
     report.date = input.snapshot.date;
     report.findings = DiagnosticRules::findings(evidence, {observed_, hotSeconds_});
-    std::ranges::stable_sort(report.findings, std::ranges::greater{}, &DiagnosticFinding::severity);
+    putMostSevereFirst(report.findings);
     report.attentionCount =
         static_cast<int>(std::ranges::count_if(report.findings, needsAttention));
     report.state = stateOf(report, evidence, observed_);
