@@ -2,9 +2,9 @@
 // meets and builds nothing.
 #include "core/model/json_codec.h"
 
-#include <cstring>
-#include <limits>
+#include <cstdint>
 #include <nlohmann/json.hpp>
+#include <utility>
 
 #include "core/model/json_decoder.h"
 #include "core/model/utf8.h"

@@ -51,29 +51,16 @@ JsonDecoder::JsonDecoder(const JsonType& type, void* value, JsonDates dates)
     : root_{&type, value}, dates_(dates) {}
 
 void JsonDecoder::scalar(const JsonScalar& scalar) {
-    if (depth_ > 0 && hasShape(top().place.type, JsonShape::alternating) &&
-        top().pending == nullptr) {
-        const auto* text = std::get_if<std::string_view>(&scalar);
-        ++top().count;
-        if (text == nullptr) {
-            failSaying("应为文本");
-        }
-        addKey(top(), *text);
-        dropNames(top().firstName);
-        keepName(*text);
+    if (expectsKey()) {
+        return pairKey(std::get_if<std::string_view>(&scalar));
+    }
+    const Place met = nextPlace();
+    const bool absent =
+        hasShape(met.type, JsonShape::optional) && std::holds_alternative<std::nullptr_t>(scalar);
+    if (met.type == nullptr || absent) {
         return;
     }
-    Place place = nextPlace();
-    if (hasShape(place.type, JsonShape::optional)) {
-        if (std::holds_alternative<std::nullptr_t>(scalar)) {
-            return;
-        }
-        JsonProblem never = JsonProblem::none;
-        place = {place.type->item, place.type->add(place.value, {}, never)};
-    }
-    if (place.type == nullptr) {
-        return;
-    }
+    const Place place = engaged(met);
     const JsonProblem problem = place.type->shape == JsonShape::scalar
                                     ? place.type->read(place.value, scalar, dates_)
                                     : JsonProblem::wrongType;
@@ -143,16 +130,10 @@ JsonDecoder::Place JsonDecoder::nextPlace() {
 }
 
 void JsonDecoder::open(bool object) {
-    if (depth_ > 0 && hasShape(top().place.type, JsonShape::alternating) &&
-        top().pending == nullptr) {
-        ++top().count;
-        failSaying("应为文本");
+    if (expectsKey()) {
+        pairKey(nullptr);
     }
-    Place place = nextPlace();
-    if (hasShape(place.type, JsonShape::optional)) {
-        JsonProblem never = JsonProblem::none;
-        place = {place.type->item, place.type->add(place.value, {}, never)};
-    }
+    const Place place = engaged(nextPlace());
     if (place.type != nullptr) {
         const JsonShape shape = place.type->shape;
         const bool fits = object ? shape == JsonShape::record || shape == JsonShape::dictionary
@@ -165,6 +146,33 @@ void JsonDecoder::open(bool object) {
         failSaying("嵌套超过 " + std::to_string(kMaxJsonDepth) + " 层");
     }
     frames_[depth_++] = {.place = place, .object = object, .firstName = names_.size()};
+}
+
+// Whether an array that alternates keys and values comes to a key.
+bool JsonDecoder::expectsKey() const {
+    return depth_ > 0 && hasShape(frames_[depth_ - 1].place.type, JsonShape::alternating) &&
+           frames_[depth_ - 1].pending == nullptr;
+}
+
+// Meets such a key; null when what stands there is no text.
+void JsonDecoder::pairKey(const std::string_view* key) {
+    Frame& frame = top();
+    ++frame.count;
+    if (key == nullptr) {
+        failSaying("应为文本");
+    }
+    addKey(frame, *key);
+    dropNames(frame.firstName);
+    keepName(*key);
+}
+
+// The place inside an optional, which now holds something; any other place as it is.
+JsonDecoder::Place JsonDecoder::engaged(const Place& place) {
+    if (!hasShape(place.type, JsonShape::optional)) {
+        return place;
+    }
+    JsonProblem never = JsonProblem::none;
+    return {place.type->item, place.type->add(place.value, {}, never)};
 }
 
 // Makes the place of a map's next value.

@@ -56,6 +56,9 @@ private:
 
     Place nextPlace();
     void open(bool object);
+    bool expectsKey() const;
+    void pairKey(const std::string_view* key);
+    static Place engaged(const Place& place);
     Frame& top() { return frames_[depth_ - 1]; }
     void addKey(Frame& frame, std::string_view key);
     void meetMember(Frame& frame, std::string_view name);

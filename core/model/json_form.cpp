@@ -2,6 +2,8 @@
 
 #include <cmath>
 
+#include "core/model/scope_error.h"
+
 namespace ferovane {
 namespace {
 

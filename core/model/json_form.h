@@ -12,22 +12,23 @@
 #pragma once
 
 #include <array>
-#include <cmath>
 #include <concepts>
-#include <limits>
+#include <cstddef>
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <tuple>
 #include <type_traits>
 #include <utility>
+#include <variant>
 #include <vector>
 
 #include "core/model/date.h"
 #include "core/model/json_type.h"
 #include "core/model/raw_enum.h"
-#include "core/model/scope_error.h"
 #include "core/model/uuid.h"
 
 namespace ferovane {
