@@ -1,0 +1,162 @@
+// A monitor in one page: what a program that links FerovaneCore has to do to show a machine's heat.
+//
+//     monitor-example SECONDS FILE.csv
+//
+// Samples once a second and prints each second as a line of JSON: temperatures, fans, the common
+// sensors, the diagnosis. At the end, or when told to stop, it saves all samples as a table. Needs
+// no privileges.
+#include <cstdio>
+#include <exception>
+#include <fstream>
+#include <optional>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "core/analysis/diagnostic_engine.h"
+#include "core/analysis/process_activity.h"
+#include "core/analysis/process_list.h"
+#include "core/analysis/sensor_catalog.h"
+#include "core/analysis/system_telemetry.h"
+#include "core/hardware/hardware_sampler.h"
+#include "core/hardware/system_capabilities.h"
+#include "core/model/export.h"
+#include "core/model/json_codec.h"
+#include "core/model/number_text.h"
+#include "core/model/scope_error.h"
+#include "core/power/sleep_blocker.h"
+#include "examples/finding_text.h"
+#include "shim/fv.h"
+
+namespace {
+
+using namespace ferovane;
+
+constexpr int kLongestSeconds = 86400;  // all samples of a run are kept in memory
+
+struct Row {
+    std::string id, title, explanation, unit;
+    std::optional<double> value;
+
+    static constexpr auto jsonFields() {
+        return std::tuple{jsonField("id", &Row::id), jsonField("title", &Row::title),
+                          jsonField("explanation", &Row::explanation),
+                          jsonField("unit", &Row::unit), jsonField("value", &Row::value)};
+    }
+};
+
+struct Line {
+    Date date;
+    std::optional<double> cpuTemperature, gpuTemperature;  // what fan curves follow
+    std::vector<FanReading> fans;
+    std::vector<Row> common;
+    std::string diagnosis;
+    std::vector<std::string> findings;
+
+    static constexpr auto jsonFields() {
+        return std::tuple{jsonField("date", &Line::date),
+                          jsonField("cpuTemperature", &Line::cpuTemperature),
+                          jsonField("gpuTemperature", &Line::gpuTemperature),
+                          jsonField("fans", &Line::fans),
+                          jsonField("common", &Line::common),
+                          jsonField("diagnosis", &Line::diagnosis),
+                          jsonField("findings", &Line::findings)};
+    }
+};
+
+std::vector<Row> commonSensors(const Snapshot& snapshot) {
+    std::vector<HardwareSensorReading> readings;
+    for (const SensorReading& sensor : snapshot.sensors) {
+        readings.push_back(
+            {sensor.key, sensor.label, HardwareSensorKind::temperature, sensor.celsius});
+    }
+    if (snapshot.additionalSensors) {
+        readings.insert(readings.end(), snapshot.additionalSensors->begin(),
+                        snapshot.additionalSensors->end());
+    }
+    std::vector<Row> rows;
+    for (const auto& common : SensorCatalog::common(readings, currentNamingPlatform())) {
+        rows.push_back({common.id, common.title, common.explanation, std::string(unit(common.kind)),
+                        common.value});
+    }
+    return rows;
+}
+
+std::optional<int> sleepBlockers() {
+    try {
+        return static_cast<int>(SleepBlocker::read().size());
+    } catch (const ScopeError&) {
+        return std::nullopt;  // the diagnosis says that something is missing
+    }
+}
+
+// Keeps what a diagnosis needs from one sample to the next.
+class Diagnosis {
+public:
+    DiagnosticReport of(const Snapshot& snapshot) {
+        if (const auto processes = processes_.read()) {
+            activity_.add(snapshot.date, *processes);
+        }
+        return engine_.evaluate({snapshot, activity_.sources(), activity_.date(),
+                                 activity_.windowSeconds(), sleepBlockers(),
+                                 SystemTelemetry::read().batteryPercent,
+                                 SystemCapabilities::lowPowerMode()});
+    }
+
+private:
+    ProcessList processes_;
+    ProcessActivity activity_;
+    DiagnosticEngine engine_;
+};
+
+void print(const Snapshot& snapshot, const DiagnosticReport& report) {
+    Line line{snapshot.date,
+              snapshot.cpuTemperature(),
+              snapshot.temperature(SensorCategory::gpu),
+              snapshot.fans,
+              commonSensors(snapshot),
+              textOf(report.state),
+              {}};
+    for (const DiagnosticFinding& finding : report.findings) {
+        line.findings.push_back(textOf(finding));
+    }
+    std::puts(encodeJson(line, {.dates = JsonDates::iso8601}).c_str());
+    std::fflush(stdout);
+}
+
+std::vector<Snapshot> watch(int seconds) {
+    HardwareSampler sampler;
+    Diagnosis diagnosis;
+    std::vector<Snapshot> samples;
+    const double start = fv_continuous_seconds();
+    while (!fv_should_stop() && samples.size() < static_cast<std::size_t>(seconds)) {
+        samples.push_back(sampler.sample());
+        print(samples.back(), diagnosis.of(samples.back()));
+        fv_pause(start + static_cast<double>(samples.size()) - fv_continuous_seconds());
+    }
+    return samples;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const auto seconds = argc == 3 ? parseInt32(argv[1]) : std::nullopt;
+    if (!seconds || *seconds < 1 || *seconds > kLongestSeconds) {
+        std::fputs("Usage: monitor-example SECONDS FILE.csv\n", stderr);
+        return 2;
+    }
+    fv_install_stop_handlers();
+    try {
+        const std::vector<Snapshot> samples = watch(*seconds);
+        std::ofstream file(argv[2], std::ios::binary);
+        file << Export::csv(samples) << std::flush;
+        if (!file) {
+            std::fprintf(stderr, "monitor-example: cannot write %s\n", argv[2]);
+            return 1;
+        }
+        return 0;
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "monitor-example: %s\n", describe(error).c_str());
+        return 1;
+    }
+}
