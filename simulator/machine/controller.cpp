@@ -1,15 +1,11 @@
 #include "simulator/machine/controller.h"
 
-#include <unistd.h>
-
 #include <algorithm>
-#include <cstdio>
 #include <cstring>
 
-#include "simulator/machine/fans.h"
 #include "simulator/machine/faults.h"
-#include "simulator/machine/four_characters.h"
 #include "simulator/machine/key_table.h"
+#include "simulator/machine/writes.h"
 
 namespace simulator::Controller {
 namespace {
@@ -119,25 +115,8 @@ void answerRead(Call& call) {
 }
 
 void noteWrite(Call& call, const KeyRecord* key, const char* remark) {
-    char value[72];
-    const auto number = key != nullptr ? KeyTable::decode(*key, call.in.data) : std::nullopt;
-    if (number) {
-        std::snprintf(value, sizeof value, "%.10g", *number);
-    } else {
-        char* end = value + std::snprintf(value, sizeof value, "0x");
-        for (std::size_t i = 0; i < std::min<std::size_t>(call.in.dataSize, kReturnedBytes); ++i) {
-            end += std::snprintf(end, 3, "%02X", call.in.data[i]);
-        }
-    }
-    char line[128];
-    if (call.code != 0) {
-        std::snprintf(line, sizeof line, "write %s=%s -> %08X%s", unpacked(call.in.key).c_str(),
-                      value, static_cast<unsigned>(call.code), remark);
-    } else {
-        std::snprintf(line, sizeof line, "write %s=%s -> %02X%s", unpacked(call.in.key).c_str(),
-                      value, call.out.result, remark);
-    }
-    call.world.noteProcess(line);
+    Writes::note(call.world, call.in.key, key, call.in.data, call.in.dataSize,
+                 {call.code, call.out.result, remark});
 }
 
 bool postponed(Call& call, const KeyRecord& key) {
@@ -178,8 +157,7 @@ const char* perform(Call& call, KeyRecord& key) {
     if (postponed(call, key)) {
         return " delayed";
     }
-    refuse(call, Fans::write(call.world, key, call.in.data));
-    Fans::recordHolder(call.world.state(), static_cast<std::int32_t>(::getpid()));
+    refuse(call, Writes::apply(call.world, key, call.in.data));
     return "";
 }
 

@@ -31,6 +31,7 @@ constexpr double kMotorSeconds = 0.5;
 constexpr double kStartRpmPerSecond = 1500;
 constexpr double kSlowdownPerRpm = 0.13;
 constexpr double kBrakeRpmPerSecond = 7000;
+constexpr double kSettledRpm = 0.01;
 // Apple Silicon fans stay 200 to 300 rpm below a high target, Intel ones within 0.2 percent.
 constexpr double kSlipAboveMinimum = 0.045;
 constexpr double kIntelSlip = 0.0014;
@@ -128,8 +129,9 @@ double automaticTarget(const WorldState& state, FanRecord& fan) {
 
 void controlAutomatically(const WorldState& state, FanRecord& fan) {
     const double target = automaticTarget(state, fan);
-    if (std::abs(target - fan.target) >= kDeadBandRpm || target == 0 || fan.target < fan.minimum ||
-        fan.target > fan.maximum) {
+    const bool atLimit = target <= fan.minimum || target >= fan.maximum;
+    const bool outside = fan.target < fan.minimum || fan.target > fan.maximum;
+    if (std::abs(target - fan.target) >= kDeadBandRpm || atLimit || outside) {
         fan.target = target;
     }
 }
@@ -145,7 +147,10 @@ void turn(const WorldState& state, FanRecord& fan, double dt) {
     const double goal = steadyRpm(state, fan);
     const double wanted = (goal - fan.rpm) * (1 - std::exp(-dt / kMotorSeconds));
     const double faster = std::max(kStartRpmPerSecond - kSlowdownPerRpm * fan.rpm, 100.0) * dt;
-    fan.rpm = std::max(fan.rpm + std::clamp(wanted, -kBrakeRpmPerSecond * dt, faster), 0.0);
+    fan.rpm += std::clamp(wanted, -kBrakeRpmPerSecond * dt, faster);
+    if (std::abs(goal - fan.rpm) < kSettledRpm) {
+        fan.rpm = goal;
+    }
 }
 
 void runRival(World& world, std::size_t index) {

@@ -180,12 +180,12 @@ void FileStore::unlock() {
 #else
 
 // No robust process-shared mutex: the kernel drops a file lock when its process dies. Whether one
-// died is not told, so the open journal line is the sign.
+// died is not told, so what it left open is the sign.
 bool FileStore::lock() {
     mutex_.lock();
     while (::flock(descriptor_, LOCK_EX) != 0 && errno == EINTR) {
     }
-    return state().openLineSize != 0 || state().keysBusy != 0;
+    return state().openLineSize != 0 || state().openWrite.active != 0 || state().keysBusy != 0;
 }
 
 void FileStore::unlock() {

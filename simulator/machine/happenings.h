@@ -37,9 +37,10 @@ struct Moment {
 
 struct Assertion {
     int pid = 0;
-    std::string process;
-    std::string type;  // such as "PreventUserIdleSystemSleep"; "": an entry that is no dictionary
-    std::string reason;
+    std::string process = {};
+    std::string type =
+        {};  // such as "PreventUserIdleSystemSleep"; "": an entry that is no dictionary
+    std::string reason = {};
     std::int64_t level = 255;
     double since = 0;  // seconds since 2001-01-01 00:00:00 UTC
 };

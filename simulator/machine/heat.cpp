@@ -40,6 +40,8 @@ constexpr double kFairAbove = 80;  // °C of the die, for the operating system's
 constexpr double kSeriousAbove = 96;
 constexpr double kCriticalAbove = 105;
 
+// A graphics processor that draws more than this much of the processor's power has its own cooler.
+constexpr double kMostGraphicsFraction = 0.7;
 // Of what a machine draws at light load, the processor takes no more than this.
 constexpr double kProcessorShare = 0.6;
 
@@ -79,7 +81,8 @@ double processorFraction(World& world) {
 }
 
 double graphicsFraction(World& world) {
-    return world.state().heat.graphicsFraction * share(world, Property::kGraphicsLoad);
+    const HeatState& heat = world.state().heat;
+    return heat.graphicsFraction * share(world, Property::kGraphicsLoad) * heat.throttle;
 }
 
 double sinkAtRest(const WorldState& state, double ambient, double fraction) {
@@ -105,7 +108,8 @@ double processorWatts(const HeatState& heat, double fraction) {
 void updatePowers(World& world) {
     HeatState& heat = world.state().heat;
     const double processor = processorWatts(heat, processorFraction(world));
-    const double graphics = graphicsFraction(world) * heat.fullWatts;
+    const double graphics =
+        heat.graphicsWatts * share(world, Property::kGraphicsLoad) * heat.throttle;
     node(heat, HeatNode::kProcessorPower) = processor;
     node(heat, HeatNode::kGraphicsPower) = graphics;
     node(heat, HeatNode::kTotalPower) = heat.baseWatts + processor + graphics;
@@ -176,11 +180,13 @@ void copyToRest(HeatState& heat) {
 void calibrate(World& world, const Figures& figures) {
     WorldState& state = world.state();
     HeatState& heat = state.heat;
-    const bool fans = figures.hasFans && state.fanCount > 0;
+    const bool fans = state.fanCount > 0;
     heat.throttle = 1;
     heat.restAmbient = std::min(figures.ambient, figures.dieAtRest - 5);
     heat.dieResistance = kDieRiseAtFull;
-    heat.graphicsFraction = figures.graphicsWatts / figures.fullWatts;
+    heat.graphicsWatts = figures.graphicsWatts;
+    heat.graphicsFraction =
+        std::min(figures.graphicsWatts / figures.fullWatts, kMostGraphicsFraction);
     heat.graphicsResistance = kDieRiseAtFull / std::max(heat.graphicsFraction, 0.1);
     heat.stillAirShare = fans ? kStillAirShare : 1;
     heat.sinkConductance = 1 / (fans ? kSinkRiseAtFull : kSinkRiseWithoutFans);

@@ -17,7 +17,6 @@ struct Figures {
     double fullWatts = 45;    // of the processor
     double graphicsWatts = 25;
     double totalWattsAtRest = 10;
-    bool hasFans = true;
 };
 
 // Makes the present state the state of rest: fans as they are, temperatures in equilibrium, the

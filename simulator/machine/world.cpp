@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "simulator/machine/key_table.h"
+#include "simulator/machine/writes.h"
 
 namespace simulator {
 namespace {
@@ -87,6 +88,7 @@ void World::repair() {
     repairFans(now);
     repairHeat(now);
     repairCounts(now);
+    Writes::repair(*this);
 }
 
 }  // namespace simulator

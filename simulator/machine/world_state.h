@@ -129,6 +129,7 @@ struct HeatState {
     double idleFraction;      // of full processor power, at no load
     double graphicsFraction;  // of full processor power, at full graphics load
     double fullWatts;         // processor power at full load
+    double graphicsWatts;     // at full graphics load
     double restFraction;      // of full processor power, in the key dump
     double restWatts;         // of the processor, in the key dump
     double baseWatts;         // everything else
@@ -195,6 +196,16 @@ struct PowerSettingRecord {
     char value[48];
 };
 
+// A write that is being applied and not yet in the journal.
+struct OpenWrite {
+    std::uint32_t active;
+    std::int32_t process;
+    std::uint32_t key;
+    std::uint32_t unused;
+    std::uint64_t line;  // the number its journal line will have
+    std::uint8_t bytes[kReturnedBytes];
+};
+
 enum class ClockMode : std::uint32_t { kVirtual, kHost };
 
 struct WorldState {
@@ -254,6 +265,8 @@ struct WorldState {
     PendingWrite pending[kMaxPendingWrites];
     AssertionRecord assertions[kMaxAssertions];
     PowerSettingRecord powerSettings[kMaxPowerSettings];
+
+    OpenWrite openWrite;
 
     // The journal line that is being written: whoever finds it set after a process died completes
     // it.

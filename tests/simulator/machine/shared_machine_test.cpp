@@ -1,0 +1,163 @@
+// One machine, several processes, some of which are killed.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <thread>
+
+#include "simulator/machine/simulated_mac.h"
+#include "tests/simulator/machine/connection.h"
+#include "tests/simulator/machine/scratch_directory.h"
+
+namespace {
+
+using namespace simulator;
+
+// Runs an action in a process that is attached to the machine.
+template <typename Action>
+pid_t forkAttached(const std::string& directory, const Action& action) {
+    const pid_t child = ::fork();
+    if (child == 0) {
+        SimulatedMac mac = openMachineDirectory(directory);
+        mac.set(Property::kPrivileged, 1);
+        const auto attached = mac.attach();
+        const Connection smc;
+        action(smc);
+        ::_exit(0);
+    }
+    return child;
+}
+
+void writeForEver(const Connection& smc) {
+    for (int round = 0;; ++round) {
+        smc.write("F0Md", 1);
+        smc.write("F0Tg", 3000 + round % 1000);
+        smc.write("F0Md", 0);
+    }
+}
+
+// Lines are numbered without a gap, each is whole, and the last write is what the machine shows.
+void expectWholeJournal(SimulatedMac& mac) {
+    unsigned long long number = 0;
+    for (const std::string& line : mac.journal()) {
+        ASSERT_EQ(std::strtoull(line.c_str(), nullptr, 10), ++number) << line;
+        if (line.find(" write ") != std::string::npos) {
+            ASSERT_EQ(line.substr(line.size() - 6), " -> 00") << line;
+        }
+    }
+}
+
+TEST(SharedMachineTest, TwoProcessesWriteAtOnceAndNoLineIsLost) {
+    const ScratchDirectory scratch;
+    const std::string directory = scratch.path("mac");
+    SimulatedMac mac = createMachineDirectory(directory, "MacBookPro16,1");
+    constexpr int kWrites = 500;
+    const auto writes = [](const Connection& smc) {
+        for (int i = 0; i < kWrites; ++i) {
+            smc.write("F0Tg", 3000 + i);
+        }
+    };
+    const pid_t children[] = {forkAttached(directory, writes), forkAttached(directory, writes)};
+    for (const pid_t child : children) {
+        int status = 0;
+        ASSERT_EQ(::waitpid(child, &status, 0), child);
+        EXPECT_EQ(status, 0);
+    }
+    expectWholeJournal(mac);
+    EXPECT_EQ(mac.calls().writes, 2U * kWrites);
+    for (const pid_t child : children) {
+        const std::string who = " " + std::to_string(child) + " write ";
+        int lines = 0;
+        for (const std::string& line : mac.journal()) {
+            lines += line.find(who) != std::string::npos ? 1 : 0;
+        }
+        EXPECT_EQ(lines, kWrites);
+    }
+}
+
+TEST(SharedMachineTest, KilledWritersNeitherLockNorDamageIt) {
+    const ScratchDirectory scratch;
+    const std::string directory = scratch.path("mac");
+    SimulatedMac mac = createMachineDirectory(directory, "MacBookPro16,1");
+    std::srand(1);
+    for (int round = 0; round < 40; ++round) {
+        const pid_t child = forkAttached(directory, writeForEver);
+        const auto before = mac.calls().writes;
+        while (mac.calls().writes == before) {
+            std::this_thread::yield();
+        }
+        std::this_thread::sleep_for(std::chrono::microseconds(std::rand() % 2000));
+        ::kill(child, SIGKILL);
+        int status = 0;
+        ASSERT_EQ(::waitpid(child, &status, 0), child);
+        mac.otherWrites("F1Tg", 2000 + round);  // hangs if the lock was lost
+        EXPECT_EQ(mac.fanTarget(1), 2000 + round);
+    }
+    expectWholeJournal(mac);
+    EXPECT_EQ(mac.keyCount(), 855U);
+    EXPECT_EQ(openMachineDirectory(directory).number("F1Mx"), 4905);
+}
+
+TEST(SharedMachineTest, TheJournalTellsTheStateThatAKilledWriterLeft) {
+    const ScratchDirectory scratch;
+    const std::string directory = scratch.path("mac");
+    SimulatedMac mac = createMachineDirectory(directory, "MacBookPro16,1");
+    for (int round = 0; round < 40; ++round) {
+        const pid_t child = forkAttached(directory, writeForEver);
+        while (mac.calls().writes % 7 != 3) {
+            std::this_thread::yield();
+        }
+        ::kill(child, SIGKILL);
+        ASSERT_EQ(::waitpid(child, nullptr, 0), child);
+        const std::string writes = mac.writes();
+        const std::size_t last = writes.rfind("F0Md=");
+        ASSERT_NE(last, std::string::npos);
+        EXPECT_EQ(mac.fanManual(0), writes[last + 5] == '1');
+    }
+}
+
+TEST(SharedMachineTest, ThreadsOfOneProcessShareItToo) {
+    SimulatedMac mac = intelMac(2);
+    mac.set(Property::kPrivileged, 1);
+    const auto attached = mac.attach();
+    constexpr int kReads = 2000;
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back([] {
+            const Connection smc;
+            for (int read = 0; read < kReads; ++read) {
+                EXPECT_EQ(smc.read("F1Mx"), 5800);
+            }
+        });
+    }
+    std::thread clock([&mac] {
+        for (int i = 0; i < 100; ++i) {
+            mac.advance(1);
+            mac.set(Property::kLoad, i);
+        }
+    });
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    clock.join();
+    EXPECT_EQ(mac.calls().reads, 4U * kReads);
+    EXPECT_EQ(mac.ports(), PortCounts{});
+}
+
+TEST(SharedMachineTest, FollowsTheHostsClock) {
+    const ScratchDirectory scratch;
+    SimulatedMac mac = createMachineDirectory(scratch.path("mac"), "iMac18,3");
+    mac.set(Property::kSpeed, 1000);
+    mac.set(Property::kLoad, 100);
+    const double die = mac.dieTemperature();
+    const double before = mac.now();
+    std::this_thread::sleep_for(std::chrono::milliseconds(60));
+    EXPECT_GE(mac.now() - before, 0.055);
+    EXPECT_GT(mac.dieTemperature(), die + 5);
+    EXPECT_THROW(mac.advance(1), std::logic_error);
+}
+
+}  // namespace
