@@ -1,7 +1,12 @@
+#include <csignal>
+
 #include "helper/commands.h"
 #include "helper/standard_streams.h"
 
 int main(int argc, char** argv) {
     ferovane::occupyStandardDescriptors();
+    // Whoever starts us may ignore the end of children, and that is inherited: no tool's exit status
+    // could be had then.
+    std::signal(SIGCHLD, SIG_DFL);
     return ferovane::runHelper({argv, argv + argc}, ferovane::productionEnvironment());
 }

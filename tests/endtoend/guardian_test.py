@@ -1,0 +1,115 @@
+import os
+import random
+import signal
+import subprocess
+import time
+import unittest
+import uuid
+
+from simulated import Mac, Owner, eventually, needs_root
+from session_process_test import CURVE, session_on
+
+KILLS = int(os.environ.get("FEROVANE_KILLS", "60"))
+AUTOMATIC_SECONDS = 2.0
+MACHINES = {"MacBookPro11,4": 30, "MacBookPro16,1": 30, "iMac18,3": 30, "MacPro7,1": 30,
+            "M1Pro": 60, "M4Max": 70}
+
+
+def guardians_of(helper_pid):
+    """Children of a process that have a session of their own."""
+    listed = subprocess.run(["ps", "-eo", "pid=,ppid=,sid="], capture_output=True, text=True,
+                            check=True).stdout
+    rows = [tuple(map(int, line.split())) for line in listed.splitlines()]
+    return [pid for pid, parent, session in rows if parent == helper_pid and session == pid]
+
+
+@needs_root
+class GuardianTest(unittest.TestCase):
+    def start_lease(self, mac, owner, kind):
+        if kind == "session":
+            session = session_on(mac, owner)
+            session.send_line(b'{"command":"test-fans"}\n')
+            session.send_line(b'{"command":"profile","profile":"performance"}\n')
+            return session.process
+        words = [kind, *owner.words, str(uuid.uuid4())]
+        return mac.start(*words, *(["balanced", "-"] if kind == "profile" else []))
+
+    def close(self, process):
+        for stream in (process.stdin, process.stdout, process.stderr):
+            if stream:
+                stream.close()
+
+    def test_a_helper_killed_at_any_moment_leaves_the_fans_automatic(self):
+        dice = random.Random(4096)
+        for kill in range(KILLS):
+            model = dice.choice(sorted(MACHINES))
+            kind = dice.choice(["cooling", "profile", "session"])
+            with self.subTest(kill=kill, model=model, kind=kind), Mac(model) as mac, \
+                    Owner() as owner:
+                mac.set(f"load={MACHINES[model]}", "speed=20")
+                helper = self.start_lease(mac, owner, kind)
+                time.sleep(dice.uniform(0, 1.2))
+                helper.kill()
+                if dice.random() < 0.3:
+                    owner.kill()
+                helper.wait()
+                began = time.monotonic()
+                self.assertTrue(eventually(mac.automatic, 20), mac.journal()[-20:])
+                self.assertLess(time.monotonic() - began, AUTOMATIC_SECONDS)
+                self.close(helper)
+
+    def test_a_crash_is_made_good_and_a_stop_is_no_crash(self):
+        for name in ("SIGSEGV", "SIGABRT", "SIGQUIT"):
+            with self.subTest(name), Mac("MacBookPro16,1") as mac, Owner() as owner:
+                helper = self.start_lease(mac, owner, "cooling")
+                self.assertTrue(eventually(mac.held))
+                helper.send_signal(signal.SIGSTOP)
+                time.sleep(0.5)
+                self.assertTrue(mac.held(), "a stopped helper still holds its fans")
+                helper.send_signal(getattr(signal, name))
+                helper.send_signal(signal.SIGCONT)
+                helper.wait()
+                self.assertTrue(eventually(mac.automatic, AUTOMATIC_SECONDS))
+                self.close(helper)
+
+    def test_each_helper_has_one_guardian_that_ends_with_it(self):
+        with Mac("MacBookPro16,1") as mac, Owner() as owner:
+            session = session_on(mac, owner)
+            session.request("profile", profile="custom", curve=CURVE)
+            (guardian,) = guardians_of(session.process.pid)
+            links = [os.readlink(f"/proc/{guardian}/fd/{fd}")
+                     for fd in os.listdir(f"/proc/{guardian}/fd")]
+            self.assertEqual(len(links), 1, links)
+            self.assertTrue(links[0].startswith("pipe:"), links)
+            session.close()
+            self.assertFalse(os.path.exists(f"/proc/{guardian}"))
+            self.assertTrue(mac.automatic())
+
+    def test_a_guardian_that_is_killed_is_replaced_at_the_next_lease(self):
+        with Mac("MacBookPro16,1") as mac, Owner() as owner:
+            session = session_on(mac, owner)
+            session.request("profile", profile="custom", curve=CURVE)
+            (first,) = guardians_of(session.process.pid)
+            os.kill(first, signal.SIGKILL)
+            self.assertEqual(session.request("status")["message"], "控制已确认生效")
+            session.request("profile", profile="custom", curve=CURVE)
+            self.assertTrue(eventually(
+                lambda: [g for g in guardians_of(session.process.pid) if g != first]))
+            session.process.kill()
+            session.process.wait()
+            self.assertTrue(eventually(mac.automatic, AUTOMATIC_SECONDS), mac.journal()[-20:])
+            self.close(session.process)
+
+    def test_a_hand_back_that_fails_at_first_is_tried_again(self):
+        with Mac("MacBookPro16,1") as mac, Owner() as owner:
+            helper = self.start_lease(mac, owner, "cooling")
+            self.assertTrue(eventually(mac.held))
+            mac.fault("refuse-write", "key=F1Md", "code=0x80", "times=2")
+            helper.kill()
+            helper.wait()
+            self.assertTrue(eventually(mac.automatic, 2 * AUTOMATIC_SECONDS))
+            self.close(helper)
+
+
+if __name__ == "__main__":
+    unittest.main()

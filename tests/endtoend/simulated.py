@@ -1,0 +1,120 @@
+"""A simulated Mac in a directory, an owner process, and the helper as a process."""
+
+import json
+import os
+import pathlib
+import signal
+import subprocess
+import sys
+import tempfile
+import time
+import unittest
+
+BIN = pathlib.Path(os.environ["FEROVANE_BIN"])
+HELPER = BIN / "FerovaneHelper"
+TOOL = BIN / "simulated-mac"
+OWNER_UID = 24680  # anybody but root
+WAIT_SECONDS = 30
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2] / "client"))
+
+needs_root = unittest.skipUnless(os.geteuid() == 0, "changing fans needs root")
+
+
+def eventually(condition, seconds=WAIT_SECONDS):
+    """Waits for something that another process does; tells whether it came true."""
+    deadline = time.monotonic() + seconds
+    while not condition():
+        if time.monotonic() > deadline:
+            return False
+        time.sleep(0.005)
+    return True
+
+
+class Mac:
+    def __init__(self, model):
+        self._folder = tempfile.TemporaryDirectory(prefix="ferovane-test-")
+        os.chmod(self._folder.name, 0o755)
+        self.path = os.path.join(self._folder.name, "mac")
+        self.model = model
+        self.tool("create", self.path, "--model", model)
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *unused):
+        self._folder.cleanup()
+
+    @staticmethod
+    def tool(*arguments):
+        return subprocess.run(
+            [TOOL, *map(str, arguments)], check=True, capture_output=True, text=True
+        ).stdout
+
+    def set(self, *settings):
+        self.tool("set", self.path, *settings)
+
+    def fault(self, *words):
+        self.tool("fault", self.path, *words)
+
+    def write(self, key, value):
+        self.tool("write", self.path, key, value)
+
+    def journal(self):
+        return self.tool("journal", self.path).splitlines()
+
+    def writes(self):
+        return self.tool("journal", self.path, "--writes").split()
+
+    def state(self):
+        return json.loads(self.tool("show", self.path, "--json"))
+
+    def fans(self):
+        return self.state()["fans"]
+
+    def automatic(self):
+        state = self.state()
+        unlocked = state["keys"].get("Ftst") not in (None, 0)
+        return not unlocked and not any(fan["manual"] for fan in state["fans"])
+
+    def held(self):
+        return all(fan["manual"] for fan in self.fans())
+
+    def environment(self):
+        return {**os.environ, "FEROVANE_SIMULATED_MAC": self.path}
+
+    def run(self, *words, user=None, timeout=WAIT_SECONDS):
+        return subprocess.run([HELPER, *map(str, words)], env=self.environment(), text=True,
+                              capture_output=True, timeout=timeout, user=user)
+
+    def start(self, *words, **options):
+        return subprocess.Popen([HELPER, *map(str, words)], env=self.environment(), text=True,
+                                stdout=subprocess.PIPE, stderr=subprocess.PIPE, **options)
+
+
+class Owner:
+    """The process on whose behalf the helper acts; a user's, not root's."""
+
+    def __init__(self):
+        self.process = subprocess.Popen(["sleep", "600"], user=OWNER_UID)
+        self.words = (self.process.pid, OWNER_UID)
+
+    def kill(self):
+        self.process.kill()
+        self.process.wait()
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *unused):
+        self.kill()
+
+
+def finish(process, timeout=WAIT_SECONDS):
+    """Waits for a helper; its exit status and both outputs."""
+    output, errors = process.communicate(timeout=timeout)
+    return process.returncode, output, errors
+
+
+def send(name):
+    return lambda process: process.send_signal(getattr(signal, name))
