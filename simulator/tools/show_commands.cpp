@@ -115,9 +115,11 @@ void printTemperatures(const MachineView& view) {
                      return key.name.front() == 'T' && key.type != "ui8 " && key.number &&
                             *key.number > 0 && *key.number < 130;
                  });
-    std::stable_sort(
-        temperatures.begin(), temperatures.end(),
-        [](const KeyView& left, const KeyView& right) { return *left.number > *right.number; });
+    std::sort(temperatures.begin(), temperatures.end(),
+              [](const KeyView& left, const KeyView& right) {
+                  return *left.number != *right.number ? *left.number > *right.number
+                                                       : left.name < right.name;
+              });
     temperatures.resize(std::min(temperatures.size(), kTemperaturesShown));
     int column = 0;
     for (const KeyView& key : temperatures) {

@@ -9,94 +9,89 @@ namespace {
 using namespace simulator;
 using ManualMode = AppleSiliconOptions::ManualMode;
 
-class ManualModeTest : public testing::Test {
-protected:
-    // Attached and privileged, whoever runs the test.
-    struct Attached {
-        explicit Attached(SimulatedMac made) : mac(std::move(made)), attachment(mac.machine()) {
-            mac.set(Property::kPrivileged, 1);
-            smc.emplace();
-        }
-        ~Attached() { smc.reset(); }
-        SimulatedMac mac;
-        Attachment attachment;
-        std::optional<Connection> smc;
-    };
+// A machine that this process is attached to, and may write to whoever runs the test.
+struct Attached {
+    explicit Attached(SimulatedMac made) : mac(std::move(made)), attachment(mac.machine()) {
+        mac.set(Property::kPrivileged, 1);
+    }
+    SimulatedMac mac;
+    Attachment attachment;
+    Connection smc;
 };
 
-TEST_F(ManualModeTest, WithTheForcedMaskATargetCountsOnlyWhileItsBitIsSet) {
+TEST(ManualModeTest, WithTheForcedMaskATargetCountsOnlyWhileItsBitIsSet) {
     Attached test(intelMacWithMaskOnly(2));
     SimulatedMac& mac = test.mac;
-    EXPECT_EQ(test.smc->write("F1Tg", 4000), 0);
+    EXPECT_EQ(test.smc.write("F1Tg", 4000), 0);
     mac.advance(5);
     EXPECT_EQ(mac.fanTarget(1), 1950) << "the controller's own control rules";
-    EXPECT_EQ(test.smc->write("FS! ", 2), 0);
-    EXPECT_EQ(test.smc->write("F1Tg", 4000), 0);
+    EXPECT_EQ(test.smc.write("FS! ", 2), 0);
+    EXPECT_EQ(test.smc.write("F1Tg", 4000), 0);
     mac.advance(10);
     EXPECT_TRUE(mac.fanManual(1));
     EXPECT_FALSE(mac.fanManual(0));
     EXPECT_NEAR(mac.fanRpm(1), 4000, 20);
-    EXPECT_EQ(test.smc->write("FS! ", 0), 0);
+    EXPECT_EQ(test.smc.write("FS! ", 0), 0);
     mac.advance(10);
     EXPECT_EQ(mac.fanTarget(1), 1950);
     EXPECT_TRUE(mac.allFansAutomatic());
     EXPECT_EQ(mac.writes(), "F1Tg=4000 FS! =2 F1Tg=4000 FS! =0");
 }
 
-TEST_F(ManualModeTest, LimitsAreWritableOnlyBeforeT2) {
+TEST(ManualModeTest, LimitsAreWritableOnlyBeforeT2) {
     Attached old(intelMacWithMaskOnly(1));
     FVValue value = {};
-    ASSERT_EQ(fv_smc_read(old.smc->handle(), "F0Mn", &value), 0);
-    EXPECT_EQ(fv_smc_write(old.smc->handle(), "F0Mn", &value), -3) << "not through the shim";
+    ASSERT_EQ(fv_smc_read(old.smc.handle(), "F0Mn", &value), 0);
+    EXPECT_EQ(fv_smc_write(old.smc.handle(), "F0Mn", &value), -3) << "not through the shim";
     old.mac.otherWrites("F0Mn", 2500);
     EXPECT_EQ(old.mac.fanMinimum(0), 2500);
     old.mac.advance(5);
     EXPECT_EQ(old.mac.fanTarget(0), 2500) << "the automatic control keeps the new minimum";
 }
 
-TEST_F(ManualModeTest, T2KnowsTwoModes) {
+TEST(ManualModeTest, T2KnowsTwoModes) {
     Attached test(intelMac(1));
-    EXPECT_EQ(test.smc->write("F0Md", 3), 0x83);
-    EXPECT_EQ(test.smc->write("F0Md", 1), 0);
-    EXPECT_EQ(test.smc->write("F0Tg", 3000), 0);
+    EXPECT_EQ(test.smc.write("F0Md", 3), 0x83);
+    EXPECT_EQ(test.smc.write("F0Md", 1), 0);
+    EXPECT_EQ(test.smc.write("F0Tg", 3000), 0);
     test.mac.advance(10);
     EXPECT_NEAR(test.mac.fanRpm(0), 3000, 15);
 }
 
-TEST_F(ManualModeTest, TheLockOpensThreeToFourSecondsAfterTheUnlock) {
+TEST(ManualModeTest, TheLockOpensThreeToFourSecondsAfterTheUnlock) {
     Attached test(appleSiliconMac(2, {.manualMode = ManualMode::kRefusedUntilUnlocked}));
     SimulatedMac& mac = test.mac;
-    EXPECT_EQ(test.smc->read("F0Md"), 3);
-    EXPECT_EQ(test.smc->write("F0Md", 1), kBadCommand);
+    EXPECT_EQ(test.smc.read("F0Md"), 3);
+    EXPECT_EQ(test.smc.write("F0Md", 1), kBadCommand);
     mac.otherWrites("Ftst", 1);
     mac.advance(2.9);
-    EXPECT_EQ(test.smc->read("F0Md"), 3);
-    EXPECT_EQ(test.smc->write("F0Md", 1), kBadCommand);
+    EXPECT_EQ(test.smc.read("F0Md"), 3);
+    EXPECT_EQ(test.smc.write("F0Md", 1), kBadCommand);
     mac.advance(1.1);
-    EXPECT_EQ(test.smc->read("F0Md"), 0);
-    EXPECT_EQ(test.smc->write("F0Md", 1), 0);
-    EXPECT_EQ(test.smc->write("F1Md", 1), 0) << "the second one at once";
+    EXPECT_EQ(test.smc.read("F0Md"), 0);
+    EXPECT_EQ(test.smc.write("F0Md", 1), 0);
+    EXPECT_EQ(test.smc.write("F1Md", 1), 0) << "the second one at once";
     mac.advance(3600);
     EXPECT_TRUE(mac.fanManual(0)) << "held as long as the unlock is";
 }
 
-TEST_F(ManualModeTest, TheSystemTakesItsFansBackWhenTheUnlockIsLost) {
+TEST(ManualModeTest, TheSystemTakesItsFansBackWhenTheUnlockIsLost) {
     Attached test(appleSiliconMac(2, {.manualMode = ManualMode::kRefusedUntilUnlocked}));
     SimulatedMac& mac = test.mac;
     mac.otherWrites("Ftst", 1);
     mac.advance(4);
-    ASSERT_EQ(test.smc->write("F0Md", 1), 0);
+    ASSERT_EQ(test.smc.write("F0Md", 1), 0);
     mac.otherWrites("Ftst", 0);
     mac.advance(3.9);
     EXPECT_TRUE(mac.fanManual(0));
     mac.advance(1.2);
-    EXPECT_EQ(test.smc->read("F0Md"), 3);
-    EXPECT_EQ(test.smc->read("F1Md"), 3);
-    EXPECT_EQ(test.smc->write("F0Md", 1), kBadCommand);
+    EXPECT_EQ(test.smc.read("F0Md"), 3);
+    EXPECT_EQ(test.smc.read("F1Md"), 3);
+    EXPECT_EQ(test.smc.write("F0Md", 1), kBadCommand);
     EXPECT_TRUE(mac.allFansAutomatic());
 }
 
-TEST_F(ManualModeTest, SleepLosesEveryHold) {
+TEST(ManualModeTest, SleepLosesEveryHold) {
     for (auto make : {+[] { return intelMac(2); }, +[] { return intelMacWithMaskOnly(2); },
                       +[] { return appleSiliconMac(2); }}) {
         Attached test(make());
@@ -112,36 +107,36 @@ TEST_F(ManualModeTest, SleepLosesEveryHold) {
     }
 }
 
-TEST_F(ManualModeTest, SomeMachinesSayYesAndDoNothing) {
+TEST(ManualModeTest, SomeMachinesSayYesAndDoNothing) {
     Attached test(appleSiliconMac(1, {.manualMode = ManualMode::kWithoutEffect}));
-    EXPECT_EQ(test.smc->write("F0Md", 1), 0);
-    EXPECT_EQ(test.smc->read("F0Md"), 0);
+    EXPECT_EQ(test.smc.write("F0Md", 1), 0);
+    EXPECT_EQ(test.smc.read("F0Md"), 0);
 }
 
-TEST_F(ManualModeTest, SomeMachinesRaiseATargetBelowTheMinimum) {
+TEST(ManualModeTest, SomeMachinesRaiseATargetBelowTheMinimum) {
     Attached test(builtInMac("M5Pro"));
-    EXPECT_EQ(test.smc->readCode("F0Md"), kKeyNotFound);
-    EXPECT_EQ(test.smc->write("F0md", 1), 0);
-    EXPECT_EQ(test.smc->write("F0Tg", 1000), 0);
-    EXPECT_EQ(test.smc->read("F0Tg"), 2317);
-    EXPECT_EQ(test.smc->write("F0Tg", 10000), 0);
-    EXPECT_EQ(test.smc->read("F0Tg"), 10000);
+    EXPECT_EQ(test.smc.readCode("F0Md"), kKeyNotFound);
+    EXPECT_EQ(test.smc.write("F0md", 1), 0);
+    EXPECT_EQ(test.smc.write("F0Tg", 1000), 0);
+    EXPECT_EQ(test.smc.read("F0Tg"), 2317);
+    EXPECT_EQ(test.smc.write("F0Tg", 10000), 0);
+    EXPECT_EQ(test.smc.read("F0Tg"), 10000);
     test.mac.advance(30);
     EXPECT_NEAR(test.mac.fanRpm(0), 9600, 60);
 }
 
-TEST_F(ManualModeTest, AnotherProgramKeepsWritingItsTarget) {
+TEST(ManualModeTest, AnotherProgramKeepsWritingItsTarget) {
     Attached test(intelMac(2));
     SimulatedMac& mac = test.mac;
     mac.otherKeepsTarget(0, 3000, 1.5);
-    ASSERT_EQ(test.smc->write("F0Md", 0), 0);
+    ASSERT_EQ(test.smc.write("F0Md", 0), 0);
     mac.advance(1.4);
     EXPECT_FALSE(mac.fanManual(0));
     mac.advance(0.2);
     EXPECT_TRUE(mac.fanManual(0));
     EXPECT_EQ(mac.fanTarget(0), 3000);
     mac.clearFaults();
-    ASSERT_EQ(test.smc->write("F0Md", 0), 0);
+    ASSERT_EQ(test.smc.write("F0Md", 0), 0);
     mac.advance(60);
     EXPECT_TRUE(mac.allFansAutomatic());
 }
