@@ -79,7 +79,8 @@ void writeFile(const fs::path& path, const std::string& content) {
 
 void placeTool(const fs::path& root, const fs::path& directory, const std::string& name) {
     const fs::path script = root / "usr/bin" / name;
-    writeFile(script, "#!/bin/sh\nexec " + quoted(toolPath()) + " " + name + " " +
+    // -p: a helper whose real user is not root still runs its tools as root, as it does on a Mac.
+    writeFile(script, "#!/bin/sh -p\nexec " + quoted(toolPath()) + " " + name + " " +
                           quoted(fs::absolute(directory).string()) + " \"$@\"\n");
     fs::permissions(script, fs::perms::owner_all | fs::perms::group_read | fs::perms::group_exec |
                                 fs::perms::others_read | fs::perms::others_exec);
