@@ -20,11 +20,12 @@ namespace {
 // The step of heat and fans: well below the quickest time constant, the motors' half second.
 constexpr double kStepSeconds = 0.1;
 // A long time is passed in fewer, larger steps; they are stable at any size.
-constexpr double kMostSteps = 200000;
+constexpr double kMostSteps = 36000;
 // The host's clock is caught up with in such pieces: nothing in the machine moves faster.
 constexpr double kHostPieceSeconds = 0.005;
 // Longer than the slowest part, the battery, takes to settle.
 constexpr double kSettledSeconds = 3600;
+constexpr double kSettlingStepSeconds = 0.5;  // on the way to the end of it, details do not matter
 // A machine has been running for a while when it is first seen.
 constexpr double kUptimeAtCreation = 1000;
 
@@ -32,6 +33,13 @@ double hostClockSeconds() {
     timespec now = {};
     clock_gettime(CLOCK_MONOTONIC, &now);
     return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
+}
+
+void passHeatInSteps(World& world, double dt, double steps) {
+    for (double step = 0; step < steps; ++step) {
+        Fans::step(world, dt);
+        Heat::step(world, dt);
+    }
 }
 
 double nextPending(const WorldState& state) {
@@ -76,16 +84,12 @@ void runWhatIsDue(World& world) {
 
 void passHeat(World& world, double seconds) {
     const double steps = std::clamp(std::ceil(seconds / kStepSeconds), 1.0, kMostSteps);
-    const double dt = seconds / steps;
-    for (double step = 0; step < steps; ++step) {
-        Fans::step(world, dt);
-        Heat::step(world, dt);
-    }
+    passHeatInSteps(world, seconds / steps, steps);
 }
 
 void settleHeat(World& world) {
     const PropertyValue charge = world.property(Property::kBatteryPercent);
-    passHeat(world, kSettledSeconds);
+    passHeatInSteps(world, kSettlingStepSeconds, kSettledSeconds / kSettlingStepSeconds);
     world.property(Property::kBatteryPercent) = charge;
 }
 

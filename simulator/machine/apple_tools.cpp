@@ -1,0 +1,35 @@
+// On macOS, in the helper that is linked with the simulated Mac: the machine's own tools run
+// instead of the system's, and none at all without a machine. Elsewhere the stand-in of posix_spawn
+// does this.
+#include <dlfcn.h>
+#include <spawn.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <string>
+
+#include "simulator/machine/machine.h"
+
+namespace {
+
+using Spawn = int (*)(pid_t*, const char*, const posix_spawn_file_actions_t*,
+                      const posix_spawnattr_t*, char* const[], char* const[]);
+
+// The system's own, behind this program's.
+Spawn systemSpawn() {
+    static const auto spawn = reinterpret_cast<Spawn>(::dlsym(RTLD_NEXT, "posix_spawn"));
+    return spawn;
+}
+
+}  // namespace
+
+extern "C" int posix_spawn(pid_t* pid, const char* path, const posix_spawn_file_actions_t* actions,
+                           const posix_spawnattr_t* attributes, char* const arguments[],
+                           char* const environment[]) {
+    simulator::Machine* machine = simulator::attachedMac();
+    if (machine == nullptr) {
+        return ENOENT;
+    }
+    const std::string place = path[0] == '/' ? machine->root() + path : path;
+    return systemSpawn()(pid, place.c_str(), actions, attributes, arguments, environment);
+}
