@@ -43,6 +43,27 @@ std::optional<int> notNegative(int value) {
     return value >= 0 ? std::optional(value) : std::nullopt;
 }
 
+HardwareSensorKind kindOf(const SensorReading&) {
+    return HardwareSensorKind::temperature;
+}
+
+HardwareSensorKind kindOf(const HardwareSensorReading& sensor) {
+    return sensor.kind;
+}
+
+// Reads every known sensor; what cannot be read, or cannot be, is missing from this sample only.
+template <class Reading>
+void appendReadings(const SMC& smc, const std::vector<Reading>& known, double Reading::*value,
+                    std::vector<Reading>& readings) {
+    readings.reserve(known.size());
+    for (const auto& sensor : known) {
+        const auto number = smc.number(sensor.key);
+        if (number && SensorInventory::valid(kindOf(sensor), *number)) {
+            readings.emplace_back(sensor).*value = *number;
+        }
+    }
+}
+
 void samplePower(Snapshot& snapshot) {
     const FVPowerStatus status = fv_power_status();
     snapshot.speedLimit = percentage(status.speed_limit);
@@ -118,29 +139,18 @@ void HardwareSampler::discoverSensors() {
 }
 
 void HardwareSampler::addSensor(std::string key, HardwareSensorKind kind) {
-    auto& sensors = kind == HardwareSensorKind::temperature ? temperatures_ : others_;
     std::string label = SensorInventory::label(key, kind);
-    sensors.push_back({std::move(key), std::move(label), kind});
+    if (kind == HardwareSensorKind::temperature) {
+        temperatures_.push_back({std::move(key), std::move(label), 0});
+    } else {
+        others_.push_back({std::move(key), std::move(label), kind, 0});
+    }
 }
 
 void HardwareSampler::sampleSensors(Snapshot& snapshot) const {
-    const auto reading = [this](const KnownSensor& sensor) {
-        const auto value = smc_.number(sensor.key);
-        return value && SensorInventory::valid(sensor.kind, *value) ? value : std::nullopt;
-    };
-    snapshot.sensors.reserve(temperatures_.size());
-    for (const auto& sensor : temperatures_) {
-        if (const auto celsius = reading(sensor)) {
-            snapshot.sensors.push_back({sensor.key, sensor.label, *celsius});
-        }
-    }
-    auto& others = snapshot.additionalSensors.emplace();
-    others.reserve(others_.size());
-    for (const auto& sensor : others_) {
-        if (const auto value = reading(sensor)) {
-            others.push_back({sensor.key, sensor.label, sensor.kind, *value});
-        }
-    }
+    appendReadings(smc_, temperatures_, &SensorReading::celsius, snapshot.sensors);
+    appendReadings(smc_, others_, &HardwareSensorReading::value,
+                   snapshot.additionalSensors.emplace());
 }
 
 void HardwareSampler::sampleTurbo(Snapshot& snapshot) {

@@ -33,12 +33,6 @@ public:
     void refreshTurbo();
 
 private:
-    struct KnownSensor {
-        std::string key;
-        std::string label;
-        HardwareSensorKind kind;
-    };
-
     void sampleProcessorUse(Snapshot& snapshot);
     void discoverSensors();
     void addSensor(std::string key, HardwareSensorKind kind);
@@ -49,7 +43,10 @@ private:
     std::function<Date()> clock_;
     SMC smc_;
     std::optional<CPUCounters> previous_;
-    std::vector<KnownSensor> temperatures_, others_;  // by key
+    // The known sensors, by key, as readings whose values mean nothing: a sample copies and fills
+    // them.
+    std::vector<SensorReading> temperatures_;
+    std::vector<HardwareSensorReading> others_;
     bool needsDiscovery_ = true;
     int ticks_ = 0;  // samples since the turbo driver was to be asked for
     TurboState turbo_ = TurboState::unknown;

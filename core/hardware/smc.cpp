@@ -55,11 +55,6 @@ ScopeError noModeKey(int fan) {
     return ScopeError("风扇 " + std::to_string(fan + 1) + " 没有可识别的模式接口");
 }
 
-std::optional<double> decoded(const FVValue& value) {
-    const double number = fv_decode(&value);
-    return std::isfinite(number) ? std::optional(number) : std::nullopt;
-}
-
 void sleepFully(double seconds) {
     std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
 }
@@ -89,14 +84,6 @@ FVValue SMC::raw(const std::string& key) const {
         throw readFailed(key, code);
     }
     return value;
-}
-
-std::optional<double> SMC::number(const std::string& key) const {
-    FVValue value{};
-    if (fv_smc_read(connection_, key.c_str(), &value) != 0) {
-        return std::nullopt;
-    }
-    return decoded(value);
 }
 
 void SMC::write(const std::string& key, double number) {
@@ -192,11 +179,12 @@ AppleSiliconFanControl& SMC::armFans() {
     if (!armFans_) {
         armFans_ = std::make_unique<AppleSiliconFanControl>(
             [this](const std::string& key) {
-                const auto reading = decoded(raw(key));
-                if (!reading) {
+                const FVValue value = raw(key);
+                const double number = fv_decode(&value);
+                if (!std::isfinite(number)) {
                     throw readFailed(key, kNotANumberCode);
                 }
-                return *reading;
+                return number;
             },
             [this](const std::string& key, double value) { write(key, value); },
             [this] { surroundings_.sleep(kHandOverPauseSeconds); }, surroundings_.now);

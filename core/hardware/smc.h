@@ -1,6 +1,7 @@
 // The System Management Controller: keys read as numbers, confirmed writes, fans, sensor keys.
 #pragma once
 
+#include <cmath>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -84,5 +85,16 @@ private:
     std::uint32_t connection_;                         // 0 when there is no controller
     std::unique_ptr<AppleSiliconFanControl> armFans_;  // made on first use
 };
+
+// Inline, because a sample reads hundreds of keys and an optional that is returned costs more than
+// the decoding.
+inline std::optional<double> SMC::number(const std::string& key) const {
+    FVValue value{};
+    if (fv_smc_read(connection_, key.c_str(), &value) != 0) {
+        return std::nullopt;
+    }
+    const double number = fv_decode(&value);
+    return std::isfinite(number) ? std::optional(number) : std::nullopt;
+}
 
 }  // namespace ferovane
