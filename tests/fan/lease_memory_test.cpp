@@ -27,17 +27,18 @@ bool mustFail() {
 
 }  // namespace
 
-void* operator new(std::size_t size) {
+// Not inlined: a compiler that sees through both would take malloc and delete for a mismatch.
+[[gnu::noinline]] void* operator new(std::size_t size) {
     void* memory = mustFail() ? nullptr : std::malloc(size > 0 ? size : 1);
     if (memory == nullptr) {
         throw std::bad_alloc();
     }
     return memory;
 }
-void operator delete(void* memory) noexcept {
+[[gnu::noinline]] void operator delete(void* memory) noexcept {
     std::free(memory);
 }
-void operator delete(void* memory, std::size_t) noexcept {
+[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept {
     std::free(memory);
 }
 
