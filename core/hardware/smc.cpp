@@ -28,6 +28,8 @@ constexpr double kHandOverPauseSeconds = 0.1;
 // What a key that answers with something that is no number counts as, in place of an error code.
 constexpr int kNotANumberCode = -1;
 
+constexpr int kNotAdmittedCode = -3;  // fv_smc_write's own refusal
+
 std::string fanKey(int fan, std::string_view suffix) {
     return std::string("F").append(std::to_string(fan)).append(suffix);
 }
@@ -106,6 +108,10 @@ void SMC::write(const std::string& key, double number) {
                                   read, wait)) {
         throw notConfirmed(key, number, lastReadBack);
     }
+}
+
+std::string SMC::notAdmitted(const std::string& key) {
+    return writeFailed(key, kNotAdmittedCode).message();
 }
 
 std::vector<FanReading> SMC::fans() {

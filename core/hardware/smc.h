@@ -54,6 +54,9 @@ public:
     // shim decides.
     void write(const std::string& key, double number);
 
+    // What write() says of a key that the shim lets nobody write.
+    static std::string notAdmitted(const std::string& key);
+
     // At most ten; empty without a usable fan count.
     std::vector<FanReading> fans() override;
 

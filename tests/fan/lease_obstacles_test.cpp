@@ -233,8 +233,7 @@ Outcome check(SimulatedMac& mac) {
     Snapshot sample;
     sample.sensors = {{"TC0P", "", 50}};
     const ReadableFans fans{smc, [&](const std::string& key) { return smc.number(key); },
-                            surroundings.appleSilicon,
-                            "SMC Ftst 写入失败（-3）；此机型可能不支持控制"};
+                            surroundings.appleSilicon, SMC::notAdmitted(kUnlockKey)};
     const auto forecast = LeaseObstacles::forecast(fans, steepCurve(), sample)[0];
     EXPECT_EQ(mac.writes(), "") << "a forecast touches nothing";
     const std::string failure = failureOf([&] {
