@@ -88,6 +88,7 @@ public:
 
     // ---- Tools -----------------------------------------------------------------------------
     // tool: "pmset", "kmutil", or "" for either. Directory machines only: tools are processes.
+    // text: at most 63 bytes.
 
     void toolFails(std::string_view tool, int status, std::string_view text, int times = kForGood);
     void toolHangs(std::string_view tool, int times = kForGood);           // until SIGTERM

@@ -53,6 +53,15 @@ std::uint32_t takeName(std::string_view& rest, std::size_t line, std::string_vie
     return packed(name);
 }
 
+// Where the first four characters end.
+std::size_t firstFourEnd(std::string_view text) {
+    std::size_t end = 0;
+    for (std::size_t i = 0; i < kNameSize && end < text.size(); ++i) {
+        end += text.substr(end, 2) == "\\0" ? 2U : 1U;
+    }
+    return end;
+}
+
 using Fields = std::array<std::string_view, 6>;
 
 // Keys and types may hold any character, a comma included, so their width decides where they end;
@@ -66,8 +75,7 @@ void split(std::string_view text, std::size_t line, Fields& fields) {
         fields[i] = text.substr(comma + 1);
         text = text.substr(0, comma);
     }
-    const std::size_t escapes = text.substr(0, 2) == "\\0" ? 1 : 0;
-    std::size_t comma = kNameSize + escapes;
+    std::size_t comma = firstFourEnd(text);
     if (comma >= text.size() || text[comma] != ',') {
         comma = text.find(',');
     }

@@ -92,6 +92,7 @@ void furnishPower(World& world, const MachinePlan& plan) {
         if (role != KeyRole::kStored && key.role == KeyRole::kStored && key.readResult == 0) {
             key.idle = static_cast<float>(KeyTable::decode(key, key.bytes).value_or(0));
             key.role = role;
+            key.gain = onBattery == (role == KeyRole::kBatteryPower) ? 1.0F : 0.0F;
         }
     }
 }

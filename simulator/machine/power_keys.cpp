@@ -13,8 +13,12 @@ constexpr double kAdapterVolts = 20;
 constexpr double kChargingMilliamps = 1500;
 constexpr double kNominalMillivolts = 12000;
 constexpr double kFullPercent = 100;
-// A dump was taken with an adapter in when its adapter keys showed more than noise.
-constexpr double kNoiseWatts = 0.5;
+constexpr double kNoiseWatts = 0.5;  // less than this is no measure of a source in use
+
+// Whether the machine of the dump ran from the source that the key is about.
+bool isSourceOfDump(const KeyRecord& key) {
+    return key.gain != 0;
+}
 
 bool onMains(World& world) {
     return world.number(Property::kAcPower, 1) != 0;
@@ -31,8 +35,9 @@ double wattsAboveDump(World& world) {
 
 // What the dump shows, as long as the machine runs from the source that it ran from then.
 double sourceWatts(World& world, const KeyRecord& key) {
-    return key.idle > kNoiseWatts ? std::max(key.idle + wattsAboveDump(world), 0.0)
-                                  : totalWatts(world);
+    return isSourceOfDump(key) && key.idle > kNoiseWatts
+               ? std::max(key.idle + wattsAboveDump(world), 0.0)
+               : totalWatts(world);
 }
 
 std::optional<double> fromBattery(World& world, Property property) {
@@ -93,7 +98,7 @@ std::optional<double> number(World& world, const KeyRecord& key) {
         case KeyRole::kAdapterCurrent:
             return onMains(world) ? totalWatts(world) / kAdapterVolts : 0;
         case KeyRole::kBatteryPower:
-            return onMains(world) ? 0 : sourceWatts(world, key);
+            return !onMains(world) ? sourceWatts(world, key) : isSourceOfDump(key) ? 0 : key.idle;
         case KeyRole::kBatteryMillivolts:
             return fromBattery(world, Property::kBatteryMillivolts);
         case KeyRole::kBatteryMilliamps:

@@ -51,7 +51,8 @@ struct PowerSettingValue {
     std::string value;
 };
 
-// While it lives, this process sees the machine under Apple's interfaces. One at a time.
+// While it lives, this process sees the machine under Apple's interfaces. A second one at the same
+// time throws std::logic_error.
 class Attachment {
 public:
     explicit Attachment(Machine& machine);
@@ -87,13 +88,16 @@ public:
 
     // ---- Keys ------------------------------------------------------------------------------
 
-    // Adds or replaces a key. type: four characters ("ui8" is filled up with a blank). bytes: at
-    // most 32 are ever returned by the controller, but a key may claim to be larger.
+    // Adds or replaces a key. type: four characters ("ui8" is filled up with a blank). It holds
+    // these bytes from now on and follows nothing any more, whatever its name. bytes: at most 32
+    // are ever returned by the controller, but a key may claim to be larger.
     void setKey(std::string_view key, std::string_view type,
                 const std::vector<std::uint8_t>& bytes);
     void setKeySize(std::string_view key, std::uint32_t size);
-    void setNumber(std::string_view key, double number);  // in the type that the key has
-    void setUnreadable(std::string_view key);             // by its attributes; answers 0x85
+    // In the type that the key has. Fan keys, the forced mask and the unlock change what they stand
+    // for; any other key keeps the number, and does not follow heat or load any more.
+    void setNumber(std::string_view key, double number);
+    void setUnreadable(std::string_view key);  // by its attributes; answers 0x85
     void removeKey(std::string_view key);
     void addTemperatureKeys(int count);  // "T000" …, flt, each with an idle value of its own
 
@@ -111,7 +115,8 @@ public:
     double fanMinimum(int fan);
     double fanMaximum(int fan);
     bool fanManual(int fan);  // by mode key or mask: somebody's target counts
-    // Every fan under the system's own control and the unlock key not held.
+    // Every fan under the system's own control and the unlock key not held. A fan that vanished in
+    // manual mode is still manual.
     bool allFansAutomatic();
     double dieTemperature();
     double heatSinkTemperature();

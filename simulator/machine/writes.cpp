@@ -34,7 +34,8 @@ std::string valueText(const KeyRecord* key, const std::uint8_t* bytes, std::uint
     const auto number = key != nullptr ? KeyTable::decode(*key, bytes) : std::nullopt;
     char text[2 * kReturnedBytes + 8];
     if (number) {
-        std::snprintf(text, sizeof text, "%.10g", *number);
+        // A float has seven digits: more would be noise.
+        std::snprintf(text, sizeof text, key->type == packed("flt ") ? "%.7g" : "%.10g", *number);
         return text;
     }
     char* end = text + std::snprintf(text, sizeof text, "0x");

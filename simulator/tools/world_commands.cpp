@@ -202,6 +202,7 @@ int run(const Words& words) {
         throw UsageError("DIR -- COMMAND is needed");
     }
     openMachineDirectory(directory);  // refuses what is no machine, before anything runs
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): this program has one thread.
     ::setenv(kMachineVariable, std::filesystem::absolute(directory).c_str(), 1);
     std::vector<char*> arguments;
     for (std::size_t i = 2; i < words.size(); ++i) {

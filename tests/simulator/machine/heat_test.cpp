@@ -41,8 +41,8 @@ TEST_P(ModelAsDumpedTest, ShowsItsDumpToTheByte) {
     for (const KeyDefinition& key : keysOf(model)) {
         const std::string name = unpacked(key.code);
         // Adapter and battery keys show the machine's present source; "#KEY" what can be listed.
-        const bool ofItsOwn = name == "#KEY" || name == "B0AC" || name == "PDTR" ||
-                              name == "ID0R" || name == "VD0R" || name == "PPBR";
+        const bool ofItsOwn =
+            name == "#KEY" || name == "B0AC" || name == "PDTR" || name == "ID0R" || name == "VD0R";
         if (key.readResult != 0 || ofItsOwn) {
             continue;
         }
@@ -250,6 +250,24 @@ TEST(HeatTest, AProcessorThatCannotBeCooledSlowsDown) {
     EXPECT_LT(fv_power_status().speed_limit, 95);
     mac.set(Property::kSpeedLimit, 40);
     EXPECT_EQ(fv_power_status().speed_limit, 40) << "a fixed limit is a fixed limit";
+}
+
+TEST(HeatTest, PowerKeysFollowTheLoadAndTheSource) {
+    SimulatedMac mac = builtInMac("MacBookPro11,4");
+    const double atRest = *mac.number("PSTR");
+    EXPECT_GT(*mac.number("PDTR"), 10);
+    EXPECT_GT(*mac.number("VD0R"), 19);
+    mac.set(Property::kLoad, 100);
+    mac.advance(1);
+    const double busy = *mac.number("PSTR");
+    EXPECT_GT(busy, atRest + 20);
+    EXPECT_GT(*mac.number("PC0R"), 30);
+    mac.set(Property::kAcPower, 0);
+    for (const char* adapter : {"PDTR", "VD0R", "ID0R"}) {
+        EXPECT_EQ(mac.number(adapter), 0) << adapter;
+    }
+    EXPECT_NEAR(*mac.number("PPBR"), busy, 5);
+    EXPECT_LT(*mac.number("B0AC"), -2000);
 }
 
 TEST(HeatTest, SpeedMultipliesHeatAndNotTheClocks) {
