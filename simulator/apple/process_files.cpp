@@ -5,7 +5,6 @@
 #include <charconv>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <sstream>
 #include <string_view>
 
@@ -19,8 +18,12 @@ std::string processPath(int pid, const char* file) {
 // "pid (command) state …": the command may itself hold spaces and parentheses, so the last closing
 // one ends it.
 bool readStat(int pid, ProcessFiles& process) {
+    // A process that ends between the opening and the reading makes the read fail, which only a
+    // stream's own operations report without an exception.
     std::ifstream file(processPath(pid, "stat"));
-    const std::string line{std::istreambuf_iterator<char>(file), {}};
+    std::ostringstream content;
+    content << file.rdbuf();
+    const std::string line = content.str();
     const std::size_t open = line.find('(');
     const std::size_t close = line.rfind(')');
     if (open == std::string::npos || close == std::string::npos) {
