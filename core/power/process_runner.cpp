@@ -3,18 +3,14 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <stdlib.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
-#include <cerrno>
 #include <system_error>
 
 #include "core/model/scope_error.h"
-#include "core/model/utf8.h"
 #include "core/power/child_process.h"
+#include "core/power/tool_output.h"
 #include "shim/fv.h"
 
 namespace ferovane {
@@ -66,37 +62,6 @@ std::int32_t spawn(const std::string& path, const std::vector<std::string>& argu
     return pid;
 }
 
-std::string readBytes(const Descriptor& output, std::size_t limit) {
-    struct stat file {};
-    if (fstat(output.number(), &file) != 0 || file.st_size <= 0) {
-        return {};
-    }
-    std::string bytes(std::min(static_cast<std::size_t>(file.st_size), limit), '\0');
-    std::size_t filled = 0;
-    while (filled < bytes.size()) {
-        const auto count = pread(output.number(), bytes.data() + filled, bytes.size() - filled,
-                                 static_cast<off_t>(filled));
-        if (count < 0 && errno == EINTR) {
-            continue;
-        }
-        if (count <= 0) {
-            break;
-        }
-        filled += static_cast<std::size_t>(count);
-    }
-    bytes.resize(filled);
-    return bytes;
-}
-
-// Reading a little more than the limit keeps a character that the limit cuts through from being
-// taken for an invalid one.
-std::string readText(const Descriptor& output, std::size_t limit) {
-    constexpr std::size_t kLongestRest = 3;  // bytes of a character after its first
-    auto text = repairUtf8(readBytes(output, limit + kLongestRest));
-    text.resize(utf8Prefix(text, limit).size());
-    return text;
-}
-
 }  // namespace
 
 CommandResult ProcessRunner::run(const std::string& path, const std::vector<std::string>& arguments,
@@ -112,7 +77,7 @@ CommandResult ProcessRunner::run(const std::string& path, const std::vector<std:
     if (!status) {
         throw ScopeError("无法取得命令结果：" + path);
     }
-    return {*status, readText(output, limits.outputBytes)};
+    return {*status, readToolOutput(output.number(), limits.outputBytes)};
 }
 
 std::string ProcessRunner::shellQuote(std::string_view text) {
