@@ -204,7 +204,8 @@ bool SessionControl::stopLocked() {
         lock_.broadcast();
     }
     return lock_.waitLocked(environment_.timings.leaseEnd, environment_.timings.leasePoll,
-                            environment_.uptime, [this] { return !running_ && !returning_; });
+                            environment_.uptime,
+                            [this]() FV_REQUIRES(lock_) { return !running_ && !returning_; });
 }
 
 void SessionControl::requireStoppedLocked() {
@@ -215,9 +216,9 @@ void SessionControl::requireStoppedLocked() {
 
 void SessionControl::awaitConfirmation() {
     const ConditionGuard guard(lock_);
-    lock_.waitLocked(environment_.timings.confirmation, environment_.timings.leasePoll,
-                     environment_.uptime,
-                     [this] { return !running_ || lease_->applied || lease_->failure; });
+    lock_.waitLocked(
+        environment_.timings.confirmation, environment_.timings.leasePoll, environment_.uptime,
+        [this]() FV_REQUIRES(lock_) { return !running_ || lease_->applied || lease_->failure; });
     if (lease_->failure) {
         std::rethrow_exception(lease_->failure);
     }
@@ -279,7 +280,7 @@ bool SessionControl::mustStop() {
 void SessionControl::waitForRound() {
     const ConditionGuard guard(lock_);
     lock_.waitLocked(environment_.timings.leaseRound, environment_.timings.leasePoll,
-                     environment_.uptime, [this] { return stopRequested_; });
+                     environment_.uptime, [this]() FV_REQUIRES(lock_) { return stopRequested_; });
 }
 
 }  // namespace ferovane

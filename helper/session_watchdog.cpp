@@ -36,7 +36,8 @@ void SessionWatchdog::watch() noexcept {
 bool SessionWatchdog::sleepUntilStopped() {
     const double poll = environment_.timings.watchdogPoll;
     const ConditionGuard guard(lock_);
-    return lock_.waitLocked(poll, poll, environment_.uptime, [this] { return stopped_; });
+    return lock_.waitLocked(poll, poll, environment_.uptime,
+                            [this]() FV_REQUIRES(lock_) { return stopped_; });
 }
 
 }  // namespace ferovane
