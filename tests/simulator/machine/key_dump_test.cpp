@@ -34,8 +34,9 @@ TEST(KeyDumpTest, ReadsWhatDumpsOfRealMachinesHold) {
                      "FPhz,flag,1,50,,85\n"
                      "TB0T,flt ,4,,30330342,00\n"
                      "a,,b,ui8,1,C0,07,00\n"
-                     "FS!,ui16,2,C0,0000,00");
-    ASSERT_EQ(keys.size(), 7U);
+                     "FS!,ui16,2,C0,0000,00\n"
+                     ",\\0,,,ui8,1,C0,07,00");
+    ASSERT_EQ(keys.size(), 8U);
     EXPECT_EQ(keys[0].bytes, (std::vector<std::uint8_t>{0x21, 0xB4}));
     EXPECT_EQ(keys[1].readResult, kNotReadable);
     EXPECT_EQ(keys[1].type, packed(std::string_view("ui8\0", 4)));
@@ -44,6 +45,8 @@ TEST(KeyDumpTest, ReadsWhatDumpsOfRealMachinesHold) {
     EXPECT_EQ(keys[4].attributes, kAttributeRead);
     EXPECT_EQ(unpacked(keys[5].code), "a,,b");
     EXPECT_EQ(unpacked(keys[6].code), "FS! ");
+    EXPECT_EQ(unpacked(keys[7].code), std::string("K\0\0X", 4));
+    EXPECT_EQ(unpacked(keys[7].code), std::string(",\0,,", 4));
 }
 
 TEST(KeyDumpTest, NamesLineAndFieldOfAMistake) {
@@ -55,6 +58,7 @@ TEST(KeyDumpTest, NamesLineAndFieldOfAMistake) {
         {"F0Ac,fpe2,2,90,21B4", "line 2, field \"key\": a line has six fields"},
         {"TC0P,sp78,2,90,2100,00\nF0Ac1,fpe2,2,90,21B4,00", "line 3, field \"key\": \"F0Ac1\""},
         {",fpe2,2,90,21B4,00", "line 2, field \"key\": missing"},
+        {",\\0,,ui8,1,C0,07,00", "line 2, field \"key\": missing"},  // three characters, not four
         {"F0Ac,fpe22,2,90,21B4,00", "line 2, field \"type\": \"fpe22\""},
         {"F0Ac,fpe2,two,90,21B4,00", "line 2, field \"size\": \"two\" is not a decimal"},
         {"F0Ac,fpe2,-2,90,21B4,00", "line 2, field \"size\""},
