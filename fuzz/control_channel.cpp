@@ -1,0 +1,153 @@
+// Lines over a pipe that come in whatever pieces the input chooses.
+//
+// The input: how many pieces the rest names, their sizes, where a stretch of filling that
+// makes lines long stands and how long it is, how the channel's clock runs, and then what is sent.
+#include <unistd.h>
+
+#include <array>
+#include <string>
+#include <vector>
+
+#include "core/control/control_channel.h"
+#include "core/model/scope_error.h"
+#include "fuzz/input.h"
+#include "fuzz/property.h"
+
+namespace {
+
+using namespace ferovane;
+using fuzzing::require;
+
+constexpr std::size_t kMostFilling = 40000;  // more than two lines, less than a pipe holds
+constexpr std::uint8_t kFilledFrom = 0xE0;   // seldom: long lines cost time; the rest is where
+constexpr std::size_t kMostPieces = 48;      // of one stream
+constexpr double kTimeout = 1e-4;            // seconds: a poll with it does not wait
+constexpr std::array<double, 4> kClockSteps{0, 2e-5, 4e-5, 8e-5};  // per look at the clock
+
+class Pipe {
+public:
+    Pipe() { require(pipe(ends_.data()) == 0, "a pipe can be made"); }
+    Pipe(const Pipe&) = delete;
+    Pipe& operator=(const Pipe&) = delete;
+    ~Pipe() {
+        close(ends_[0]);
+        closeWriter();
+    }
+
+    int reader() const { return ends_[0]; }
+    void send(std::string_view piece) const {
+        const auto sent = write(ends_[1], piece.data(), piece.size());
+        require(sent == static_cast<ssize_t>(piece.size()), "a pipe takes what it has room for");
+    }
+    void closeWriter() {
+        if (ends_[1] >= 0) {
+            close(std::exchange(ends_[1], -1));
+        }
+    }
+
+private:
+    std::array<int, 2> ends_{};
+};
+
+struct Stream {
+    std::vector<std::uint8_t> pieces;
+    double clockStep = 0;
+    bool shortWaits = false;
+    std::string bytes;
+
+    explicit Stream(fuzzing::Input input) {
+        pieces.resize(input.take<std::uint8_t>() % 16);
+        for (std::uint8_t& piece : pieces) {
+            piece = input.take<std::uint8_t>();
+        }
+        const std::uint8_t place = input.take<std::uint8_t>();
+        const std::size_t filling =
+            place < kFilledFrom ? 0 : input.take<std::uint16_t>() % kMostFilling;
+        clockStep = kClockSteps[input.take<std::uint8_t>() % kClockSteps.size()];
+        // With a clock that stands still, a wait made of short ones would never end.
+        shortWaits = clockStep > 0 && input.choose();
+        bytes = input.rest();
+        if (filling > 0) {
+            bytes.insert(std::min<std::size_t>(place - kFilledFrom, bytes.size()), filling, 'x');
+        }
+    }
+
+    std::size_t pieceSize(std::size_t index) const {
+        const std::size_t chosen = pieces.empty() ? bytes.size() : pieces[index % pieces.size()];
+        return std::max(chosen + 1, bytes.size() / kMostPieces);
+    }
+};
+
+struct Received {
+    std::vector<std::string> lines;
+    bool ended = false;    // the end of the stream was told
+    bool tooLong = false;  // a line was refused for its length
+
+    bool operator==(const Received&) const = default;
+};
+
+// What a reader without any cleverness makes of the whole stream.
+Received expectedOf(std::string_view bytes) {
+    Received expected;
+    while (true) {
+        const std::size_t end = bytes.find('\n');
+        if (std::min(end, bytes.size()) > 16383) {
+            expected.tooLong = true;
+            return expected;
+        }
+        if (end == std::string_view::npos) {
+            expected.ended = true;
+            return expected;
+        }
+        expected.lines.emplace_back(bytes.substr(0, end));
+        bytes.remove_prefix(end + 1);
+    }
+}
+
+// Reads until nothing more has arrived; false once there is nothing to be had any more.
+bool drain(ControlChannel& channel, Received& received) {
+    try {
+        while (auto line = channel.readLine(kTimeout)) {
+            received.lines.push_back(std::move(*line));
+        }
+        received.ended = true;
+    } catch (const ScopeError& error) {
+        const std::string& text = error.message();
+        received.tooLong = text == "控制消息过长";
+        require(received.tooLong || text == "辅助进程响应超时" || text == "辅助进程通信中断或超时",
+                "a pipe only ends, holds too long a line, or has nothing yet");
+    }
+    return !received.ended && !received.tooLong;
+}
+
+Received receivedOf(const Stream& stream) {
+    Pipe pipe;
+    double seconds = 0;
+    const auto uptime = [&] { return seconds += stream.clockStep; };
+    ControlChannel channel(pipe.reader(), uptime,
+                           stream.shortWaits ? kTimeout / 4 : kLongestControlWaitSeconds);
+    Received received;
+    std::string_view rest = stream.bytes;
+    for (std::size_t piece = 0; !rest.empty(); ++piece) {
+        const std::string_view sent = rest.substr(0, stream.pieceSize(piece));
+        pipe.send(sent);
+        rest.remove_prefix(sent.size());
+        if (!drain(channel, received)) {
+            return received;
+        }
+    }
+    pipe.closeWriter();
+    // Each attempt reads at least once, 4 KiB at a time.
+    for (int attempt = 0; attempt < 32 && drain(channel, received); ++attempt) {
+    }
+    return received;
+}
+
+}  // namespace
+
+int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    const Stream stream{fuzzing::Input(fuzzing::textOf(data, size))};
+    require(receivedOf(stream) == expectedOf(stream.bytes),
+            "exactly the lines that were sent arrive, whatever the pieces");
+    return 0;
+}

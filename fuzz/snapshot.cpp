@@ -1,0 +1,34 @@
+// A sample of the machine as the helper prints it and a monitor reads it.
+#include <cmath>
+
+#include "core/model/snapshot.h"
+#include "fuzz/input.h"
+#include "fuzz/json_properties.h"
+
+namespace {
+
+using namespace ferovane;
+using fuzzing::require;
+
+void checkQuestions(const Snapshot& snapshot) {
+    for (const auto& category : RawEnum<SensorCategory>::cases) {
+        const auto celsius = snapshot.temperature(category.value);
+        require(!celsius || std::isfinite(*celsius), "a temperature is a finite number");
+    }
+    for (const auto text :
+         {snapshot.limitTitle(), snapshot.thermalTitle(), snapshot.assessment()}) {
+        require(!text.empty(), "every state has its words");
+    }
+}
+
+}  // namespace
+
+int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    const std::string_view text = fuzzing::textOf(data, size);
+    for (const JsonDates dates : {JsonDates::iso8601, JsonDates::secondsSinceReference}) {
+        if (const auto snapshot = fuzzing::decodeChecked<Snapshot>(text, dates)) {
+            checkQuestions(*snapshot);
+        }
+    }
+    return 0;
+}
