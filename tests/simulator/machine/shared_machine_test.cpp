@@ -3,11 +3,14 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <thread>
 
+#include "simulator/machine/four_characters.h"
+#include "simulator/machine/machine.h"
 #include "simulator/machine/simulated_mac.h"
 #include "tests/simulator/machine/connection.h"
 #include "tests/simulator/machine/scratch_directory.h"
@@ -118,6 +121,78 @@ TEST(SharedMachineTest, TheJournalTellsTheStateThatAKilledWriterLeft) {
         ASSERT_NE(last, std::string::npos);
         EXPECT_EQ(mac.fanManual(0), writes[last + 5] == '1');
     }
+}
+
+// Dies with the lock held, after doing something to the machine.
+template <typename Deed>
+void dieLocked(const std::string& directory, const Deed& deed) {
+    const pid_t child = ::fork();
+    if (child == 0) {
+        SimulatedMac mac = openMachineDirectory(directory);
+        mac.machine().locked([&deed](World& world) {
+            deed(world);
+            ::_exit(0);
+        });
+    }
+    ASSERT_EQ(::waitpid(child, nullptr, 0), child);
+}
+
+void openWriteOfMode(World& world) {
+    world.state().openWrite = {1, 4242, packed("F0Md"), 0, world.state().journalLines + 1, {1}};
+}
+
+TEST(SharedMachineTest, WhateverADeadProcessLeftOpenIsCompletedOnce) {
+    struct {
+        const char* what;
+        void (*deed)(World&);
+    } const cases[] = {
+        {"a write that was not applied yet", openWriteOfMode},
+        {"a write that was applied and not told",
+         [](World& world) {
+             openWriteOfMode(world);
+             world.state().fans[0].mode = 1;
+         }},
+        {"a line that was not written yet",
+         [](World& world) {
+             openWriteOfMode(world);
+             world.state().fans[0].mode = 1;
+             WorldState& state = world.state();
+             state.openLineSize = static_cast<std::uint32_t>(std::snprintf(
+                 state.openLine, sizeof state.openLine, "2 0.000 4242 write F0Md=1 -> 00"));
+             ++state.journalLines;
+         }},
+        {"a line that was written and not closed",
+         [](World& world) {
+             openWriteOfMode(world);
+             world.state().fans[0].mode = 1;
+             world.note("4242", "write F0Md=1 -> 00");
+             world.state().openLineSize =
+                 static_cast<std::uint32_t>(std::string_view(world.state().openLine).size());
+         }},
+    };
+    for (const auto& wanted : cases) {
+        const ScratchDirectory scratch;
+        const std::string directory = scratch.path("mac");
+        SimulatedMac mac = createMachineDirectory(directory, "MacBookPro16,1");
+        dieLocked(directory, wanted.deed);
+        EXPECT_TRUE(mac.fanManual(0)) << wanted.what;
+        EXPECT_EQ(mac.writes(), "F0Md=1") << wanted.what;
+        mac.otherReleasesFan(0);
+        expectWholeJournal(mac);
+        EXPECT_EQ(mac.journal().size(), 3U) << wanted.what;
+    }
+}
+
+TEST(SharedMachineTest, AKeyTableThatADeadProcessLeftUnsortedIsSortedAgain) {
+    const ScratchDirectory scratch;
+    const std::string directory = scratch.path("mac");
+    SimulatedMac mac = createMachineDirectory(directory, "MacBookPro16,1");
+    dieLocked(directory, [](World& world) {
+        world.state().keysBusy = 1;
+        std::reverse(world.index(), world.index() + world.state().keyCount);
+    });
+    EXPECT_EQ(mac.number("F1Mx"), 4905);
+    EXPECT_EQ(mac.number("FNum"), 2);
 }
 
 TEST(SharedMachineTest, ThreadsOfOneProcessShareItToo) {
