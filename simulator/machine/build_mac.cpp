@@ -1,10 +1,27 @@
 #include "simulator/machine/build_mac.h"
 
+#include <algorithm>
+
+#include "simulator/machine/four_characters.h"
 #include "simulator/machine/key_dump.h"
 #include "simulator/machine/machine.h"
 #include "simulator/machine/machine_directory.h"
 
 namespace simulator {
+namespace {
+
+// A dump of some keys only, such as the temperatures, mostly lacks the count that every controller
+// has and without which no program can list them.
+std::vector<KeyDefinition> keysOfDump(std::string_view csv) {
+    std::vector<KeyDefinition> keys = parseKeyDump(csv);
+    const auto isCount = [](const KeyDefinition& key) { return key.code == packed("#KEY"); };
+    if (std::none_of(keys.begin(), keys.end(), isCount)) {
+        keys.push_back({packed("#KEY"), packed("ui32"), 4, kAttributeRead, 0, {0, 0, 0, 0}});
+    }
+    return keys;
+}
+
+}  // namespace
 
 SimulatedMac makeMac(std::unique_ptr<Machine> machine) {
     return SimulatedMac(std::move(machine));
@@ -28,7 +45,7 @@ SimulatedMac builtInMac(std::string_view name) {
 }
 
 SimulatedMac macFromKeyDump(std::string_view csv) {
-    const auto keys = parseKeyDump(csv);
+    const auto keys = keysOfDump(csv);
     return macInMemory(planFromKeys(keys), keys);
 }
 
@@ -38,7 +55,7 @@ SimulatedMac createMachineDirectory(const std::string& directory, std::string_vi
 }
 
 SimulatedMac createMachineDirectoryFromKeyDump(const std::string& directory, std::string_view csv) {
-    const auto keys = parseKeyDump(csv);
+    const auto keys = keysOfDump(csv);
     return makeMac(MachineDirectory::create(directory, planFromKeys(keys), keys, -1));
 }
 

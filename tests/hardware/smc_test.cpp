@@ -301,7 +301,6 @@ TEST(SMCModeTest, ALockedAppleSiliconMachineEndsRestored) {
 TEST(SMCSensorKeysTest, SortedAndJudged) {
     OpenMac open(
         simulator::macFromKeyDump("key,type,size,attributes,bytes,result\n"
-                                  "#KEY,ui32,4,80,00000000,00\n"
                                   "TW0P,sp78,2,80,2000,00\n"
                                   "TC0P,sp78,2,80,3200,00\n"
                                   "TC9C,sp78,2,80,8100,00\n"
