@@ -62,7 +62,8 @@ class ControlSession:
     def send_line(self, line):
         """Writes raw bytes; the helper takes them as they are."""
         try:
-            self.process.stdin.write(line)
+            while line:  # a signal may cut a write short
+                line = line[self.process.stdin.write(line):]
         except BrokenPipeError as error:
             raise SessionError(f"the helper has ended: {self._exit_text()}") from error
 
@@ -78,7 +79,7 @@ class ControlSession:
 
     def _read_line(self, deadline):
         while b"\n" not in self._received:
-            if len(self._received) > LONGEST_LINE:
+            if len(self._received) >= LONGEST_LINE:
                 raise SessionError("the reply is too long")
             left = deadline - time.monotonic()
             if left <= 0 or not self._selector.select(left):
@@ -88,6 +89,8 @@ class ControlSession:
                 raise SessionError(f"the helper has ended: {self._exit_text()}")
             self._received += chunk or b""
         line, _, self._received = self._received.partition(b"\n")
+        if len(line) >= LONGEST_LINE:
+            raise SessionError("the reply is too long")
         return line
 
     def _exit_text(self):
@@ -110,7 +113,10 @@ class ControlSession:
         hands the fans back by itself; it is never killed here, because that would stop it doing so."""
         if self.process.stdin:
             self.process.stdin.close()
-        status = self.process.wait(ENDING_SECONDS + REPLY_SECONDS)
+        try:
+            status = self.process.wait(ENDING_SECONDS + REPLY_SECONDS)
+        except subprocess.TimeoutExpired as error:
+            raise SessionError("the helper does not end") from error
         self._selector.close()
         self.process.stdout.close()
         return status

@@ -45,13 +45,21 @@ struct Row {
     }
 };
 
+struct Finding {
+    std::string id, text;
+
+    static constexpr auto jsonFields() {
+        return std::tuple{jsonField("id", &Finding::id), jsonField("text", &Finding::text)};
+    }
+};
+
 struct Line {
     Date date;
     std::optional<double> cpuTemperature, gpuTemperature;  // what fan curves follow
     std::vector<FanReading> fans;
     std::vector<Row> common;
     std::string diagnosis;
-    std::vector<std::string> findings;
+    std::vector<Finding> findings;
 
     static constexpr auto jsonFields() {
         return std::tuple{jsonField("date", &Line::date),
@@ -118,7 +126,7 @@ void print(const Snapshot& snapshot, const DiagnosticReport& report) {
               textOf(report.state),
               {}};
     for (const DiagnosticFinding& finding : report.findings) {
-        line.findings.push_back(textOf(finding));
+        line.findings.push_back({finding.id, textOf(finding)});
     }
     std::puts(encodeJson(line, {.dates = JsonDates::iso8601}).c_str());
     std::fflush(stdout);
