@@ -73,7 +73,7 @@ TEST(DiagnosticEngineTest, CallsAMachineStableOnlyAfter45UnbrokenSeconds) {
 
 TEST(DiagnosticEngineTest, CallsATemperatureHighOnceTheSameComponentWasHotFor30Seconds) {
     DiagnosticEngine engine;
-    for (int second = 0; second < 30; ++second) {
+    for (double second = 0; second < 30; second += 0.25) {
         const auto report = engine.evaluate(withHeat(unremarkable(second), 95));
         EXPECT_THAT(ids(report), ElementsAre("temperature-observation")) << second;
         EXPECT_EQ(report.attentionCount, 0);
@@ -314,7 +314,7 @@ TEST(DiagnosticEngineTest, SaysOnceThatDataAreMissingAndDrawsNoConclusion) {
     };
     for (const auto& lose : losses) {
         DiagnosticEngine engine;
-        for (int second = 0; second <= 45; ++second) {
+        for (double second = 0; second <= 45; second += 0.25) {
             auto input = unremarkable(second);
             lose(input);
             const auto report = engine.evaluate(input);
