@@ -28,6 +28,11 @@ off_t fileSize(int descriptor) {
     return ::fstat(descriptor, &status) == 0 ? status.st_size : 0;
 }
 
+void shorten(int descriptor, off_t size) {
+    while (::ftruncate(descriptor, std::max<off_t>(size, 0)) != 0 && errno == EINTR) {
+    }
+}
+
 }  // namespace
 
 bool MemoryJournal::append(std::string_view line) {
@@ -56,9 +61,7 @@ bool FileJournal::append(std::string_view line) {
     }
     if (written > 0) {
         // The disk took a part of the line: a journal with half a line in it would lie.
-        const off_t whole = fileSize(descriptor_) - written;
-        while (::ftruncate(descriptor_, std::max<off_t>(whole, 0)) != 0 && errno == EINTR) {
-        }
+        shorten(descriptor_, fileSize(descriptor_) - written);
     }
     return false;
 }
@@ -72,22 +75,35 @@ std::vector<std::string> FileJournal::lines() {
     return lines;
 }
 
-std::string FileJournal::lastLine() {
+std::string FileJournal::tail() {
     const off_t size = fileSize(descriptor_);
     const off_t start = std::max<off_t>(size - kTailBytes, 0);
-    std::string tail(static_cast<std::size_t>(size - start), '\0');
-    const ssize_t got = ::pread(descriptor_, tail.data(), tail.size(), start);
-    tail.resize(static_cast<std::size_t>(std::max<ssize_t>(got, 0)));
-    if (!tail.empty() && tail.back() == '\n') {
-        tail.pop_back();
+    std::string text(static_cast<std::size_t>(size - start), '\0');
+    const ssize_t got = ::pread(descriptor_, text.data(), text.size(), start);
+    text.resize(static_cast<std::size_t>(std::max<ssize_t>(got, 0)));
+    return text;
+}
+
+std::string FileJournal::lastLine() {
+    std::string text = tail();
+    if (!text.empty() && text.back() == '\n') {
+        text.pop_back();
     }
-    const std::size_t feed = tail.rfind('\n');
-    return feed == std::string::npos ? tail : tail.substr(feed + 1);
+    const std::size_t feed = text.rfind('\n');
+    return feed == std::string::npos ? text : text.substr(feed + 1);
+}
+
+void FileJournal::dropHalfLine() {
+    const std::string text = tail();
+    const std::size_t feed = text.rfind('\n');
+    const std::size_t half = text.size() - (feed == std::string::npos ? 0 : feed + 1);
+    if (half != 0) {
+        shorten(descriptor_, fileSize(descriptor_) - static_cast<off_t>(half));
+    }
 }
 
 void FileJournal::clear() {
-    while (::ftruncate(descriptor_, 0) != 0 && errno == EINTR) {
-    }
+    shorten(descriptor_, 0);
 }
 
 }  // namespace simulator

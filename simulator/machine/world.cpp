@@ -73,6 +73,7 @@ void World::noteProcess(std::string_view what) {
 
 void World::repair() {
     WorldState& now = state();
+    journal_->dropHalfLine();
     if (now.openLineSize != 0) {
         now.openLineSize = std::min<std::uint32_t>(now.openLineSize, kJournalLineSize - 1);
         const auto number = std::strtoull(now.openLine, nullptr, 10);

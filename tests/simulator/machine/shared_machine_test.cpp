@@ -7,6 +7,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <thread>
 
 #include "simulator/machine/four_characters.h"
@@ -137,6 +138,12 @@ void dieLocked(const std::string& directory, const Deed& deed) {
     ASSERT_EQ(::waitpid(child, nullptr, 0), child);
 }
 
+std::string journalFile;
+
+void appendTo(const std::string& file, const std::string& text) {
+    std::ofstream(file, std::ios::app) << text << std::flush;
+}
+
 void openWriteOfMode(World& world) {
     world.state().openWrite = {1, 4242, packed("F0Md"), 0, world.state().journalLines + 1, {1}};
 }
@@ -161,6 +168,16 @@ TEST(SharedMachineTest, WhateverADeadProcessLeftOpenIsCompletedOnce) {
                  state.openLine, sizeof state.openLine, "2 0.000 4242 write F0Md=1 -> 00"));
              ++state.journalLines;
          }},
+        {"a line of which a part was written",
+         [](World& world) {
+             openWriteOfMode(world);
+             world.state().fans[0].mode = 1;
+             WorldState& state = world.state();
+             state.openLineSize = static_cast<std::uint32_t>(std::snprintf(
+                 state.openLine, sizeof state.openLine, "2 0.000 4242 write F0Md=1 -> 00"));
+             ++state.journalLines;
+             appendTo(journalFile, "2 0.0");
+         }},
         {"a line that was written and not closed",
          [](World& world) {
              openWriteOfMode(world);
@@ -173,6 +190,7 @@ TEST(SharedMachineTest, WhateverADeadProcessLeftOpenIsCompletedOnce) {
     for (const auto& wanted : cases) {
         const ScratchDirectory scratch;
         const std::string directory = scratch.path("mac");
+        journalFile = directory + "/journal";
         SimulatedMac mac = createMachineDirectory(directory, "MacBookPro16,1");
         dieLocked(directory, wanted.deed);
         EXPECT_TRUE(mac.fanManual(0)) << wanted.what;
