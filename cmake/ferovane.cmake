@@ -20,6 +20,10 @@ if(FEROVANE_SANITIZE)
     if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
         add_compile_options(-fno-sanitize=function)
     endif()
+    # With its sanitizers GCC warns of optionals that are initialised.
+    if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+        add_compile_options(-Wno-maybe-uninitialized)
+    endif()
 endif()
 
 # ferovane_library(NAME SOURCES file... LINKS target...): the library of one folder. It links, and so
