@@ -1,4 +1,4 @@
-"""How a monitor holds a control session with FerovaneHelper: one JSON request a line, one reply a line.
+"""How a monitor holds a control session with FerovaneHelper: a JSON request a line, a reply a line.
 
     with ControlSession(["FerovaneHelper"]) as session:
         print(session.request("hello")["message"])
@@ -110,7 +110,7 @@ class ControlSession:
 
     def close(self):
         """Ends the session by closing its input, and returns the helper's exit status. The helper
-        hands the fans back by itself; it is never killed here, because that would stop it doing so."""
+        hands the fans back by itself; it is never killed here, because that would stop it."""
         if self.process.stdin:
             self.process.stdin.close()
         try:

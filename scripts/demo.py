@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
 """Shows the helper at work on a simulated Mac that gets busy.
 
-Prints one sample as JSON, then holds a session like any monitor: switches profiles while the machine
-heats up, shows temperatures, fans and targets live, applies a power plan and undoes it. At the end
-there is a page with the curves of the run, and the samples as a table beside it.
+Prints one sample as JSON, then holds a session like any monitor: switches profiles while the
+machine heats up, shows temperatures, fans and targets live, applies a power plan and undoes it. At
+the end there is a page with the curves of the run, and the samples as a table beside it.
 """
 
 import argparse
@@ -34,8 +34,8 @@ INTERRUPTED = 130  # the exit status of what Ctrl-C ended
 
 
 class Interrupts:
-    """Whether the demo was told to stop. A signal only sets a flag, so that no request to the helper
-    is ever broken off in the middle."""
+    """Whether the demo was told to stop. A signal only sets a flag, so that no request to the
+    helper is ever broken off in the middle."""
 
     def __init__(self):
         self.asked = False
@@ -48,7 +48,8 @@ class Interrupts:
 
 def arguments():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    parser.add_argument("--model", default="MacBookPro16,1", help="a name of `simulated-mac models`")
+    parser.add_argument("--model", default="MacBookPro16,1",
+                        help="a name of `simulated-mac models`")
     parser.add_argument("--seconds", type=float, default=50, help="how long the session lives")
     parser.add_argument("--output", type=pathlib.Path, default=ROOT / "build/demo/run.html",
                         help="the page; the table stands beside it")
@@ -60,8 +61,8 @@ def arguments():
 
 
 def become_root():
-    """The helper serves a session only as root. A user namespace in which this user is root will do:
-    nothing but the simulated machine is touched."""
+    """The helper serves a session only as root. A user namespace in which this user is root will
+    do: nothing but the simulated machine is touched."""
     if os.geteuid() == 0:
         return
     with contextlib.suppress(OSError):

@@ -30,7 +30,8 @@ section { background: var(--card); border-radius: 14px; padding: 20px 22px; marg
 .good { color: var(--good); } .bad { color: var(--bad); }
 .wide { overflow-x: auto; } svg { display: block; width: 100%; min-width: 720px; height: auto; }
 table { border-collapse: collapse; width: 100%; font-variant-numeric: tabular-nums; }
-th, td { text-align: right; padding: 6px 10px; border-top: 1px solid var(--grid); white-space: nowrap; }
+th, td { text-align: right; padding: 6px 10px; border-top: 1px solid var(--grid);
+  white-space: nowrap; }
 thead th { border-top: 0; color: var(--soft); font-weight: 500; }
 th:first-child, td:first-child { text-align: left; padding-left: 0; }
 td:last-child, th:last-child { padding-right: 0; }
@@ -38,7 +39,8 @@ td.note { white-space: normal; text-align: left; color: var(--soft); min-width: 
 ol, ul { margin: 0; padding-left: 1.5em; } li { margin: 3px 0; }
 .legend { display: flex; flex-wrap: wrap; gap: 4px 20px; margin: 0 0 10px; padding: 0;
   list-style: none; }
-.legend svg { display: inline-block; width: 26px; min-width: 26px; height: 10px; margin-right: 6px; }
+.legend svg { display: inline-block; width: 26px; min-width: 26px; height: 10px;
+  margin-right: 6px; }
 a { color: var(--c2); }
 svg text { fill: var(--ink); font-size: 12.5px; }
 svg .title { font-size: 14px; font-weight: 600; } svg .unit, svg .tick { fill: var(--soft); }
@@ -72,7 +74,8 @@ def legend(series):
 
 
 def tile(label, value, style=""):
-    return f'<section><p class="soft">{escaped(label)}</p><b class="{style}">{escaped(value)}</b></section>'
+    return (f'<section><p class="soft">{escaped(label)}</p>'
+            f'<b class="{style}">{escaped(value)}</b></section>')
 
 
 def tiles(recording):
@@ -155,8 +158,9 @@ def page(recording, table):
     events = "".join(f"<li>{t:.0f} 秒：{escaped(text)}</li>" for t, text in recording.events)
     encoded = base64.b64encode(table.encode()).decode()
     state = recording.state
+    targets = "虚线是会话设定的目标转速；" if any(one.stepped for one in speeds) else ""
     curves = (legend(heat + speeds) + f'<div class="wide">{drawing}</div>'
-              '<p class="soft">虚线是会话设定的目标转速；底色区分模式；编号对应下方的操作。</p>'
+              f'<p class="soft">{targets}底色区分模式；编号对应下方的操作。</p>'
               if drawing else '<p class="soft">这台设备没有可读取的温度与风扇。</p>')
     when = recording.samples[0][1]["date"].replace("T", " ").replace("Z", " UTC")
     sections = [

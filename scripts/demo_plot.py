@@ -65,8 +65,10 @@ class Panel:
                f'<tspan class="unit" dx="6">{self.unit}</tspan></text>')
         for value in ticks(self.low, self.high, self.step):
             y = self.y(value)
-            yield f'<line class="grid" x1="{LEFT}" x2="{WIDTH - RIGHT}" y1="{y:.1f}" y2="{y:.1f}"/>'
-            yield f'<text class="tick" text-anchor="end" x="{LEFT - 8}" y="{y + 4:.1f}">{value:g}</text>'
+            yield (f'<line class="grid" x1="{LEFT}" x2="{WIDTH - RIGHT}" y1="{y:.1f}" '
+                   f'y2="{y:.1f}"/>')
+            yield (f'<text class="tick" text-anchor="end" x="{LEFT - 8}" y="{y + 4:.1f}">'
+                   f'{value:g}</text>')
         for one in self.series:
             for run in one.runs():
                 kind = "target" if one.stepped else "curve"
@@ -113,7 +115,8 @@ def bands(spans, seconds, bottom):
         kind = "system" if word == "automatic" else f"held{number % 2}"
         yield (f'<rect class="band {kind}" x="{left:.1f}" y="{TOP - 32}" '
                f'width="{right - left:.1f}" height="{bottom - TOP + 32}"/>')
-        yield f'<line class="change" x1="{left:.1f}" x2="{left:.1f}" y1="{TOP - 32}" y2="{bottom}"/>'
+        yield (f'<line class="change" x1="{left:.1f}" x2="{left:.1f}" y1="{TOP - 32}" '
+               f'y2="{bottom}"/>')
         room = int((right - left - 8) / CHARACTER)
         shown = title if len(title) <= room else title[:max(room - 1, 0)] + "…"
         if room >= 2:
@@ -147,9 +150,11 @@ def readings(samples, seconds, bottom):
         parts = [f"{t:.0f} 秒"]
         if "cpuTemperature" in line:
             parts.append(f"处理器 {line['cpuTemperature']:.1f} °C")
-        parts += [f"风扇 {fan['id'] + 1} {fan['rpm']:.0f} RPM" for fan in line["fans"] if "rpm" in fan]
+        parts += [f"风扇 {fan['id'] + 1} {fan['rpm']:.0f} RPM"
+                  for fan in line["fans"] if "rpm" in fan]
         yield (f'<rect class="second" x="{across(t, seconds) - width / 2:.1f}" y="{TOP}" '
-               f'width="{width:.1f}" height="{bottom - TOP}"><title>{"，".join(parts)}</title></rect>')
+               f'width="{width:.1f}" height="{bottom - TOP}">'
+               f'<title>{"，".join(parts)}</title></rect>')
 
 
 def series_of(recording):

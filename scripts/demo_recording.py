@@ -59,7 +59,7 @@ def targets_in(reply):
 
 
 class Sampler:
-    """The example monitor, attached to the machine: one line of JSON a second, a table at its end."""
+    """The example monitor on the machine: one line of JSON a second, a table at its end."""
 
     def __init__(self, mac, seconds, table):
         command = mac.command(MONITOR, str(seconds), table)

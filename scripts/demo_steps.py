@@ -7,7 +7,9 @@ from control_client import RequestFailed
 from demo_recording import APPLE_SILICON
 
 REPLY_SECONDS = 60.0
-BUSY_LOAD = 60  # percent; hot enough to matter, not so hot that the temperature protection takes over
+TURBO_DISABLED = 1  # in a reply; 0 is the system's own way
+# Percent: hot enough to matter, not so hot that the temperature protection takes over.
+BUSY_LOAD = 60
 
 # Slower than the machine's own control up to 88 °C, and at full speed where every curve has to be.
 CUSTOM_CURVE = {
@@ -84,6 +86,8 @@ class Steps:
             self._note("电源方案：" + reply["message"])
 
     def enable_turbo(self):
+        if self.status().get("turbo") != TURBO_DISABLED:
+            return
         reply = self._ask("turbo on", "恢复睿频", "turbo-enable")
         if reply:
             self._note("睿频已恢复")
@@ -92,8 +96,7 @@ class Steps:
         """Undoes what an interrupt kept from being undone."""
         if self._session is not None and self._session.alive:
             self.restore_power()
-            if self._mac.state()["extensionLoaded"]:
-                self.enable_turbo()
+            self.enable_turbo()
 
     # ---- Parts of steps -----------------------------------------------------------------------
 

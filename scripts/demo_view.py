@@ -109,12 +109,13 @@ class View:
     def _single(self, elapsed, line, reply):
         targets = targets_in(reply)
         fans = "  ".join(
-            f"fan {fan['id']} {number(fan.get('rpm'), 'RPM')} → {number(targets.get(fan['id']), 'RPM')}"
+            f"fan {fan['id']} {number(fan.get('rpm'), 'RPM')} → "
+            f"{number(targets.get(fan['id']), 'RPM')}"
             for fan in line["fans"])
         return (f"{clock(elapsed)}  {mode_text(reply)}  "
                 f"CPU {number(line.get('cpuTemperature'), '°C', 1)}  {fans}  "
-                f"left {remaining_text(reply)}  turbo {turbo_text(reply)}{self._protection(reply)}  "
-                f"{line['diagnosis']}")
+                f"left {remaining_text(reply)}  turbo {turbo_text(reply)}"
+                f"{self._protection(reply)}  {line['diagnosis']}")
 
     @staticmethod
     def _protection(reply):
