@@ -149,6 +149,7 @@ class SessionProcessTest(unittest.TestCase):
             with Mac(dice.choice(sorted(MACHINES))) as mac, Owner() as owner:
                 mac.set("load=40", "speed=20")
                 session = session_on(mac, owner)
+                session.request("hello")  # an owner that dies before this is a stranger
                 session.send_line(b'{"command":"test-fans"}\n'
                                   b'{"command":"profile","profile":"performance"}\n')
                 time.sleep(dice.uniform(0, 1.2))
