@@ -104,8 +104,11 @@ double FanCurve::percent(double celsius) const {
         return kFullPercent;  // only a curve whose points are no numbers comes here
     }
     const CurvePoint& below = *(above - 1);
-    return below.percent + (above->percent - below.percent) * (celsius - below.temperature) /
-                               (above->temperature - below.temperature);
+    const double between = below.percent + (above->percent - below.percent) *
+                                               (celsius - below.temperature) /
+                                               (above->temperature - below.temperature);
+    // Rounding may take the end of a segment above where the next one begins: a curve that falls.
+    return std::min(between, above->percent);
 }
 
 }  // namespace ferovane

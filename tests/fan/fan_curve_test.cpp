@@ -83,6 +83,14 @@ TEST(FanCurveTest, PercentInterpolatesBetweenPointsAndFailsSafeToFullSpeed) {
     }
 }
 
+// These ends of segments, 0.6 + 99.4 and 10 + 89.9, would come out an ulp too high.
+TEST(FanCurveTest, RoundingTakesNoSegmentAboveItsEnd) {
+    const FanCurve full{{{67, 0.6}, {73.4, 100}, {80, 100}}, CurveSensor::cpu};
+    const FanCurve rising{{{34, 10}, {40, 99.9}, {42, 100}}, CurveSensor::cpu};
+    EXPECT_EQ(full.percent(73.4), 100);
+    EXPECT_EQ(rising.percent(40), 99.9);
+}
+
 TEST(FanCurveTest, SensorTakesWhatIsAvailable) {
     const SensorReading cpu{"TC0P", "", 60}, gpu{"TG0P", "", 70}, storage{"TH0A", "", 99};
     const std::optional<double> none;
