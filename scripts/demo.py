@@ -57,6 +57,8 @@ def arguments():
     options = parser.parse_args()
     if not 5 <= options.seconds <= 3600:
         parser.error("--seconds: 5 to 3600")
+    if options.output.suffix == ".csv":
+        parser.error("--output: the page; the table gets the same name with .csv")
     return options
 
 
@@ -179,11 +181,11 @@ def main():
     try:
         with SimulatedMac(options.binaries, options.model) as mac:
             return demonstrate(mac, options, interrupts)
-    except DemoFailed as error:
-        print(f"demo: {error}", file=sys.stderr)
-        return 1
     except BrokenPipeError:  # whoever read our output has had enough
         os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
+        return 1
+    except (DemoFailed, OSError) as error:
+        print(f"demo: {error}", file=sys.stderr)
         return 1
 
 
