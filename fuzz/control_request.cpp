@@ -84,11 +84,15 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     if (!request) {
         return 0;
     }
+    const std::string text = encodeJson(*request);
+    require(!fuzzing::accepts<ControlRequest>("{\"command\":\"auto\"," + text.substr(1),
+                                              JsonDates::secondsSinceReference),
+            "a request whose command stands twice is refused");
     const bool admitted = admits(*request);
     if (admitted) {
         checkAdmitted(*request);
     }
-    require(admits(decodeJson<ControlRequest>(encodeJson(*request))) == admitted,
+    require(admits(decodeJson<ControlRequest>(text)) == admitted,
             "a request is admitted or refused alike after another journey");
     return 0;
 }

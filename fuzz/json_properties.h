@@ -22,6 +22,16 @@ inline void checkRefusal(const ScopeError& error) {
 }
 
 template <class T>
+bool accepts(std::string_view text, JsonDates dates) {
+    try {
+        decodeJson<T>(text, dates);
+        return true;
+    } catch (const ScopeError&) {
+        return false;
+    }
+}
+
+template <class T>
 void checkAccepted(const T& value, JsonDates dates) {
     const std::string text = encodeJson(value, {.dates = dates});
     require(!firstInvalidUtf8(text), "encoded text is well-formed");
@@ -29,6 +39,10 @@ void checkAccepted(const T& value, JsonDates dates) {
     const T again = decodeJson<T>(text, dates);
     require(again == value, "what was accepted is encoded and decoded to an equal value");
     require(encodeJson(again, {.dates = dates}) == text, "equal values have equal texts");
+    require(accepts<T>(" " + text + "\n", dates), "blanks around a text make no difference");
+    require(!accepts<T>(std::string_view(text).substr(0, text.size() - 1), dates) &&
+                !accepts<T>(text + "}", dates),
+            "a text with its end missing, or with more behind it, is refused");
     const std::string pretty =
         encodeJson(value, {.dates = dates, .pretty = true, .sortedKeys = true});
     require(decodeJson<T>(pretty, dates) == value, "layout and order make no difference");

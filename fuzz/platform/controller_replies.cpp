@@ -229,7 +229,7 @@ void writeRaw(fuzzing::Input& input) {
 
 void operate(SMC& smc, fuzzing::Input& input) {
     const auto choice = input.take<std::uint8_t>();
-    const int fan = choice < 0xF8 ? choice / 8 % 10 : input.take<std::int8_t>();
+    const int fan = choice < 0xF8 ? choice / 8 % 12 : input.take<std::int8_t>();
     switch (choice % 8) {
         case 0:
             checkFans(smc);
