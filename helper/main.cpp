@@ -5,8 +5,8 @@
 
 int main(int argc, char** argv) {
     ferovane::occupyStandardDescriptors();
-    // Whoever starts us may ignore the end of children, and that is inherited: no tool's exit status
-    // could be had then.
+    // Whoever starts us may ignore the end of children, and that is inherited: no tool's exit
+    // status could be had then.
     std::signal(SIGCHLD, SIG_DFL);
     return ferovane::runHelper({argv, argv + argc}, ferovane::productionEnvironment());
 }

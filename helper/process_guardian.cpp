@@ -5,8 +5,10 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <filesystem>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -18,6 +20,10 @@ namespace ferovane {
 namespace {
 
 constexpr const char* kNoGuardian = "无法启动风扇守护进程，未接管风扇";
+
+// A released guardian is gone within a millisecond or two, unless the machine is very busy.
+constexpr std::chrono::milliseconds kReleasePause{1};
+constexpr std::chrono::seconds kReleasePatience{1};
 
 // Every descriptor this process has open; the child closes them one by one, because asking for the
 // list, or trying every number there could be, is nothing to do after a fork.
@@ -33,6 +39,16 @@ std::vector<int> openDescriptors() {
 
 void closeOnExec(int descriptor) {
     ::fcntl(descriptor, F_SETFD, FD_CLOEXEC);
+}
+
+// A guardian that somebody has stopped does not end, and is left to itself then: whoever waits for
+// the helper must not wait for that.
+void reapSoon(pid_t guardian) {
+    const auto deadline = std::chrono::steady_clock::now() + kReleasePatience;
+    while (::waitpid(guardian, nullptr, WNOHANG) == 0 &&
+           std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(kReleasePause);
+    }
 }
 
 }  // namespace
@@ -75,10 +91,15 @@ void ProcessGuardian::start() {
 // Closing the pipe releases the guardian. One that has nothing to do ends at once and is waited
 // for; one that has must not be, since it waits for the helper to end.
 void ProcessGuardian::release() noexcept {
+    if (pid_ < 0) {
+        return;  // the last attempt to start one failed
+    }
     ::close(pipe_);
     pipe_ = -1;
-    while (!held_ && ::waitpid(pid_, nullptr, 0) < 0 && errno == EINTR) {
+    if (!held_) {
+        reapSoon(pid_);
     }
+    pid_ = -1;
 }
 
 bool ProcessGuardian::tell(char word) noexcept {
@@ -91,7 +112,8 @@ bool ProcessGuardian::tell(char word) noexcept {
 
 void ProcessGuardian::fansHeld() {
     if (!tell(kGuardianHeld)) {
-        release();  // it was killed: nothing is held yet, so another can take its place
+        held_ = false;  // by the one that was killed; what is held becomes the next one's
+        release();
         start();
         if (!tell(kGuardianHeld)) {
             throw ScopeError(kNoGuardian);

@@ -12,7 +12,6 @@
 #include "core/power/power_transaction.h"
 #include "helper/fan_control_policy.h"
 #include "helper/fan_return.h"
-#include "helper/held_fans.h"
 #include "helper/turbo_change.h"
 
 namespace ferovane {
@@ -36,6 +35,7 @@ SessionControl::SessionControl(SessionOwner owner, const HelperEnvironment& envi
       environment_(environment),
       guardian_(environment.makeGuardian()),
       smc_(environment.makeSMC()),
+      fans_(*smc_, *guardian_),
       sampler_(environment.makeSampler()),
       power_(environment.makePowerAccess()) {}
 
@@ -114,19 +114,26 @@ void SessionControl::returnFans() {
     }
     std::exception_ptr failure;
     try {
-        returnEveryFan(*smc_);
+        returnEveryFan(fans_);
     } catch (...) {
         failure = std::current_exception();
     }
+    // A fan that is held and no longer listed was not among them.
+    const std::exception_ptr unreturned = returnHeldFans();
     const ConditionGuard guard(lock_);
     returning_ = false;
-    if (!failure) {
-        unreturned_ = nullptr;
-    }
     lock_.broadcast();
-    if (failure) {
-        std::rethrow_exception(failure);
+    if (failure || unreturned) {
+        std::rethrow_exception(failure ? failure : unreturned);
     }
+}
+
+// Gives what is still held another chance, and remembers how that went.
+std::exception_ptr SessionControl::returnHeldFans() noexcept {
+    const std::exception_ptr unreturned = fans_.returnHeld();
+    const ConditionGuard guard(lock_);
+    unreturned_ = unreturned;
+    return unreturned;
 }
 
 ControlReply SessionControl::status() {
@@ -135,6 +142,10 @@ ControlReply SessionControl::status() {
     if (unreturned_) {
         std::rethrow_exception(unreturned_);
     }
+    return stateLocked(turbo);
+}
+
+ControlReply SessionControl::stateLocked(std::optional<std::int64_t> turbo) {
     const bool held = running_ && lease_ && lease_->applied;
     ControlReply reply{true, held ? kConfirmed : kSystemManaged};
     reply.turbo = turbo;
@@ -158,7 +169,11 @@ ControlReply SessionControl::confirmed() {
 }
 
 ControlReply SessionControl::powerReply(PowerOutcome outcome, const char* message) {
-    ControlReply reply = status();
+    const auto turbo = power_->turboState();
+    const ConditionGuard guard(lock_);
+    // Not as status(), which may throw: the settings are changed, and the monitor needs the record
+    // of it whatever has become of the fans.
+    ControlReply reply = stateLocked(turbo);
     reply.message = message;
     reply.power = std::move(outcome);
     return reply;
@@ -177,10 +192,10 @@ void SessionControl::start(const FanCurve& curve, const std::string& mode, const
         }
         beginLocked(mode, name, duration);
     }
-    if (thread_.joinable()) {
-        thread_.join();  // the ended lease's; it has nothing left to do
-    }
     try {
+        if (thread_.joinable()) {
+            thread_.join();  // the ended lease's; it has nothing left to do
+        }
         thread_ = std::thread([this, curve, duration] { runLease(curve, duration); });
     } catch (const std::exception&) {
         const ConditionGuard guard(lock_);
@@ -238,24 +253,25 @@ bool SessionControl::finish() {
 // ---- On the lease's thread --------------------------------------------------------------------
 
 void SessionControl::runLease(const FanCurve& curve, double duration) noexcept {
-    HeldFans fans(*smc_, *guardian_);
-    std::exception_ptr failure;
-    try {
-        holdCurve(fans, curve, duration);
-    } catch (...) {
-        failure = std::current_exception();
+    // First what an earlier lease could not hand back: such a fan is not free to be taken.
+    std::exception_ptr failure = returnHeldFans();
+    if (!failure) {
+        try {
+            holdCurve(curve, duration);
+        } catch (...) {
+            failure = std::current_exception();
+        }
+        returnHeldFans();
     }
-    const std::exception_ptr unreturned = fans.returnHeld();
     const ConditionGuard guard(lock_);
     lease_->failure = failure;
-    unreturned_ = unreturned;
     running_ = false;
     lock_.broadcast();
 }
 
-void SessionControl::holdCurve(CoolingHardware& fans, const FanCurve& curve, double duration) {
+void SessionControl::holdCurve(const FanCurve& curve, double duration) {
     CurveLease::run(
-        fans, curve, duration, [this] { return sampler_->sample(); }, environment_.now,
+        fans_, curve, duration, [this] { return sampler_->sample(); }, environment_.now,
         [this] { return mustStop(); }, [this] { waitForRound(); },
         [this](const FanControlProgress& progress) {
             const ConditionGuard guard(lock_);

@@ -1,6 +1,7 @@
 // The fan state of one control session, and how each of its requests is served.
 #pragma once
 
+#include <cstdint>
 #include <exception>
 #include <memory>
 #include <optional>
@@ -11,6 +12,7 @@
 #include "core/control/control_request.h"
 #include "core/fan/curve_lease.h"
 #include "helper/condition_lock.h"
+#include "helper/held_fans.h"
 #include "helper/helper_environment.h"
 #include "helper/session_owner.h"
 
@@ -56,9 +58,11 @@ private:
     };
 
     void startProfile(const ControlRequest& request);
-    void returnFans();
+    void returnFans() FV_EXCLUDES(lock_);
+    std::exception_ptr returnHeldFans() noexcept FV_EXCLUDES(lock_);
     ControlReply confirmed();
-    ControlReply powerReply(PowerOutcome outcome, const char* message);
+    ControlReply powerReply(PowerOutcome outcome, const char* message) FV_EXCLUDES(lock_);
+    ControlReply stateLocked(std::optional<std::int64_t> turbo) FV_REQUIRES(lock_);
 
     void beginLocked(const std::string& mode, const std::string& name, double duration)
         FV_REQUIRES(lock_);
@@ -67,14 +71,15 @@ private:
     void awaitConfirmation() FV_EXCLUDES(lock_);
 
     void runLease(const FanCurve& curve, double duration) noexcept FV_EXCLUDES(lock_);
-    void holdCurve(CoolingHardware& fans, const FanCurve& curve, double duration);
+    void holdCurve(const FanCurve& curve, double duration);
     bool mustStop() FV_EXCLUDES(lock_);
     void waitForRound() FV_EXCLUDES(lock_);
 
     const SessionOwner owner_;
     const HelperEnvironment& environment_;
     const std::unique_ptr<FanGuardian> guardian_;  // first: it is forked before all else exists
-    const std::unique_ptr<SMC> smc_;  // the lease's while one runs, else the request thread's
+    const std::unique_ptr<SMC> smc_;
+    HeldFans fans_;  // and through it the two above: the lease's while one runs, else the request's
     const std::unique_ptr<HardwareSampler> sampler_;
     const std::unique_ptr<PowerSettingsAccess> power_;
     std::thread thread_;  // of the last lease; touched by the request thread only

@@ -1,9 +1,12 @@
 #include "helper/standard_streams.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstddef>
 #include <string>
 
 #include "core/model/scope_error.h"
@@ -11,9 +14,28 @@
 namespace ferovane {
 namespace {
 
-bool writeAll(int descriptor, std::string_view text) noexcept {
+// A reader may take its time, but one that has stopped reading must not stop us.
+constexpr int kReportPatienceMilliseconds = 1000;
+
+// What a pipe takes without blocking when it says that it takes anything.
+constexpr std::size_t kReportPiece = 512;
+
+bool takesMore(int descriptor) noexcept {
+    pollfd waiting{descriptor, POLLOUT, 0};
+    int ready = -1;
+    do {
+        ready = ::poll(&waiting, 1, kReportPatienceMilliseconds);
+    } while (ready < 0 && errno == EINTR);
+    return ready != 0;  // some devices cannot be polled: they are simply written to
+}
+
+bool writeAll(int descriptor, std::string_view text, bool patient) noexcept {
     while (!text.empty()) {
-        const ssize_t written = ::write(descriptor, text.data(), text.size());
+        if (!patient && !takesMore(descriptor)) {
+            return false;
+        }
+        const std::size_t size = patient ? text.size() : std::min(text.size(), kReportPiece);
+        const ssize_t written = ::write(descriptor, text.data(), size);
         if (written > 0) {
             text.remove_prefix(static_cast<std::size_t>(written));
         } else if (written == 0 || errno != EINTR) {
@@ -36,14 +58,14 @@ void occupyStandardDescriptors() noexcept {
 }
 
 void writeText(int descriptor, std::string_view text) {
-    if (!writeAll(descriptor, text)) {
+    if (!writeAll(descriptor, text, true)) {
         throw ScopeError("无法写入标准输出");
     }
 }
 
 void reportLine(int descriptor, std::string_view text) noexcept {
-    if (writeAll(descriptor, text)) {
-        writeAll(descriptor, "\n");
+    if (writeAll(descriptor, text, false)) {
+        writeAll(descriptor, "\n", false);
     }
 }
 

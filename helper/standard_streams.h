@@ -13,7 +13,8 @@ void occupyStandardDescriptors() noexcept;
 // Writes all of the text, retrying short and interrupted writes; throws ScopeError when it cannot.
 void writeText(int descriptor, std::string_view text);
 
-// The text and a line feed. For messages whose loss must not change what happens next.
+// The text and a line feed. For messages whose loss must not change what happens next: gives up
+// once the reader has taken nothing for a second.
 void reportLine(int descriptor, std::string_view text) noexcept;
 
 // The text of a failure, as reportLine.

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include "tests/helper/full_pipe.h"
 #include "tests/helper/session_world.h"
 
 namespace ferovane::testing {
@@ -116,6 +117,48 @@ TEST(SessionTest, SaysSoWhileAFanCouldNotBeHandedBack) {
     EXPECT_EQ(session.command("auto").message, kSystemManaged);
     EXPECT_TRUE(session.world.mac.allFansAutomatic());
     EXPECT_EQ(session.end(), "");
+    EXPECT_EQ(session.world.guardianRecord, "held returned ") << "nothing is left to be guarded";
+}
+
+TEST(SessionTest, NothingButTheHandBackClearsAFanThatIsStillHeld) {
+    const std::string failure = "恢复自动风扇失败：";
+    const auto tellsOfTheFan = [&](const ControlReply& reply) {
+        return !reply.ok && reply.message.rfind(failure, 0) == 0;
+    };
+    const std::vector<std::pair<std::string, std::function<void(SessionWorld&)>>> attempts{
+        {"a profile that is refused",
+         [](SessionWorld& session) { EXPECT_FALSE(session.profile("balanced").ok); }},
+        {"returning the fans that are listed",
+         [](SessionWorld& session) {
+             session.world.mac.vanishFan(1);
+             EXPECT_FALSE(session.command("auto").ok);
+         }},
+    };
+    for (const auto& [name, attempt] : attempts) {
+        SessionWorld session;
+        ASSERT_TRUE(session.profile("balanced").ok);
+        session.world.mac.refuseWrites("F1Md", simulator::kNotWritable);
+        ASSERT_FALSE(session.command("auto").ok);
+        attempt(session);
+        const ControlReply status = session.command("status");
+        EXPECT_TRUE(tellsOfTheFan(status)) << name << status.message;
+        session.end();
+        EXPECT_EQ(session.endedWith, 0) << "the process ends, so that its guardian acts: " << name;
+        EXPECT_EQ(session.world.errors.text(), "恢复自动风扇失败\n") << name;
+    }
+}
+
+TEST(SessionTest, ANewLeaseFirstMakesGoodWhatTheOldOneLeft) {
+    SessionWorld session;
+    ASSERT_TRUE(session.profile("balanced").ok);
+    session.world.mac.refuseWrites("F1Md", simulator::kNotWritable);
+    ASSERT_FALSE(session.command("auto").ok);
+    session.world.mac.clearFaults();
+    const ControlReply reply = session.profile("performance");
+    EXPECT_TRUE(reply.ok && reply.fanStatus) << reply.message;
+    EXPECT_EQ(session.command("shutdown").message, kSystemManaged);
+    EXPECT_EQ(session.end(), "");
+    EXPECT_EQ(session.world.guardianRecord, "held returned held returned ");
 }
 
 TEST(SessionTest, OnAppleSiliconOnlyFansAreControlled) {
@@ -189,17 +232,17 @@ TEST(SessionTest, EveryCauseOfStoppingHandsTheFansBack) {
 
 TEST(SessionTest, AFullPipeDoesNotKeepTheWatchdogFromTheFans) {
     SessionWorld session;
+    session.world.environment.timings.fanTest = 60;
     ASSERT_TRUE(session.profile("balanced").ok);
-    // A reader that never reads: requests go on until their replies fill the pipe.
-    std::string many;
-    for (int i = 0; i < 2000; ++i) {
-        many += "{\"command\":\"status\"}\n";
+    fillPipe(session.replies.ends[1]);  // a reader that reads no more
+    session.tell("{\"command\":\"test-fans\"}\n");
+    simulator::SimulatedMac& mac = session.world.mac;
+    for (int i = 0; i < 2000 && mac.fanTarget(1) < mac.fanMaximum(1); ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
-    session.tell(many);
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
     session.world.ownerAlive = false;
     EXPECT_TRUE(session.endsItself());
-    EXPECT_TRUE(session.world.mac.allFansAutomatic());
+    EXPECT_TRUE(mac.allFansAutomatic());
     session.replies.closeEnd(0);
 }
 
@@ -227,6 +270,20 @@ TEST(SessionTest, PowerPlansAreAppliedAndUndone) {
     EXPECT_EQ(session.ask(restore).message, "恢复已结束；外部更改保留");
     session.end();
     EXPECT_EQ(power.settings.value(PowerSetting::displaySleep, PowerSource::battery), 7);
+}
+
+TEST(SessionTest, AFanThatIsStillHeldCostsNobodyABackup) {
+    SessionWorld session;
+    session.world.power.settings = laptopSettings();
+    ASSERT_TRUE(session.profile("balanced").ok);
+    session.world.mac.refuseWrites("F1Md", simulator::kNotWritable);
+    ASSERT_FALSE(session.command("auto").ok);
+    const ControlReply applied = session.ask(
+        "{\"command\":\"power-optimize\",\"powerPlan\":{\"source\":\"battery\",\"scope\":"
+        "\"current\",\"lowPower\":true,\"disableTurbo\":false}}");
+    EXPECT_EQ(applied.message, "优化设置已确认生效");
+    ASSERT_TRUE(applied.ok && applied.power && applied.power->backup);
+    EXPECT_EQ(applied.power->backup->edits.size(), 1U);
 }
 
 }  // namespace

@@ -1,0 +1,146 @@
+// The guardian as a process, with a file in the helper's place that does nothing.
+#include "helper/process_guardian.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <future>
+#include <optional>
+#include <thread>
+#include <vector>
+
+#include "core/model/scope_error.h"
+#include "shim/fv.h"
+
+namespace ferovane::testing {
+namespace {
+
+constexpr const char* kNothing = "/bin/true";
+
+std::vector<pid_t> livingChildren() {
+    std::vector<FVProcessSnapshot> processes(20000);
+    const int count =
+        fv_process_snapshot(processes.data(), static_cast<int>(processes.size()), nullptr);
+    std::vector<pid_t> children;
+    for (int i = 0; i < count; ++i) {
+        const FVProcessSnapshot& process = processes[static_cast<std::size_t>(i)];
+        if (process.parent_pid == static_cast<std::uint32_t>(::getpid())) {
+            children.push_back(process.pid);
+        }
+    }
+    return children;
+}
+
+pid_t onlyChild() {
+    const std::vector<pid_t> children = livingChildren();
+    EXPECT_EQ(children.size(), 1U);
+    return children.empty() ? 0 : children.front();
+}
+
+// Kills a child without reaping it.
+void killAndLeave(pid_t child) {
+    ::kill(child, SIGKILL);
+    siginfo_t info{};
+    ASSERT_EQ(::waitid(P_PID, static_cast<id_t>(child), &info, WEXITED | WNOWAIT), 0);
+}
+
+bool isReaped(pid_t child) {
+    return ::waitpid(child, nullptr, WNOHANG) == -1 && errno == ECHILD;
+}
+
+// While it lives, this process can open only so many descriptors more.
+class RoomForDescriptors {
+public:
+    explicit RoomForDescriptors(int count) {
+        ::getrlimit(RLIMIT_NOFILE, &before_);
+        int end = 1024;  // no descriptor of a test has a larger number
+        while (::fcntl(end - 1, F_GETFD) == -1) {
+            --end;
+        }
+        for (int filler = ::dup(0); filler != -1; filler = ::dup(0)) {
+            if (filler >= end) {
+                ::close(filler);
+                break;
+            }
+            fillers_.push_back(filler);
+        }
+        const rlimit now{static_cast<rlim_t>(end + count), before_.rlim_max};
+        ::setrlimit(RLIMIT_NOFILE, &now);
+    }
+    ~RoomForDescriptors() {
+        ::setrlimit(RLIMIT_NOFILE, &before_);
+        for (const int filler : fillers_) {
+            ::close(filler);
+        }
+    }
+    RoomForDescriptors(const RoomForDescriptors&) = delete;
+    RoomForDescriptors& operator=(const RoomForDescriptors&) = delete;
+
+private:
+    rlimit before_{};
+    std::vector<int> fillers_;
+};
+
+TEST(ProcessGuardianTest, OneThatWasKilledIsReplacedAndReapedAlsoWhileAFanIsLeftHeld) {
+    for (const bool returned : {true, false}) {
+        ProcessGuardian guardian(kNothing);
+        guardian.fansHeld();
+        if (returned) {
+            guardian.fansReturned();
+        }
+        const pid_t first = onlyChild();
+        killAndLeave(first);
+        guardian.fansHeld();
+        EXPECT_NE(onlyChild(), first);
+        EXPECT_TRUE(isReaped(first)) << returned;
+        guardian.fansReturned();
+    }
+    EXPECT_TRUE(livingChildren().empty());
+}
+
+TEST(ProcessGuardianTest, WithoutAReplacementNoFanMayBeTakenAndNoOtherChildIsWaitedFor) {
+    std::optional<ProcessGuardian> guardian(kNothing);
+    killAndLeave(onlyChild());
+    {
+        // With the end of the pipe that becomes free there is room for the new pipe and no more.
+        const RoomForDescriptors one(1);
+        EXPECT_THROW(guardian->fansHeld(), ScopeError);
+        EXPECT_THROW(guardian->fansHeld(), ScopeError) << "nor at the next attempt";
+    }
+    const pid_t tool = ::fork();
+    if (tool == 0) {
+        ::_exit(7);
+    }
+    siginfo_t info{};
+    ASSERT_EQ(::waitid(P_PID, static_cast<id_t>(tool), &info, WEXITED | WNOWAIT), 0);
+    guardian.reset();
+    int status = 0;
+    EXPECT_EQ(::waitpid(tool, &status, 0), tool) << "its exit status belongs to who started it";
+    EXPECT_EQ(WEXITSTATUS(status), 7);
+}
+
+TEST(ProcessGuardianTest, OneThatIsStoppedDoesNotKeepTheHelper) {
+    std::optional<ProcessGuardian> guardian(kNothing);
+    const pid_t stopped = onlyChild();
+    ::kill(stopped, SIGSTOP);
+    std::promise<void> released;
+    std::thread rescue([stopped, done = released.get_future()] {
+        done.wait_for(std::chrono::seconds(20));
+        ::kill(stopped, SIGCONT);
+    });
+    const auto start = std::chrono::steady_clock::now();
+    guardian.reset();
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
+    released.set_value();
+    rescue.join();
+    ::waitpid(stopped, nullptr, 0);
+}
+
+}  // namespace
+}  // namespace ferovane::testing

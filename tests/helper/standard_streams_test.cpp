@@ -1,0 +1,55 @@
+#include "helper/standard_streams.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <future>
+#include <string>
+#include <thread>
+
+#include "tests/helper/full_pipe.h"
+
+namespace ferovane::testing {
+namespace {
+
+TEST(StandardStreamsTest, AReportWhoseReaderHasStoppedIsGivenUp) {
+    int ends[2];
+    ASSERT_EQ(::pipe(ends), 0);
+    fillPipe(ends[1]);
+    std::promise<void> givenUp;
+    std::thread rescue([&, done = givenUp.get_future()] {
+        done.wait_for(std::chrono::seconds(20));
+        char taken[8192];
+        EXPECT_GT(::read(ends[0], taken, sizeof taken), 0);
+    });
+    const auto start = std::chrono::steady_clock::now();
+    reportLine(ends[1], "恢复自动风扇失败");
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
+    givenUp.set_value();
+    rescue.join();
+    ::close(ends[0]);
+    ::close(ends[1]);
+}
+
+TEST(StandardStreamsTest, ALongReportReachesASlowReaderWhole) {
+    int ends[2];
+    ASSERT_EQ(::pipe(ends), 0);
+    const std::string text(300'000, 'y');
+    std::string received;
+    std::thread reader([&] {
+        char chunk[4096];
+        for (ssize_t count; (count = ::read(ends[0], chunk, sizeof chunk)) > 0;) {
+            received.append(chunk, static_cast<std::size_t>(count));
+            std::this_thread::yield();
+        }
+    });
+    reportLine(ends[1], text);
+    ::close(ends[1]);
+    reader.join();
+    EXPECT_EQ(received, text + "\n");
+    ::close(ends[0]);
+}
+
+}  // namespace
+}  // namespace ferovane::testing
