@@ -30,7 +30,9 @@ ALLOWED = {
 
 # Headers that stand for something only certain files may know, wherever they come from.
 RESERVED = [
-    (re.compile(r"^(CoreFoundation|IOKit|mach|objc)/|^libproc\.h$|^sys/sysctl\.h$|^pthread/qos\.h$"),
+    (re.compile(r"^(CoreFoundation|CoreServices|Foundation|IOKit|dispatch|libkern|mach|mach-o|objc|os"
+                r"|servers|xpc)/|^libproc\.h$|^notify\.h$|^sys/sysctl\.h$|^pthread/qos\.h$"
+                r"|^TargetConditionals\.h$"),
      ("shim/", "simulator/", "tests/shim/", "tests/simulator/", "fuzz/platform/")),
     (re.compile(r"^nlohmann/"), ("core/model/json_codec", "simulator/")),
     (re.compile(r"^(gtest|gmock|benchmark)/"), ("tests/", "bench/")),
