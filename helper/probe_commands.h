@@ -9,8 +9,8 @@ namespace ferovane {
 // a quarter of a second, over which the processor's use is measured.
 void printSnapshot(const HelperEnvironment& environment);
 
-// Prints the raw fan keys of the first fan that can be read, as one JSON object from key to number,
-// and a line feed; "{}" on a machine without a controller.
+// Prints those raw fan keys of the whole machine and of fan 0 that can be read, as one JSON object
+// from key to number, and a line feed; "{}" on a machine without a controller.
 void printFanKeys(const HelperEnvironment& environment);
 
 }  // namespace ferovane

@@ -26,7 +26,8 @@ public:
     // leaves the former outside 0 to 3 (unknown) and the latter 0.
     Snapshot sample();
 
-    // As newly made: the controller is opened again, and the next sample finds the sensors anew.
+    // For a session that starts afresh: the controller is opened again, and the next sample finds
+    // the sensors anew and has no processor use. The turbo driver keeps its turn.
     void reset();
 
     // The next sample asks for the turbo driver again; to be called after switching it.

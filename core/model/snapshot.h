@@ -69,14 +69,14 @@ struct CPUCounters {
 };
 
 struct Snapshot {
-    Date date;                       // also the snapshot's identity
+    Date date;                       // when the sample was taken
     std::optional<double> cpuUsage;  // percent; absent on the first sample
     std::vector<SensorReading> sensors;
     std::vector<FanReading> fans;                   // by fan index
     std::optional<int> speedLimit, schedulerLimit;  // percent, 100 means unlimited
     std::optional<int> availableCPUs;
     int totalCPUs = 0;
-    int thermalState = 0;  // 0 nominal, 1 fair, 2 serious, 3 critical
+    int thermalState = 0;  // 0 nominal, 1 fair, 2 serious, 3 critical, else unknown
     std::optional<int> thermalWarning;
     TurboState turbo = TurboState::unknown;
     std::optional<bool> acPower;
@@ -84,6 +84,8 @@ struct Snapshot {
     bool smcAvailable = false;
     std::optional<MemoryPressure> memoryPressure;
     std::optional<std::vector<HardwareSensorReading>> additionalSensors;
+
+    Date id() const { return date; }
 
     // The hottest reading of a category; NaN does not count. Absent without one.
     std::optional<double> temperature(SensorCategory category) const;
