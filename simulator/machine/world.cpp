@@ -53,7 +53,9 @@ void World::note(std::string_view who, std::string_view what) {
                                    static_cast<int>(what.size()), what.data());
     now.openLineSize = static_cast<std::uint32_t>(
         std::clamp<int>(size, 0, static_cast<int>(kJournalLineSize) - 1));
+    keepStoreOrder();  // an open line first, then its number: otherwise a number could be lost
     ++now.journalLines;
+    keepStoreOrder();
     writeOpenLine();
 }
 
@@ -62,6 +64,7 @@ void World::writeOpenLine() {
     if (!journal_->append({now.openLine, now.openLineSize})) {
         ++now.journalLost;
     }
+    keepStoreOrder();
     now.openLineSize = 0;
 }
 

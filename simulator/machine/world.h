@@ -1,6 +1,7 @@
 // The state of a machine while its lock is held, with the few operations that every part needs.
 #pragma once
 
+#include <atomic>
 #include <optional>
 #include <string_view>
 
@@ -13,6 +14,11 @@ namespace simulator {
 inline constexpr std::string_view kOtherProgram = "other";
 inline constexpr std::string_view kSystemItself = "system";  // controller, thermal daemon, sleep
 inline constexpr std::string_view kOutsideWorld = "world";
+
+// A killed process leaves its stores in the order of the program, as long as the compiler keeps it.
+inline void keepStoreOrder() {
+    std::atomic_signal_fence(std::memory_order_seq_cst);
+}
 
 class World {
 public:

@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -13,11 +12,6 @@
 
 namespace simulator::Writes {
 namespace {
-
-// A killed process leaves its stores in the order of the program, as long as the compiler does.
-void keepStoreOrder() {
-    std::atomic_signal_fence(std::memory_order_seq_cst);
-}
 
 void open(WorldState& state, const KeyRecord& key, const std::uint8_t* bytes) {
     OpenWrite& write = state.openWrite;
@@ -80,17 +74,16 @@ void note(World& world, std::uint32_t code, const KeyRecord* key, const std::uin
 void repair(World& world) {
     WorldState& state = world.state();
     const OpenWrite write = state.openWrite;
-    state.openWrite.active = 0;
-    if (write.active == 0 || state.journalLines >= write.line) {
-        return;
-    }
-    if (KeyRecord* key = KeyTable::find(world, write.key)) {
+    KeyRecord* key = write.active != 0 ? KeyTable::find(world, write.key) : nullptr;
+    if (key != nullptr && state.journalLines < write.line) {
         // Whether it was applied is not known: applied twice it does the same.
         Outcome outcome;
         outcome.result = static_cast<std::uint8_t>(Fans::write(world, *key, write.bytes));
         Fans::recordHolder(state, write.process);
         noteBy(world, write.process, write.key, valueText(key, write.bytes, key->size), outcome);
     }
+    keepStoreOrder();
+    state.openWrite.active = 0;  // last, for the repairing process may be killed as well
 }
 
 }  // namespace simulator::Writes
