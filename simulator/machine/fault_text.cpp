@@ -13,13 +13,11 @@ namespace simulator::Faults {
 namespace {
 
 double numberIn(std::string_view word, std::string_view text) {
-    const std::string owned(text);
-    char* end = nullptr;
-    const double number = std::strtod(owned.c_str(), &end);
-    if (owned.empty() || *end != '\0') {
+    const auto number = worldNumber(std::string(text));
+    if (!number) {
         throw std::runtime_error("not a number: " + std::string(word));
     }
-    return number;
+    return *number;
 }
 
 // "0x82", "130" or "-536870207"; an IOKit code may also be written 0xE00002C1.
@@ -103,6 +101,9 @@ bool readParameter(FaultRecord& fault, const FaultForm& form, std::string_view n
         readValue(fault, word, text);
     } else if (name == "seconds" && takes(form, 's')) {
         fault.seconds = numberIn(word, text);
+        if (fault.seconds < 0) {
+            throw std::runtime_error("time does not go back: " + std::string(word));
+        }
     } else if (name == "tool" && takes(form, 't')) {
         copyText(word, text, fault.tool);
     } else if (name == "text" && takes(form, 'x')) {

@@ -1,5 +1,6 @@
 #include "simulator/machine/happening_effects.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 
@@ -47,7 +48,11 @@ void sleep(World& world, double seconds) {
     Fans::wake(world);
 }
 
-void keepTarget(World& world, std::size_t fan, double rpm, double period) {
+// No program is quicker, and a machine must not spend all of its time on one.
+constexpr double kShortestPeriodSeconds = 0.01;
+
+void keepTarget(World& world, std::size_t fan, double rpm, double seconds) {
+    const double period = seconds > 0 ? std::max(seconds, kShortestPeriodSeconds) : 0;
     FanRecord& record = world.state().fans[fan];
     record.rivalTarget = rpm;
     record.rivalPeriod = period;

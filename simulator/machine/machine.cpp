@@ -103,7 +103,8 @@ void passTime(World& world, double seconds) {
             std::min({state.nextDue, Fans::nextEvent(state), nextPending(state), end});
         const double piece = due - state.machineSeconds;
         if (piece > 0) {
-            passHeat(world, piece * world.number(Property::kSpeed, 1));
+            // Heat does not run backwards.
+            passHeat(world, piece * std::max(world.number(Property::kSpeed, 1), 0.0));
             state.machineSeconds = due;
         } else if (due >= end) {
             return;

@@ -1,5 +1,7 @@
 #include "simulator/machine/machine_directory.h"
 
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #if defined(__APPLE__)
@@ -21,6 +23,9 @@ namespace fs = std::filesystem;
 
 // Room for keys that are added to a machine later.
 constexpr std::size_t kSpareKeys = 64;
+
+// The state's name until the machine is complete.
+constexpr const char* kUnfinishedState = "state.new";
 
 // In the order of the TurboInstallation bits.
 constexpr std::array<const char*, 3> kTurboPlaces = {
@@ -99,20 +104,51 @@ void placeJournal(const fs::path& journal) {
     ::chmod(journal.c_str(), 0666);  // processes of any user attach, and are heard
 }
 
-// Removes what a creation made when it is not completed.
+// Makes the directory unless it is there, and keeps every other creation out of it: two at once
+// would take each other's files for their own. A process that dies lets go of it.
+class OnlyCreation {
+public:
+    explicit OnlyCreation(const fs::path& directory) {
+        struct stat held = {};
+        struct stat named = {};
+        do {
+            release();
+            fs::create_directories(directory);
+            descriptor_ = ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+            while (::flock(descriptor_, LOCK_EX) != 0 && errno == EINTR) {
+            }
+            // Whoever held it before may have failed and removed it.
+        } while (::fstat(descriptor_, &held) == 0 &&
+                 (::stat(directory.c_str(), &named) != 0 || held.st_ino != named.st_ino));
+    }
+    ~OnlyCreation() { release(); }
+    OnlyCreation(const OnlyCreation&) = delete;
+    OnlyCreation& operator=(const OnlyCreation&) = delete;
+
+private:
+    void release() {
+        if (descriptor_ >= 0) {
+            ::close(descriptor_);
+        }
+    }
+
+    int descriptor_ = -1;
+};
+
+// Removes what a creation made when it is not completed, and first what one that was killed left.
 class Unfinished {
 public:
-    explicit Unfinished(fs::path directory)
-        : directory_(std::move(directory)), wasThere_(fs::exists(directory_)) {}
+    Unfinished(fs::path directory, bool wasThere)
+        : directory_(std::move(directory)), wasThere_(wasThere) {
+        removeParts();
+    }
     ~Unfinished() {
         if (done_) {
             return;
         }
-        std::error_code ignored;
-        for (const char* part : {"state.new", "state", "journal", "root"}) {
-            fs::remove_all(directory_ / part, ignored);
-        }
+        removeParts();
         if (!wasThere_) {
+            std::error_code ignored;
             fs::remove(directory_, ignored);
         }
     }
@@ -121,10 +157,28 @@ public:
     void done() { done_ = true; }
 
 private:
+    void removeParts() {
+        std::error_code ignored;
+        for (const char* part : {"journal", "root", kUnfinishedState}) {
+            fs::remove_all(directory_ / part, ignored);
+        }
+    }
+
     fs::path directory_;
     bool wasThere_;
     bool done_ = false;
 };
+
+// Nothing that is not a machine's own is ever written over or removed.
+void checkEmpty(const fs::path& directory) {
+    if (fs::exists(directory / "state")) {
+        throw std::runtime_error("there is a simulated Mac in " + directory.string() + " already");
+    }
+    const bool leftByCreation = fs::exists(directory / kUnfinishedState);
+    if (fs::exists(directory) && !fs::is_empty(directory) && !leftByCreation) {
+        throw std::runtime_error(directory.string() + " is not empty");
+    }
+}
 
 void checkFree(const fs::path& directory) {
     const fs::path parent = fs::absolute(directory).lexically_normal().parent_path();
@@ -134,17 +188,16 @@ void checkFree(const fs::path& directory) {
     if (fs::exists(directory) && !fs::is_directory(directory)) {
         throw std::runtime_error(directory.string() + " is not a directory");
     }
-    if (fs::exists(directory / "state")) {
-        throw std::runtime_error("there is a simulated Mac in " + directory.string() + " already");
-    }
+    checkEmpty(directory);
 }
 
 std::unique_ptr<Machine> build(const fs::path& directory, const MachinePlan& plan,
                                const std::vector<KeyDefinition>& keys, double startLoad) {
-    fs::create_directories(directory);
+    // First: it tells what is beside it from anything else when the creation is killed.
+    auto store =
+        FileStore::create((directory / kUnfinishedState).string(), keys.size() + kSpareKeys);
     placeRoot(directory);
     placeJournal(directory / "journal");
-    auto store = FileStore::create((directory / "state.new").string(), keys.size() + kSpareKeys);
     StateStore& state = *store;
     auto machine = std::make_unique<Machine>(
         std::move(store), std::make_unique<FileJournal>((directory / "journal").string()),
@@ -158,7 +211,7 @@ std::unique_ptr<Machine> build(const fs::path& directory, const MachinePlan& pla
         state.state().clockMode = ClockMode::kHost;
         state.state().ready = 1;
     });
-    fs::rename(directory / "state.new", directory / "state");
+    fs::rename(directory / kUnfinishedState, directory / "state");
     return machine;
 }
 
@@ -168,7 +221,10 @@ std::unique_ptr<Machine> create(const std::string& directory, const MachinePlan&
                                 const std::vector<KeyDefinition>& keys, double startLoad) {
     try {
         checkFree(directory);
-        Unfinished unfinished(directory);
+        const bool wasThere = fs::exists(directory);
+        const OnlyCreation only(directory);
+        checkEmpty(directory);
+        Unfinished unfinished(directory, wasThere);
         auto machine = build(directory, plan, keys, startLoad);
         unfinished.done();
         return machine;

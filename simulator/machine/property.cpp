@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
+#include <cstdlib>
 
 namespace simulator {
 namespace {
@@ -34,6 +36,8 @@ constexpr std::array<std::string_view, static_cast<std::size_t>(Property::kCount
     "turbo-applications",
 };
 
+constexpr double kLargest = 1e9;  // thirty years in seconds
+
 }  // namespace
 
 std::string_view propertyName(Property property) {
@@ -46,6 +50,16 @@ std::optional<Property> propertyNamed(std::string_view name) {
         return std::nullopt;
     }
     return static_cast<Property>(found - kNames.begin());
+}
+
+std::optional<double> worldNumber(const std::string& text) {
+    char* end = nullptr;
+    const double number = std::strtod(text.c_str(), &end);
+    // Written so that what is not a number fails it, too.
+    if (text.empty() || *end != '\0' || !(std::abs(number) <= kLargest)) {
+        return std::nullopt;
+    }
+    return number;
 }
 
 }  // namespace simulator

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <string>
 #include <string_view>
 
 namespace simulator {
@@ -57,5 +58,9 @@ enum TurboInstallation : std::uint32_t {
 // The name of a property in the tool's "set", in the journal and in scripts: "load", "ac" …
 std::string_view propertyName(Property property);
 std::optional<Property> propertyNamed(std::string_view name);
+
+// A number that somebody wrote for a machine; absent unless it is finite and no larger than
+// anything that is measured in one: what is not a number would spread through heat and time.
+std::optional<double> worldNumber(const std::string& text);
 
 }  // namespace simulator

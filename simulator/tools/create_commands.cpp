@@ -2,7 +2,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <fstream>
-#include <sstream>
+#include <string>
 #include <system_error>
 
 #include "simulator/machine/simulated_mac.h"
@@ -19,23 +19,29 @@ std::string fileContent(const std::string& path) {
         throw std::runtime_error("cannot read " + path + ": " +
                                  std::generic_category().message(errno));
     }
-    std::ostringstream content;
-    content << file.rdbuf();
-    if (file.bad() || content.str().size() > kMostBytes) {
-        throw std::runtime_error("cannot read " + path);
+    std::string content(kMostBytes + 1, '\0');
+    file.read(content.data(), static_cast<std::streamsize>(content.size()));
+    if (file.bad()) {
+        throw std::runtime_error("cannot read " + path + ": " +
+                                 std::generic_category().message(errno));
     }
-    return content.str();
+    content.resize(static_cast<std::size_t>(file.gcount()));
+    if (content.size() > kMostBytes) {
+        throw std::runtime_error(path + " is too large for a key dump");
+    }
+    return content;
 }
 
 SimulatedMac created(const Words& words) {
     if (words.size() != 3) {
         throw UsageError("a directory and --model or --keys are needed");
     }
+    const std::string& directory = directoryIn(words);
     if (words[1] == "--model") {
-        return createMachineDirectory(words[0], words[2]);
+        return createMachineDirectory(directory, words[2]);
     }
     if (words[1] == "--keys") {
-        return createMachineDirectoryFromKeyDump(words[0], fileContent(words[2]));
+        return createMachineDirectoryFromKeyDump(directory, fileContent(words[2]));
     }
     throw UsageError("unknown option " + words[1]);
 }

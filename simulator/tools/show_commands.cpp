@@ -155,12 +155,11 @@ void onInterrupt(int) {
 }
 
 double secondsIn(const std::string& text) {
-    char* end = nullptr;
-    const double seconds = std::strtod(text.c_str(), &end);
-    if (text.empty() || *end != '\0' || !(seconds > 0)) {
+    const auto seconds = worldNumber(text);
+    if (!seconds || *seconds <= 0) {
         throw UsageError("not a number of seconds: " + text);
     }
-    return seconds;
+    return *seconds;
 }
 
 }  // namespace

@@ -67,12 +67,19 @@ double numberIn(const std::string& word, const std::string& text) {
             return named.value;
         }
     }
-    char* end = nullptr;
-    const double number = std::strtod(text.c_str(), &end);
-    if (text.empty() || *end != '\0') {
+    const auto number = worldNumber(text);
+    if (!number) {
         throw UsageError("not a number: " + word);
     }
-    return number;
+    return *number;
+}
+
+double secondsIn(const std::string& word, const std::string& text) {
+    const double seconds = numberIn(word, text);
+    if (seconds < 0) {
+        throw UsageError("time does not go back: " + word);
+    }
+    return seconds;
 }
 
 void setProperty(Happenings& when, Property property, const std::string& word,
@@ -113,7 +120,7 @@ void setPower(SimulatedMac& mac, std::string_view source, const std::string& nam
 bool setSpecial(SimulatedMac& mac, Happenings& when, const std::string& word,
                 const std::string& name, const std::string& value) {
     if (name == "sleep") {
-        when.sleep(numberIn(word, value));
+        when.sleep(secondsIn(word, value));
     } else if (name == "brand") {
         mac.setCpuBrand(value);
     } else if (name == "system-version") {

@@ -158,7 +158,10 @@ TEST_F(FaultsTest, CanBeWrittenAsText) {
                                                {"garbage", "key=F0Mdd"},
                                                {"set", "property=weather", "value=1"},
                                                {"take-fan", "times=2"},
-                                               {"sleep", "seconds"}}) {
+                                               {"sleep", "seconds"},
+                                               {"sleep", "seconds=nan"},
+                                               {"sleep", "seconds=1e300"},
+                                               {"sleep", "seconds=-1"}}) {
         EXPECT_THROW(parsed(wrong), std::runtime_error) << (wrong.empty() ? "" : wrong.front());
     }
 }

@@ -104,6 +104,37 @@ TEST(MachineDirectoryTest, RefusesToMakeOneWhereItCannot) {
     EXPECT_FALSE(fs::exists(scratch.path("b")));
 }
 
+TEST(MachineDirectoryTest, TakesTheRemainsOfAKilledCreationAndNothingElse) {
+    const ScratchDirectory scratch;
+    const std::string mac = scratch.path("mac");
+    fs::create_directories(mac + "/root");
+    std::ofstream(mac + "/root/mine") << "x";
+    EXPECT_EQ(problemOf([&] { createMachineDirectory(mac, "M1Pro"); }), mac + " is not empty");
+    EXPECT_TRUE(fs::exists(mac + "/root/mine"));
+    std::ofstream(mac + "/state.new") << "half of it";
+    EXPECT_EQ(problemOf([&] { createMachineDirectory(mac, "M1Pro"); }), "");
+    EXPECT_FALSE(fs::exists(mac + "/root/mine"));
+    EXPECT_EQ(problemOpening(mac), "");
+}
+
+TEST(MachineDirectoryTest, OfManyCreationsAtOnceOneWins) {
+    for (int round = 0; round < 10; ++round) {
+        const ScratchDirectory scratch;
+        const std::string mac = scratch.path("mac");
+        for (const char* model : {"M1Pro", "iMac18,3", "M1Pro", "MacBook10,1"}) {
+            if (::fork() == 0) {
+                ::_exit(problemOf([&] { createMachineDirectory(mac, model); }).empty() ? 0 : 1);
+            }
+        }
+        int winners = 0;
+        for (int status = 0; ::wait(&status) > 0;) {
+            winners += status == 0 ? 1 : 0;
+        }
+        EXPECT_EQ(winners, 1);
+        EXPECT_EQ(problemOpening(mac), "");
+    }
+}
+
 // A full disk, played by a limit on file sizes; in a process of its own, for it is not undone.
 TEST(MachineDirectoryTest, AFullDiskLeavesNoHalfMachine) {
     const ScratchDirectory scratch;
