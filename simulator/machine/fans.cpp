@@ -1,11 +1,10 @@
 #include "simulator/machine/fans.h"
 
 #include <algorithm>
-#include <cmath>
 #include <cstdio>
 #include <limits>
 
-#include "simulator/machine/four_characters.h"
+#include "simulator/machine/automatic_fan.h"
 
 namespace simulator::Fans {
 namespace {
@@ -16,25 +15,6 @@ constexpr std::uint32_t kModeSystem = 3;
 
 constexpr int kOk = 0;
 constexpr int kBadParameter = 0x83;
-
-// The automatic control asks for full speed here, and for the minimum up to kQuietUntil.
-constexpr double kFullSpeedAt = 95;         // °C
-constexpr double kFullSpeedAboveRest = 10;  // K, for machines that are hot already at rest
-constexpr double kQuietUntil = 60;
-constexpr double kQuietAboveRest = 8;
-constexpr double kDeadBandRpm = 10;
-constexpr double kStopBelow = 45;  // °C: where fans may rest
-constexpr double kStartAbove = 55;
-
-// From standstill to 5000 rpm in four seconds, on to 7000 in about as many, down in one.
-constexpr double kMotorSeconds = 0.5;
-constexpr double kStartRpmPerSecond = 1500;
-constexpr double kSlowdownPerRpm = 0.13;
-constexpr double kBrakeRpmPerSecond = 7000;
-constexpr double kSettledRpm = 0.01;
-// Apple Silicon fans stay 200 to 300 rpm below a high target, Intel ones within 0.2 percent.
-constexpr double kSlipAboveMinimum = 0.045;
-constexpr double kIntelSlip = 0.0014;
 
 // After the unlock the system lets go of its fans within three to four seconds; after the unlock is
 // lost it takes them back within four to five.
@@ -101,58 +81,6 @@ int writeTarget(WorldState& state, const KeyRecord& key, double number) {
     return kOk;
 }
 
-double automaticFraction(const WorldState& state, const FanRecord& fan) {
-    const double rest = state.heat.rest[static_cast<std::size_t>(HeatNode::kDie)];
-    const double full = std::max(kFullSpeedAt, rest + kFullSpeedAboveRest);
-    const double from =
-        fan.restFraction > 0 ? rest : std::min(std::max(kQuietUntil, rest + kQuietAboveRest), full);
-    const double part = (state.heat.controlTemperature - from) / std::max(full - from, 1.0);
-    return std::clamp(fan.restFraction + (1 - fan.restFraction) * part, 0.0, 1.0);
-}
-
-bool mayRest(const WorldState& state, const FanRecord& fan) {
-    return state.fansMayRest != 0 && fan.mode == state.automaticMode;
-}
-
-double automaticTarget(const WorldState& state, FanRecord& fan) {
-    const double heat = state.heat.controlTemperature;
-    if (!mayRest(state, fan) || heat > kStartAbove) {
-        fan.resting = 0;
-    } else if (heat < kStopBelow) {
-        fan.resting = 1;
-    }
-    if (fan.resting != 0) {
-        return 0;
-    }
-    return fan.minimum + automaticFraction(state, fan) * (fan.maximum - fan.minimum);
-}
-
-void controlAutomatically(const WorldState& state, FanRecord& fan) {
-    const double target = automaticTarget(state, fan);
-    const bool atLimit = target <= fan.minimum || target >= fan.maximum;
-    const bool outside = fan.target < fan.minimum || fan.target > fan.maximum;
-    if (std::abs(target - fan.target) >= kDeadBandRpm || atLimit || outside) {
-        fan.target = target;
-    }
-}
-
-double steadyRpm(const WorldState& state, const FanRecord& fan) {
-    const double slip = state.appleSilicon != 0
-                            ? kSlipAboveMinimum * std::max(fan.target - fan.minimum, 0.0)
-                            : kIntelSlip * fan.target;
-    return std::min(fan.target - slip, fan.reachable);
-}
-
-void turn(const WorldState& state, FanRecord& fan, double dt) {
-    const double goal = steadyRpm(state, fan);
-    const double wanted = (goal - fan.rpm) * (1 - std::exp(-dt / kMotorSeconds));
-    const double faster = std::max(kStartRpmPerSecond - kSlowdownPerRpm * fan.rpm, 100.0) * dt;
-    fan.rpm += std::clamp(wanted, -kBrakeRpmPerSecond * dt, faster);
-    if (std::abs(goal - fan.rpm) < kSettledRpm) {
-        fan.rpm = goal;
-    }
-}
-
 void runRival(World& world, std::size_t index) {
     WorldState& state = world.state();
     FanRecord& fan = state.fans[index];
@@ -205,9 +133,9 @@ void step(World& world, double dt) {
     for (std::uint32_t i = 0; i < state.fanCount; ++i) {
         FanRecord& fan = state.fans[i];
         if (fan.mode != kModeManual) {
-            controlAutomatically(state, fan);
+            AutomaticFan::control(state, fan);
         }
-        turn(state, fan, dt);
+        AutomaticFan::turn(state, fan, dt);
     }
 }
 
@@ -286,19 +214,8 @@ void calibrate(World& world) {
         const double range = std::max(fan.maximum - fan.minimum, 1.0);
         const double fraction = std::clamp((fan.target - fan.minimum) / range, 0.0, 1.0);
         // A target within the dead band of the minimum is the minimum.
-        fan.restFraction = fraction * range < kDeadBandRpm ? 0 : fraction;
+        fan.restFraction = fraction * range < AutomaticFan::kDeadBandRpm ? 0 : fraction;
         fan.resting = state.fansMayRest != 0 && fan.target == 0 ? 1 : 0;
-    }
-}
-
-void settle(World& world) {
-    WorldState& state = world.state();
-    for (std::uint32_t i = 0; i < state.fanCount; ++i) {
-        FanRecord& fan = state.fans[i];
-        if (fan.mode != kModeManual) {
-            controlAutomatically(state, fan);
-        }
-        fan.rpm = steadyRpm(state, fan);
     }
 }
 

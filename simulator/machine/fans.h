@@ -30,7 +30,5 @@ bool allAutomatic(const WorldState& state);
 
 // Makes the present targets those of rest, which the automatic control returns to.
 void calibrate(World& world);
-// Targets and speeds that the automatic control settles at in the present heat.
-void settle(World& world);
 
 }  // namespace simulator::Fans
