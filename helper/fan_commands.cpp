@@ -131,6 +131,7 @@ void runProfile(const std::vector<std::string>& args, const HelperEnvironment& e
 }
 
 void returnFans(const HelperEnvironment& environment) {
+    environment.installStopHandlers();  // nothing asks for them: a hand-back that began is finished
     returnEveryFan(*environment.makeSMC());
     writeText(environment.outputDescriptor, "风扇已恢复系统自动。\n");
 }

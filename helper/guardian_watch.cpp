@@ -14,12 +14,15 @@ extern char** environ;  // NOLINT: the platform declares it nowhere
 namespace ferovane {
 namespace {
 
-// One transient controller error needs one more attempt; a controller that is busy for a moment
-// needs a little time. After these, only the log is left.
-constexpr int kAttempts = 5;
-constexpr timespec kPauseBetweenAttempts{0, 200'000'000};
+// One transient controller error needs one more attempt, at once; a controller that is busy needs
+// time. The pauses double, to some 25 seconds together; after that, only the log is left.
+constexpr int kAttempts = 8;
+constexpr long kFirstPauseMilliseconds = 200;
 
-constexpr int kIgnoredSignals[] = {SIGTERM, SIGINT, SIGHUP, SIGQUIT, SIGPIPE, SIGTSTP};
+// All that would end or stop a process and tell of no fault in it.
+constexpr int kIgnoredSignals[] = {SIGTERM, SIGINT,  SIGHUP,    SIGQUIT, SIGPIPE, SIGTSTP,
+                                   SIGTTIN, SIGTTOU, SIGUSR1,   SIGUSR2, SIGALRM, SIGIO,
+                                   SIGPROF, SIGXCPU, SIGVTALRM, SIGXFSZ};
 
 void setSignals(void (*disposition)(int)) {
     for (const int signal : kIgnoredSignals) {
@@ -38,6 +41,12 @@ bool heldAtTheEnd(int pipe) {
         } else if (count == 0 || errno != EINTR) {
             return held;
         }
+    }
+}
+
+void sleepFor(long milliseconds) {
+    timespec left{milliseconds / 1000, milliseconds % 1000 * 1'000'000};
+    while (::nanosleep(&left, &left) != 0 && errno == EINTR) {
     }
 }
 
@@ -88,10 +97,12 @@ void watchOverFans(const GuardianPlan& plan) {
         ::_exit(0);
     }
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
+        if (attempt > 0) {
+            sleepFor(kFirstPauseMilliseconds << (attempt - 1));
+        }
         if (runAuto(plan.helperPath)) {
             ::_exit(0);
         }
-        ::nanosleep(&kPauseBetweenAttempts, nullptr);
     }
     tellLog();
 }

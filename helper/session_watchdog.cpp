@@ -1,15 +1,29 @@
 #include "helper/session_watchdog.h"
 
+#include <system_error>
 #include <utility>
 
+#include "core/model/scope_error.h"
+
 namespace ferovane {
+namespace {
+
+std::thread startThread(std::function<void()> work) {
+    try {
+        return std::thread(std::move(work));
+    } catch (const std::system_error&) {
+        throw ScopeError("无法启动会话监视线程");
+    }
+}
+
+}  // namespace
 
 SessionWatchdog::SessionWatchdog(SessionOwner owner, const HelperEnvironment& environment,
                                  std::function<void()> endFanControl)
     : owner_(owner),
       environment_(environment),
       endFanControl_(std::move(endFanControl)),
-      thread_([this] { watch(); }) {}
+      thread_(startThread([this] { watch(); })) {}
 
 void SessionWatchdog::stop() {
     {

@@ -1,10 +1,11 @@
 import os
 import signal
+import subprocess
 import time
 import unittest
 import uuid
 
-from simulated import Mac, Owner, eventually, finish, needs_root, send
+from simulated import HELPER, Mac, Owner, eventually, finish, needs_root, send
 
 COOLING_DONE = "散热会话结束，已确认风扇恢复系统自动。\n"
 PROFILE_DONE = "模式会话结束，风扇已恢复系统自动；保留睿频选择。\n"
@@ -142,6 +143,27 @@ class OneShotTest(unittest.TestCase):
             mac.set("extension-approval=approved")
             self.assertEqual(mac.run("turbo-disable").stdout, "已确认禁用睿频驱动加载。\n")
             self.assertEqual(mac.run("turbo-enable").stdout, "已确认禁用睿频驱动卸载。\n")
+
+
+    def test_a_hand_back_that_has_begun_is_finished(self):
+        for name in ("SIGTERM", "SIGINT", "SIGHUP"):
+            with self.subTest(name), Mac("MacBookPro16,1") as mac:
+                mac.write("F0Md", 1)
+                mac.fault("delay-write", "key=F0Md", "seconds=0.5")
+                helper = mac.start("auto")
+                self.assertTrue(eventually(lambda: "F0Md=0" in mac.writes()))
+                helper.send_signal(getattr(signal, name))
+                self.assertEnded(mac, helper, 0, "风扇已恢复系统自动。\n")
+
+    def test_a_reader_that_is_gone_is_a_failure_like_any_other(self):
+        for word in ("probe", "fan-probe", "auto", "turbo-enable"):
+            with self.subTest(word), Mac("MacBookPro16,1") as mac:
+                reading, writing = os.pipe()
+                os.close(reading)
+                helper = subprocess.run([HELPER, word], env=mac.environment(), text=True,
+                                        stdout=writing, stderr=subprocess.PIPE, timeout=30)
+                os.close(writing)
+                self.assertEqual((helper.returncode, helper.stderr), (1, "无法写入标准输出\n"))
 
 
 if __name__ == "__main__":
