@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <charconv>
+#include <cmath>
 #include <optional>
 #include <string_view>
 
@@ -41,7 +42,7 @@ public:
     void integer(std::optional<int> value) { value ? integer(*value) : text({}); }
     void decimal(std::optional<double> value) {
         char* const begin = comma();
-        out_ = value ? writeFixed2(*value, begin) : begin;
+        out_ = value && std::isfinite(*value) ? writeFixed2(*value, begin) : begin;
     }
     void flag(std::optional<bool> value) { text(value ? (*value ? "1" : "0") : ""); }
 

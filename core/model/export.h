@@ -9,7 +9,8 @@
 namespace ferovane::Export {
 
 // A header line and one line per snapshot, in order, joined with "\n" and without one at the end.
-// Absent values are empty fields; the decimal point is a full stop whatever the process locale.
+// Values that are absent, infinite or NaN are empty fields; the decimal point is a full stop
+// whatever the process locale.
 std::string csv(std::span<const Snapshot> snapshots);
 
 }  // namespace ferovane::Export
