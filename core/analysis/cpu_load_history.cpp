@@ -1,5 +1,7 @@
 #include "core/analysis/cpu_load_history.h"
 
+#include <algorithm>
+
 #include "core/analysis/observation_gap.h"
 
 namespace ferovane {
@@ -8,9 +10,7 @@ void CpuLoadHistory::append(Date date, std::optional<double> usage) {
     if (last_ && date < *last_) {
         spans_.clear();  // the clock was set back: what was recorded has no place in time any more
     }
-    while (!spans_.empty() && spans_.front().to < date - kKeptSeconds) {
-        spans_.pop_front();
-    }
+    forgetBefore(date - kKeptSeconds);
     const std::optional<CpuLoadBand> band = cpuLoadBand(usage);
     if (band && continuesObservation(last_, date)) {
         if (!spans_.empty() && spans_.back().to == *last_ && spans_.back().band == *band) {
@@ -23,6 +23,15 @@ void CpuLoadHistory::append(Date date, std::optional<double> usage) {
         spans_.pop_front();
     }
     last_ = date;
+}
+
+void CpuLoadHistory::forgetBefore(Date earliest) {
+    while (!spans_.empty() && spans_.front().to <= earliest) {
+        spans_.pop_front();
+    }
+    if (!spans_.empty()) {
+        spans_.front().from = std::max(spans_.front().from, earliest);
+    }
 }
 
 double CpuLoadHistory::seconds(CpuLoadBand band) const {

@@ -36,6 +36,8 @@ public:
     double seconds(CpuLoadBand band) const;
 
 private:
+    void forgetBefore(Date earliest);
+
     std::deque<CpuLoadSpan> spans_;
     std::optional<Date> last_;
 };

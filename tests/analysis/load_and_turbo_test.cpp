@@ -62,6 +62,12 @@ TEST(CpuLoadHistoryTest, CountsAUsageForTheTimeSinceTheSampleBefore) {
     EXPECT_GE(history.seconds(Band::idle) + history.seconds(Band::saturated), 3590);
     history.append(kStart, 5);
     EXPECT_THAT(history.spans(), IsEmpty()) << "the clock was set back";
+
+    for (int second = 1; second <= 10 * 3600; ++second) {
+        history.append(kStart + second, 5);
+    }
+    EXPECT_EQ(history.seconds(Band::idle), CpuLoadHistory::kKeptSeconds) << "one long span";
+    EXPECT_EQ(history.spans().front().from, kStart + 9 * 3600);
 }
 
 // Appends a usage a second and tells when a period was going on: the first and the last second.
