@@ -8,8 +8,9 @@ namespace {
 
 constexpr double kMiddle = 0.5;
 
-bool isWithin(Date date, Date from, Date to) {
-    return date >= from && date <= to;
+// A bucket that reaches over a side belongs to the frame: its peak may lie within.
+bool reachesInto(const MetricBucket& bucket, Date from, Date to) {
+    return bucket.last >= from && bucket.first <= to;
 }
 
 double xOf(const MetricBucket& bucket, const ChartFrame& frame) {
@@ -17,7 +18,7 @@ double xOf(const MetricBucket& bucket, const ChartFrame& frame) {
 }
 
 double yOf(double value, const ChartFrame& frame) {
-    if (!(frame.high > frame.low)) {
+    if (!(frame.high > frame.low) || !std::isfinite(frame.high / 2 - frame.low / 2)) {
         return kMiddle;
     }
     // Halved, since the distance of two finite values may not be finite.
@@ -66,7 +67,7 @@ void draw(const Column& column, const ChartFrame& frame, ChartLine& line) {
 
 std::vector<ChartLine> lines(std::span<const MetricBucket> buckets, const ChartFrame& frame) {
     std::vector<ChartLine> lines;
-    if (!(frame.to > frame.from) || frame.columns < 1) {
+    if (!(frame.to > frame.from) || !std::isfinite(frame.to - frame.from) || frame.columns < 1) {
         return lines;
     }
     std::optional<Column> column;
@@ -74,7 +75,7 @@ std::vector<ChartLine> lines(std::span<const MetricBucket> buckets, const ChartF
     bool broken = true;  // since the last bucket that was drawn
     for (const MetricBucket& bucket : buckets) {
         broken = broken || bucket.afterGap;
-        if (!isWithin(bucket.middle(), frame.from, frame.to)) {
+        if (!reachesInto(bucket, frame.from, frame.to)) {
             continue;
         }
         const int index = columnOf(bucket, frame);
@@ -101,7 +102,7 @@ std::vector<ChartLine> lines(std::span<const MetricBucket> buckets, const ChartF
 std::optional<ChartRange> range(std::span<const MetricBucket> buckets, Date from, Date to) {
     std::optional<ChartRange> range;
     for (const MetricBucket& bucket : buckets) {
-        if (isWithin(bucket.middle(), from, to)) {
+        if (reachesInto(bucket, from, to)) {
             range = range ? ChartRange{std::min(range->low, bucket.minimum),
                                        std::max(range->high, bucket.maximum)}
                           : ChartRange{bucket.minimum, bucket.maximum};

@@ -20,7 +20,7 @@ using ChartLine = std::vector<ChartPoint>;  // of one point where there is no mo
 
 // What the square shows.
 struct ChartFrame {
-    Date from, to;             // its left and its right side
+    Date from, to;             // its left and its right side; finite
     double low = 0, high = 0;  // its bottom and its top
     int columns = 0;           // how many points of the screen it is wide
 };
@@ -33,14 +33,14 @@ struct ChartRange {
 
 namespace MetricChart {
 
-// One line per stretch without a gap, at most two points per column and line, never running to the
-// left. The lowest and the highest value of each column are among them at their own height: however
-// narrow the chart, a spike of one sample stays as high as it was. Values beyond low and high are
-// moved to the edge; a frame without extent in time or columns shows nothing, one without height
-// puts everything in its middle.
+// Of the buckets that reach into the frame, one line per stretch without a gap, at most two points
+// per column and line, never running to the left. The lowest and the highest value of each column
+// are among them at their own height: however narrow the chart, a spike of one sample stays as high
+// as it was. Values beyond low and high are moved to the edge; a frame without extent in time or
+// columns shows nothing, one without height puts everything in its middle.
 std::vector<ChartLine> lines(std::span<const MetricBucket> buckets, const ChartFrame& frame);
 
-// The lowest and highest value between two dates; absent without any.
+// The lowest and highest value of the buckets that reach between two dates; absent without any.
 std::optional<ChartRange> range(std::span<const MetricBucket> buckets, Date from, Date to);
 
 }  // namespace MetricChart
