@@ -86,12 +86,19 @@ std::string_view title(OptimizationVerdict verdict) {
 }
 
 void OptimizationAssessment::append(const OptimizationSample& sample) {
+    if (!std::isfinite(sample.date.secondsSinceReference)) {
+        return;
+    }
+    const bool setBack = last_ && sample.date < *last_;
     if (!continuesObservation(last_, sample.date)) {
         recent_.clear();
         interrupted_ = changed_.has_value() && last_.has_value();
     }
     last_ = sample.date;
-    if (changed_ && sample.date - *changed_ < kSettleSeconds) {
+    // A clock that was set back leaves no telling how long ago the change was, and waiting until it
+    // has caught up could take days.
+    settling_ = settling_ && !setBack && sample.date - *changed_ < kSettleSeconds;
+    if (settling_) {
         return;
     }
     const bool afterIsFull =
@@ -108,6 +115,10 @@ void OptimizationAssessment::append(const OptimizationSample& sample) {
 }
 
 void OptimizationAssessment::noteChange(Date date) {
+    if (!std::isfinite(date.secondsSinceReference)) {
+        *this = {};
+        return;
+    }
     before_ = std::exchange(recent_, {});
     while (!before_.empty() && before_.back().date > date) {
         before_.pop_back();
@@ -117,6 +128,7 @@ void OptimizationAssessment::noteChange(Date date) {
     }
     after_.clear();
     changed_ = date;
+    settling_ = true;
     interrupted_ = false;
 }
 

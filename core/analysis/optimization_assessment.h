@@ -65,10 +65,12 @@ public:
     static constexpr double kNotableCelsius = 2;       // a smaller difference is noise
     static constexpr std::size_t kMostSamples = 6000;  // in one window: ten a second
 
-    // In the order of time; a clock that was set back is a gap.
+    // In the order of time; a clock that was set back is a gap. A sample without a finite date does
+    // not count.
     void append(const OptimizationSample& sample);
 
-    // A plan or profile took effect at `date`, or was taken back.
+    // A plan or profile took effect at `date`, or was taken back. Without a finite date there is
+    // nothing to compare until the next change.
     void noteChange(Date date);
 
     // About the last change; not enough data without one.
@@ -81,6 +83,7 @@ private:
     std::optional<Date> changed_;  // by the last change
     Samples before_;               // the window before it
     Samples after_;                // the window after it
+    bool settling_ = false;        // the heat has not yet followed the change
     bool interrupted_ = false;     // by a gap since the change: nothing more is added to `after_`
     Samples recent_;               // what may become the window before the next change
 };

@@ -117,6 +117,24 @@ TEST(OptimizationAssessmentTest, ReachesOverNoGapAndNoOtherChange) {
     EXPECT_EQ(twice.assess().windowSeconds, 140);
     EXPECT_EQ(twice.assess().verdict, Verdict::unchanged);
 
+    // The clock is set back by days while the heat settles: the next change has its window before.
+    OptimizationAssessment setBack;
+    observe(setBack, -600, 30);
+    const auto later = [](OptimizationSample& sample, int) { sample.date = sample.date - 1e6; };
+    for (int second = 31; second <= 400; ++second) {
+        OptimizationSample sample{kStart + second, 40, 65, 2000, 20};
+        later(sample, second);
+        setBack.append(sample);
+    }
+    EXPECT_EQ(setBack.assess().verdict, Verdict::notEnoughData);
+    setBack.noteChange(kStart + 400 - 1e6);
+    for (int second = 401; second <= 700; ++second) {
+        OptimizationSample sample{kStart + second, 40, 60, 2000, 20};
+        later(sample, second);
+        setBack.append(sample);
+    }
+    EXPECT_EQ(setBack.assess().verdict, Verdict::better);
+
     // A gap while the heat settles: nobody knows what was done meanwhile.
     OptimizationAssessment slept;
     observe(slept, -600, 30);
