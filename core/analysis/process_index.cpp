@@ -8,13 +8,16 @@ namespace ferovane {
 void ProcessIndex::clear(std::size_t count) {
     const std::size_t size = std::bit_ceil(std::max<std::size_t>(count, 1) * 2);
     places_.assign(size, {});
+    shift_ = 32 - std::countr_zero(size);
 }
 
 // The place that holds the pid, or the empty one where it belongs.
 std::size_t ProcessIndex::placeOf(std::int32_t pid) const {
-    constexpr std::uint32_t kSpread = 2654435761;  // 2^32 by the golden ratio: pids are consecutive
+    // 2^32 by the golden ratio: the upper bits of the product spread pids that follow one another
+    // as well as pids that are far, but evenly, apart.
+    constexpr std::uint32_t kSpread = 2654435761;
     const std::size_t mask = places_.size() - 1;
-    std::size_t place = (static_cast<std::uint32_t>(pid) * kSpread) & mask;
+    std::size_t place = (static_cast<std::uint32_t>(pid) * kSpread) >> shift_;
     while (places_[place].position != kEmpty && places_[place].pid != pid) {
         place = (place + 1) & mask;
     }

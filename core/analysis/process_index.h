@@ -29,6 +29,7 @@ private:
     std::size_t placeOf(std::int32_t pid) const;
 
     std::vector<Place> places_;  // a power of two of them, at least twice as many as are used
+    int shift_ = 0;              // from 32 bits to as many as a place has
 };
 
 }  // namespace ferovane

@@ -43,7 +43,7 @@ std::optional<std::size_t> ProcessList::fill() {
 
 std::optional<std::span<const ProcessSample>> ProcessList::read() {
     const std::optional<std::size_t> count = fill();
-    if (!count) {
+    if (count.value_or(0) == 0) {
         return std::nullopt;
     }
     samples_.resize(std::max(samples_.size(), *count));

@@ -17,7 +17,8 @@ public:
     ProcessList();
 
     // The processes that can be read now, in the system's order; valid until the next call. Absent
-    // when the system gives no list.
+    // when the system gives no list, or one in which not even this process can be read: taken for a
+    // list it would say that everything has ended.
     std::optional<std::span<const ProcessSample>> read();
 
     // Processes in the last list that could not be read.
