@@ -12,7 +12,7 @@ namespace ferovane {
 
 // What cannot be read is absent, never zero.
 struct SystemTelemetry {
-    Date date;                             // also the record's identity
+    Date date;
     std::optional<double> batteryPercent;  // state of charge
     std::optional<double> batteryWatts;    // negative while discharging
     std::optional<bool> charging;
@@ -22,7 +22,9 @@ struct SystemTelemetry {
     std::optional<double> memoryUsed;
     double memoryTotal = 0;  // bytes of physical memory; 0 when the kernel does not tell
 
-    // Share of the physical memory in use.
+    Date id() const { return date; }
+
+    // Share of the physical memory in use, in percent; absent unless both are known.
     std::optional<double> memoryPercent() const;
 
     // Takes one reading now.

@@ -51,6 +51,7 @@ TEST(SystemTelemetryTest, CountsMemoryAsUsersKnowIt) {
     EXPECT_EQ(telemetry.memoryUsed, 8 * kGiB);
     EXPECT_EQ(telemetry.memoryTotal, 16 * kGiB);
     EXPECT_EQ(telemetry.memoryPercent(), 50.0);
+    EXPECT_EQ(telemetry.id(), telemetry.date);
 
     FVMemory inconsistent = memory;
     inconsistent.purgeable_pages = 400001;
