@@ -89,7 +89,7 @@ int runHelper(const std::vector<std::string>& args, const HelperEnvironment& env
         dispatch(args, environment);
         return 0;
     } catch (const std::exception& error) {
-        reportLine(environment.errorDescriptor, describe(error));
+        reportLine(environment.errorDescriptor, userText(error));
         return 1;
     }
 }

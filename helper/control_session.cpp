@@ -8,6 +8,7 @@
 #include "core/control/control_channel.h"
 #include "core/control/control_reply.h"
 #include "core/control/control_request.h"
+#include "core/fan/restore_failure.h"
 #include "core/model/json_codec.h"
 #include "core/model/scope_error.h"
 #include "helper/session_control.h"
@@ -19,7 +20,6 @@ namespace ferovane {
 namespace {
 
 constexpr std::size_t kServeArguments = 4;
-constexpr std::string_view kFansUnreturned = "恢复自动风扇失败";
 
 // Every check is made whatever the others found, so that neither the text nor the time of a refusal
 // tells which one it was.
@@ -73,8 +73,8 @@ private:
     ControlReply reply(std::string_view line, bool& shutdown) {
         try {
             const auto request = decodeJson<ControlRequest>(line);
+            shutdown = request.command == "shutdown";  // the wish counts, whatever comes with it
             request.validate();
-            shutdown = request.command == "shutdown";
             return control_.handle(request);
         } catch (const std::exception& error) {
             return {false, describe(error)};
@@ -90,7 +90,7 @@ private:
         // A lease that does not end still owns its thread: nothing may be taken down under it, so
         // what the caller would have done is done here.
         if (error != nullptr) {
-            reportLine(environment_.errorDescriptor, describe(*error));
+            reportLine(environment_.errorDescriptor, userText(*error));
         }
         environment_.endProcess(error == nullptr ? 0 : 1);
     }
@@ -98,7 +98,7 @@ private:
     bool endFanControl() {
         const bool returned = control_.finish();
         if (!returned) {
-            reportLine(environment_.errorDescriptor, kFansUnreturned);
+            reportLine(environment_.errorDescriptor, kRestoreFailed);
         }
         return returned;
     }

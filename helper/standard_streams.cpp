@@ -72,10 +72,8 @@ void reportLine(int descriptor, std::string_view text) noexcept {
 void reportFailure(int descriptor, const std::exception_ptr& failure) noexcept {
     try {
         std::rethrow_exception(failure);
-    } catch (const ScopeError& error) {
-        reportLine(descriptor, error.message());
     } catch (const std::exception& error) {
-        reportLine(descriptor, error.what());
+        reportLine(descriptor, userText(error));
     }
 }
 

@@ -1,10 +1,19 @@
 #include "core/model/scope_error.h"
 
+#include <new>
+
 namespace ferovane {
 
+std::string_view userText(const std::exception& error) noexcept {
+    if (const auto* ours = dynamic_cast<const ScopeError*>(&error)) {
+        return ours->message();
+    }
+    const bool outOfMemory = dynamic_cast<const std::bad_alloc*>(&error) != nullptr;
+    return outOfMemory ? "内存不足，操作未完成" : "内部错误，操作未完成";
+}
+
 std::string describe(const std::exception& error) {
-    const auto* ours = dynamic_cast<const ScopeError*>(&error);
-    return ours != nullptr ? ours->message() : error.what();
+    return std::string(userText(error));
 }
 
 std::string joinFailures(const std::vector<std::string>& failures) {

@@ -22,7 +22,12 @@ private:
     std::string message_;
 };
 
-// The text of any caught exception as a user is to see it: a ScopeError's message, else what().
+// The text of any caught exception as a user is to see it: a ScopeError's message. Of another,
+// whose own text is in no user's language, that memory ran out, or that the fault is ours. Needs no
+// memory; lives as long as the exception.
+std::string_view userText(const std::exception& error) noexcept;
+
+// The same, to keep.
 std::string describe(const std::exception& error);
 
 // Several failures in one message, in order, joined with "；".

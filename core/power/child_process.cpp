@@ -63,10 +63,10 @@ ChildProcess::ChildProcess(std::int32_t pid) : pid_(pid) {
                 reap(pid);
             }
         });
-    } catch (const std::exception& error) {
+    } catch (const std::exception&) {
         signalGroup(SIGKILL);
         reap(pid);
-        throw ScopeError(std::string("无法监视命令：") + error.what());
+        throw ScopeError("无法监视命令");
     }
 }
 

@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <array>
-#include <system_error>
 
 #include "core/model/scope_error.h"
 #include "core/power/child_process.h"
@@ -57,7 +56,8 @@ std::int32_t spawn(const std::string& path, const std::vector<std::string>& argu
     std::int32_t pid = 0;
     const int error = fv_spawn_tool(path.c_str(), argv.data(), output.number(), &pid);
     if (error != 0) {
-        throw ScopeError("无法启动 " + path + "：" + std::generic_category().message(error));
+        // The system's own words for it would be in English.
+        throw ScopeError("无法启动 " + path + "（错误 " + std::to_string(error) + "）");
     }
     return pid;
 }

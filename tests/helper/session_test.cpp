@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <new>
+
 #include "tests/helper/full_pipe.h"
 #include "tests/helper/session_world.h"
 
@@ -188,6 +190,23 @@ TEST(SessionTest, AMalformedLineIsAnsweredAndTheSessionGoesOn) {
     EXPECT_EQ(session.command("dance"), (ControlReply{false, "未知控制命令"}));
     EXPECT_EQ(session.command("power-optimize"), (ControlReply{false, "缺少优化方案"}));
     EXPECT_TRUE(session.command("status").ok);
+}
+
+TEST(SessionTest, AnErrorThatIsNotOursIsToldInTheUsersLanguage) {
+    SessionWorld session;
+    session.world.power.failCall(1, PowerFault::refused, [] { throw std::bad_alloc(); });
+    EXPECT_EQ(session.command("turbo-disable"), (ControlReply{false, "内存不足，操作未完成"}));
+    EXPECT_TRUE(session.command("turbo-disable").ok);
+}
+
+TEST(SessionTest, AWishToShutDownIsGrantedWhateverComesWithIt) {
+    SessionWorld session;
+    ASSERT_TRUE(session.profile("balanced").ok);
+    EXPECT_EQ(session.ask("{\"command\":\"shutdown\",\"duration\":0}"),
+              (ControlReply{false, "无效控制时长"}));
+    EXPECT_THROW(session.reply(), std::runtime_error) << "the session has ended";
+    EXPECT_TRUE(session.world.mac.allFansAutomatic());
+    EXPECT_EQ(session.end(), "");
 }
 
 TEST(SessionTest, TwoLinesInOneWriteGetTwoReplies) {

@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <new>
+#include <stdexcept>
 
 #include "core/model/scope_error.h"
 
@@ -135,7 +137,8 @@ TEST(ScopeErrorTest, ShowsItsTextAlone) {
     const ScopeError ours("风扇 1 没有可识别的模式接口");
     EXPECT_EQ(describe(ours), "风扇 1 没有可识别的模式接口");
     EXPECT_STREQ(ours.what(), "风扇 1 没有可识别的模式接口");
-    EXPECT_EQ(describe(std::runtime_error("disk")), "disk");
+    EXPECT_EQ(describe(std::runtime_error("disk")), "内部错误，操作未完成");
+    EXPECT_EQ(describe(std::bad_alloc()), "内存不足，操作未完成");
     EXPECT_EQ(joinFailures({}), "");
     EXPECT_EQ(joinFailures({"甲"}), "甲");
     EXPECT_EQ(joinFailures({"甲", "乙", "丙"}), "甲；乙；丙");

@@ -193,9 +193,9 @@ TEST_F(ProcessRunnerTest, ChildrenDoNotOutliveTheTool) {
 
 TEST_F(ProcessRunnerTest, SaysWhyAToolCouldNotBeStarted) {
     EXPECT_EQ(failureOf([] { ProcessRunner::run("/nonexistent/tool", {}, kAmple); }),
-              "无法启动 /nonexistent/tool：No such file or directory");
+              "无法启动 /nonexistent/tool（错误 2）");
     EXPECT_EQ(failureOf([] { ProcessRunner::run("/etc/passwd", {}, kAmple); }),
-              "无法启动 /etc/passwd：Permission denied");
+              "无法启动 /etc/passwd（错误 13）");
 }
 
 TEST_F(ProcessRunnerTest, NeedsAPlaceForTheOutput) {
