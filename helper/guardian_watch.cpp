@@ -50,18 +50,21 @@ void sleepFor(long milliseconds) {
     }
 }
 
+[[noreturn]] void becomeAuto(const char* helperPath) {
+    setSignals(SIG_DFL);
+    occupyStandardDescriptors();
+    char word[] = "auto";
+    char* const arguments[] = {const_cast<char*>(helperPath), word, nullptr};
+    ::execve(helperPath, arguments, environ);
+    ::_exit(127);
+}
+
 bool runAuto(const char* helperPath) {
     const pid_t child = ::fork();
-    if (child == 0) {
-        setSignals(SIG_DFL);
-        occupyStandardDescriptors();
-        char word[] = "auto";
-        char* const arguments[] = {const_cast<char*>(helperPath), word, nullptr};
-        ::execve(helperPath, arguments, environ);
-        ::_exit(127);
-    }
-    if (child < 0) {
-        return false;
+    // Where there may be no process more, this one has to do: nobody tries again then, or tells the
+    // log, but the fans come first.
+    if (child <= 0) {
+        becomeAuto(helperPath);
     }
     int status = 0;
     while (::waitpid(child, &status, 0) < 0) {
@@ -80,7 +83,9 @@ bool runAuto(const char* helperPath) {
     char level[] = "daemon.err";
     char text[] = "辅助进程意外结束，恢复自动风扇失败；请重新启动电脑以恢复系统自动。";
     char* const arguments[] = {program, tagOption, tag, levelOption, level, text, nullptr};
-    ::execve(program, arguments, environ);
+    char path[] = "PATH=/usr/bin:/bin:/usr/sbin:/sbin";
+    char* const environment[] = {path, nullptr};  // no tool gets to see the caller's
+    ::execve(program, arguments, environment);
     ::_exit(1);
 }
 

@@ -3,14 +3,24 @@
 #include "helper/commands.h"
 #include "helper/standard_streams.h"
 
+namespace {
+
+// A reader that is gone and a file that may not grow are failed writes, which are told like any
+// other failure, and not our end. And no terminal may stop us: fans are held for a bounded time,
+// which a stopped process cannot end.
+constexpr int kIgnoredSignals[] = {SIGPIPE, SIGXFSZ, SIGTSTP, SIGTTIN, SIGTTOU};
+
+}  // namespace
+
 int main(int argc, char** argv) {
-    ferovane::occupyStandardDescriptors();
+    if (!ferovane::occupyStandardDescriptors()) {
+        return 1;  // nowhere to say so
+    }
     // Whoever starts us may ignore the end of children, and that is inherited: no tool's exit
     // status could be had then.
     std::signal(SIGCHLD, SIG_DFL);
-    // A reader that is gone and a file that may not grow are failed writes, which are told like any
-    // other failure, and not our end.
-    std::signal(SIGPIPE, SIG_IGN);
-    std::signal(SIGXFSZ, SIG_IGN);
+    for (const int signal : kIgnoredSignals) {
+        std::signal(signal, SIG_IGN);
+    }
     return ferovane::runHelper({argv, argv + argc}, ferovane::productionEnvironment());
 }

@@ -47,14 +47,18 @@ bool writeAll(int descriptor, std::string_view text, bool patient) noexcept {
 
 }  // namespace
 
-void occupyStandardDescriptors() noexcept {
+bool occupyStandardDescriptors() noexcept {
     int descriptor = -1;
     do {
         descriptor = ::open("/dev/null", O_RDWR);
     } while (descriptor >= 0 && descriptor <= STDERR_FILENO);
     if (descriptor >= 0) {
         ::close(descriptor);
+        return true;
     }
+    // Nothing more can be opened, which is no harm where all three are open already.
+    return ::fcntl(STDIN_FILENO, F_GETFD) >= 0 && ::fcntl(STDOUT_FILENO, F_GETFD) >= 0 &&
+           ::fcntl(STDERR_FILENO, F_GETFD) >= 0;
 }
 
 void writeText(int descriptor, std::string_view text) {

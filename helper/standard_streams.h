@@ -7,8 +7,9 @@
 namespace ferovane {
 
 // Opens the null device wherever one of the three standard descriptors is closed, so that nothing
-// opened later gets such a number and is written to by mistake. Safe after a fork.
-void occupyStandardDescriptors() noexcept;
+// opened later gets such a number and is written to by mistake. False when one is still closed.
+// Safe after a fork.
+bool occupyStandardDescriptors() noexcept;
 
 // Writes all of the text, retrying short and interrupted writes; throws ScopeError when it cannot.
 void writeText(int descriptor, std::string_view text);

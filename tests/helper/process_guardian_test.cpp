@@ -4,14 +4,18 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <cstdio>
+#include <fstream>
 #include <future>
 #include <optional>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -140,6 +144,62 @@ TEST(ProcessGuardianTest, OneThatIsStoppedDoesNotKeepTheHelper) {
     released.set_value();
     rescue.join();
     ::waitpid(stopped, nullptr, 0);
+}
+
+// A file in the helper's place that says by its exit status whether it was called for a hand-back.
+class HandBackScript {
+public:
+    static constexpr int kCalled = 7;
+
+    HandBackScript() {
+        std::ofstream(path_) << "#!/bin/sh\ntest \"$*\" = auto && exit " << kCalled << "\n";
+        ::chmod(path_.c_str(), 0755);
+    }
+    ~HandBackScript() { std::remove(path_.c_str()); }
+    HandBackScript(const HandBackScript&) = delete;
+    HandBackScript& operator=(const HandBackScript&) = delete;
+
+    const std::string& path() const { return path_; }
+
+private:
+    std::string path_ = "/tmp/ferovane-hand-back-" + std::to_string(::getpid());
+};
+
+constexpr uid_t kAnotherUser = 24681;  // who has no process but those of this test
+constexpr int kRefused = 8;
+constexpr unsigned kPatienceSeconds = 10;
+
+// How the guardian of a helper ends that may have only so many processes and leaves a fan held.
+int endOfGuardianAmong(rlim_t processes, const std::string& helperPath) {
+    const pid_t helper = ::fork();
+    if (helper == 0) {
+        ::alarm(kPatienceSeconds);
+        const rlimit limit{processes, processes};
+        ::setrlimit(RLIMIT_NPROC, &limit);
+        int status = 0;
+        if (::setuid(kAnotherUser) != 0) {
+            ::_exit(1);
+        }
+        try {
+            ProcessGuardian(helperPath).fansHeld();
+        } catch (const ScopeError&) {
+            ::_exit(kRefused);
+        }
+        ::wait(&status);
+        ::_exit(WIFEXITED(status) ? WEXITSTATUS(status) : 2);
+    }
+    int status = 0;
+    ::waitpid(helper, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+TEST(ProcessGuardianTest, WhereNoProcessMayBeStartedItRefusesOrHandsBackItself) {
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "needs root to become somebody else";
+    }
+    const HandBackScript script;
+    EXPECT_EQ(endOfGuardianAmong(1, script.path()), kRefused);
+    EXPECT_EQ(endOfGuardianAmong(2, script.path()), HandBackScript::kCalled);
 }
 
 }  // namespace

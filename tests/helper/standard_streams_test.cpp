@@ -1,6 +1,9 @@
 #include "helper/standard_streams.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -30,6 +33,32 @@ TEST(StandardStreamsTest, AReportWhoseReaderHasStoppedIsGivenUp) {
     rescue.join();
     ::close(ends[0]);
     ::close(ends[1]);
+}
+
+// Exit status of a child that has closed its standard descriptors and may then open only so many.
+int childWithoutStandardDescriptors(rlim_t mayOpen) {
+    const pid_t child = ::fork();
+    if (child == 0) {
+        for (int descriptor = 0; descriptor <= 2; ++descriptor) {
+            ::close(descriptor);
+        }
+        const rlimit limit{mayOpen, mayOpen};
+        ::setrlimit(RLIMIT_NOFILE, &limit);
+        const bool said = occupyStandardDescriptors();
+        const bool open =
+            ::fcntl(0, F_GETFD) != -1 && ::fcntl(1, F_GETFD) != -1 && ::fcntl(2, F_GETFD) != -1;
+        ::_exit(said == open ? (open ? 1 : 0) : 2);
+    }
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+TEST(StandardStreamsTest, ClosedStandardDescriptorsAreOccupiedOrThatIsTold) {
+    EXPECT_EQ(childWithoutStandardDescriptors(16), 1);
+    EXPECT_EQ(childWithoutStandardDescriptors(3), 1) << "with room for these and no more";
+    EXPECT_EQ(childWithoutStandardDescriptors(2), 0);
+    EXPECT_EQ(childWithoutStandardDescriptors(0), 0);
 }
 
 TEST(StandardStreamsTest, ALongReportReachesASlowReaderWhole) {
