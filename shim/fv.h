@@ -71,11 +71,12 @@ int fv_system_version(void);
 /* The processor's brand string with its NUL. -1 when it cannot be had or does not fit. */
 int fv_cpu_brand(char* text, size_t capacity);
 
+/* page_size is 0 when the page counts cannot be had, total_bytes when the physical memory cannot. */
 typedef struct {
     uint64_t page_size, internal_pages, purgeable_pages, wired_pages, compressed_pages;
-    uint64_t total_bytes; /* physical memory */
+    uint64_t total_bytes;
 } FVMemory;
-int fv_memory(FVMemory* memory); /* 0, or -1 with the record zeroed */
+int fv_memory(FVMemory* memory); /* 0, or -1 with the record zeroed when neither can be had */
 
 /* The internal battery; each value NaN, or charging and cycles -1, when it cannot be read. */
 typedef struct {

@@ -54,12 +54,8 @@ int fv_memory(FVMemory* memory) {
         return -1;
     }
     *memory = {};
+    const bool counted = readPages(*memory);
     const auto total = ferovane::shim::systemInteger<std::uint64_t>("hw.memsize");
-    FVMemory reading{};
-    if (!total || !readPages(reading)) {
-        return -1;
-    }
-    reading.total_bytes = *total;
-    *memory = reading;
-    return 0;
+    memory->total_bytes = total.value_or(0);
+    return counted || total ? 0 : -1;
 }

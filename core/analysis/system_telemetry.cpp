@@ -16,7 +16,10 @@ std::optional<double> known(double value) {
     return std::isfinite(value) ? std::optional(value) : std::nullopt;
 }
 
-double usedBytes(const FVMemory& memory) {
+std::optional<double> usedBytes(const FVMemory& memory) {
+    if (memory.page_size == 0) {
+        return std::nullopt;
+    }
     // The counts are not taken at one moment, so more pages may seem purgeable than there are.
     const std::uint64_t kept = memory.internal_pages > memory.purgeable_pages
                                    ? memory.internal_pages - memory.purgeable_pages

@@ -58,6 +58,10 @@ TEST(SystemTelemetryTest, CountsMemoryAsUsersKnowIt) {
     EXPECT_EQ(telemetryFrom(Date{1}, kNoBattery, inconsistent).memoryUsed,
               (150000 + 74288) * 16384.0);
 
+    const auto uncounted = telemetryFrom(Date{1}, kNoBattery, FVMemory{0, 0, 0, 0, 0, 1 << 30});
+    EXPECT_EQ(uncounted.memoryUsed, std::nullopt);
+    EXPECT_EQ(uncounted.memoryTotal, kGiB) << "known, whatever the page counts are";
+
     const auto silent = telemetryFrom(Date{1}, kNoBattery, std::nullopt);
     EXPECT_EQ(silent, (SystemTelemetry{Date{1}, {}, {}, {}, {}, {}, 0}));
     EXPECT_EQ(silent.memoryPercent(), std::nullopt);

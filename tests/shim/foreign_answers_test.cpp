@@ -353,6 +353,11 @@ TEST_F(ForeignAnswersTest, SystemValuesMustHaveTheirSize) {
     EXPECT_EQ(fv_memory_pressure(), 1);
     EXPECT_EQ(fv_apple_silicon(), 1);
 
+    FVMemory memory{};
+    EXPECT_EQ(fv_memory(&memory), 0) << "the page counts are known";
+    EXPECT_EQ(memory.total_bytes, 0U);
+    EXPECT_GT(memory.page_size, 0U);
+
     char brand[16];
     platform.systemValue = "no end";
     EXPECT_EQ(fv_cpu_brand(brand, sizeof brand), -1);
