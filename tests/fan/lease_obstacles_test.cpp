@@ -4,7 +4,10 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <filesystem>
+#include <fstream>
 #include <functional>
+#include <iterator>
 #include <limits>
 #include <map>
 #include <string>
@@ -223,9 +226,11 @@ TEST(LeaseObstaclesTest, NameTheFanTheKeyTheValueAndTheLimit) {
 
 using simulator::SimulatedMac;
 
-// The invariant for the cooling lease on a machine as it is, through its controller.
-enum class Outcome { starts, meetsLock, isRefused };
-Outcome check(SimulatedMac& mac) {
+// The invariant for a lease on a machine as it is, through its controller.
+// Where a key reads back something else than was written to it, the lease finds out when it writes,
+// and no reading foretells that.
+enum class Outcome { starts, meetsLock, isRefused, failsAtWriting };
+Outcome check(SimulatedMac& mac, LeaseKind lease, bool breaksWriting) {
     const auto attached = mac.attach();
     auto surroundings = SMC::Surroundings::ofThisMachine();
     surroundings.sleep = [&](double seconds) { mac.advance(seconds); };
@@ -234,56 +239,146 @@ Outcome check(SimulatedMac& mac) {
     sample.sensors = {{"TC0P", "", 50}};
     const ReadableFans fans{smc, [&](const std::string& key) { return smc.number(key); },
                             surroundings.appleSilicon, SMC::notAdmitted(kUnlockKey)};
-    const auto forecast = LeaseObstacles::forecast(fans, steepCurve(), sample)[0];
+    const auto forecast = LeaseObstacles::forecast(fans, steepCurve(), sample)
+                              .at(lease == LeaseKind::cooling ? 0 : 1);
     EXPECT_EQ(mac.writes(), "") << "a forecast touches nothing";
     const std::string failure = failureOf([&] {
         int rounds = 0;
-        CoolingLease::run(
-            smc, 1, [] { return 0.0; }, [&] { return rounds > 0; }, [&] { ++rounds; });
+        const auto now = [] { return 0.0; };
+        const auto isCancelled = [&] { return rounds > 0; };
+        const auto wait = [&] { ++rounds; };
+        if (lease == LeaseKind::cooling) {
+            CoolingLease::run(smc, 1, now, isCancelled, wait);
+        } else {
+            CurveLease::run(
+                smc, steepCurve(), 1, [&] { return sample; }, now, isCancelled, wait,
+                [](const FanControlProgress&) {}, [] {});
+        }
     });
+    const bool refused = forecast.message && forecast.certain;
+    if (breaksWriting && !refused && !failure.empty() && !mac.writes().empty()) {
+        return Outcome::failsAtWriting;
+    }
     expectAgreement(forecast, failure);
-    if (forecast.message && forecast.certain) {
+    if (refused) {
         return Outcome::isRefused;
     }
     return failure.empty() ? Outcome::starts : Outcome::meetsLock;
 }
 
-using Strike = std::function<void(SimulatedMac&, const std::string& key)>;
+struct Machine {
+    std::string name;
+    std::function<SimulatedMac()> make;
+};
 
-TEST(LeaseObstaclesTest, AgreeOnEveryMachineUnderEveryFaultOfItsFanKeys) {
-    std::vector<std::function<SimulatedMac()>> machines{[] {
-        simulator::AppleSiliconOptions locked;
-        locked.manualMode = simulator::AppleSiliconOptions::ManualMode::kRefusedUntilUnlocked;
-        return simulator::appleSiliconMac(2, locked);
-    }};
+// Every built-in machine, one behind a lock, and the controllers of real machines as they were.
+std::vector<Machine> everyMachine() {
+    std::vector<Machine> machines{
+        {"locked", [] {
+             simulator::AppleSiliconOptions locked;
+             locked.manualMode = simulator::AppleSiliconOptions::ManualMode::kRefusedUntilUnlocked;
+             return simulator::appleSiliconMac(2, locked);
+         }}};
     for (const auto& model : simulator::builtInModels()) {
-        machines.push_back([name = model.name] { return simulator::builtInMac(name); });
+        machines.push_back(
+            {model.name, [name = model.name] { return simulator::builtInMac(name); }});
     }
-    std::vector<Strike> faults{
-        [](auto& mac, const auto& key) { mac.setUnreadable(key); },
-        [](auto& mac, const auto& key) { mac.removeKey(key); },
-    };
-    for (const double number : {0, 1, 255}) {
-        faults.push_back([=](auto& mac, const auto& key) { mac.setNumber(key, number); });
-    }
-    std::map<Outcome, int> seen;
-    for (std::size_t machine = 0; machine < machines.size(); ++machine) {
-        for (const char* key :
-             {"F0Md", "F0md", "F1Md", "FS! ", "Ftst", "F0Tg", "F0Mn", "F1Mx", "FNum"}) {
-            for (std::size_t fault = 0; fault < faults.size(); ++fault) {
-                SCOPED_TRACE(::testing::Message() << machine << ", " << key << ", " << fault);
-                SimulatedMac mac = machines[machine]();
-                if (mac.hasKey(key)) {
-                    faults[fault](mac, key);
-                }
-                ++seen[check(mac)];
-                ASSERT_FALSE(HasFailure());
-            }
+    for (const auto& file :
+         std::filesystem::directory_iterator(FEROVANE_TEST_DATA "/controllers")) {
+        std::ifstream table(file.path(), std::ios::binary);
+        std::string keys(std::istreambuf_iterator<char>(table), {});
+        if (keys.find("FNum") != std::string::npos) {
+            machines.push_back({file.path().stem().string(), [keys = std::move(keys)] {
+                                    return simulator::macFromKeyDump(keys);
+                                }});
         }
     }
-    EXPECT_GT(seen[Outcome::isRefused], 50);
-    EXPECT_GT(seen[Outcome::meetsLock], 10);
-    EXPECT_GT(seen[Outcome::starts], 50);
+    return machines;
+}
+
+struct Strike {
+    std::function<void(SimulatedMac&, const std::string& key)> apply;
+    bool breaksWriting = false;  // what the key reads does not follow what is written to it
+};
+
+// What can be wrong with one key, for good.
+std::vector<Strike> everyFaultOfAKey() {
+    std::vector<Strike> faults{
+        {[](auto& mac, const auto& key) { mac.setUnreadable(key); }},
+        {[](auto& mac, const auto& key) { mac.removeKey(key); }},
+        {[](auto& mac, const auto& key) { mac.refuseReads(key, simulator::kNotReadable); }},
+        {[](auto& mac, const auto& key) { mac.readZeros(key); }, true},
+        {[](auto& mac, const auto& key) { mac.wrongKeySize(key, 3); }},
+    };
+    using Bytes = std::vector<std::uint8_t>;
+    const std::pair<const char*, Bytes> replacements[] = {
+        {"flag", {1}},
+        {"ch8*", {'n', 'o', 0}},
+        {"flt ", {0, 0, 0xC0, 0x7F}},  // NaN
+        {"flt ", {0, 0, 0x80, 0x7F}},  // infinity
+        {"flt ", {0, 0, 0, 0x80}},     // -0
+    };
+    for (const auto& [type, bytes] : replacements) {
+        faults.push_back({[type = type, bytes = bytes](auto& mac, const auto& key) {
+                              mac.setKey(key, type, bytes);
+                          },
+                          true});
+    }
+    for (const double number : {0, 1, 2, 3, 255}) {
+        faults.push_back({[=](auto& mac, const auto& key) { mac.setNumber(key, number); }});
+    }
+    return faults;
+}
+
+// What can be wrong with the whole machine.
+std::vector<Strike> everyOtherFault() {
+    return {
+        {[](auto&, const auto&) {}},
+        {[](auto& mac, const auto&) { mac.refuseOpening(-536870207); }},
+        {[](auto& mac, const auto&) { mac.refuseCalls(simulator::kBadCommand); }},
+        {[](auto& mac, const auto&) { mac.wrongOutputSize(40); }},
+        {[](auto& mac, const auto&) { mac.otherTakesFan(0); }},
+        {[](auto& mac, const auto&) { mac.otherHoldsUnlock(); }},
+        {[](auto& mac, const auto&) { mac.vanishFan(0); }},
+        {[](auto& mac, const auto&) { mac.driftTarget(0, -5000); }},
+        {[](auto& mac, const auto&) { mac.driftTarget(0, 20000); }},
+    };
+}
+
+TEST(LeaseObstaclesTest, AgreeOnEveryMachineUnderEveryFault) {
+    const auto keyFaults = everyFaultOfAKey();
+    const auto otherFaults = everyOtherFault();
+    std::map<Outcome, int> seen;
+    const auto strike = [&](const Machine& machine, const std::string& key, const Strike& fault) {
+        for (const LeaseKind lease : {LeaseKind::cooling, LeaseKind::curve}) {
+            SimulatedMac mac = machine.make();
+            if (!key.empty() && !mac.hasKey(key)) {
+                return;
+            }
+            if (!key.empty() || mac.fanCount() > 0) {
+                fault.apply(mac, key);
+            }
+            ++seen[check(mac, lease, fault.breaksWriting)];
+        }
+    };
+    for (const Machine& machine : everyMachine()) {
+        for (std::size_t fault = 0; fault < otherFaults.size(); ++fault) {
+            SCOPED_TRACE(::testing::Message() << machine.name << ", fault " << fault);
+            strike(machine, "", otherFaults[fault]);
+        }
+        for (const char* key : {"F0Md", "F0md", "F1Md", "FS! ", "Ftst", "F0Tg", "F1Tg", "F0Mn",
+                                "F1Mn", "F0Mx", "F1Mx", "F0Ac", "FNum"}) {
+            for (std::size_t fault = 0; fault < keyFaults.size(); ++fault) {
+                SCOPED_TRACE(::testing::Message()
+                             << machine.name << ", " << key << ", fault " << fault);
+                strike(machine, key, keyFaults[fault]);
+            }
+            ASSERT_FALSE(HasFailure());
+        }
+    }
+    EXPECT_GT(seen[Outcome::isRefused], 1000);
+    EXPECT_GT(seen[Outcome::meetsLock], 50);
+    EXPECT_GT(seen[Outcome::starts], 500);
 }
 
 }  // namespace
