@@ -121,14 +121,22 @@ private:
             if (!mode) {
                 continue;
             }
-            const bool byItself = *mode == 0 || *mode == 3;
-            return byItself && mask.value_or(0) != 0 ? obstacle(Kind::modeUncertain, kMaskKey, mask)
-                                                     : obstacle(Kind::heldByAnother, key, mode);
+            if (*mode != 0 && *mode != 3) {
+                return obstacle(Kind::heldByAnother, key, mode);
+            }
+            return mask.value_or(0) != 0 ? forced(mask) : obstacle(Kind::modeUncertain, key, mode);
         }
-        if (!mask) {
+        // Where a fan is handed over, a mask that calls it automatic is of no use.
+        if (!mask || !fan_.manual.value_or(true)) {
             return obstacle(Kind::noModeKey, fanKey(fan_.id, "Md"), std::nullopt);
         }
-        return obstacle(fan_.manual ? Kind::heldByAnother : Kind::modeUncertain, kMaskKey, mask);
+        return forced(mask);
+    }
+
+    // By the mask: this fan, or some other.
+    LeaseObstacle forced(std::optional<double> mask) const {
+        const bool itself = fan_.manual.value_or(false);
+        return obstacle(itself ? Kind::heldByAnother : Kind::modeUncertain, kMaskKey, mask);
     }
 
     LeaseObstacle notHandedOver() {

@@ -14,14 +14,16 @@ class FanReadings;
 enum class LeaseKind { cooling, curve };
 
 enum class LeaseObstacleKind {
-    invalidCurve,          // the curve breaks one of its own rules
-    noFans,                // none is listed, or the list cannot be had
-    targetUnreadable,      // the fan's target speed is no number
-    ratingUnreadable,      // nor is a rated speed
-    ratingOutOfRange,      // a rated speed that no fan has, or a minimum that could stop it
-    notControllable,       // the controller takes no target, for a reason that no key tells
-    heldByAnother,         // manual, or in a mode that some other program has set
-    modeUncertain,         // automatic by itself, but the controller forces some other fan
+    invalidCurve,      // the curve breaks one of its own rules
+    noFans,            // none is listed, or the list cannot be had
+    targetUnreadable,  // the fan's target speed is no number
+    ratingUnreadable,  // nor is a rated speed
+    ratingOutOfRange,  // a rated speed that no fan has, or a minimum that could stop it
+    notControllable,   // the controller takes no target, for a reason that no key tells
+    heldByAnother,     // manual, or in a mode that some other program has set
+    // Automatic by itself, but the controller forces some other fan; or said to be automatic by a
+    // key that no lease relies on.
+    modeUncertain,
     noModeKey,             // nothing tells the mode, and nothing could change it
     parkedBelowMinimum,    // the target that the fan would follow at first is below its range
     targetAboveMaximum,    // or above it

@@ -101,6 +101,38 @@ std::vector<Edit> edits(int count) {
     return all;
 }
 
+// What an obstacle tells must bear out what it is called.
+void expectCoherence(const LeaseObstacle& obstacle) {
+    EXPECT_FALSE(title(obstacle.kind).empty());
+    const double value = obstacle.value.value_or(kNaN);
+    const double limit = obstacle.limit.value_or(kNaN);
+    switch (obstacle.kind) {
+        case Kind::heldByAnother:
+            EXPECT_TRUE(value != 0 && (value != 3 || obstacle.key == "FS! ")) << obstacle.key;
+            break;
+        case Kind::handOverOccupied:
+            EXPECT_NE(value, 0);
+            break;
+        case Kind::parkedBelowMinimum:
+            EXPECT_LT(value, limit);
+            break;
+        case Kind::targetAboveMaximum:
+            EXPECT_GT(value, limit);
+            break;
+        case Kind::ratingOutOfRange:
+            EXPECT_TRUE(value <= 0 || value > limit) << value << " " << limit;
+            break;
+        case Kind::targetUnreadable:
+        case Kind::ratingUnreadable:
+        case Kind::noModeKey:
+            EXPECT_EQ(obstacle.value, std::nullopt) << obstacle.key;
+            EXPECT_TRUE(obstacle.fan && obstacle.key.size() == 4);
+            break;
+        default:
+            break;
+    }
+}
+
 void expectAgreement(const LeaseForecast& forecast, const std::string& failure) {
     EXPECT_EQ(forecast.obstacles.empty(), !forecast.message.has_value());
     // A lock whose key cannot be read shows itself only when a fan is to be taken.
@@ -111,7 +143,7 @@ void expectAgreement(const LeaseForecast& forecast, const std::string& failure) 
     bool named = !forecast.message;
     for (const LeaseObstacle& obstacle : forecast.obstacles) {
         named = named || obstacle.message == forecast.message;
-        EXPECT_FALSE(title(obstacle.kind).empty());
+        expectCoherence(obstacle);
     }
     EXPECT_TRUE(named) << "no obstacle stands for the message";
 }
@@ -332,7 +364,21 @@ std::vector<Strike> everyFaultOfAKey() {
 
 // What can be wrong with the whole machine.
 std::vector<Strike> everyOtherFault() {
+    const auto withMask = [](std::uint8_t mask, bool modeKeys) {
+        return Strike{[=](auto& mac, const auto&) {
+                          mac.setKey("FS! ", "ui16", {0, mask});
+                          if (!modeKeys) {
+                              mac.removeKey("F0Md");
+                          }
+                      },
+                      true};
+    };
     return {
+        withMask(0, false),
+        withMask(1, false),
+        withMask(2, false),
+        withMask(1, true),
+        withMask(2, true),
         {[](auto&, const auto&) {}},
         {[](auto& mac, const auto&) { mac.refuseOpening(-536870207); }},
         {[](auto& mac, const auto&) { mac.refuseCalls(simulator::kBadCommand); }},
