@@ -55,7 +55,8 @@ std::string textOf(const DiagnosticFinding& finding) {
         case DiagnosticKind::sustainedCPU:
             return subject + " 持续占用处理器，单核" + valueText(finding, "%") + spanText(finding);
         case DiagnosticKind::memoryPressure:
-            return "内存压力偏高";
+            return finding.severity == DiagnosticSeverity::critical ? "内存压力严重"
+                                                                    : "内存压力偏高";
         case DiagnosticKind::diskActivity:
             return subject + " 持续读写磁盘，每秒" + valueText(finding, "MB", kBytesPerMegabyte) +
                    spanText(finding);

@@ -3,14 +3,15 @@
 //     monitor-example SECONDS FILE.csv
 //
 // Samples once a second and prints each second as a line of JSON: temperatures, fans, the common
-// sensors, the diagnosis. At the end, or when told to stop, it saves all samples as a table. Needs
-// no privileges.
+// sensors, the diagnosis, and whether the fans could be taken. At the end, or when told to stop, it
+// saves all samples as a table. Needs no privileges.
 #include <cstdio>
 #include <exception>
 #include <fstream>
 #include <optional>
 #include <string>
 #include <tuple>
+#include <utility>
 #include <vector>
 
 #include "core/analysis/diagnostic_engine.h"
@@ -19,6 +20,7 @@
 #include "core/analysis/sensor_catalog.h"
 #include "core/analysis/system_telemetry.h"
 #include "core/hardware/hardware_sampler.h"
+#include "core/hardware/smc.h"
 #include "core/hardware/system_capabilities.h"
 #include "core/model/export.h"
 #include "core/model/json_codec.h"
@@ -26,6 +28,7 @@
 #include "core/model/scope_error.h"
 #include "core/power/sleep_blocker.h"
 #include "examples/finding_text.h"
+#include "examples/lease_report.h"
 #include "shim/fv.h"
 
 namespace {
@@ -60,6 +63,7 @@ struct Line {
     std::vector<Row> common;
     std::string diagnosis;
     std::vector<Finding> findings;
+    std::vector<LeaseRow> leases;
 
     static constexpr auto jsonFields() {
         return std::tuple{jsonField("date", &Line::date),
@@ -68,7 +72,8 @@ struct Line {
                           jsonField("fans", &Line::fans),
                           jsonField("common", &Line::common),
                           jsonField("diagnosis", &Line::diagnosis),
-                          jsonField("findings", &Line::findings)};
+                          jsonField("findings", &Line::findings),
+                          jsonField("leases", &Line::leases)};
     }
 };
 
@@ -102,8 +107,9 @@ std::optional<int> sleepBlockers() {
 class Diagnosis {
 public:
     DiagnosticReport of(const Snapshot& snapshot) {
+        // Dated when it was read: finding a machine's sensors makes the first sample an old one.
         if (const auto processes = processes_.read()) {
-            activity_.add(snapshot.date, *processes);
+            activity_.add(Date::now(), *processes);
         }
         return engine_.evaluate({snapshot, activity_.sources(), activity_.date(),
                                  activity_.windowSeconds(), sleepBlockers(),
@@ -117,14 +123,15 @@ private:
     DiagnosticEngine engine_;
 };
 
-void print(const Snapshot& snapshot, const DiagnosticReport& report) {
+void print(const Snapshot& snapshot, const DiagnosticReport& report, std::vector<LeaseRow> leases) {
     Line line{snapshot.date,
               snapshot.cpuTemperature(),
               snapshot.temperature(SensorCategory::gpu),
               snapshot.fans,
               commonSensors(snapshot),
               textOf(report.state),
-              {}};
+              {},
+              std::move(leases)};
     for (const DiagnosticFinding& finding : report.findings) {
         line.findings.push_back({finding.id, textOf(finding)});
     }
@@ -134,12 +141,13 @@ void print(const Snapshot& snapshot, const DiagnosticReport& report) {
 
 std::vector<Snapshot> watch(int seconds) {
     HardwareSampler sampler;
+    SMC smc;  // the sampler keeps its own to itself
     Diagnosis diagnosis;
     std::vector<Snapshot> samples;
     const double start = fv_continuous_seconds();
     while (!fv_should_stop() && samples.size() < static_cast<std::size_t>(seconds)) {
         samples.push_back(sampler.sample());
-        print(samples.back(), diagnosis.of(samples.back()));
+        print(samples.back(), diagnosis.of(samples.back()), leaseReport(smc, samples.back()));
         fv_pause(start + static_cast<double>(samples.size()) - fv_continuous_seconds());
     }
     return samples;

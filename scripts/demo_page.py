@@ -152,6 +152,13 @@ def diagnosis(recording):
     return f"<p>结束时的结论：<strong>{verdict}</strong></p>{found}"
 
 
+def leases(recording):
+    items = "".join(f"<li>{first:.0f}–{last:.0f} 秒：{escaped(text)}</li>"
+                    for first, last, text in recording.lease_spans())
+    return ('<p class="soft">如果此时再开始一个风扇会话，会遇到什么；只读取，不改变任何设置。</p>'
+            f"<ul>{items}</ul>")
+
+
 def page(recording, table):
     """table: the samples as the library exports them, offered for saving."""
     drawing, heat, speeds = plot(recording)
@@ -168,6 +175,7 @@ def page(recording, table):
         ("运行中的操作", f"<ol>{events}</ol>" if events else '<p class="soft">没有操作。</p>'),
         ("各模式", f'<div class="wide">{modes_table(recording)}</div>'),
         ("诊断", diagnosis(recording)),
+        ("能否控制风扇", leases(recording)),
         ("常用传感器", f'<div class="wide">{common_table(recording)}</div>')]
     body = "".join(f"<section><h2>{title}</h2>{content}</section>" for title, content in sections)
     return f"""<!DOCTYPE html>

@@ -52,6 +52,41 @@ class Recording:
                 found[finding["id"]] = (first, t, finding["text"])
         return sorted(found.values())
 
+    def lease_spans(self):
+        """(from, to, what a lease would meet) of each stretch in which that was the same."""
+        spans = []
+        for t, line in self.samples:
+            text = lease_text(line)
+            if spans and spans[-1][2] == text:
+                spans[-1][1] = t
+            else:
+                spans.append([t, t, text])
+        return spans
+
+
+def obstacle_text(obstacle):
+    fan = f"风扇 {obstacle['fan'] + 1}：" if "fan" in obstacle else ""
+    read = f"（{obstacle['key']} 为 {obstacle['value']:g}）" if "value" in obstacle else ""
+    return f"{fan}{obstacle['title']}{read}"
+
+
+LEASE_TITLES = {"cooling": "全速散热", "curve": "风扇曲线"}
+
+
+def lease_text(line):
+    """What is in the way of taking the fans, and what either kind of lease would say to it."""
+    refused = [lease for lease in line["leases"] if "message" in lease]
+    if not refused:
+        return "可以控制"
+    obstacles, answers = [], []
+    for lease in refused:
+        obstacles += [text for text in map(obstacle_text, lease["obstacles"])
+                      if text not in obstacles]
+        answers.append(f"{LEASE_TITLES[lease['lease']]}{'将' if lease['certain'] else '可能'}"
+                       f"答复“{lease['message']}”")
+    free = "" if len(refused) == len(line["leases"]) else "；另一种会话可以开始"
+    return f"{'；'.join(obstacles)}。{'，'.join(answers)}{free}"
+
 
 def targets_in(reply):
     status = reply.get("fanStatus") or {"targets": []}

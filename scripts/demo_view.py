@@ -5,7 +5,7 @@ import shutil
 import sys
 import unicodedata
 
-from demo_recording import targets_in
+from demo_recording import lease_text, targets_in
 
 BAR_CELLS = 24
 
@@ -104,6 +104,7 @@ class View:
                    f"target {number(targets.get(fan['id']), 'RPM')}")
         yield f"helper     {reply.get('message', 'no session')}"
         found = "；".join(finding["text"] for finding in line["findings"])
+        yield f"new lease  {lease_text(line)}"
         yield f"diagnosis  {line['diagnosis']}{'：' if found else ''}{found}"
 
     def _single(self, elapsed, line, reply):
