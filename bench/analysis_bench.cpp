@@ -1,6 +1,6 @@
 // What a monitor pays each second for understanding what it samples.
 //
-//     taskset -c 1 analysis_bench --benchmark_repetitions=5 --benchmark_report_aggregates_only=true
+//     chrt -f 50 taskset -c 1 analysis_bench --benchmark_repetitions=3
 #include <benchmark/benchmark.h>
 
 #include <cmath>
@@ -123,6 +123,22 @@ void followOneChain(benchmark::State& state) {
     state.SetItemsProcessed(state.iterations() * state.range(0));
 }
 BENCHMARK(followOneChain)->Arg(5000);
+
+// Numbers a large power of two apart, which a careless table would put into one place.
+void followEvenlySpacedPids(benchmark::State& state) {
+    auto list = processes(static_cast<int>(state.range(0)));
+    for (ProcessSample& process : list) {
+        process.pid *= 1 << 16;
+        process.parentPid = 1;
+    }
+    ProcessActivity activity;
+    double seconds = 0;
+    for (auto _ : state) {
+        activity.add(kStart + ++seconds, list);
+    }
+    state.SetItemsProcessed(state.iterations() * state.range(0));
+}
+BENCHMARK(followEvenlySpacedPids)->Arg(5000);
 
 void listProcessesOfThisMachine(benchmark::State& state) {
     ProcessList list;
