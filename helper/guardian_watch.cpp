@@ -93,6 +93,9 @@ bool runAuto(const char* helperPath) {
 
 void watchOverFans(const GuardianPlan& plan) {
     ::setsid();
+    // Whoever authorised the helper is its real user, and may therefore kill it; this process has
+    // to be out of his reach. Fails where the helper is not root's, and is not needed there.
+    static_cast<void>(::setuid(0) == 0);
     // A signal meant for the helper must not take its guardian along.
     setSignals(SIG_IGN);
     for (const int descriptor : plan.descriptors) {

@@ -6,7 +6,7 @@ import time
 import unittest
 import uuid
 
-from simulated import Mac, Owner, eventually, needs_root
+from simulated import OWNER_UID, Mac, Owner, eventually, needs_root
 from session_process_test import CURVE, session_on
 
 KILLS = int(os.environ.get("FEROVANE_KILLS", "60"))
@@ -84,6 +84,19 @@ class GuardianTest(unittest.TestCase):
             session.close()
             self.assertFalse(os.path.exists(f"/proc/{guardian}"))
             self.assertTrue(mac.automatic())
+
+    def test_the_user_who_may_kill_the_helper_may_not_kill_its_guardian(self):
+        with Mac("MacBookPro16,1") as mac, Owner() as owner:
+            session = session_on(mac, owner)
+            session.request("profile", profile="custom", curve=CURVE)
+            (guardian,) = guardians_of(session.process.pid)
+            as_user = lambda pid: subprocess.run(["kill", "-KILL", str(pid)], user=OWNER_UID,
+                                                 stderr=subprocess.DEVNULL).returncode
+            self.assertNotEqual(as_user(guardian), 0)
+            self.assertEqual(as_user(session.process.pid), 0)
+            session.process.wait()
+            self.assertTrue(eventually(mac.automatic, AUTOMATIC_SECONDS), mac.journal()[-20:])
+            self.close(session.process)
 
     def test_a_guardian_that_is_killed_is_replaced_at_the_next_lease(self):
         with Mac("MacBookPro16,1") as mac, Owner() as owner:
