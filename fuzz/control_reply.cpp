@@ -59,9 +59,15 @@ std::string repeated(std::string_view text, std::size_t times) {
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     fuzzing::Input input(fuzzing::textOf(data, size));
-    constexpr std::uint8_t kRepeatedFrom = 0xFC;  // seldom: a long message takes long to fit
-    const bool once = input.take<std::uint8_t>() < kRepeatedFrom;
-    const std::size_t times = once ? 1 : 16 * input.take<std::uint8_t>();
+    // What is longer than a line is encoded some fifteen times until it fits.
+    constexpr std::size_t kLongMessage = 512;
+    constexpr std::uint8_t kRepeatedFrom = 0xE0;
+    constexpr std::size_t kLongShare = 1024;
+    const bool repeats = input.take<std::uint8_t>() >= kRepeatedFrom;
+    const std::size_t repetitions = repeats ? 16 * input.take<std::uint8_t>() : 1;
+    const bool costly = repetitions * input.rest().size() > kLongMessage;
+    const std::size_t times =
+        !costly || fuzzing::sampled(input.rest(), kLongShare) ? repetitions : 1;
     fuzzing::decodeChecked<ControlReply>(input.rest());
     checkAnswer(repeated(input.rest(), times));
     return 0;

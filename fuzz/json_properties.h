@@ -32,13 +32,22 @@ bool accepts(std::string_view text, JsonDates dates) {
 }
 
 template <class T>
-void checkAccepted(const T& value, JsonDates dates) {
-    const std::string text = encodeJson(value, {.dates = dates});
+std::string encodedChecked(const T& value, JsonDates dates) {
+    std::string text = encodeJson(value, {.dates = dates});
     require(!firstInvalidUtf8(text), "encoded text is well-formed");
     require(text.find('\n') == std::string::npos, "encoded text is one line");
+    return text;
+}
+
+template <class T>
+void checkJourney(const T& value, const std::string& text, JsonDates dates) {
     const T again = decodeJson<T>(text, dates);
     require(again == value, "what was accepted is encoded and decoded to an equal value");
     require(encodeJson(again, {.dates = dates}) == text, "equal values have equal texts");
+    constexpr std::size_t kLayoutsShare = 8;
+    if (!sampled(text, kLayoutsShare)) {
+        return;
+    }
     require(accepts<T>(" " + text + "\n", dates), "blanks around a text make no difference");
     require(!accepts<T>(std::string_view(text).substr(0, text.size() - 1), dates) &&
                 !accepts<T>(text + "}", dates),
@@ -46,6 +55,22 @@ void checkAccepted(const T& value, JsonDates dates) {
     const std::string pretty =
         encodeJson(value, {.dates = dates, .pretty = true, .sortedKeys = true});
     require(decodeJson<T>(pretty, dates) == value, "layout and order make no difference");
+}
+
+template <class T>
+void checkAccepted(const T& value, JsonDates dates) {
+    checkJourney(value, encodedChecked(value, dates), dates);
+}
+
+// For values that are no input themselves but made of one, many at a time.
+template <class T>
+void checkTold(const T& value) {
+    constexpr std::size_t kJourneyShare = 256;
+    constexpr auto kDates = JsonDates::secondsSinceReference;
+    const std::string text = encodedChecked(value, kDates);
+    if (sampled(text, kJourneyShare)) {
+        checkJourney(value, text, kDates);
+    }
 }
 
 // The value, checked; absent when the text was refused.
