@@ -1,0 +1,288 @@
+#!/usr/bin/env python3
+"""Takes out of a copy of the sources, one at a time, what keeps the safety promises, and looks
+which test notices.
+
+The mutants stand in mutants.txt. The tests that are named beside a mutant run first, then all
+others, until one has failed twice. Prints a table; fails when a mutant survives without a reason,
+does not build, or no longer matches the sources.
+"""
+
+import argparse
+import concurrent.futures
+import os
+import pathlib
+import queue
+import re
+import shutil
+import signal
+import subprocess
+import sys
+import tempfile
+
+ROOT = pathlib.Path(__file__).resolve().parents[1]
+LIST = ROOT / "scripts" / "mutants.txt"
+
+# Name in mutants.txt -> test program, or script of process tests. In the order in which they run.
+PROGRAMS = {
+    "fan": "fan_tests",
+    "obstacles": "lease_obstacles_tests",
+    "hardware": "hardware_tests",
+    "control": "control_tests",
+    "power": "power_tests",
+    "access": "system_power_access_tests",
+    "shim": "shim_tests",
+    "answers": "shim_foreign_answers_tests",
+    "helper": "helper_tests",
+    "one-shot": "tests/endtoend/one_shot_test.py",
+    "session": "tests/endtoend/session_process_test.py",
+    "guardian": "tests/endtoend/guardian_test.py",
+    "start": "tests/endtoend/inherited_state_test.py",
+}
+EXECUTABLES = ["FerovaneHelper", "simulated-mac"]  # what the process tests start
+
+# How far below its anchor a mutant's text may begin: a function is not longer than this.
+ANCHOR_LINES = 60
+TEST_SECONDS = 300
+NAMED_CASES = 3  # so many cases that caught a mutant are named
+
+
+class ListError(Exception):
+    pass
+
+
+class Mutant:
+    def __init__(self, kind, text, line):
+        self.kind, self.text, self.line = kind, text, line
+        self.file, self.anchor, self.tests, self.reason = None, None, [], None
+        self.old, self.new = [], []
+
+    def where(self):
+        return f"{self.file}: {self.anchor}" if self.anchor else self.file
+
+    def apply(self, source):
+        """The source with this mutant in it. Lines are compared without their indentation."""
+        lines = source.split("\n")
+        start, end = 0, len(lines)
+        if self.anchor:
+            places = [n for n, line in enumerate(lines) if self.anchor in line]
+            if not places:
+                raise ListError(f"{LIST.name}:{self.line}: no “{self.anchor}” in {self.file}")
+            start, end = places[0], min(end, places[0] + ANCHOR_LINES)
+        stripped = [line.strip() for line in lines]
+        size = len(self.old)
+        found = [n for n in range(start, end) if stripped[n:n + size] == self.old]
+        if not found or (not self.anchor and len(found) > 1):
+            raise ListError(f"{LIST.name}:{self.line}: {self.file} has the text of “{self.text}” "
+                            f"{len(found)} times")
+        lines[found[0]:found[0] + size] = self.new
+        return "\n".join(lines)
+
+
+def read_list():
+    mutants = []
+    for number, line in enumerate(LIST.read_text(encoding="utf-8").splitlines(), 1):
+        mark, _, rest = line.partition(" ")
+        if mark == "*":
+            kind, _, text = rest.partition(": ")
+            mutants.append(Mutant(kind, text, number))
+        elif mark == "file":
+            mutants[-1].file = rest
+        elif mark == "in":
+            mutants[-1].anchor = rest
+        elif mark == "tests":
+            mutants[-1].tests = rest.split()
+        elif mark == "equivalent":
+            mutants[-1].reason = rest
+        elif mark == "-" and not mutants[-1].new:
+            mutants[-1].old.append(rest.strip())
+        elif mark == "+":
+            mutants[-1].new.append(rest.strip())
+        elif mark and not line.startswith("#"):
+            raise ListError(f"{LIST.name}:{number}: what is “{line}”?")
+    for mutant in mutants:
+        unknown = [test for test in mutant.tests if test not in PROGRAMS]
+        if unknown or not mutant.old or not mutant.file:
+            raise ListError(f"{LIST.name}:{mutant.line}: incomplete, or no such tests: {unknown}")
+        mutant.apply((ROOT / mutant.file).read_text(encoding="utf-8"))
+    return mutants
+
+
+def copy_sources(folder):
+    listed = subprocess.run(["git", "ls-files", "-z"], cwd=ROOT, check=True, capture_output=True)
+    for name in listed.stdout.decode().split("\0")[:-1]:
+        source, copy = ROOT / name, folder / name
+        if not source.is_file():
+            continue
+        # A file that is as it was keeps its time, so that only what changed is built again.
+        if not copy.exists() or copy.read_bytes() != source.read_bytes():
+            copy.parent.mkdir(parents=True, exist_ok=True)
+            shutil.copy2(source, copy)
+            os.utime(copy)
+
+
+class Workshop:
+    """A copy of the sources with its build."""
+
+    def __init__(self, folder):
+        self.folder, self.build = folder, folder / "build"
+        copy_sources(folder)
+        options = ["-G", "Ninja"] if shutil.which("ninja") else []
+        if shutil.which("ccache"):
+            options.append("-DCMAKE_CXX_COMPILER_LAUNCHER=ccache")
+        # A mutant may leave something unused behind, and is to be built soon.
+        subprocess.run(["cmake", "-S", folder, "-B", self.build, *options,
+                        "-DCMAKE_BUILD_TYPE=Release", "-DCMAKE_CXX_FLAGS_RELEASE=-O1",
+                        "-DFEROVANE_WARNINGS_AS_ERRORS=OFF"],
+                       check=True, stdout=subprocess.DEVNULL)
+
+    def make(self, targets):
+        done = subprocess.run(["cmake", "--build", self.build, "-j", str(os.cpu_count()),
+                               "--target", *targets],
+                              capture_output=True, text=True)
+        return None if done.returncode == 0 else (done.stdout + done.stderr)[-3000:]
+
+    def targets(self, program):
+        return EXECUTABLES if program.endswith(".py") else [program]
+
+    def failures(self, program, cases=()):
+        """Names of the cases that fail."""
+        short = pathlib.Path(program).stem
+        if program.endswith(".py"):
+            command = [sys.executable, "-B", str(self.folder / program), "-f", *cases]
+            pattern = r"^(?:FAIL|ERROR): (test\w+) \(__main__\.(\w+)"
+            name = lambda match: f"{match[2]}.{match[1]}"
+        else:
+            command = [str(self.build / "bin" / program), "--gtest_brief=1"]
+            command += [f"--gtest_filter={':'.join(cases)}"] if cases else []
+            pattern = r"^\[  FAILED  \] ([\w/.]+)(?:,| \()"
+            name = lambda match: match[1]
+        environment = {**os.environ, "FEROVANE_BIN": str(self.build / "bin"),
+                       "FEROVANE_KILLS": os.environ.get("FEROVANE_KILLS", "20")}
+        run = subprocess.Popen(command, cwd=self.build, env=environment, text=True,
+                               stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+                               errors="replace", start_new_session=True)
+        try:
+            output, _ = run.communicate(timeout=TEST_SECONDS)
+        except subprocess.TimeoutExpired:
+            os.killpg(run.pid, signal.SIGKILL)
+            run.communicate()
+            return [f"{short} (does not end)"]
+        finally:
+            self.end_leftovers()
+        if run.returncode == 0:
+            return []
+        found = list(dict.fromkeys(name(match) for match in re.finditer(pattern, output, re.M)))
+        return found or [f"{short} (ends with {run.returncode})"]
+
+    def end_leftovers(self):
+        """Ends what a mutated helper or guardian has left running."""
+        for entry in pathlib.Path("/proc").glob("[0-9]*/exe"):
+            try:
+                if pathlib.Path(os.readlink(entry)).is_relative_to(self.build):
+                    os.kill(int(entry.parent.name), signal.SIGKILL)
+            except OSError:
+                pass  # gone by itself
+
+    def caught_by(self, mutant):
+        path = self.folder / mutant.file
+        original = path.read_text(encoding="utf-8")
+        path.write_text(mutant.apply(original), encoding="utf-8")
+        try:
+            for test in [*mutant.tests, *(t for t in PROGRAMS if t not in mutant.tests)]:
+                program = PROGRAMS[test]
+                if error := self.make(self.targets(program)):
+                    raise ListError(f"{LIST.name}:{mutant.line}: does not build:\n{error}")
+                failed = self.failures(program)
+                if not failed:
+                    continue
+                # What fails on a busy machine need not fail again.
+                again = self.failures(program, [case for case in failed if "(" not in case])
+                if again:
+                    return [case for case in failed if case in again] or again
+            return []
+        finally:
+            path.write_text(original, encoding="utf-8")
+
+
+def check_untouched(workshop):
+    """Nothing may fail without a mutant: then a failure would mean nothing."""
+    targets = {target for program in PROGRAMS.values() for target in workshop.targets(program)}
+    if error := workshop.make(sorted(targets)):
+        sys.exit(f"the sources do not build:\n{error}")
+    for program in PROGRAMS.values():
+        failed = workshop.failures(program)
+        if failed and workshop.failures(program):
+            sys.exit(f"without any mutant {program} fails: {', '.join(failed)}")
+
+
+def verdict(mutant, cases):
+    if cases:
+        more = len(cases) - NAMED_CASES
+        named = [f"`{case}`" for case in cases[:NAMED_CASES]]
+        return ", ".join(named) + (f" and {more} more" if more > 0 else "")
+    return f"equivalent: {mutant.reason}" if mutant.reason else "**SURVIVED**"
+
+
+def run(mutants, folder, jobs, trust):
+    workshops = queue.Queue()
+    for number in range(jobs):
+        workshops.put(Workshop(folder / str(number)))
+    if not trust:
+        first = workshops.get()
+        check_untouched(first)
+        workshops.put(first)
+
+    def examine(mutant):
+        workshop = workshops.get()
+        try:
+            cases = workshop.caught_by(mutant)
+            print(f"{mutant.kind}: {mutant.text} – {verdict(mutant, cases)}", file=sys.stderr,
+                  flush=True)
+            return cases
+        finally:
+            workshops.put(workshop)
+
+    with concurrent.futures.ThreadPoolExecutor(jobs) as pool:
+        return list(pool.map(examine, mutants))
+
+
+def print_table(mutants, results):
+    print("| | kind | without it … | place | caught by |")
+    print("|---|---|---|---|---|")
+    for number, (mutant, cases) in enumerate(zip(mutants, results), 1):
+        print(f"| {number} | {mutant.kind} | {mutant.text} | `{mutant.file}`"
+              f"{' (`' + mutant.anchor + '`)' if mutant.anchor else ''} "
+              f"| {verdict(mutant, cases)} |")
+    caught = sum(1 for cases in results if cases)
+    equivalent = sum(1 for m, cases in zip(mutants, results) if not cases and m.reason)
+    survived = len(mutants) - caught - equivalent
+    print(f"\n{len(mutants)} mutants: {caught} caught, {equivalent} equivalent, "
+          f"{survived} survived.")
+    return survived
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__)
+    parser.add_argument("--check", action="store_true", help="only compare the list and the sources")
+    parser.add_argument("--only", default="", help="only mutants whose place or text match")
+    parser.add_argument("--jobs", type=int, default=1, help="mutants at the same time")
+    parser.add_argument("--scratch", help="folder for the copies and builds, kept for the next run")
+    parser.add_argument("--trust", action="store_true", help="do not first test without a mutant")
+    options = parser.parse_args()
+    try:
+        mutants = [m for m in read_list()
+                   if re.search(options.only, f"{m.kind}: {m.text} {m.where()}")]
+        if options.check:
+            print(f"{len(mutants)} mutants match the sources.")
+            return 0
+        with tempfile.TemporaryDirectory(prefix="ferovane-mutants-") as temporary:
+            folder = pathlib.Path(options.scratch or temporary).resolve()
+            results = run(mutants, folder, options.jobs, options.trust)
+    except ListError as error:
+        print(error, file=sys.stderr)
+        return 2
+    return 1 if print_table(mutants, results) else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
