@@ -8,6 +8,7 @@
 
 #include "simulator/apple/host_files.h"
 #include "simulator/apple/process_files.h"
+#include "simulator/apple/recent_process.h"
 
 namespace {
 
@@ -128,6 +129,11 @@ int proc_pidinfo(int pid, int flavor, std::uint64_t arg, void* buffer, int size)
     if (size < kRecordSize) {
         return failWith(ENOMEM, 0);
     }
+    thread_local simulator::RecentProcess recent;
+    if (const proc_bsdinfo* record = recent.recall(pid)) {
+        std::memcpy(buffer, record, sizeof *record);
+        return kRecordSize;
+    }
     const std::optional<ProcessFiles> process = simulator::readProcess(pid);
     if (process && process->zombie() && arg == 0) {
         return failWith(ESRCH, 0);
@@ -136,6 +142,7 @@ int proc_pidinfo(int pid, int flavor, std::uint64_t arg, void* buffer, int size)
         return failWith(error, 0);
     }
     const proc_bsdinfo record = basicRecord(pid, *process);
+    recent.remember(pid, record);
     std::memcpy(buffer, &record, sizeof record);
     return kRecordSize;
 }
