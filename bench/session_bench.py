@@ -241,6 +241,7 @@ def main():
 
         session = start_helper()
         session.ask_often(client, 1000)
+        time.sleep(1)  # until every thread has done all that it ever does
         before = session.status("VmRSS"), session.descriptors()
         session.ask_often(client, options.requests - 1000)
         after = session.status("VmRSS"), session.descriptors()

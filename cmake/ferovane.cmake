@@ -12,6 +12,10 @@ target_compile_options(ferovane_options INTERFACE
     $<$<AND:$<CXX_COMPILER_ID:GNU>,$<VERSION_LESS:$<CXX_COMPILER_VERSION>,13>>:-Wno-restrict>
     $<$<BOOL:${FEROVANE_WARNINGS_AS_ERRORS}>:-Werror>)
 
+# What a program does not use of the libraries is left out of it.
+add_compile_options(-ffunction-sections -fdata-sections)
+add_link_options($<IF:$<PLATFORM_ID:Darwin>,-Wl$<COMMA>-dead_strip,-Wl$<COMMA>--gc-sections>)
+
 if(FEROVANE_SANITIZE)
     add_compile_options(-fsanitize=${FEROVANE_SANITIZE} -fno-omit-frame-pointer
                         -fno-sanitize-recover=all)

@@ -1,13 +1,12 @@
 #include <CoreFoundation/CFBundle.h>
 
 #include <filesystem>
-#include <fstream>
 #include <functional>
-#include <iterator>
 #include <string>
 
 #include "simulator/apple/cf_object.h"
 #include "simulator/apple/cf_string.h"
+#include "simulator/apple/host_files.h"
 #include "simulator/apple/info_plist.h"
 #include "simulator/apple/machine_root.h"
 
@@ -43,8 +42,8 @@ namespace {
 using simulator::cf::checked;
 
 CFStringRef readIdentifier(const std::filesystem::path& bundle) {
-    std::ifstream file(bundle / "Contents" / "Info.plist", std::ios::binary);
-    const std::string list{std::istreambuf_iterator<char>(file), {}};
+    const std::filesystem::path file = bundle / "Contents" / "Info.plist";
+    const std::string list = simulator::readHostFile(file.c_str()).value_or("");
     const std::optional<std::string> identifier =
         simulator::propertyListString(list, "CFBundleIdentifier");
     return identifier ? simulator::cf::makeString(*identifier) : nullptr;

@@ -1,12 +1,26 @@
-// What the host publishes about itself under /proc.
+// What the host publishes about itself under /proc. Read without streams: their locales would be
+// most of the memory and time of a session that is measured here.
 #pragma once
 
 #include <cstdint>
 #include <map>
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace simulator {
+
+// The whole content; nothing when the file cannot be opened or fails while it is read, as the files
+// of a process do that ends meanwhile.
+std::optional<std::string> readHostFile(const char* path);
+
+// Cuts the first line, or the first word, off the text; both are empty at its end.
+std::string_view takeLine(std::string_view& text);
+std::string_view takeWord(std::string_view& text);
+
+// The next word as a decimal number; nothing when it is not one or does not fit.
+template <class Integer>
+std::optional<Integer> takeNumber(std::string_view& text);
 
 // The fields of /proc/meminfo.
 struct MemoryInfo {

@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <fstream>
 #include <map>
 #include <optional>
 #include <string>
@@ -56,12 +55,12 @@ Bytes brandString(AttachedMachine* machine) {
     if (machine != nullptr) {
         return textBytes(machine->cpuBrand());
     }
-    std::ifstream file("/proc/cpuinfo");
-    std::string line;
-    while (std::getline(file, line)) {
+    const std::string file = simulator::readHostFile("/proc/cpuinfo").value_or("");
+    for (std::string_view rest = file; !rest.empty();) {
+        const std::string_view line = simulator::takeLine(rest);
         const std::size_t colon = line.find(": ");
         if (line.starts_with("model name") && colon != std::string::npos) {
-            return textBytes(line.substr(colon + 2));
+            return textBytes(std::string(line.substr(colon + 2)));
         }
     }
     return std::nullopt;

@@ -6,8 +6,8 @@
 #include <algorithm>
 #include <atomic>
 #include <cstring>
-#include <fstream>
 #include <string>
+#include <string_view>
 
 #include "simulator/apple/host_files.h"
 #include "simulator/apple/live_objects.h"
@@ -31,11 +31,16 @@ bool isLiveHost(mach_port_t host) {
 // The kernel counts nice time as user time, and waiting for a disk as idle; so does this. Time
 // taken by a hypervisor is neither.
 bool readCpuLoad(host_cpu_load_info_data_t& load) {
-    std::ifstream file("/proc/stat");
-    std::string label;
+    const std::string file = simulator::readHostFile("/proc/stat").value_or("");
+    std::string_view rest = file;
+    simulator::takeWord(rest);  // the line's label
     std::uint64_t user = 0, nice = 0, system = 0, idle = 0, diskWait = 0, hard = 0, soft = 0;
-    if (!(file >> label >> user >> nice >> system >> idle >> diskWait >> hard >> soft)) {
-        return false;
+    for (std::uint64_t* ticks : {&user, &nice, &system, &idle, &diskWait, &hard, &soft}) {
+        const auto number = simulator::takeNumber<std::uint64_t>(rest);
+        if (!number) {
+            return false;
+        }
+        *ticks = *number;
     }
     load.cpu_ticks[CPU_STATE_USER] = static_cast<natural_t>(user + nice);
     load.cpu_ticks[CPU_STATE_SYSTEM] = static_cast<natural_t>(system + hard + soft);

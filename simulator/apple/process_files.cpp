@@ -2,11 +2,12 @@
 
 #include <unistd.h>
 
-#include <charconv>
+#include <array>
+#include <cstddef>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <string_view>
+
+#include "simulator/apple/host_files.h"
 
 namespace simulator {
 namespace {
@@ -15,64 +16,80 @@ std::string processPath(int pid, const char* file) {
     return "/proc/" + std::to_string(pid) + "/" + file;
 }
 
+// False when the text holds no number there; the target keeps its value.
+template <class Integer>
+bool take(std::string_view& text, Integer& target) {
+    const std::optional<Integer> number = takeNumber<Integer>(text);
+    target = number.value_or(target);
+    return number.has_value();
+}
+
+void skipWords(std::string_view& text, int count) {
+    for (; count > 0; --count) {
+        takeWord(text);
+    }
+}
+
 // "pid (command) state …": the command may itself hold spaces and parentheses, so the last closing
 // one ends it.
 bool readStat(int pid, ProcessFiles& process) {
-    // A process that ends between the opening and the reading makes the read fail, which only a
-    // stream's own operations report without an exception.
-    std::ifstream file(processPath(pid, "stat"));
-    std::ostringstream content;
-    content << file.rdbuf();
-    const std::string line = content.str();
+    const std::string line = readHostFile(processPath(pid, "stat").c_str()).value_or("");
     const std::size_t open = line.find('(');
     const std::size_t close = line.rfind(')');
     if (open == std::string::npos || close == std::string::npos) {
         return false;
     }
     process.command = line.substr(open + 1, close - open - 1);
-    std::istringstream rest(line.substr(close + 1));
-    std::int64_t ignored = 0;
-    std::uint64_t minorFaults = 0, childMinorFaults = 0, childMajorFaults = 0, flags = 0, bytes = 0;
-    rest >> process.state >> process.parent >> process.group >> ignored >> process.terminal >>
-        process.terminalGroup >> flags >> minorFaults >> childMinorFaults >> process.majorFaults >>
-        childMajorFaults >> process.userTicks >> process.systemTicks >> process.childUserTicks >>
-        process.childSystemTicks >> ignored >> process.niceness >> ignored >> ignored >>
-        process.startTicks >> bytes >> process.residentPages;
-    return !rest.fail();
+    std::string_view rest = std::string_view(line).substr(close + 1);
+    const std::string_view state = takeWord(rest);
+    if (state.empty()) {
+        return false;
+    }
+    process.state = state.front();
+    bool whole = take(rest, process.parent) && take(rest, process.group);
+    skipWords(rest, 1);  // session
+    whole = whole && take(rest, process.terminal) && take(rest, process.terminalGroup);
+    skipWords(rest, 3);  // flags, minor faults of its own and of its children
+    whole = whole && take(rest, process.majorFaults);
+    skipWords(rest, 1);  // major faults of its children
+    whole = whole && take(rest, process.userTicks) && take(rest, process.systemTicks) &&
+            take(rest, process.childUserTicks) && take(rest, process.childSystemTicks);
+    skipWords(rest, 1);  // priority
+    whole = whole && take(rest, process.niceness);
+    skipWords(rest, 2);  // threads, timer
+    whole = whole && take(rest, process.startTicks);
+    skipWords(rest, 1);  // virtual size
+    return whole && take(rest, process.residentPages);
 }
 
 // The ids and memory sizes; false for a thread that is not its process's first.
 bool readStatus(int pid, ProcessFiles& process) {
-    std::ifstream file(processPath(pid, "status"));
-    std::string line;
+    const std::string file = readHostFile(processPath(pid, "status").c_str()).value_or("");
     bool isProcess = false;
-    while (std::getline(file, line)) {
-        std::istringstream fields(line);
-        std::string name;
-        fields >> name;
+    for (std::string_view rest = file; !rest.empty();) {
+        std::string_view line = takeLine(rest);
+        const std::string_view name = takeWord(line);
         if (name == "Tgid:") {
-            int processId = 0;
-            isProcess = fields >> processId && processId == pid;
+            isProcess = takeNumber<std::int32_t>(line) == pid;
         } else if (name == "Uid:") {
-            fields >> process.userId >> process.effectiveUserId >> process.savedUserId;
+            take(line, process.userId) && take(line, process.effectiveUserId) &&
+                take(line, process.savedUserId);
         } else if (name == "Gid:") {
-            fields >> process.groupId >> process.effectiveGroupId >> process.savedGroupId;
+            take(line, process.groupId) && take(line, process.effectiveGroupId) &&
+                take(line, process.savedGroupId);
         } else if (name == "RssAnon:") {
-            fields >> process.anonymousKilobytes;
+            take(line, process.anonymousKilobytes);
         } else if (name == "VmSwap:") {
-            fields >> process.swappedKilobytes;
+            take(line, process.swappedKilobytes);
         } else if (name == "VmLck:") {
-            fields >> process.lockedKilobytes;
+            take(line, process.lockedKilobytes);
         }
     }
     return isProcess;
 }
 
 std::optional<int> processId(std::string_view name) {
-    int pid = 0;
-    const auto [end, error] = std::from_chars(name.data(), name.data() + name.size(), pid);
-    return error == std::errc() && end == name.data() + name.size() ? std::optional(pid)
-                                                                    : std::nullopt;
+    return takeNumber<std::int32_t>(name);
 }
 
 }  // namespace
@@ -87,24 +104,25 @@ std::optional<ProcessFiles> readProcess(int pid) {
 
 std::string programName(int pid, const std::string& command) {
     constexpr std::size_t kLongest = 31;
-    std::error_code error;
-    const std::string program =
-        std::filesystem::read_symlink(processPath(pid, "exe"), error).filename().string();
-    return program.starts_with(command) ? program.substr(0, kLongest) : command;
+    std::array<char, 4096> target{};
+    const ssize_t length =
+        ::readlink(processPath(pid, "exe").c_str(), target.data(), target.size());
+    const std::string_view path(target.data(), static_cast<std::size_t>(length < 0 ? 0 : length));
+    const std::string_view program = path.substr(path.rfind('/') + 1);
+    return std::string(program.starts_with(command) ? program.substr(0, kLongest) : command);
 }
 
 std::optional<DiskBytes> readDiskBytes(int pid) {
-    std::ifstream file(processPath(pid, "io"));
+    const std::string file = readHostFile(processPath(pid, "io").c_str()).value_or("");
     DiskBytes disk;
-    std::string name;
-    std::uint64_t value = 0;
     bool told = false;
-    while (file >> name >> value) {
+    for (std::string_view rest = file; !rest.empty();) {
+        std::string_view line = takeLine(rest);
+        const std::string_view name = takeWord(line);
         if (name == "read_bytes:") {
-            disk.read = value;
+            take(line, disk.read);
         } else if (name == "write_bytes:") {
-            disk.written = value;
-            told = true;
+            told = take(line, disk.written);
         }
     }
     return told ? std::optional(disk) : std::nullopt;
@@ -126,14 +144,11 @@ std::uint64_t ticksPerSecond() {
 }
 
 std::uint64_t bootTimeSeconds() {
-    std::ifstream file("/proc/stat");
-    std::string line;
-    while (std::getline(file, line)) {
-        std::istringstream fields(line);
-        std::string name;
-        std::uint64_t seconds = 0;
-        if (fields >> name >> seconds && name == "btime") {
-            return seconds;
+    const std::string file = readHostFile("/proc/stat").value_or("");
+    for (std::string_view rest = file; !rest.empty();) {
+        std::string_view line = takeLine(rest);
+        if (takeWord(line) == "btime") {
+            return takeNumber<std::uint64_t>(line).value_or(0);
         }
     }
     return 0;

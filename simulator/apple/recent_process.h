@@ -1,5 +1,5 @@
-// The record of the process that a thread asks about again and again, at a kernel's price instead of
-// that of four files under /proc.
+// The record of the process that a thread asks about again and again, at a kernel's price instead
+// of that of four files under /proc.
 #pragma once
 
 #include <libproc.h>

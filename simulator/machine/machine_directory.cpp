@@ -10,6 +10,7 @@
 
 #include <array>
 #include <cerrno>
+#include <climits>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -215,6 +216,16 @@ std::unique_ptr<Machine> build(const fs::path& directory, const MachinePlan& pla
     return machine;
 }
 
+// Opening a machine is part of every measured start of the helper, so it makes do without
+// <filesystem>.
+std::string absolute(const std::string& path) {
+    std::array<char, PATH_MAX> current{};
+    if (path.starts_with('/') || ::getcwd(current.data(), current.size()) == nullptr) {
+        return path;
+    }
+    return std::string(current.data()) + "/" + path;
+}
+
 }  // namespace
 
 std::unique_ptr<Machine> create(const std::string& directory, const MachinePlan& plan,
@@ -235,18 +246,18 @@ std::unique_ptr<Machine> create(const std::string& directory, const MachinePlan&
 }
 
 std::unique_ptr<Machine> open(const std::string& directory) {
-    const fs::path path(directory);
-    std::error_code error;
-    if (!fs::exists(path, error)) {
+    struct stat status {};
+    if (::stat(directory.c_str(), &status) != 0) {
         throw std::runtime_error("there is no directory " + directory);
     }
-    if (!fs::is_directory(path, error) || !fs::exists(path / "state", error)) {
+    const std::string state = directory + "/state";
+    if (!S_ISDIR(status.st_mode) || ::access(state.c_str(), F_OK) != 0) {
         throw std::runtime_error("there is no simulated Mac in " + directory);
     }
-    auto store = FileStore::open((path / "state").string());
+    auto store = FileStore::open(state);
     return std::make_unique<Machine>(std::move(store),
-                                     std::make_unique<FileJournal>((path / "journal").string()),
-                                     fs::absolute(path / "root").string());
+                                     std::make_unique<FileJournal>(directory + "/journal"),
+                                     absolute(directory) + "/root");
 }
 
 void placeTurboExtension(const std::string& root, unsigned where) {
