@@ -1,6 +1,7 @@
+#include <array>
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
-#include <deque>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -15,21 +16,19 @@ namespace {
 using simulator::cf::Object;
 
 // Dead shells kept readable; a release too many usually follows the last one closely.
-constexpr std::size_t kShellsKept = 1024;
+constexpr std::size_t kShellsKept = 128;
 
 std::atomic<std::int64_t> liveCount{0};
 
 void keepShell(const Object* object) {
     static std::mutex mutex;
+    static std::size_t next = 0;
     // Never destroyed: static objects of other files may still release theirs.
-    static auto& shells = *new std::deque<std::unique_ptr<const Object>>;
-    std::unique_ptr<const Object> oldest;
+    static auto& shells = *new std::array<std::unique_ptr<const Object>, kShellsKept>;
+    std::unique_ptr<const Object> oldest(object);  // destroyed outside the lock
     const std::lock_guard lock(mutex);
-    shells.emplace_back(object);
-    if (shells.size() > kShellsKept) {
-        oldest = std::move(shells.front());
-        shells.pop_front();
-    }
+    shells[next].swap(oldest);
+    next = (next + 1) % kShellsKept;
 }
 
 }  // namespace

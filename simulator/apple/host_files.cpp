@@ -26,6 +26,16 @@ std::optional<std::string> readHostFile(const char* path) {
     return count == 0 ? std::optional(content) : std::nullopt;
 }
 
+std::string_view readHostFile(const char* path, std::span<char> buffer) {
+    const int descriptor = ::open(path, O_RDONLY | O_CLOEXEC);
+    if (descriptor < 0) {
+        return {};
+    }
+    const ssize_t count = ::read(descriptor, buffer.data(), buffer.size());
+    ::close(descriptor);
+    return {buffer.data(), static_cast<std::size_t>(std::max<ssize_t>(count, 0))};
+}
+
 std::string_view takeLine(std::string_view& text) {
     const std::size_t end = std::min(text.find('\n'), text.size());
     const std::string_view line = text.substr(0, end);

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <map>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -13,6 +14,10 @@ namespace simulator {
 // The whole content; nothing when the file cannot be opened or fails while it is read, as the files
 // of a process do that ends meanwhile.
 std::optional<std::string> readHostFile(const char* path);
+
+// As much of the content as the buffer, the caller's, holds in one read; empty when there is none.
+// Allocates nothing, for what is read again and again.
+std::string_view readHostFile(const char* path, std::span<char> buffer);
 
 // Cuts the first line, or the first word, off the text; both are empty at its end.
 std::string_view takeLine(std::string_view& text);

@@ -12,8 +12,14 @@
 namespace simulator {
 namespace {
 
+using Buffer = std::array<char, 4096>;  // the files of a process are at most half as long
+
 std::string processPath(int pid, const char* file) {
     return "/proc/" + std::to_string(pid) + "/" + file;
+}
+
+std::string_view readProcessFile(int pid, const char* file, Buffer& buffer) {
+    return readHostFile(processPath(pid, file).c_str(), buffer);
 }
 
 // False when the text holds no number there; the target keeps its value.
@@ -33,14 +39,15 @@ void skipWords(std::string_view& text, int count) {
 // "pid (command) state …": the command may itself hold spaces and parentheses, so the last closing
 // one ends it.
 bool readStat(int pid, ProcessFiles& process) {
-    const std::string line = readHostFile(processPath(pid, "stat").c_str()).value_or("");
+    Buffer buffer;
+    const std::string_view line = readProcessFile(pid, "stat", buffer);
     const std::size_t open = line.find('(');
     const std::size_t close = line.rfind(')');
-    if (open == std::string::npos || close == std::string::npos) {
+    if (open == std::string_view::npos || close == std::string_view::npos) {
         return false;
     }
     process.command = line.substr(open + 1, close - open - 1);
-    std::string_view rest = std::string_view(line).substr(close + 1);
+    std::string_view rest = line.substr(close + 1);
     const std::string_view state = takeWord(rest);
     if (state.empty()) {
         return false;
@@ -64,9 +71,9 @@ bool readStat(int pid, ProcessFiles& process) {
 
 // The ids and memory sizes; false for a thread that is not its process's first.
 bool readStatus(int pid, ProcessFiles& process) {
-    const std::string file = readHostFile(processPath(pid, "status").c_str()).value_or("");
+    Buffer buffer;
     bool isProcess = false;
-    for (std::string_view rest = file; !rest.empty();) {
+    for (std::string_view rest = readProcessFile(pid, "status", buffer); !rest.empty();) {
         std::string_view line = takeLine(rest);
         const std::string_view name = takeWord(line);
         if (name == "Tgid:") {
@@ -92,6 +99,17 @@ std::optional<int> processId(std::string_view name) {
     return takeNumber<std::int32_t>(name);
 }
 
+std::uint64_t readBootTime() {
+    const std::string file = readHostFile("/proc/stat").value_or("");
+    for (std::string_view rest = file; !rest.empty();) {
+        std::string_view line = takeLine(rest);
+        if (takeWord(line) == "btime") {
+            return takeNumber<std::uint64_t>(line).value_or(0);
+        }
+    }
+    return 0;
+}
+
 }  // namespace
 
 std::optional<ProcessFiles> readProcess(int pid) {
@@ -104,7 +122,7 @@ std::optional<ProcessFiles> readProcess(int pid) {
 
 std::string programName(int pid, const std::string& command) {
     constexpr std::size_t kLongest = 31;
-    std::array<char, 4096> target{};
+    Buffer target;
     const ssize_t length =
         ::readlink(processPath(pid, "exe").c_str(), target.data(), target.size());
     const std::string_view path(target.data(), static_cast<std::size_t>(length < 0 ? 0 : length));
@@ -113,10 +131,10 @@ std::string programName(int pid, const std::string& command) {
 }
 
 std::optional<DiskBytes> readDiskBytes(int pid) {
-    const std::string file = readHostFile(processPath(pid, "io").c_str()).value_or("");
+    Buffer buffer;
     DiskBytes disk;
     bool told = false;
-    for (std::string_view rest = file; !rest.empty();) {
+    for (std::string_view rest = readProcessFile(pid, "io", buffer); !rest.empty();) {
         std::string_view line = takeLine(rest);
         const std::string_view name = takeWord(line);
         if (name == "read_bytes:") {
@@ -144,14 +162,8 @@ std::uint64_t ticksPerSecond() {
 }
 
 std::uint64_t bootTimeSeconds() {
-    const std::string file = readHostFile("/proc/stat").value_or("");
-    for (std::string_view rest = file; !rest.empty();) {
-        std::string_view line = takeLine(rest);
-        if (takeWord(line) == "btime") {
-            return takeNumber<std::uint64_t>(line).value_or(0);
-        }
-    }
-    return 0;
+    static const std::uint64_t seconds = readBootTime();
+    return seconds;
 }
 
 }  // namespace simulator
