@@ -6,11 +6,14 @@ import time
 import unittest
 import uuid
 
+from conversation import CONFIRMED
+from process_figures import ProcessFigures, wake_ups
 from simulated import OWNER_UID, Mac, Owner, eventually, needs_root
 from session_process_test import CURVE, session_on
 
 KILLS = int(os.environ.get("FEROVANE_KILLS", "60"))
 AUTOMATIC_SECONDS = 2.0
+STOP_SECONDS = float(os.environ.get("FEROVANE_STOP_SECONDS", "5.5"))  # a fan test takes five
 MACHINES = {"MacBookPro11,4": 30, "MacBookPro16,1": 30, "iMac18,3": 30, "MacPro7,1": 30,
             "M1Pro": 60, "M4Max": 70}
 
@@ -97,6 +100,44 @@ class GuardianTest(unittest.TestCase):
             session.process.wait()
             self.assertTrue(eventually(mac.automatic, AUTOMATIC_SECONDS), mac.journal()[-20:])
             self.close(session.process)
+
+    def test_a_stop_longer_than_the_lease_is_no_death_and_the_guardian_sleeps_through_it(self):
+        with Mac("MacBookPro16,1") as mac, Owner() as owner:
+            session = session_on(mac, owner)
+            self.assertEqual(session.request("test-fans")["message"], CONFIRMED)
+            (guardian,) = guardians_of(session.process.pid)
+            session.process.send_signal(signal.SIGSTOP)
+            before = wake_ups(guardian)
+            time.sleep(STOP_SECONDS)
+            self.assertTrue(mac.held(), "a stopped helper still holds its fans")
+            self.assertEqual(wake_ups(guardian), before)
+            session.process.send_signal(signal.SIGCONT)
+            self.assertTrue(eventually(mac.automatic, AUTOMATIC_SECONDS), mac.journal())
+            self.assertEqual(session.request("profile", profile="custom", curve=CURVE)["message"],
+                             CONFIRMED)
+            self.assertEqual(guardians_of(session.process.pid), [guardian])
+            figures = ProcessFigures(guardian)
+            print(f"guardian: resident {figures.resident} KiB, proportional "
+                  f"{figures.proportional}, private {figures.private}")
+            session.close()
+            self.assertTrue(mac.automatic())
+            session.process.stderr.close()
+
+    def test_two_helpers_have_two_guardians(self):
+        with Mac("MacBookPro16,1") as first_mac, Mac("M1Pro") as second_mac, Owner() as owner:
+            sessions = [session_on(mac, owner) for mac in (first_mac, second_mac)]
+            for session in sessions:
+                session.request("profile", profile="custom", curve=CURVE)
+            guardians = [guardians_of(session.process.pid) for session in sessions]
+            self.assertEqual([len(found) for found in guardians], [1, 1])
+            sessions[0].process.kill()
+            self.assertTrue(eventually(first_mac.automatic, AUTOMATIC_SECONDS))
+            self.assertTrue(second_mac.held())
+            self.assertEqual(guardians_of(sessions[1].process.pid), guardians[1])
+            for session in sessions:
+                session.close()
+                session.process.stderr.close()
+            self.assertTrue(second_mac.automatic())
 
     def test_a_guardian_that_is_killed_is_replaced_at_the_next_lease(self):
         with Mac("MacBookPro16,1") as mac, Owner() as owner:

@@ -14,11 +14,12 @@ CURVE = {"points": [{"temperature": 30, "percent": 40}, {"temperature": 90, "per
 OWNER_DEATHS = int(os.environ.get("FEROVANE_OWNER_DEATHS", "60"))
 
 
-def session_on(mac, owner, **options):
-    """A session of the owner's: root by effect, the owner's user by authorisation."""
+def session_on(mac, owner, before=lambda: None, **options):
+    """A session of the owner's: root by effect, the owner's user by authorisation. before: done in
+    the helper's process first."""
 
     def spawn(command, **popen):
-        become = lambda: os.setresuid(owner.words[1], 0, 0)
+        become = lambda: (before(), os.setresuid(owner.words[1], 0, 0))
         return subprocess.Popen(command, env=mac.environment(), preexec_fn=become, **popen)
 
     return ControlSession([str(HELPER)], *owner.words, errors=subprocess.PIPE, spawn=spawn,

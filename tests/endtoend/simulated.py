@@ -97,8 +97,8 @@ class Mac:
 class Owner:
     """The process on whose behalf the helper acts; a user's, not root's."""
 
-    def __init__(self):
-        self.process = subprocess.Popen(["sleep", "600"], user=OWNER_UID)
+    def __init__(self, seconds=600):
+        self.process = subprocess.Popen(["sleep", str(seconds)], user=OWNER_UID)
         self.words = (self.process.pid, OWNER_UID)
 
     def kill(self):
