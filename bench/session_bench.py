@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""A session's round trip, system calls, memory and idle cost, beside a C echo and a Python server.
+"""What a session costs and how soon its end is over, beside a C echo and a Python server.
 
     python3 bench/session_bench.py [--bin build/release/bin] [--requests 100000]
 
@@ -9,8 +9,10 @@ bytes of the helper's own reply and looks at nothing.
 """
 
 import argparse
+import json
 import os
 import platform
+import random
 import re
 import shutil
 import statistics
@@ -25,6 +27,7 @@ REQUEST = b'{"command":"status"}\n'
 ROUNDS = 5
 ROUND_REQUESTS = 4000
 IDLE_SECONDS = 10
+STOPS = 25
 
 ECHO = r"""
 #include <string.h>
@@ -207,6 +210,51 @@ def idle(name, server):
           f"{server.status('VmRSS'):10}{server.descriptors():8}")
 
 
+def held(show):
+    state = json.loads(subprocess.run(show, check=True, stdout=subprocess.PIPE).stdout)
+    return any(fan["manual"] for fan in state["fans"])
+
+
+def milliseconds_until_automatic(start_helper, show, end):
+    """From the cause to fans that are automatic, once; the look itself takes a few milliseconds."""
+    owner = subprocess.Popen(["sleep", "600"])
+    session = start_helper(owner.pid)
+    session.ask(b'{"command":"profile","profile":"performance"}\n')
+    if not held(show):
+        raise SystemExit("the profile holds no fan")
+    time.sleep(random.uniform(0.5, 1.0))  # any moment between two looks of the watchdog
+    start = time.monotonic()
+    end(session, owner)
+    while held(show):
+        pass
+    taken = time.monotonic() - start
+    session.process.wait(20)
+    session.process.stdin.close()
+    session.process.stdout.close()
+    owner.kill()
+    owner.wait()
+    return taken * 1000
+
+
+def stopping(start_helper, show):
+    def owner_dies(_, owner):
+        owner.kill()
+        owner.wait()  # until then it is a zombie, which counts as ended as well
+
+    causes = {"SIGTERM to automatic": lambda session, _: session.process.terminate(),
+              "owner's death to automatic": owner_dies}
+    print(f"\n{'milliseconds':<30}{'median':>8}{'least':>8}{'most':>8}")
+    for name, end in causes.items():
+        taken = [milliseconds_until_automatic(start_helper, show, end) for _ in range(STOPS)]
+        print(f"{name:<30}{statistics.median(taken):8.0f}{min(taken):8.0f}{max(taken):8.0f}")
+    looks = []
+    for _ in range(STOPS):
+        start = time.monotonic()
+        held(show)
+        looks.append((time.monotonic() - start) * 1000)
+    print(f"{'one look at the fans':<30}{statistics.median(looks):8.0f}")
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--bin", default="build/release/bin")
@@ -226,9 +274,8 @@ def main():
                        stdout=subprocess.DEVNULL)
         environment = {**os.environ, MACHINE_VARIABLE: mac}
 
-        def start_helper(before=()):
-            return Server([*before, helper, "serve", str(os.getpid()), str(os.getuid())],
-                          environment)
+        def start_helper(before=(), owner=os.getpid()):
+            return Server([*before, helper, "serve", str(owner), str(os.getuid())], environment)
 
         session = start_helper()
         reply = session.ask().decode().strip()
@@ -259,6 +306,8 @@ def main():
                              ("FerovaneHelper serve", start_helper())):
             idle(name, server)
             server.end()
+
+        stopping(lambda owner: start_helper(owner=owner), [simulator, "show", mac, "--json"])
 
 
 if __name__ == "__main__":
