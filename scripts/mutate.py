@@ -9,6 +9,8 @@ does not build, or no longer matches the sources.
 
 import argparse
 import concurrent.futures
+import hashlib
+import json
 import os
 import pathlib
 import queue
@@ -18,6 +20,7 @@ import signal
 import subprocess
 import sys
 import tempfile
+import threading
 
 ROOT = pathlib.Path(__file__).resolve().parents[1]
 LIST = ROOT / "scripts" / "mutants.txt"
@@ -42,7 +45,9 @@ EXECUTABLES = ["FerovaneHelper", "simulated-mac"]  # what the process tests star
 
 # How far below its anchor a mutant's text may begin: a function is not longer than this.
 ANCHOR_LINES = 60
-TEST_SECONDS = 300
+PROGRAM_SECONDS = 60  # several times what a test program takes
+PROCESS_SECONDS = 300  # the same for process tests
+NO_END = "(does not end)"
 NAMED_CASES = 3  # so many cases that caught a mutant are named
 
 
@@ -123,8 +128,8 @@ def copy_sources(folder):
 class Workshop:
     """A copy of the sources with its build."""
 
-    def __init__(self, folder):
-        self.folder, self.build = folder, folder / "build"
+    def __init__(self, folder, every_case):
+        self.folder, self.build, self.every_case = folder, folder / "build", every_case
         copy_sources(folder)
         options = ["-G", "Ninja"] if shutil.which("ninja") else []
         if shutil.which("ccache"):
@@ -153,6 +158,7 @@ class Workshop:
             name = lambda match: f"{match[2]}.{match[1]}"
         else:
             command = [str(self.build / "bin" / program), "--gtest_brief=1"]
+            command += [] if self.every_case else ["--gtest_fail_fast"]
             command += [f"--gtest_filter={':'.join(cases)}"] if cases else []
             pattern = r"^\[  FAILED  \] ([\w/.]+)(?:,| \()"
             name = lambda match: match[1]
@@ -162,11 +168,12 @@ class Workshop:
                                stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
                                errors="replace", start_new_session=True)
         try:
-            output, _ = run.communicate(timeout=TEST_SECONDS)
+            output, _ = run.communicate(
+                timeout=PROCESS_SECONDS if program.endswith(".py") else PROGRAM_SECONDS)
         except subprocess.TimeoutExpired:
             os.killpg(run.pid, signal.SIGKILL)
             run.communicate()
-            return [f"{short} (does not end)"]
+            return [f"{short} {NO_END}"]
         finally:
             self.end_leftovers()
         if run.returncode == 0:
@@ -188,13 +195,16 @@ class Workshop:
         original = path.read_text(encoding="utf-8")
         path.write_text(mutant.apply(original), encoding="utf-8")
         try:
-            for test in [*mutant.tests, *(t for t in PROGRAMS if t not in mutant.tests)]:
+            likely = [test for test in mutant.tests if test in PROGRAMS]
+            for test in [*likely, *(test for test in PROGRAMS if test not in likely)]:
                 program = PROGRAMS[test]
                 if error := self.make(self.targets(program)):
                     raise ListError(f"{LIST.name}:{mutant.line}: does not build:\n{error}")
                 failed = self.failures(program)
                 if not failed:
                     continue
+                if NO_END in failed[0]:
+                    return failed
                 # What fails on a busy machine need not fail again.
                 again = self.failures(program, [case for case in failed if "(" not in case])
                 if again:
@@ -223,19 +233,47 @@ def verdict(mutant, cases):
     return f"equivalent: {mutant.reason}" if mutant.reason else "**SURVIVED**"
 
 
-def run(mutants, folder, jobs, trust):
+class Remembered:
+    """What was caught before, in a scratch folder that is kept; good for as long as the mutant and
+    the file it is made of stay as they are."""
+
+    def __init__(self, folder):
+        self.path = folder / "caught.json"
+        self.caught = json.loads(self.path.read_text()) if self.path.exists() else {}
+        self.lock = threading.Lock()
+
+    @staticmethod
+    def key(mutant):
+        changed = mutant.apply((ROOT / mutant.file).read_text(encoding="utf-8"))
+        return hashlib.sha256(changed.encode()).hexdigest()
+
+    def get(self, mutant):
+        return self.caught.get(self.key(mutant))
+
+    def put(self, mutant, cases):
+        with self.lock:
+            self.caught[self.key(mutant)] = cases
+            self.path.write_text(json.dumps(self.caught))
+
+
+def run(mutants, folder, jobs, trust, every_case):
     workshops = queue.Queue()
     for number in range(jobs):
-        workshops.put(Workshop(folder / str(number)))
+        workshops.put(Workshop(folder / str(number), every_case))
+    remembered = Remembered(folder)
     if not trust:
         first = workshops.get()
         check_untouched(first)
         workshops.put(first)
 
     def examine(mutant):
+        if cases := remembered.get(mutant):
+            return cases
         workshop = workshops.get()
         try:
             cases = workshop.caught_by(mutant)
+            if cases:
+                remembered.put(mutant, cases)
             print(f"{mutant.kind}: {mutant.text} – {verdict(mutant, cases)}", file=sys.stderr,
                   flush=True)
             return cases
@@ -267,17 +305,22 @@ def main():
     parser.add_argument("--only", default="", help="only mutants whose place or text match")
     parser.add_argument("--jobs", type=int, default=1, help="mutants at the same time")
     parser.add_argument("--scratch", help="folder for the copies and builds, kept for the next run")
+    parser.add_argument("--every-case", action="store_true",
+                        help="name every case that fails, not only the first")
     parser.add_argument("--trust", action="store_true", help="do not first test without a mutant")
+    parser.add_argument("--programs", help="only these tests, by their names in this script")
     options = parser.parse_args()
     try:
         mutants = [m for m in read_list()
                    if re.search(options.only, f"{m.kind}: {m.text} {m.where()}")]
+        for name in set(PROGRAMS) - set((options.programs or ",".join(PROGRAMS)).split(",")):
+            del PROGRAMS[name]
         if options.check:
             print(f"{len(mutants)} mutants match the sources.")
             return 0
         with tempfile.TemporaryDirectory(prefix="ferovane-mutants-") as temporary:
             folder = pathlib.Path(options.scratch or temporary).resolve()
-            results = run(mutants, folder, options.jobs, options.trust)
+            results = run(mutants, folder, options.jobs, options.trust, options.every_case)
     except ListError as error:
         print(error, file=sys.stderr)
         return 2
