@@ -102,9 +102,13 @@ void restoreAuto(const std::vector<int>& ids, CoolingHardware& hardware) {
         try {
             try {
                 hardware.setManual(id, false);
+            } catch (const ScopeError& error) {
+                failed = true;
+                failures.push_back(error.message());
             } catch (const std::exception& error) {
                 failed = true;
-                failures.push_back(describe(error));
+                // Its text names no fan, and the user must learn which one it was.
+                failures.push_back("F" + std::to_string(id) + "Md：" + describe(error));
             }
         } catch (...) {
             // Even when there is no memory left to say why: the other fans come first, and the
