@@ -12,6 +12,11 @@ namespace ferovane {
 
 // Passes every operation on to the hardware. A fan is held from just before it is taken until the
 // hardware has confirmed that it was given back; the guardian knows while any is.
+//
+// A fan that is manual by somebody else's hand when it is to be taken is refused with a ScopeError,
+// and not handed back until returnHeld is called: between a lease's checks and its first switch lie
+// a sample of the whole machine and the switching of other fans, and a lease that fails hands back
+// every fan of its plan.
 class HeldFans : public CoolingHardware {
 public:
     // Both must outlive this.
@@ -24,13 +29,18 @@ public:
     void setManual(int fan, bool enabled) override;
 
     // A lease reports why it ended, not whether its hand-back worked. This gives every fan that is
-    // still held a second chance, and returns null once none is, else why not.
+    // still held a second chance, and returns null once none is, else why not, and which.
     std::exception_ptr returnHeld() noexcept;
 
 private:
+    void take(int fan);
+    bool isSomebodyElses(int fan);
+    std::exception_ptr namingHeld(std::exception_ptr failure) const noexcept;
+
     CoolingHardware& hardware_;
     FanGuardian& guardian_;
     std::set<int> held_;
+    std::set<int> refused_;  // somebody else's when they were to be taken
 };
 
 }  // namespace ferovane

@@ -4,6 +4,7 @@
 #include <exception>
 #include <utility>
 
+#include "core/fan/fan_checks.h"
 #include "core/fan/restore_failure.h"
 #include "core/model/scope_error.h"
 
@@ -90,7 +91,7 @@ void AppleSiliconFanControl::setManual(int fan, bool enabled) {
 void AppleSiliconFanControl::take(int fan, const std::string& key) {
     const std::optional<double> mode = tryRead(read_, key);
     if (!mode || !isAutomatic(*mode)) {
-        throw ScopeError("风扇未处于系统自动，请先退出其他风扇控制程序");
+        throw ScopeError(FanChecks::kNotAutomatic);
     }
     if (originals_.empty()) {
         const std::optional<double> unlock = tryRead(read_, kUnlockKey);

@@ -10,6 +10,9 @@ namespace ferovane::FanChecks {
 
 inline constexpr double kMaximumRatedRpm = 12000;  // no Mac's fan is rated higher: a misread value
 
+// What a user is told of a fan that is not free when it is to be taken.
+inline constexpr const char* kNotAutomatic = "风扇未处于系统自动，请先退出其他风扇控制程序";
+
 // Whether there are fans and a lease may take all of them: each accepts targets and is known to be
 // in system automatic mode.
 bool allFree(const std::vector<FanReading>& fans);

@@ -96,7 +96,7 @@ TEST(CoolingCommandTest, TellsOfAFanThatCouldNotBeHandedBack) {
     };
     EXPECT_EQ(world.cool(), 1);
     EXPECT_EQ(world.errors.text(),
-              "恢复自动风扇失败：SMC F1Md 写入失败（134）；此机型可能不支持控制\n"
+              "恢复自动风扇失败：SMC F1Md 写入失败（134）；此机型可能不支持控制（风扇 2）\n"
               "检测到风扇状态改变或无法读取，散热会话已停止\n");
     EXPECT_EQ(world.guardianRecord, "held ") << "the guardian must know that a fan is still held";
 }

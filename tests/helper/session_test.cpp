@@ -114,7 +114,7 @@ TEST(SessionTest, SaysSoWhileAFanCouldNotBeHandedBack) {
     session.world.mac.refuseWrites("F1Md", simulator::kNotWritable);
     const std::string failure = "恢复自动风扇失败：SMC F1Md 写入失败（134）；此机型可能不支持控制";
     EXPECT_EQ(session.command("auto"), (ControlReply{false, failure}));
-    EXPECT_EQ(session.command("status"), (ControlReply{false, failure}));
+    EXPECT_EQ(session.command("status"), (ControlReply{false, failure + "（风扇 2）"}));
     session.world.mac.clearFaults();
     EXPECT_EQ(session.command("auto").message, kSystemManaged);
     EXPECT_TRUE(session.world.mac.allFansAutomatic());
