@@ -20,6 +20,8 @@ constexpr std::uint8_t kIndexOutOfRange = 0xB8;
 constexpr int kIoError = static_cast<int>(0xE00002BC);
 constexpr int kIoNotPrivileged = static_cast<int>(0xE00002C1);
 
+constexpr double kBetweenSettlings = 1e-6;  // seconds, of two delayed writes to one key
+
 constexpr std::uint8_t resultByte(int code) {
     return static_cast<std::uint8_t>(code);
 }
@@ -119,18 +121,33 @@ void noteWrite(Call& call, const KeyRecord* key, const char* remark) {
                  {call.code, call.out.result, remark});
 }
 
+// Writes to a key settle in the order in which they were made: the time at which the last of those
+// under way does, or 0.
+double lastToSettle(const WorldState& state, std::uint32_t key) {
+    double last = 0;
+    for (const PendingWrite& pending : state.pending) {
+        if (pending.time > 0 && pending.key == key) {
+            last = std::max(last, pending.time);
+        }
+    }
+    return last;
+}
+
 bool postponed(Call& call, const KeyRecord& key) {
     const FaultRecord* delay = Faults::strike(call.world, FaultKind::kDelayWrite, call.in.key);
-    if (delay == nullptr) {
+    WorldState& state = call.world.state();
+    const double before = state.pendingWrites > 0 ? lastToSettle(state, key.code) : 0;
+    if (delay == nullptr && before == 0) {
         return false;
     }
-    WorldState& state = call.world.state();
+    const double settles = std::max(delay != nullptr ? state.machineSeconds + delay->seconds : 0,
+                                    before + kBetweenSettlings);
     for (PendingWrite& pending : state.pending) {
         if (pending.time == 0) {
             pending.key = key.code;
             pending.size = key.size;
             std::memcpy(pending.bytes, call.in.data, kReturnedBytes);
-            pending.time = state.machineSeconds + delay->seconds;
+            pending.time = settles;
             ++state.pendingWrites;
             return true;
         }
