@@ -1,0 +1,59 @@
+// The threads of the code under test take turns: one runs at a time, and time passes only when all
+// of them wait. The same seed gives the same order, whatever the host is busy with.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <limits>
+#include <memory>
+#include <random>
+#include <thread>
+#include <vector>
+
+namespace ferovane::testing {
+
+// While it lives, the thread that made it takes part, and every std::thread that a part-taker
+// starts. Their waits for a condition, their joins and steady_clock are on this clock (the calls
+// are redirected when the test program is linked). Nobody may wait for a lock that another holds
+// while it waits here.
+class Turns {
+public:
+    static constexpr double kForever = std::numeric_limits<double>::infinity();
+
+    // now: seconds; advance: lets so many pass. seed: of the order among threads that could all
+    // run; 0 for first come, first served.
+    Turns(std::function<double()> now, std::function<void(double)> advance, std::uint64_t seed);
+    ~Turns();  // every other thread must have ended
+    Turns(const Turns&) = delete;
+    Turns& operator=(const Turns&) = delete;
+
+    static Turns* ofThisThread();  // null when it takes no part
+
+    double now() const { return now_(); }
+    void sleep(double seconds) { waitFor(nullptr, now() + seconds); }
+    void sometimesYield();  // with a seed: lets another thread that could run do so, now and then
+
+    // Waits until somebody notifies `what`, or until `deadline`; false when that came first.
+    bool waitFor(const void* what, double deadline);
+    void notify(const void* what);
+
+    void start(std::thread& thread, std::unique_ptr<std::thread::_State> state, void (*depend)());
+    void join(std::thread& thread);
+
+private:
+    struct Part;
+    class PartState;
+
+    void passOn(Part& from, bool comesBack);
+    Part& next();
+    void end(Part& part);
+
+    std::function<double()> now_;
+    std::function<void(double)> advance_;
+    std::mt19937_64 random_;
+    bool shuffled_;
+    std::uint64_t order_ = 0;
+    std::vector<std::shared_ptr<Part>> parts_;
+};
+
+}  // namespace ferovane::testing
