@@ -224,20 +224,34 @@ void setManual(SMC& smc, int fan, bool enabled) {
     }
 }
 
+// Mostly four characters, as keys have; now and then none, or twice as many.
+std::string keyFrom(fuzzing::Input& input, bool ofAnyLength) {
+    constexpr std::size_t kLengths = 9;
+    const std::size_t length = ofAnyLength ? input.take<std::uint8_t>() % kLengths : 4;
+    return std::string(input.take(length));
+}
+
 // As a caller of the shim would, with any key.
-void writeRaw(fuzzing::Input& input) {
-    std::string key(input.take(4));
+void writeRaw(const std::string& key, fuzzing::Input& input) {
     FVValue value{};
     value.data_size = input.take<std::uint8_t>() % 40;
     const int code = fv_smc_write(1, key.c_str(), &value);
-    const bool usable = key.find('\0') == std::string::npos && key.size() == 4 &&
-                        value.data_size >= 1 && value.data_size <= 32;
+    const bool usable =
+        std::strlen(key.c_str()) == 4 && value.data_size >= 1 && value.data_size <= 32;
     require(usable || code == -1, "an unusable argument is refused");
+}
+
+void readRaw(SMC& smc, const std::string& key) {
+    const auto number = smc.number(key);
+    require(!number || std::isfinite(*number), "a number is finite or absent");
+    require(!number || std::strlen(key.c_str()) == 4,
+            "no number stands under a name that is no key");
 }
 
 void operate(SMC& smc, fuzzing::Input& input) {
     const auto choice = input.take<std::uint8_t>();
-    const int fan = choice < 0xF8 ? choice / 8 % 12 : input.take<std::int8_t>();
+    const bool odd = choice >= 0xF8;
+    const int fan = odd ? input.take<std::int8_t>() : choice / 8 % 12;
     switch (choice % 8) {
         case 0:
             checkFans(smc);
@@ -255,13 +269,11 @@ void operate(SMC& smc, fuzzing::Input& input) {
         case 5:
             checkSensorKeys(smc);
             break;
-        case 6: {
-            const auto number = smc.number(std::string(input.take(4)));
-            require(!number || std::isfinite(*number), "a number is finite or absent");
+        case 6:
+            readRaw(smc, keyFrom(input, odd));
             break;
-        }
         default:
-            writeRaw(input);
+            writeRaw(keyFrom(input, odd), input);
     }
 }
 
