@@ -9,18 +9,21 @@ does not build, or no longer matches the sources.
 
 import argparse
 import concurrent.futures
+import functools
 import hashlib
 import json
 import os
 import pathlib
 import queue
 import re
+import resource
 import shutil
 import signal
 import subprocess
 import sys
 import tempfile
 import threading
+import time
 
 ROOT = pathlib.Path(__file__).resolve().parents[1]
 LIST = ROOT / "scripts" / "mutants.txt"
@@ -36,18 +39,29 @@ PROGRAMS = {
     "shim": "shim_tests",
     "answers": "shim_foreign_answers_tests",
     "helper": "helper_tests",
+    "faults": "fault_tests",
     "one-shot": "tests/endtoend/one_shot_test.py",
     "session": "tests/endtoend/session_process_test.py",
     "guardian": "tests/endtoend/guardian_test.py",
     "start": "tests/endtoend/inherited_state_test.py",
+    "sleep": "tests/endtoend/sleep_test.py",
+    "crash": "tests/endtoend/crash_test.py",
 }
 EXECUTABLES = ["FerovaneHelper", "simulated-mac"]  # what the process tests start
 
 # How far below its anchor a mutant's text may begin: a function is not longer than this.
 ANCHOR_LINES = 60
-PROGRAM_SECONDS = 60  # several times what a test program takes
-PROCESS_SECONDS = 300  # the same for process tests
+# Of processor time, several times what the slowest of them takes; a mutant may loop.
+PROGRAM_SECONDS = {"fault_tests": 600}
+OTHER_PROGRAM_SECONDS = 60
+BLOCKED_SECONDS = 20  # no test program waits so long and does nothing but look at the clock:
+IDLE_SECONDS = 0.3  # less processor time than this
+WAITING = 3  # so many times as long by the clock: other work may hold the processors
+PROCESS_SECONDS = 300  # by the clock, for process tests: their processor time is spent elsewhere
+PROGRAM_BYTES = 3 << 30  # of address space: a mutant may ask for ever more
 NO_END = "(does not end)"
+LOOPS = "(loops)"
+BLOCKED = "(waits for ever)"
 NAMED_CASES = 3  # so many cases that caught a mutant are named
 
 
@@ -125,6 +139,30 @@ def copy_sources(folder):
             os.utime(copy)
 
 
+def limit_process(seconds):
+    """Runs in a test program before it starts."""
+    resource.setrlimit(resource.RLIMIT_CPU, (seconds, seconds + 1))
+    resource.setrlimit(resource.RLIMIT_AS, (PROGRAM_BYTES, PROGRAM_BYTES))
+
+
+def threads(pid):
+    """What the system says of each thread of a process: its state, then its figures."""
+    for path in pathlib.Path(f"/proc/{pid}/task").glob("*/stat"):
+        try:
+            yield path.read_text(encoding="utf-8", errors="replace").rpartition(")")[2].split()
+        except OSError:
+            pass  # gone by itself
+
+
+def runs(pid):
+    return any(fields[0] == "R" for fields in threads(pid))
+
+
+def processor_seconds(pid):
+    ticks = sum(int(fields[11]) + int(fields[12]) for fields in threads(pid))
+    return ticks / os.sysconf("SC_CLK_TCK")
+
+
 class Workshop:
     """A copy of the sources with its build."""
 
@@ -162,22 +200,32 @@ class Workshop:
             command += [f"--gtest_filter={':'.join(cases)}"] if cases else []
             pattern = r"^\[  FAILED  \] ([\w/.]+)(?:,| \()"
             name = lambda match: match[1]
+        seconds = PROGRAM_SECONDS.get(program, OTHER_PROGRAM_SECONDS)
+        limit = None if program.endswith(".py") else functools.partial(limit_process, seconds)
         environment = {**os.environ, "FEROVANE_BIN": str(self.build / "bin"),
                        "FEROVANE_KILLS": os.environ.get("FEROVANE_KILLS", "20")}
         run = subprocess.Popen(command, cwd=self.build, env=environment, text=True,
                                stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
-                               errors="replace", start_new_session=True)
-        try:
-            output, _ = run.communicate(
-                timeout=PROCESS_SECONDS if program.endswith(".py") else PROGRAM_SECONDS)
-        except subprocess.TimeoutExpired:
-            os.killpg(run.pid, signal.SIGKILL)
-            run.communicate()
-            return [f"{short} {NO_END}"]
-        finally:
-            self.end_leftovers()
+                               errors="replace", start_new_session=True, preexec_fn=limit)
+        patience = PROCESS_SECONDS if program.endswith(".py") else seconds * WAITING
+        deadline = time.monotonic() + patience
+        output, used = None, 0
+        while output is None:
+            try:
+                output, _ = run.communicate(timeout=BLOCKED_SECONDS)
+            except subprocess.TimeoutExpired:
+                before, used = used, processor_seconds(run.pid)
+                blocked = limit is not None and not runs(run.pid) and used - before < IDLE_SECONDS
+                if blocked or time.monotonic() > deadline:
+                    os.killpg(run.pid, signal.SIGKILL)
+                    run.communicate()
+                    self.end_leftovers()
+                    return [f"{short} {BLOCKED if blocked else NO_END}"]
+        self.end_leftovers()
         if run.returncode == 0:
             return []
+        if run.returncode == -signal.SIGXCPU:
+            return [f"{short} {LOOPS}"]
         found = list(dict.fromkeys(name(match) for match in re.finditer(pattern, output, re.M)))
         return found or [f"{short} (ends with {run.returncode})"]
 
@@ -203,7 +251,7 @@ class Workshop:
                 failed = self.failures(program)
                 if not failed:
                     continue
-                if NO_END in failed[0]:
+                if LOOPS in failed[0] or BLOCKED in failed[0]:
                     return failed
                 # What fails on a busy machine need not fail again.
                 again = self.failures(program, [case for case in failed if "(" not in case])

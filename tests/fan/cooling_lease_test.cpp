@@ -115,6 +115,12 @@ TEST(CoolingLeaseTest, AFailureIsToldAsItsCauseAndAFailedHandBackAfterANormalEnd
     EXPECT_EQ(failureOf([&] { stuck.cool(300); }),
               "恢复自动风扇失败：SMC F0Md 写入失败（130）；SMC F2Md 回读不一致");
     EXPECT_TRUE(stuck.fans.isAutomatic(1));
+
+    LeaseWorld unexplained;
+    unexplained.clock.in(41, [&] { unexplained.stopped = true; });
+    unexplained.inCall("write F0Md", 2, [] { throw "no exception of the standard library"; });
+    EXPECT_EQ(failureOf([&] { unexplained.cool(300); }), "恢复自动风扇失败");
+    EXPECT_TRUE(unexplained.fans.isAutomatic(1));
 }
 
 TEST(CoolingLeaseTest, FansAreKnownByTheirIdAndNotByTheirPlace) {

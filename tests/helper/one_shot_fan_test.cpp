@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include "core/model/scope_error.h"
 #include "tests/helper/helper_world.h"
 
 namespace ferovane::testing {
@@ -77,6 +78,18 @@ TEST(CoolingCommandTest, EveryCauseOfStoppingEndsItWithinARound) {
         EXPECT_TRUE(world.mac.allFansAutomatic()) << name;
         EXPECT_EQ(world.output.text(), kCoolingDone) << name;
     }
+}
+
+TEST(CoolingCommandTest, TakesNoFanBeforeItsGuardianKnows) {
+    struct Absent : FanGuardian {
+        void fansHeld() override { throw ScopeError("无人守护"); }
+        void fansReturned() noexcept override {}
+    };
+    HelperWorld world(simulator::intelMac(2));
+    world.environment.makeGuardian = [] { return std::make_unique<Absent>(); };
+    EXPECT_EQ(world.cool(), 1);
+    EXPECT_EQ(world.errors.text(), "无人守护\n");
+    EXPECT_EQ(world.mac.writes(), "F0Md=0 F1Md=0");
 }
 
 TEST(CoolingCommandTest, AFanThatAnotherProgramTakesEndsIt) {

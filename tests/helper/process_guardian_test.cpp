@@ -180,11 +180,14 @@ int endOfGuardianAmong(rlim_t processes, const std::string& helperPath) {
         if (::setuid(kAnotherUser) != 0) {
             ::_exit(1);
         }
+        std::optional<ProcessGuardian> guardian;
         try {
-            ProcessGuardian(helperPath).fansHeld();
+            guardian.emplace(helperPath);
         } catch (const ScopeError&) {
             ::_exit(kRefused);
         }
+        guardian->fansHeld();
+        guardian.reset();
         ::wait(&status);
         ::_exit(WIFEXITED(status) ? WEXITSTATUS(status) : 2);
     }

@@ -10,6 +10,7 @@ namespace {
 
 const std::string kConfirmed = "控制已确认生效";
 const std::string kSystemManaged = "风扇由系统管理";
+constexpr double kLate = 0.1;  // seconds after which a write settles that is read back in time
 
 TEST(SessionTest, StartsOnlyForItsOwner) {
     struct Case {
@@ -87,13 +88,48 @@ TEST(SessionTest, ANewLeaseReplacesTheOldOneAfterItHasEnded) {
     EXPECT_TRUE(session.world.power.writes.empty()) << "neither touches turbo";
 }
 
+bool eventually(const std::function<bool()>& holds) {
+    for (int i = 0; i < 2000 && !holds(); ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return holds();
+}
+
 TEST(SessionTest, AFanTestEndsByItself) {
     SessionWorld session;
     ASSERT_TRUE(session.command("test-fans").ok);
-    for (int i = 0; i < 1000 && session.command("status").message == kConfirmed; ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    EXPECT_EQ(session.command("status").message, kSystemManaged);
+    EXPECT_TRUE(eventually([&] { return session.command("status").message == kSystemManaged; }));
+    EXPECT_TRUE(session.world.mac.allFansAutomatic());
+}
+
+TEST(SessionTest, ALeaseThatFailsMakesGoodOneErrorOfItsHandBack) {
+    SessionWorld session;
+    ASSERT_TRUE(session.profile("balanced").ok);
+    session.world.mac.refuseWrites("F1Md", simulator::kNotWritable, simulator::kOnce);
+    session.world.mac.driftTarget(0, 100);
+    EXPECT_TRUE(eventually([&] { return session.command("status").message == kSystemManaged; }));
+    EXPECT_TRUE(session.world.mac.allFansAutomatic());
+}
+
+TEST(SessionTest, NothingIsWaitedForWithoutEndAndWhatComesTooLateIsEnded) {
+    SessionWorld session;
+    ASSERT_TRUE(session.profile("balanced").ok);
+    session.world.environment.timings.leaseEnd = kLate / 5;
+    session.world.mac.delayWrites("F0Md", kLate);
+    EXPECT_EQ(session.profile("performance"),
+              (ControlReply{false, "等待风扇恢复自动超时，未开始下一操作"}));
+    session.world.environment.timings.leaseEnd = 10;
+    ASSERT_TRUE(session.command("auto").ok);
+
+    session.world.environment.timings.confirmation = kLate / 5;
+    const std::size_t before = session.world.mac.writes().size();
+    EXPECT_EQ(session.profile("balanced"),
+              (ControlReply{false, "控制确认超时，已请求恢复系统自动"}));
+    EXPECT_TRUE(eventually([&] {
+        const std::string writes = session.world.mac.writes();
+        const std::size_t taken = writes.rfind("F1Md=1");
+        return taken > before && writes.rfind("F1Md=0") > taken;
+    }));
     EXPECT_TRUE(session.world.mac.allFansAutomatic());
 }
 
@@ -106,6 +142,19 @@ TEST(SessionTest, TakesTurboBackWhenTheLeaseCannotStart) {
     session.end();
     EXPECT_EQ(session.world.power.writes, (std::vector<std::string>{"turbo=1", "turbo=0"}));
     EXPECT_EQ(session.world.mac.writes(), "");
+}
+
+TEST(SessionTest, LeavesAFanAloneThatIsTakenAfterTheChecksUntilAskedToReturnIt) {
+    SessionWorld session;
+    session.world.mac.atWrite(1).otherTakesFan(1);
+    EXPECT_EQ(session.profile("balanced"),
+              (ControlReply{false, "风扇未处于系统自动，请先退出其他风扇控制程序"}));
+    EXPECT_TRUE(session.world.mac.fanManual(1));
+    EXPECT_EQ(session.world.mac.writes().find("F1"), std::string::npos);
+    session.world.mac.refuseWrites("F1Md", simulator::kNotWritable, simulator::kOnce);
+    EXPECT_FALSE(session.command("auto").ok);
+    EXPECT_EQ(session.command("auto").message, kSystemManaged);
+    EXPECT_TRUE(session.world.mac.allFansAutomatic());
 }
 
 TEST(SessionTest, SaysSoWhileAFanCouldNotBeHandedBack) {
@@ -134,6 +183,12 @@ TEST(SessionTest, NothingButTheHandBackClearsAFanThatIsStillHeld) {
          [](SessionWorld& session) {
              session.world.mac.vanishFan(1);
              EXPECT_FALSE(session.command("auto").ok);
+         }},
+        {"a profile of the fans that are listed",
+         [](SessionWorld& session) {
+             session.world.mac.vanishFan(1);
+             EXPECT_FALSE(session.profile("balanced").ok);
+             EXPECT_FALSE(session.world.mac.fanManual(0));
          }},
     };
     for (const auto& [name, attempt] : attempts) {
@@ -247,6 +302,19 @@ TEST(SessionTest, EveryCauseOfStoppingHandsTheFansBack) {
         EXPECT_TRUE(session.world.mac.allFansAutomatic()) << cause;
         EXPECT_EQ(session.world.guardianRecord, "held returned ") << cause;
     }
+}
+
+TEST(SessionTest, AHandBackWithoutALeaseIsFinishedBeforeTheProcessEnds) {
+    SessionWorld session;
+    simulator::SimulatedMac& mac = session.world.mac;
+    mac.otherTakesFan(0);
+    mac.otherTakesFan(1);
+    mac.delayWrites("", kLate);
+    session.tell("{\"command\":\"auto\"}\n");
+    ASSERT_TRUE(eventually([&] { return !mac.writes().empty(); }));
+    session.world.ownerAlive = false;
+    EXPECT_TRUE(session.endsItself());
+    EXPECT_TRUE(mac.allFansAutomatic());
 }
 
 TEST(SessionTest, AFullPipeDoesNotKeepTheWatchdogFromTheFans) {

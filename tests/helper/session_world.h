@@ -62,8 +62,7 @@ public:
                                .fanTest = 0.1};
         environment.endProcess = [this](int status) { endedWith = status; };
         environment.makeSMC = [appleSilicon, now = environment.now] {
-            return std::make_unique<SMC>(
-                SMC::Surroundings{now, [](double) { std::this_thread::yield(); }, appleSilicon});
+            return std::make_unique<SMC>(SMC::Surroundings{now, sleepShortly, appleSilicon});
         };
         thread_ = std::thread([this] { serve(); });
     }
@@ -114,6 +113,10 @@ public:
     std::atomic<int> endedWith = -1;
 
 private:
+    // A tenth of what is asked for: a write that settles late is still waited for, and soon had.
+    static void sleepShortly(double seconds) {
+        std::this_thread::sleep_for(std::chrono::duration<double>(seconds / 10));
+    }
     void serve() {
         try {
             runControlSession(
