@@ -165,6 +165,19 @@ private:
     std::string path_ = "/tmp/ferovane-hand-back-" + std::to_string(::getpid());
 };
 
+TEST(ProcessGuardianTest, OneThatHasNothingToHandBackEndsWithTheHelper) {
+    const HandBackScript script;  // a failure, which would be tried again
+    for (const bool taken : {false, true}) {
+        std::optional<ProcessGuardian> guardian(script.path());
+        if (taken) {
+            guardian->fansHeld();
+            guardian->fansReturned();
+        }
+        guardian.reset();
+        EXPECT_TRUE(livingChildren().empty()) << taken;
+    }
+}
+
 constexpr uid_t kAnotherUser = 24681;  // who has no process but those of this test
 constexpr int kRefused = 8;
 constexpr unsigned kPatienceSeconds = 10;

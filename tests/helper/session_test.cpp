@@ -304,6 +304,16 @@ TEST(SessionTest, EveryCauseOfStoppingHandsTheFansBack) {
     }
 }
 
+TEST(SessionTest, BeginsNothingMoreOnceItEnds) {
+    SessionWorld session;
+    ASSERT_TRUE(session.command("hello").ok);
+    session.world.ownerAlive = false;
+    ASSERT_TRUE(session.endsItself());
+    session.world.ownerAlive = true;  // one look may fail where the next does not
+    EXPECT_EQ(session.profile("balanced"), (ControlReply{false, "会话正在结束，未开始新操作"}));
+    EXPECT_EQ(session.world.mac.writes(), "");
+}
+
 TEST(SessionTest, AHandBackWithoutALeaseIsFinishedBeforeTheProcessEnds) {
     SessionWorld session;
     simulator::SimulatedMac& mac = session.world.mac;
