@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "core/model/scope_error.h"
+#include "helper/held_fans.h"
 #include "tests/helper/helper_world.h"
 
 namespace ferovane::testing {
@@ -127,6 +128,18 @@ TEST(CoolingCommandTest, OneTransientErrorOfTheHandBackIsMadeGood) {
     EXPECT_EQ(world.guardianRecord, "held returned ");
 }
 
+TEST(HeldFansTest, AFanThatIsHeldIsNobodyElsesWhenItIsTakenAgain) {
+    HelperWorld world(simulator::intelMac(2));
+    const auto smc = world.environment.makeSMC();
+    const auto guardian = world.environment.makeGuardian();
+    HeldFans fans(*smc, *guardian);
+    fans.setManual(1, true);
+    fans.setManual(1, true);
+    EXPECT_EQ(fans.returnHeld(), nullptr);
+    EXPECT_TRUE(world.mac.allFansAutomatic());
+    EXPECT_EQ(world.guardianRecord, "held returned ");
+}
+
 // {"points":[{"temperature":30,"percent":20},{"temperature":90,"percent":100}],"sensor":"CPU"}
 const std::string kCurve =
     "eyJwb2ludHMiOlt7InRlbXBlcmF0dXJlIjozMCwicGVyY2VudCI6MjB9LHsidGVtcGVyYXR1cmUiOjkwLCJwZXJjZW50"
@@ -174,11 +187,17 @@ TEST(ProfileCommandTest, ModesAndTheirTurbo) {
 }
 
 TEST(ProfileCommandTest, PutsTurboBackWhenTheFansCannotFollow) {
-    HelperWorld world(simulator::intelMac(2));
-    world.onPause = [&] { world.mac.driftTarget(0, 3); };
-    EXPECT_EQ(world.profile("quiet"), 1);
-    EXPECT_EQ(world.errors.text(), "风扇控制被改变或无法读取，已停止曲线\n");
-    EXPECT_EQ(world.power.writes, (std::vector<std::string>{"turbo=1", "turbo=0"}));
+    const std::vector<std::pair<std::optional<std::int64_t>, std::vector<std::string>>> cases{
+        {0, {"turbo=1", "turbo=0"}}, {std::nullopt, {"turbo=1"}},  // there is nothing to go back to
+    };
+    for (const auto& [before, writes] : cases) {
+        HelperWorld world(simulator::intelMac(2));
+        world.power.turbo = before;
+        world.onPause = [&] { world.mac.driftTarget(0, 3); };
+        EXPECT_EQ(world.profile("quiet"), 1);
+        EXPECT_EQ(world.errors.text(), "风扇控制被改变或无法读取，已停止曲线\n");
+        EXPECT_EQ(world.power.writes, writes);
+    }
 }
 
 TEST(ProfileCommandTest, TellsOfTurboThatCouldNotBePutBack) {

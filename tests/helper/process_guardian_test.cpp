@@ -15,6 +15,7 @@
 #include <fstream>
 #include <future>
 #include <optional>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -56,6 +57,16 @@ void killAndLeave(pid_t child) {
 
 bool isReaped(pid_t child) {
     return ::waitpid(child, nullptr, WNOHANG) == -1 && errno == ECHILD;
+}
+
+std::set<int> openDescriptors() {
+    std::set<int> open;
+    for (int descriptor = 0; descriptor < 1024; ++descriptor) {
+        if (::fcntl(descriptor, F_GETFD) != -1) {
+            open.insert(descriptor);
+        }
+    }
+    return open;
 }
 
 // While it lives, this process can open only so many descriptors more.
@@ -129,6 +140,17 @@ TEST(ProcessGuardianTest, WithoutAReplacementNoFanMayBeTakenAndNoOtherChildIsWai
     EXPECT_EQ(WEXITSTATUS(status), 7);
 }
 
+TEST(ProcessGuardianTest, CostsOneDescriptorThatNoToolInherits) {
+    const std::set<int> before = openDescriptors();
+    const ProcessGuardian guardian(kNothing);
+    std::set<int> added = openDescriptors();
+    for (const int descriptor : before) {
+        added.erase(descriptor);
+    }
+    ASSERT_EQ(added.size(), 1U);
+    EXPECT_EQ(::fcntl(*added.begin(), F_GETFD), FD_CLOEXEC);
+}
+
 TEST(ProcessGuardianTest, OneThatIsStoppedDoesNotKeepTheHelper) {
     std::optional<ProcessGuardian> guardian(kNothing);
     const pid_t stopped = onlyChild();
@@ -146,13 +168,18 @@ TEST(ProcessGuardianTest, OneThatIsStoppedDoesNotKeepTheHelper) {
     ::waitpid(stopped, nullptr, 0);
 }
 
-// A file in the helper's place that says by its exit status whether it was called for a hand-back.
+// A file in the helper's place that says by its exit status whether it was called for a hand-back
+// and inherited no more than the standard descriptors.
 class HandBackScript {
 public:
     static constexpr int kCalled = 7;
 
     HandBackScript() {
-        std::ofstream(path_) << "#!/bin/sh\ntest \"$*\" = auto && exit " << kCalled << "\n";
+        std::ofstream(path_) << "#!/bin/sh\n"
+                             << "for d in 3 4 5 6 7 8 9; do\n"
+                             << "    test -e /proc/$$/fd/$d && exit 1\n"
+                             << "done\n"
+                             << "test \"$*\" = auto && exit " << kCalled << "\n";
         ::chmod(path_.c_str(), 0755);
     }
     ~HandBackScript() { std::remove(path_.c_str()); }
