@@ -49,6 +49,8 @@ TEST(CoolingCommandTest, ReadsItsArgumentsStrictly) {
     };
     for (std::vector<std::string> words : refused) {
         HelperWorld world(simulator::intelMac(2));
+        // So that only user 502 is refused for not being the owner.
+        world.environment.ownerAlive = [](std::int32_t, std::uint32_t user) { return user != 502; };
         words.insert(words.begin(), "cooling");
         EXPECT_EQ(world.run(words), 1) << ::testing::PrintToString(words);
         EXPECT_EQ(world.errors.text(), "无效的散热会话参数或发起程序已经退出\n");
