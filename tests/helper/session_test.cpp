@@ -304,6 +304,16 @@ TEST(SessionTest, EveryCauseOfStoppingHandsTheFansBack) {
     }
 }
 
+TEST(SessionTest, ServesNoRequestOfAnOwnerWhoIsGone) {
+    SessionWorld session;
+    ASSERT_TRUE(session.command("hello").ok);
+    session.world.ownerAlive = false;
+    session.tell("{\"command\":\"turbo-disable\"}\n");
+    EXPECT_THROW(session.reply(), std::runtime_error);
+    session.end();
+    EXPECT_TRUE(session.world.power.writes.empty());
+}
+
 TEST(SessionTest, BeginsNothingMoreOnceItEnds) {
     SessionWorld session;
     ASSERT_TRUE(session.command("hello").ok);
