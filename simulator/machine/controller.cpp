@@ -1,5 +1,7 @@
 #include "simulator/machine/controller.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstring>
 
@@ -146,6 +148,7 @@ bool postponed(Call& call, const KeyRecord& key) {
         if (pending.time == 0) {
             pending.key = key.code;
             pending.size = key.size;
+            pending.process = static_cast<std::int32_t>(::getpid());
             std::memcpy(pending.bytes, call.in.data, kReturnedBytes);
             pending.time = settles;
             ++state.pendingWrites;

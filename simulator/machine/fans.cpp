@@ -93,6 +93,7 @@ void runRival(World& world, std::size_t index) {
     char text[48];
     std::snprintf(text, sizeof text, "write F%zuTg=%.10g -> 00", index, fan.target);
     world.note(kOtherProgram, text);
+    recordHolder(state, kHeldByOther);
 }
 
 void retake(World& world) {
@@ -104,6 +105,7 @@ void retake(World& world) {
             noteSystem(world, i, kModeSystem);
         }
     }
+    recordHolder(state, 0);
 }
 
 bool isDue(double time, double now) {
@@ -158,6 +160,7 @@ void runEvents(World& world) {
             fan.modeChangeTime = 0;
             fan.mode = fan.modeChangeTo;
             noteSystem(world, i, fan.mode);
+            recordHolder(state, 0);
         }
         if (isDue(fan.rivalNextTime, state.machineSeconds)) {
             runRival(world, i);
@@ -181,6 +184,7 @@ void wake(World& world) {
             noteSystem(world, i, fan.mode);
         }
     }
+    recordHolder(state, 0);
 }
 
 void recordHolder(WorldState& state, std::int32_t process) {

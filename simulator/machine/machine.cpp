@@ -65,6 +65,7 @@ void settlePending(World& world) {
         KeyRecord* key = KeyTable::find(world, pending.key);
         if (key != nullptr && key->size == pending.size) {
             Fans::write(world, *key, pending.bytes);
+            Fans::recordHolder(state, pending.process);
             world.note(kSystemItself, "a delayed write settled");
         }
         pending.time = 0;

@@ -176,6 +176,8 @@ struct PendingWrite {
     double time;  // 0: free
     std::uint32_t key;
     std::uint32_t size;
+    std::int32_t process;  // that wrote
+    std::uint32_t unused;
     std::uint8_t bytes[kReturnedBytes];
 };
 

@@ -1,6 +1,8 @@
 // Who may take a fan: mode keys, the forced mask, the lock of Apple Silicon.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include "simulator/machine/machine.h"
 #include "simulator/machine/simulated_mac.h"
 #include "tests/simulator/machine/connection.h"
 
@@ -123,6 +125,31 @@ TEST(ManualModeTest, SomeMachinesRaiseATargetBelowTheMinimum) {
     EXPECT_EQ(test.smc.read("F0Tg"), 10000);
     test.mac.advance(30);
     EXPECT_NEAR(test.mac.fanRpm(0), 9600, 60);
+}
+
+TEST(ManualModeTest, TellsWhoHoldsAFanHoweverItWasTaken) {
+    Attached test(intelMac(2));
+    SimulatedMac& mac = test.mac;
+    const auto holder = [&mac](int fan) {
+        return mac.machine().locked([fan](World& world) { return world.state().fans[fan].holder; });
+    };
+    const auto writeLate = [&](const char* key, double number) {
+        mac.delayWrites(key, 1, kOnce);
+        ASSERT_EQ(test.smc.write(key, number), 0);
+        mac.advance(2);
+    };
+    writeLate("F0Md", 1);
+    mac.otherTakesFan(1);
+    EXPECT_EQ(holder(0), ::getpid());
+    EXPECT_EQ(holder(1), kHeldByOther);
+    writeLate("F0Md", 0);
+    EXPECT_EQ(holder(0), 0);
+    mac.sleep(1);
+    EXPECT_EQ(holder(1), 0);
+    mac.otherKeepsTarget(1, 3000, 1);
+    ASSERT_EQ(test.smc.write("F1Md", 0), 0);
+    mac.advance(2);
+    EXPECT_EQ(holder(1), kHeldByOther);
 }
 
 TEST(ManualModeTest, AnotherProgramKeepsWritingItsTarget) {
