@@ -18,7 +18,6 @@ constexpr std::uint32_t kOwnerUid = 501;
 
 // A monitor that has nothing left to say closes its end some time later.
 constexpr double kIdleSeconds = 30;
-constexpr double kPauseSliceSeconds = 0.2;  // as in the shim's own pause
 
 FaultWorld* theWorld = nullptr;
 
@@ -57,6 +56,11 @@ FaultWorld::~FaultWorld() {
     theWorld = nullptr;
 }
 
+simulator::SimulatedMac FaultWorld::takeMachine() {
+    turns.awaitOthers();  // a tool's watcher may outlive the helper's main thread
+    return std::move(mac);
+}
+
 void FaultWorld::fillEnvironment(bool appleSilicon) {
     environment.effectiveUser = 0;
     environment.realUser = kOwnerUid;
@@ -71,7 +75,7 @@ void FaultWorld::fillEnvironment(bool appleSilicon) {
         const OutsideProduct outside;
         const double end = turns.now() + seconds;
         while (!stopped() && turns.now() < end) {
-            turns.sleep(std::min(end - turns.now(), kPauseSliceSeconds));
+            turns.sleep(std::min(end - turns.now(), pauseSlice));
         }
         return stopped();
     };
@@ -179,6 +183,25 @@ void FaultWorld::takeMonitorStep() {
     }
 }
 
+// A wait that is cut short does not keep the monitor waiting for longer.
+bool FaultWorld::awaitInput(double deadline) {
+    while (!inputReady()) {
+        if (turns.now() >= deadline) {
+            return false;
+        }
+        if (!stepAt_) {
+            stepAt_ = turns.now() +
+                      (nextStep_ < monitor.size() ? monitor[nextStep_].after : kIdleSeconds);
+        }
+        if (!turns.waitFor(&input_, std::min(*stepAt_, deadline)) && turns.now() >= *stepAt_) {
+            takeMonitorStep();
+            stepAt_.reset();
+        }
+    }
+    stepAt_.reset();
+    return true;
+}
+
 int FaultWorld::poll(int, short events, short& revents, int milliseconds) {
     const Mishap trouble = enter({CallKind::poll});
     if (trouble.error != 0) {
@@ -186,20 +209,11 @@ int FaultWorld::poll(int, short events, short& revents, int milliseconds) {
         return -1;
     }
     if (trouble.nothing) {
+        muffled = muffled || (events & POLLOUT) != 0;
         return 0;
     }
-    const double deadline = turns.now() + milliseconds / 1000.0;
-    double stepAt =
-        turns.now() + (nextStep_ < monitor.size() ? monitor[nextStep_].after : kIdleSeconds);
-    while ((events & POLLIN) != 0 && !inputReady()) {
-        if (turns.now() >= deadline) {
-            return 0;
-        }
-        if (!turns.waitFor(&input_, std::min(stepAt, deadline)) && turns.now() >= stepAt) {
-            takeMonitorStep();
-            stepAt = turns.now() +
-                     (nextStep_ < monitor.size() ? monitor[nextStep_].after : kIdleSeconds);
-        }
+    if ((events & POLLIN) != 0 && !awaitInput(turns.now() + milliseconds / 1000.0)) {
+        return 0;
     }
     revents = events;
     return 1;

@@ -54,6 +54,9 @@ public:
     // Runs the helper to its end; its exit status, also when it ended from the watchdog.
     int run(std::vector<std::string> words);
 
+    // The machine as it is now, when the helper has ended; this world is of no more use.
+    simulator::SimulatedMac takeMachine();
+
     // ---- What the world does ---------------------------------------------------------------
     simulator::SimulatedMac mac;
     simulator::Attachment attached;
@@ -65,6 +68,7 @@ public:
     double ownerLeavesAt = Turns::kForever;
     double stopFileAt = Turns::kForever;
     double stopSignalAt = Turns::kForever;
+    double pauseSlice = 0.2;  // seconds until a pause notices a signal; as in the shim's own
     Tools tools;
 
     // Asked before every call with its number, counted from 1.
@@ -79,6 +83,7 @@ public:
     std::vector<Call> calls;
     std::string output, errors;
     std::string undelivered;  // what it tried to say where saying it failed
+    bool muffled = false;     // what it had to say was not taken for as long as it waits
     ControlSpy spy;
     std::string guardianRecord;
     bool handlersInstalled = false;
@@ -99,11 +104,13 @@ public:
     int poll(int descriptor, short events, short& revents, int milliseconds);
     long read(void* bytes, std::size_t size);
     long write(int descriptor, const void* bytes, std::size_t size);
+    std::uint32_t entropy() { return ++drawn_; }
 
 private:
     void fillEnvironment(bool appleSilicon);
     bool stopped() { return stopSignal || mac.now() >= stopSignalAt; }
     bool inputReady() const { return !input_.empty() || inputClosed_; }
+    bool awaitInput(double deadline);
     void takeMonitorStep();
     void endOfProcess(int status);
 
@@ -111,6 +118,8 @@ private:
     bool inputClosed_ = false;
     bool ended_ = false;
     std::size_t nextStep_ = 0;
+    std::optional<double> stepAt_;  // when it is taken; absent until it is waited for
+    std::uint32_t drawn_ = 0;
     std::size_t checked_ = 0;  // bytes of output that were handed on
 };
 

@@ -72,11 +72,15 @@ Turns::Turns(std::function<double()> now, std::function<void(double)> advance, s
 }
 
 Turns::~Turns() {
+    awaitOthers();
+    turnsOfThread = nullptr;
+    partOfThread = nullptr;
+}
+
+void Turns::awaitOthers() {
     while (std::any_of(parts_.begin() + 1, parts_.end(), [](const auto& p) { return !p->ended; })) {
         sleep(1);
     }
-    turnsOfThread = nullptr;
-    partOfThread = nullptr;
 }
 
 Turns* Turns::ofThisThread() {

@@ -23,7 +23,7 @@ public:
     // now: seconds; advance: lets so many pass. seed: of the order among threads that could all
     // run; 0 for first come, first served.
     Turns(std::function<double()> now, std::function<void(double)> advance, std::uint64_t seed);
-    ~Turns();  // every other thread must have ended
+    ~Turns();  // after awaitOthers()
     Turns(const Turns&) = delete;
     Turns& operator=(const Turns&) = delete;
 
@@ -39,6 +39,7 @@ public:
 
     void start(std::thread& thread, std::unique_ptr<std::thread::_State> state, void (*depend)());
     void join(std::thread& thread);
+    void awaitOthers();  // until every other thread has ended
 
 private:
     struct Part;

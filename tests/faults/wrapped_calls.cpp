@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
+#include <random>
 #include <string>
 #include <system_error>
 #include <vector>
@@ -142,6 +143,13 @@ int __wrap_fv_power_assertions(fv_assertion_visitor visit, void* context) {
 int __real_fv_bundle_has_identifier(const char*, const char*);
 int __wrap_fv_bundle_has_identifier(const char* path, const char* identifier) {
     return probe(0, [&] { return __real_fv_bundle_has_identifier(path, identifier); });
+}
+
+// Identifiers are made of it.
+unsigned __real__ZNSt13random_device9_M_getvalEv(std::random_device*);
+unsigned __wrap__ZNSt13random_device9_M_getvalEv(std::random_device* device) {
+    FaultWorld* world = here();
+    return world != nullptr ? world->entropy() : __real__ZNSt13random_device9_M_getvalEv(device);
 }
 
 // ---- Descriptors -------------------------------------------------------------------------------
