@@ -1,5 +1,6 @@
 #include "helper/fan_commands.h"
 
+#include <memory>
 #include <optional>
 #include <string_view>
 
@@ -64,13 +65,16 @@ ProfileRequest readProfileRequest(const std::vector<std::string>& args,
     return {*caller, *mode, fanCurve};
 }
 
-// Runs a lease. A fan that it could not hand back is told beside the error that ended it.
+// Runs a lease. A fan that it could not hand back is told beside the error that ended it, and left
+// to the guardian at once: putting turbo back may take minutes.
 template <class Lease>
-void runLease(HeldFans& fans, const HelperEnvironment& environment, Lease&& lease) {
+void runLease(HeldFans& fans, std::unique_ptr<FanGuardian>& guardian,
+              const HelperEnvironment& environment, Lease&& lease) {
     try {
         lease();
     } catch (...) {
         if (const std::exception_ptr unreturned = fans.returnHeld()) {
+            guardian.reset();  // nobody takes a fan any more
             reportFailure(environment.errorDescriptor, unreturned);
         }
         throw;
@@ -94,10 +98,10 @@ void coolFans(const std::vector<std::string>& args, double duration,
         throw ScopeError("无效的散热会话参数或发起程序已经退出");
     }
     environment.installStopHandlers();
-    const auto guardian = environment.makeGuardian();
+    auto guardian = environment.makeGuardian();
     const auto smc = environment.makeSMC();
     HeldFans fans(*smc, *guardian);
-    runLease(fans, environment, [&] {
+    runLease(fans, guardian, environment, [&] {
         CoolingLease::run(fans, duration, environment.now, EarlyEnd(*caller, environment),
                           [&] { environment.pause(kCoolingRoundSeconds); });
     });
@@ -107,7 +111,7 @@ void coolFans(const std::vector<std::string>& args, double duration,
 void runProfile(const std::vector<std::string>& args, const HelperEnvironment& environment) {
     const ProfileRequest request = readProfileRequest(args, environment);
     environment.installStopHandlers();
-    const auto guardian = environment.makeGuardian();
+    auto guardian = environment.makeGuardian();
     const auto smc = environment.makeSMC();
     const auto sampler = environment.makeSampler();
     requireTemperatures(sampler->sample(), request.curve);
@@ -119,7 +123,7 @@ void runProfile(const std::vector<std::string>& args, const HelperEnvironment& e
         turbo.apply(disablesTurbo(request.profile));
     }
     turbo.rollBackOnFailure([&] {
-        runLease(fans, environment, [&] {
+        runLease(fans, guardian, environment, [&] {
             CurveLease::run(
                 fans, request.curve, kProfileSeconds, [&] { return sampler->sample(); },
                 environment.now, EarlyEnd(request.caller, environment),

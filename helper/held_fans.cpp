@@ -5,6 +5,7 @@
 
 #include "core/fan/cooling_lease.h"
 #include "core/fan/fan_checks.h"
+#include "core/fan/fan_refusal.h"
 #include "core/model/scope_error.h"
 
 namespace ferovane {
@@ -14,22 +15,38 @@ void HeldFans::setManual(int fan, bool enabled) {
         take(fan);
     } else if (refused_.count(fan) == 0) {
         hardware_.setManual(fan, false);
-        if (held_.erase(fan) > 0 && held_.empty()) {
-            guardian_.fansReturned();
-        }
+        letGo(fan);
     }
 }
 
 void HeldFans::take(int fan) {
+    const bool heldBefore = held_.count(fan) > 0;
+    try {
+        takeIfFree(fan);
+    } catch (const FanRefusal&) {
+        if (!heldBefore) {
+            refused_.insert(fan);
+            letGo(fan);
+        }
+        throw;
+    }
+}
+
+void HeldFans::takeIfFree(int fan) {
     if (held_.count(fan) == 0 && isSomebodyElses(fan)) {
-        refused_.insert(fan);
-        throw ScopeError(FanChecks::kNotAutomatic);
+        throw FanRefusal(FanChecks::kNotAutomatic);
     }
     if (held_.empty()) {
         guardian_.fansHeld();
     }
     held_.insert(fan);
     hardware_.setManual(fan, true);
+}
+
+void HeldFans::letGo(int fan) {
+    if (held_.erase(fan) > 0 && held_.empty()) {
+        guardian_.fansReturned();
+    }
 }
 
 // An unknown state is no objection: on machines that switch fans by a mask no fan's is known while

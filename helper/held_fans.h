@@ -13,10 +13,10 @@ namespace ferovane {
 // Passes every operation on to the hardware. A fan is held from just before it is taken until the
 // hardware has confirmed that it was given back; the guardian knows while any is.
 //
-// A fan that is manual by somebody else's hand when it is to be taken is refused with a ScopeError,
-// and not handed back until returnHeld is called: between a lease's checks and its first switch lie
-// a sample of the whole machine and the switching of other fans, and a lease that fails hands back
-// every fan of its plan.
+// A fan that is somebody else's when it is to be taken is refused with a FanRefusal, here or by the
+// hardware, and not handed back until returnHeld is called: between a lease's checks and its first
+// switch lie a sample of the whole machine and the switching of other fans, and a lease that fails
+// hands back every fan of its plan.
 class HeldFans : public CoolingHardware {
 public:
     // Both must outlive this.
@@ -34,6 +34,8 @@ public:
 
 private:
     void take(int fan);
+    void takeIfFree(int fan);
+    void letGo(int fan);
     bool isSomebodyElses(int fan);
     std::exception_ptr namingHeld(std::exception_ptr failure) const noexcept;
 

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "core/fan/fan_checks.h"
+#include "core/fan/fan_refusal.h"
 #include "core/fan/restore_failure.h"
 #include "core/model/scope_error.h"
 
@@ -79,7 +80,7 @@ void AppleSiliconFanControl::setManual(int fan, bool enabled) {
     }
     const std::optional<std::string> key = modeKey(fan);
     if (!key) {
-        throw ScopeError("此风扇没有可识别的 Apple Silicon 模式接口");
+        throw FanRefusal("此风扇没有可识别的 Apple Silicon 模式接口");
     }
     if (enabled) {
         take(fan, *key);
@@ -91,12 +92,12 @@ void AppleSiliconFanControl::setManual(int fan, bool enabled) {
 void AppleSiliconFanControl::take(int fan, const std::string& key) {
     const std::optional<double> mode = tryRead(read_, key);
     if (!mode || !isAutomatic(*mode)) {
-        throw ScopeError(FanChecks::kNotAutomatic);
+        throw FanRefusal(FanChecks::kNotAutomatic);
     }
     if (originals_.empty()) {
         const std::optional<double> unlock = tryRead(read_, kUnlockKey);
         if (unlock && *unlock != 0) {
-            throw ScopeError("风扇控制交接已被占用，请先恢复系统自动");
+            throw FanRefusal("风扇控制交接已被占用，请先恢复系统自动");
         }
     }
     originals_.insert_or_assign(fan, Original{key, *mode});

@@ -25,9 +25,10 @@ public:
     // index outside 0 to 9 and when neither can be read.
     std::optional<std::string> modeKey(int fan);
 
-    // Takes a fan (true) or gives it back (false). A failed take has given the fan back, or says
-    // in its message that it could not. A fan that could not be given back stays held, so that
-    // giving it back can be tried again.
+    // Takes a fan (true) or gives it back (false). A take throws FanRefusal when the fan is not
+    // free, before anything is written; one that fails later has given the fan back, or says in its
+    // message that it could not. A fan that could not be given back stays held, so that giving it
+    // back can be tried again.
     void setManual(int fan, bool enabled);
 
 private:

@@ -104,6 +104,16 @@ TEST(CoolingCommandTest, AFanThatAnotherProgramTakesEndsIt) {
     EXPECT_TRUE(world.mac.allFansAutomatic());
 }
 
+// What was never taken is not held: else the guardian would hand back the other program's fans.
+TEST(CoolingCommandTest, WhileAnotherProgramHandsOverNothingCountsAsHeld) {
+    HelperWorld world(simulator::appleSiliconMac(2), true);
+    world.mac.otherHoldsUnlock();
+    EXPECT_EQ(world.cool(), 1);
+    EXPECT_EQ(world.errors.text(), "风扇控制交接已被占用，请先恢复系统自动\n");
+    EXPECT_EQ(world.guardianRecord, "held returned ");
+    EXPECT_EQ(world.mac.writes().find("F0Md"), std::string::npos) << "the fan it was refused";
+}
+
 TEST(CoolingCommandTest, TellsOfAFanThatCouldNotBeHandedBack) {
     HelperWorld world(simulator::intelMac(2));
     world.onPause = [&] {
@@ -212,6 +222,30 @@ TEST(ProfileCommandTest, TellsOfTurboThatCouldNotBePutBack) {
     EXPECT_EQ(both.errors.text(),
               "风扇控制被改变或无法读取，已停止曲线；睿频回退失败：第1步失败\n");
     EXPECT_TRUE(both.mac.allFansAutomatic());
+}
+
+TEST(ProfileCommandTest, AFanThatIsLeftIsTheGuardiansBeforeTurboIsPutBack) {
+    struct EndingGuardian : RecordingGuardian {
+        using RecordingGuardian::RecordingGuardian;
+        ~EndingGuardian() override { *ended = true; }
+        bool* ended = nullptr;
+    };
+    HelperWorld world(simulator::intelMac(2));
+    bool ended = false;
+    bool endedBefore = false;
+    world.environment.makeGuardian = [&] {
+        auto guardian = std::make_unique<EndingGuardian>(world.guardianRecord);
+        guardian->ended = &ended;
+        return guardian;
+    };
+    world.onPause = [&] {
+        world.mac.refuseWrites("F1Md", simulator::kNotWritable);
+        world.mac.driftTarget(0, 3);
+        world.power.failCall(1, PowerFault::refused, [&] { endedBefore = ended; });
+    };
+    EXPECT_EQ(world.profile("quiet"), 1);
+    EXPECT_TRUE(endedBefore) << world.errors.text();
+    EXPECT_EQ(world.guardianRecord, "held ");
 }
 
 TEST(ProfileCommandTest, RefusesBeforeTouchingAnything) {

@@ -233,6 +233,16 @@ TEST(SessionTest, OnAppleSiliconOnlyFansAreControlled) {
     EXPECT_TRUE(session.world.mac.allFansAutomatic());
 }
 
+TEST(SessionTest, ALeaseThatIsRefusedLeavesNothingToBeHandedBack) {
+    SessionWorld session(simulator::appleSiliconMac(2), true);
+    session.world.mac.otherHoldsUnlock();
+    EXPECT_EQ(session.command("test-fans"),
+              (ControlReply{false, "风扇控制交接已被占用，请先恢复系统自动"}));
+    EXPECT_EQ(session.command("status").message, kSystemManaged);
+    EXPECT_EQ(session.end(), "");
+    EXPECT_EQ(session.world.guardianRecord, "held returned ");
+}
+
 TEST(SessionTest, AMalformedLineIsAnsweredAndTheSessionGoesOn) {
     SessionWorld session;
     for (const char* line : {"", "{", "[]", "\xff", "{\"command\":1}", "{}",
