@@ -28,6 +28,9 @@ constexpr const char* kFanTestMode = "test-fans";
 constexpr const char* kFanTestLabel = "风扇测试";
 constexpr double kFanTestPercent = 100.0;
 
+// After the first two, for some 25 seconds, as a guardian would.
+constexpr int kReturnAttempts = 7;
+
 }  // namespace
 
 SessionControl::SessionControl(SessionOwner owner, const HelperEnvironment& environment)
@@ -149,7 +152,7 @@ ControlReply SessionControl::stateLocked(std::optional<std::int64_t> turbo) {
     const bool held = running_ && lease_ && lease_->applied;
     ControlReply reply{true, held ? kConfirmed : kSystemManaged};
     reply.turbo = turbo;
-    if (running_ && lease_) {
+    if (running_ && lease_ && !unreturned_) {
         reply.session = lease_->session;
         reply.profile = lease_->mode;
         reply.label = lease_->label;
@@ -261,12 +264,37 @@ void SessionControl::runLease(const FanCurve& curve, double duration) noexcept {
         } catch (...) {
             failure = std::current_exception();
         }
-        returnHeldFans();
+        if (returnHeldFans()) {
+            keepReturning(failure);
+        }
     }
     const ConditionGuard guard(lock_);
     lease_->failure = failure;
     running_ = false;
     lock_.broadcast();
+}
+
+// A controller that is busy needs time, and nobody may ask for these fans in the next half hour.
+// Whatever asks this lease to stop tries for itself, or leaves them to the guardian.
+void SessionControl::keepReturning(const std::exception_ptr& failure) noexcept {
+    {
+        const ConditionGuard guard(lock_);
+        lease_->failure = failure;  // whoever waits for the lease learns at once what ended it
+        lock_.broadcast();
+    }
+    double pause = environment_.timings.returnPause;
+    for (int attempt = 0; attempt < kReturnAttempts; ++attempt, pause *= 2) {
+        {
+            const ConditionGuard guard(lock_);
+            if (lock_.waitLocked(pause, environment_.timings.leasePoll, environment_.uptime,
+                                 [this]() FV_REQUIRES(lock_) { return stopRequested_; })) {
+                return;
+            }
+        }
+        if (!returnHeldFans()) {
+            return;
+        }
+    }
 }
 
 void SessionControl::holdCurve(const FanCurve& curve, double duration) {

@@ -72,6 +72,7 @@ private:
 
     void runLease(const FanCurve& curve, double duration) noexcept FV_EXCLUDES(lock_);
     void holdCurve(const FanCurve& curve, double duration);
+    void keepReturning(const std::exception_ptr& failure) noexcept FV_EXCLUDES(lock_);
     bool mustStop() FV_EXCLUDES(lock_);
     void waitForRound() FV_EXCLUDES(lock_);
 

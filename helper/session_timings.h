@@ -10,6 +10,7 @@ struct SessionTimings {
     double leaseRound = 2.0;     // from one round of a lease to the next
     double leaseEnd = 12.0;      // for a lease to hand its fans back once asked to
     double confirmation = 12.0;  // for a new lease's first targets to take effect
+    double returnPause = 0.2;    // before a failed hand-back is tried again; doubles each time
     double profile = 1800.0;     // a profile's lease
     double fanTest = 5.0;        // a fan test's lease
 };

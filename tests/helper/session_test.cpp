@@ -133,6 +133,20 @@ TEST(SessionTest, NothingIsWaitedForWithoutEndAndWhatComesTooLateIsEnded) {
     EXPECT_TRUE(session.world.mac.allFansAutomatic());
 }
 
+TEST(SessionTest, AFanThatWasLeftIsReturnedThoughNobodyAsks) {
+    SessionWorld session;
+    session.world.environment.timings.returnPause = 0.01;
+    ASSERT_TRUE(session.command("test-fans").ok);
+    session.world.mac.refuseWrites("F1Md", simulator::kNotWritable, 4);
+    for (int i = 0; i < 1000 && !session.world.mac.allFansAutomatic(); ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    EXPECT_TRUE(session.world.mac.allFansAutomatic());
+    EXPECT_EQ(session.end(), "");
+    EXPECT_EQ(session.world.guardianRecord, "held returned ");
+    EXPECT_EQ(session.world.errors.text(), "");
+}
+
 TEST(SessionTest, TakesTurboBackWhenTheLeaseCannotStart) {
     SessionWorld session;
     session.world.mac.otherTakesFan(1);
