@@ -328,6 +328,17 @@ TEST(SessionTest, EveryCauseOfStoppingHandsTheFansBack) {
     }
 }
 
+TEST(SessionTest, ALeaseSeesByItselfThatItIsToStop) {
+    constexpr double kNoWatchdog = 3600;  // seconds until it looks for the first time
+    for (const bool signal : {false, true}) {
+        SessionWorld session(simulator::intelMac(2), false, kNoWatchdog);
+        ASSERT_TRUE(session.profile("balanced").ok);
+        session.world.stopFlag = signal;
+        session.world.ownerAlive = signal;
+        EXPECT_TRUE(eventually([&] { return session.world.mac.allFansAutomatic(); })) << signal;
+    }
+}
+
 TEST(SessionTest, ServesNoRequestOfAnOwnerWhoIsGone) {
     SessionWorld session;
     ASSERT_TRUE(session.command("hello").ok);

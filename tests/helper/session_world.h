@@ -42,7 +42,7 @@ struct Pipe {
 class SessionWorld {
 public:
     explicit SessionWorld(simulator::SimulatedMac machine = simulator::intelMac(2),
-                          bool appleSilicon = false)
+                          bool appleSilicon = false, double watchdogPoll = 0.005)
         : world(std::move(machine), appleSilicon) {
         world.mac.followHostClock();
         HelperEnvironment& environment = world.environment;
@@ -53,7 +53,7 @@ public:
             return std::chrono::duration<double>(now).count();
         };
         environment.timings = {.request = 20,
-                               .watchdogPoll = 0.005,
+                               .watchdogPoll = watchdogPoll,
                                .leasePoll = 0.005,
                                .leaseRound = 0.02,
                                .leaseEnd = 10,
