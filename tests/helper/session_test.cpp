@@ -1,4 +1,7 @@
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <new>
 
@@ -93,6 +96,41 @@ bool eventually(const std::function<bool()>& holds) {
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
     return holds();
+}
+
+// In a process of its own, of a user who may start no thread more.
+int sessionWithoutAThreadForItsLease() {
+    constexpr uid_t kNobodyElse = 24682;
+    constexpr rlim_t kThreads = 3;  // this one, the session's and its watchdog's
+    ::alarm(20);
+    if (::setuid(kNobodyElse) != 0) {
+        return 1;
+    }
+    SessionWorld session;
+    rlimit before{};
+    if (!session.command("hello").ok || ::getrlimit(RLIMIT_NPROC, &before) != 0) {
+        return 2;
+    }
+    const rlimit noMore{kThreads, before.rlim_max};
+    ::setrlimit(RLIMIT_NPROC, &noMore);
+    const bool refused = session.profile("balanced") == ControlReply{false, "无法启动风扇控制线程"};
+    return !refused ? 3 : session.command("shutdown").ok ? 0 : 4;
+}
+
+TEST(SessionTest, ALeaseThatGetsNoThreadIsRefusedAndNobodyWaitsForItsEnd) {
+#ifndef __linux__
+    GTEST_SKIP() << "only here does the limit of processes count threads";
+#endif
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "needs root to become somebody else";
+    }
+    const pid_t child = ::fork();
+    if (child == 0) {
+        ::_exit(sessionWithoutAThreadForItsLease());
+    }
+    int status = -1;
+    ::waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0) << (WIFEXITED(status) ? WEXITSTATUS(status) : -1);
 }
 
 TEST(SessionTest, AFanTestEndsByItself) {
