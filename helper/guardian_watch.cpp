@@ -7,8 +7,6 @@
 #include <csignal>
 #include <ctime>
 
-#include "helper/standard_streams.h"
-
 extern char** environ;  // NOLINT: the platform declares it nowhere
 
 namespace ferovane {
@@ -52,7 +50,6 @@ void sleepFor(long milliseconds) {
 
 [[noreturn]] void becomeAuto(const char* helperPath) {
     setSignals(SIG_DFL);
-    occupyStandardDescriptors();
     char word[] = "auto";
     char* const arguments[] = {const_cast<char*>(helperPath), word, nullptr};
     ::execve(helperPath, arguments, environ);

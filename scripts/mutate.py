@@ -139,10 +139,14 @@ def copy_sources(folder):
             os.utime(copy)
 
 
-def limit_process(seconds):
-    """Runs in a test program before it starts."""
-    resource.setrlimit(resource.RLIMIT_CPU, (seconds, seconds + 1))
-    resource.setrlimit(resource.RLIMIT_AS, (PROGRAM_BYTES, PROGRAM_BYTES))
+def prepare_test(seconds):
+    """Runs in a test's process before it starts; no seconds for a process test."""
+    # A shell lets what it starts in the background ignore these, and tests send them.
+    signal.signal(signal.SIGINT, signal.SIG_DFL)
+    signal.signal(signal.SIGQUIT, signal.SIG_DFL)
+    if seconds:
+        resource.setrlimit(resource.RLIMIT_CPU, (seconds, seconds + 1))
+        resource.setrlimit(resource.RLIMIT_AS, (PROGRAM_BYTES, PROGRAM_BYTES))
 
 
 def threads(pid):
@@ -161,6 +165,21 @@ def runs(pid):
 def processor_seconds(pid):
     ticks = sum(int(fields[11]) + int(fields[12]) for fields in threads(pid))
     return ticks / os.sysconf("SC_CLK_TCK")
+
+
+def await_end(run, seconds):
+    """What a test printed until it ended, and why it had to be ended, if it had to."""
+    deadline = time.monotonic() + (seconds * WAITING if seconds else PROCESS_SECONDS)
+    used = 0
+    while True:
+        try:
+            return run.communicate(timeout=BLOCKED_SECONDS)[0], None
+        except subprocess.TimeoutExpired:
+            before, used = used, processor_seconds(run.pid)
+            blocked = seconds and not runs(run.pid) and used - before < IDLE_SECONDS
+            if blocked or time.monotonic() > deadline:
+                os.killpg(run.pid, signal.SIGKILL)
+                return run.communicate()[0], BLOCKED if blocked else NO_END
 
 
 class Workshop:
@@ -200,28 +219,18 @@ class Workshop:
             command += [f"--gtest_filter={':'.join(cases)}"] if cases else []
             pattern = r"^\[  FAILED  \] ([\w/.]+)(?:,| \()"
             name = lambda match: match[1]
-        seconds = PROGRAM_SECONDS.get(program, OTHER_PROGRAM_SECONDS)
-        limit = None if program.endswith(".py") else functools.partial(limit_process, seconds)
+        seconds = (None if program.endswith(".py")
+                   else PROGRAM_SECONDS.get(program, OTHER_PROGRAM_SECONDS))
         environment = {**os.environ, "FEROVANE_BIN": str(self.build / "bin"),
-                       "FEROVANE_KILLS": os.environ.get("FEROVANE_KILLS", "20")}
+                       "FEROVANE_KILLS": os.environ.get("FEROVANE_KILLS", "6")}
         run = subprocess.Popen(command, cwd=self.build, env=environment, text=True,
                                stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
-                               errors="replace", start_new_session=True, preexec_fn=limit)
-        patience = PROCESS_SECONDS if program.endswith(".py") else seconds * WAITING
-        deadline = time.monotonic() + patience
-        output, used = None, 0
-        while output is None:
-            try:
-                output, _ = run.communicate(timeout=BLOCKED_SECONDS)
-            except subprocess.TimeoutExpired:
-                before, used = used, processor_seconds(run.pid)
-                blocked = limit is not None and not runs(run.pid) and used - before < IDLE_SECONDS
-                if blocked or time.monotonic() > deadline:
-                    os.killpg(run.pid, signal.SIGKILL)
-                    run.communicate()
-                    self.end_leftovers()
-                    return [f"{short} {BLOCKED if blocked else NO_END}"]
+                               errors="replace", start_new_session=True,
+                               preexec_fn=functools.partial(prepare_test, seconds))
+        output, trouble = await_end(run, seconds)
         self.end_leftovers()
+        if trouble:
+            return [f"{short} {trouble}"]
         if run.returncode == 0:
             return []
         if run.returncode == -signal.SIGXCPU:

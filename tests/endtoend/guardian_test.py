@@ -1,6 +1,7 @@
 import os
 import random
 import signal
+import socket
 import subprocess
 import time
 import unittest
@@ -13,6 +14,8 @@ from session_process_test import CURVE, session_on
 
 KILLS = int(os.environ.get("FEROVANE_KILLS", "60"))
 AUTOMATIC_SECONDS = 2.0
+GIVES_UP_SECONDS = 60  # it tries for some 25
+SYSTEM_LOG = "/dev/log"
 STOP_SECONDS = float(os.environ.get("FEROVANE_STOP_SECONDS", "5.5"))  # a fan test takes five
 MACHINES = {"MacBookPro11,4": 30, "MacBookPro16,1": 30, "iMac18,3": 30, "MacPro7,1": 30,
             "M1Pro": 60, "M4Max": 70}
@@ -162,6 +165,25 @@ class GuardianTest(unittest.TestCase):
             helper.kill()
             helper.wait()
             self.assertTrue(eventually(mac.automatic, 2 * AUTOMATIC_SECONDS))
+            self.close(helper)
+
+    def test_a_hand_back_that_fails_for_good_is_told_to_the_system_log(self):
+        log = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        try:
+            log.bind(SYSTEM_LOG)
+        except OSError:
+            self.skipTest("somebody else listens to the system log")
+        self.addCleanup(lambda: (log.close(), os.unlink(SYSTEM_LOG)))
+        with Mac("MacBookPro16,1") as mac, Owner() as owner:
+            helper = self.start_lease(mac, owner, "cooling")
+            self.assertTrue(eventually(mac.held))
+            mac.fault("refuse-write", "key=F1Md", "code=0x80")
+            helper.kill()
+            helper.wait()
+            log.settimeout(GIVES_UP_SECONDS)
+            told = log.recv(4096).decode()
+            self.assertIn("FerovaneHelper", told)
+            self.assertIn("恢复自动风扇失败", told)
             self.close(helper)
 
 

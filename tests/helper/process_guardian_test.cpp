@@ -12,8 +12,10 @@
 #include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <future>
+#include <iterator>
 #include <optional>
 #include <set>
 #include <stdexcept>
@@ -171,32 +173,62 @@ TEST(ProcessGuardianTest, OneThatIsStoppedDoesNotKeepTheHelper) {
     ::waitpid(stopped, nullptr, 0);
 }
 
-// A file in the helper's place that says by its exit status whether it was called for a hand-back
-// and inherited no more than the standard descriptors.
-class HandBackScript {
-public:
-    static constexpr int kCalled = 7;
+bool holdsOneDescriptor(pid_t process) {
+    const std::filesystem::directory_iterator held("/proc/" + std::to_string(process) + "/fd");
+    return std::distance(begin(held), end(held)) == 1;
+}
 
-    HandBackScript() {
-        std::ofstream(path_) << "#!/bin/sh\n"
-                             << "for d in 3 4 5 6 7 8 9; do\n"
-                             << "    test -e /proc/$$/fd/$d && exit 1\n"
-                             << "done\n"
-                             << "test \"$*\" = auto && exit " << kCalled << "\n";
+TEST(ProcessGuardianTest, StandsApartFromTheHelperAndItsSignals) {
+    if (!std::filesystem::exists("/proc/self/fd")) {
+        GTEST_SKIP() << "this system does not tell the descriptors of another process";
+    }
+    const ProcessGuardian guardian(kNothing);
+    const pid_t child = onlyChild();
+    const auto start = std::chrono::steady_clock::now();
+    while (!holdsOneDescriptor(child)) {
+        ASSERT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
+    }
+    EXPECT_EQ(::getsid(child), child);
+    for (const int signal : {SIGTERM, SIGINT, SIGHUP, SIGQUIT, SIGPIPE, SIGTSTP, SIGTTIN, SIGTTOU,
+                             SIGUSR1, SIGUSR2, SIGALRM, SIGXCPU, SIGXFSZ}) {
+        ::kill(child, signal);
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    siginfo_t info{};
+    const int changes = WEXITED | WSTOPPED | WNOHANG | WNOWAIT;
+    EXPECT_EQ(::waitid(P_PID, static_cast<id_t>(child), &info, changes), 0);
+    EXPECT_EQ(info.si_pid, 0) << "ended or stopped by a signal";
+}
+
+// A file in the helper's place, called with its own path as $0.
+class HelperScript {
+public:
+    explicit HelperScript(const std::string& text) {
+        std::ofstream(path_) << "#!/bin/sh\n" << text;
         ::chmod(path_.c_str(), 0755);
     }
-    ~HandBackScript() { std::remove(path_.c_str()); }
-    HandBackScript(const HandBackScript&) = delete;
-    HandBackScript& operator=(const HandBackScript&) = delete;
+    ~HelperScript() {
+        std::remove(path_.c_str());
+        std::remove(callsPath().c_str());
+    }
+    HelperScript(const HelperScript&) = delete;
+    HelperScript& operator=(const HelperScript&) = delete;
 
     const std::string& path() const { return path_; }
+    // What the script has written to "$0.calls".
+    std::string calls() const {
+        std::ifstream file(callsPath());
+        return {std::istreambuf_iterator<char>(file), {}};
+    }
 
 private:
+    std::string callsPath() const { return path_ + ".calls"; }
+
     std::string path_ = "/tmp/ferovane-hand-back-" + std::to_string(::getpid());
 };
 
 TEST(ProcessGuardianTest, OneThatHasNothingToHandBackEndsWithTheHelper) {
-    const HandBackScript script;  // a failure, which would be tried again
+    const HelperScript script("exit 1\n");  // would be tried again
     for (const bool taken : {false, true}) {
         std::optional<ProcessGuardian> guardian(script.path());
         if (taken) {
@@ -243,9 +275,29 @@ TEST(ProcessGuardianTest, WhereNoProcessMayBeStartedItRefusesOrHandsBackItself) 
     if (::geteuid() != 0) {
         GTEST_SKIP() << "needs root to become somebody else";
     }
-    const HandBackScript script;
+    const HelperScript script(
+        "for d in 3 4 5 6 7 8 9; do\n"
+        "    test -e /proc/$$/fd/$d && exit 1  # inherited\n"
+        "done\n"
+        "test \"$*\" = auto && exit 7\n");
     EXPECT_EQ(endOfGuardianAmong(1, script.path()), kRefused);
-    EXPECT_EQ(endOfGuardianAmong(2, script.path()), HandBackScript::kCalled);
+    EXPECT_EQ(endOfGuardianAmong(2, script.path()), 7);
+}
+
+TEST(ProcessGuardianTest, TriesUntilAHandBackHasSucceededAndNoLonger) {
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "needs root to become somebody else";
+    }
+    const HelperScript script(
+        "echo \"$*\" >> \"$0.calls\"\n"
+        "case $(wc -l < \"$0.calls\") in\n"
+        "    *1) exit 7 ;;\n"
+        "    *2) kill -ALRM $$; exit 0 ;;\n"
+        "    *3) exit 0 ;;\n"
+        "    *) exit 9 ;;\n"
+        "esac\n");
+    EXPECT_EQ(endOfGuardianAmong(RLIM_INFINITY, script.path()), 0);
+    EXPECT_EQ(script.calls(), "auto\nauto\nauto\n");
 }
 
 }  // namespace
