@@ -1,6 +1,7 @@
 #include "helper/process_guardian.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -25,6 +26,9 @@ constexpr const char* kNoGuardian = "无法启动风扇守护进程，未接管�
 constexpr std::chrono::milliseconds kReleasePause{1};
 constexpr std::chrono::seconds kReleasePatience{1};
 
+// So is one that is started ready.
+constexpr int kStandPatienceMilliseconds = 5000;
+
 // Every descriptor this process has open; the child closes them one by one, because asking for the
 // list, or trying every number there could be, is nothing to do after a fork.
 std::vector<int> openDescriptors() {
@@ -37,8 +41,30 @@ std::vector<int> openDescriptors() {
     return descriptors;
 }
 
-void closeOnExec(int descriptor) {
-    ::fcntl(descriptor, F_SETFD, FD_CLOEXEC);
+bool openPipe(int (&ends)[2]) {
+    if (::pipe(ends) != 0) {
+        return false;
+    }
+    for (const int end : ends) {
+        ::fcntl(end, F_SETFD, FD_CLOEXEC);
+    }
+    return true;
+}
+
+void closePipe(const int (&ends)[2]) {
+    ::close(ends[0]);
+    ::close(ends[1]);
+}
+
+// The guardian closes all that it inherits, once it is out of the user's reach; until then he could
+// stop it for good. So the end of this pipe tells that it stands, or has ended.
+bool standsSoon(int pipe) {
+    pollfd waiting{pipe, POLLIN, 0};
+    int ready = -1;
+    do {
+        ready = ::poll(&waiting, 1, kStandPatienceMilliseconds);
+    } while (ready < 0 && errno == EINTR);
+    return ready > 0;
 }
 
 // A guardian that somebody has stopped does not end, and is left to itself then: whoever waits for
@@ -64,11 +90,14 @@ ProcessGuardian::~ProcessGuardian() {
 void ProcessGuardian::start() {
     ::signal(SIGPIPE, SIG_IGN);  // a guardian that was killed must not take the helper along
     int ends[2] = {-1, -1};
-    if (::pipe(ends) != 0) {
+    int standing[2] = {-1, -1};
+    if (!openPipe(ends)) {
         throw ScopeError(kNoGuardian);
     }
-    closeOnExec(ends[0]);
-    closeOnExec(ends[1]);
+    if (!openPipe(standing)) {
+        closePipe(ends);
+        throw ScopeError(kNoGuardian);
+    }
     GuardianPlan plan{ends[0], {}, helperPath_.c_str()};
     try {
         plan.descriptors = openDescriptors();
@@ -81,11 +110,25 @@ void ProcessGuardian::start() {
         watchOverFans(plan);
     }
     ::close(ends[0]);
-    if (pid_ < 0) {
-        ::close(ends[1]);
+    ::close(standing[1]);
+    pipe_ = ends[1];
+    const bool stands = pid_ > 0 && standsSoon(standing[0]);
+    ::close(standing[0]);
+    if (!stands) {
+        abandon();
         throw ScopeError(kNoGuardian);
     }
-    pipe_ = ends[1];
+}
+
+// What never stood has no fan to hand back.
+void ProcessGuardian::abandon() noexcept {
+    ::close(pipe_);
+    pipe_ = -1;
+    if (pid_ > 0) {
+        ::kill(pid_, SIGKILL);
+        reapSoon(pid_);
+    }
+    pid_ = -1;
 }
 
 // Closing the pipe releases the guardian. One that has nothing to do ends at once and is waited

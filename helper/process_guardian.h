@@ -10,10 +10,11 @@
 namespace ferovane {
 
 // Forks the guardian when it is made: a process in a session of its own that holds nothing of the
-// helper but the reading end of a pipe, can be signalled by nobody but root, and sleeps in a read. When the pipe ends while fans are
-// held, because the helper was killed or crashed, it runs the helper's own file with the word
-// "auto", again and again for a bounded number of times, and tells the system log if that never
-// succeeded. A helper that is merely stopped keeps the pipe open, and nothing happens.
+// helper but the reading end of a pipe, can be signalled by nobody but root, and sleeps in a read.
+// When the pipe ends while fans are held, because the helper was killed or crashed, it runs the
+// helper's own file with the word "auto", again and again for a bounded number of times, and tells
+// the system log if that never succeeded. A helper that is merely stopped keeps the pipe open, and
+// nothing happens.
 //
 // Ignores SIGPIPE for the whole process. Made before the controller is opened and before any thread
 // is started. Used by one thread at a time. Its end releases the guardian; fans still held then are
@@ -32,6 +33,7 @@ public:
 
 private:
     void start();
+    void abandon() noexcept;
     void release() noexcept;
     bool tell(char word) noexcept;
 

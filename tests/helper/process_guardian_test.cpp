@@ -128,8 +128,8 @@ TEST(ProcessGuardianTest, WithoutAReplacementNoFanMayBeTakenAndNoOtherChildIsWai
     std::optional<ProcessGuardian> guardian(kNothing);
     killAndLeave(onlyChild());
     {
-        // With the end of the pipe that becomes free there is room for the new pipe and no more.
-        const RoomForDescriptors one(1);
+        // With the end of the pipe that becomes free there is room for the new pipes and no more.
+        const RoomForDescriptors three(3);
         EXPECT_THROW(guardian->fansHeld(), ScopeError);
         EXPECT_THROW(guardian->fansHeld(), ScopeError) << "nor at the next attempt";
     }
@@ -269,6 +269,40 @@ int endOfGuardianAmong(rlim_t processes, const std::string& helperPath) {
     int status = 0;
     ::waitpid(helper, &status, 0);
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+constexpr std::chrono::milliseconds kTimeToDie{2};
+
+// Whether a user can kill the guardian of a helper that he authorised as soon as it is made. He has
+// no process but these two.
+bool canBeKilledBy(uid_t user) {
+    ProcessGuardian guardian(kNothing);
+    bool killed = ::seteuid(user) != 0;
+    ::kill(-1, SIGKILL);  // spares its sender
+    killed = ::seteuid(0) != 0 || killed;
+    std::this_thread::sleep_for(kTimeToDie);
+    siginfo_t ended{};
+    ::waitid(P_ALL, 0, &ended, WEXITED | WNOHANG | WNOWAIT);
+    return killed || ended.si_pid != 0;
+}
+
+TEST(ProcessGuardianTest, IsOutOfTheUsersReachOnceItIsMade) {
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "needs root to become somebody else";
+    }
+    const pid_t helper = ::fork();
+    if (helper == 0) {
+        ::alarm(kPatienceSeconds);
+        const uid_t user = 1'000'000 + static_cast<uid_t>(::getpid());
+        bool killed = ::setreuid(user, 0) != 0;
+        for (int attempt = 0; attempt < 50 && !killed; ++attempt) {
+            killed = canBeKilledBy(user);
+        }
+        ::_exit(killed ? 1 : 0);
+    }
+    int status = 0;
+    ::waitpid(helper, &status, 0);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
 }
 
 TEST(ProcessGuardianTest, WhereNoProcessMayBeStartedItRefusesOrHandsBackItself) {
