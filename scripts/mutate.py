@@ -168,18 +168,20 @@ def processor_seconds(pid):
 
 
 def await_end(run, seconds):
-    """What a test printed until it ended, and why it had to be ended, if it had to."""
+    """Waits for a test, and says why it had to be ended, if it had to."""
     deadline = time.monotonic() + (seconds * WAITING if seconds else PROCESS_SECONDS)
     used = 0
     while True:
         try:
-            return run.communicate(timeout=BLOCKED_SECONDS)[0], None
+            run.wait(timeout=BLOCKED_SECONDS)
+            return None
         except subprocess.TimeoutExpired:
             before, used = used, processor_seconds(run.pid)
             blocked = seconds and not runs(run.pid) and used - before < IDLE_SECONDS
             if blocked or time.monotonic() > deadline:
                 os.killpg(run.pid, signal.SIGKILL)
-                return run.communicate()[0], BLOCKED if blocked else NO_END
+                run.wait()
+                return BLOCKED if blocked else NO_END
 
 
 class Workshop:
@@ -223,12 +225,15 @@ class Workshop:
                    else PROGRAM_SECONDS.get(program, OTHER_PROGRAM_SECONDS))
         environment = {**os.environ, "FEROVANE_BIN": str(self.build / "bin"),
                        "FEROVANE_KILLS": os.environ.get("FEROVANE_KILLS", "6")}
-        run = subprocess.Popen(command, cwd=self.build, env=environment, text=True,
-                               stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
-                               errors="replace", start_new_session=True,
-                               preexec_fn=functools.partial(prepare_test, seconds))
-        output, trouble = await_end(run, seconds)
-        self.end_leftovers()
+        # A file and no pipe: what a mutant leaves running may hold on to it.
+        with tempfile.TemporaryFile("w+", errors="replace") as told:
+            run = subprocess.Popen(command, cwd=self.build, env=environment, stdout=told,
+                                   stderr=subprocess.STDOUT, start_new_session=True,
+                                   preexec_fn=functools.partial(prepare_test, seconds))
+            trouble = await_end(run, seconds)
+            self.end_leftovers()
+            told.seek(0)
+            output = told.read()
         if trouble:
             return [f"{short} {trouble}"]
         if run.returncode == 0:
