@@ -240,7 +240,11 @@ TEST(ProcessGuardianTest, OneThatHasNothingToHandBackEndsWithTheHelper) {
     }
 }
 
-constexpr uid_t kAnotherUser = 24681;  // who has no process but those of this test
+// Who has no process but the caller's: a limit of processes counts those of all the machine.
+uid_t aUserOfMyOwn() {
+    return 1'000'000 + static_cast<uid_t>(::getpid());
+}
+
 constexpr int kRefused = 8;
 constexpr unsigned kPatienceSeconds = 10;
 
@@ -252,7 +256,7 @@ int endOfGuardianAmong(rlim_t processes, const std::string& helperPath) {
         const rlimit limit{processes, processes};
         ::setrlimit(RLIMIT_NPROC, &limit);
         int status = 0;
-        if (::setuid(kAnotherUser) != 0) {
+        if (::setuid(aUserOfMyOwn()) != 0) {
             ::_exit(1);
         }
         std::optional<ProcessGuardian> guardian;
@@ -293,7 +297,7 @@ TEST(ProcessGuardianTest, IsOutOfTheUsersReachOnceItIsMade) {
     const pid_t helper = ::fork();
     if (helper == 0) {
         ::alarm(kPatienceSeconds);
-        const uid_t user = 1'000'000 + static_cast<uid_t>(::getpid());
+        const uid_t user = aUserOfMyOwn();
         bool killed = ::setreuid(user, 0) != 0;
         for (int attempt = 0; attempt < 50 && !killed; ++attempt) {
             killed = canBeKilledBy(user);
