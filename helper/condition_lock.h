@@ -33,13 +33,16 @@ public:
 
     // Waits until `isTrue` or until `seconds` have passed on the clock `now`, and returns what
     // `isTrue` then says. No single wait is longer than `longestWait` seconds: the system's timed
-    // waits follow the wall clock, which may be set back meanwhile.
+    // waits follow the wall clock, which may be set back meanwhile. A clock `now` that cannot be
+    // trusted ends the wait rather than prolonging it.
     template <class Predicate>
     bool waitLocked(double seconds, double longestWait, const std::function<double()>& now,
                     Predicate isTrue) FV_REQUIRES(this) FV_UNCHECKED {
-        const double deadline = now() + seconds;
-        for (double left = seconds; !isTrue() && left > 0; left = deadline - now()) {
+        const double start = now();
+        for (double left = seconds; !isTrue() && left > 0;) {
             condition_.wait_for(mutex_, std::chrono::duration<double>(std::min(left, longestWait)));
+            const double passed = now() - start;
+            left = passed >= 0 ? seconds - passed : 0;
         }
         return isTrue();
     }
