@@ -22,8 +22,6 @@ constexpr std::uint8_t kIndexOutOfRange = 0xB8;
 constexpr int kIoError = static_cast<int>(0xE00002BC);
 constexpr int kIoNotPrivileged = static_cast<int>(0xE00002C1);
 
-constexpr double kBetweenSettlings = 1e-6;  // seconds, of two delayed writes to one key
-
 constexpr std::uint8_t resultByte(int code) {
     return static_cast<std::uint8_t>(code);
 }
@@ -135,6 +133,14 @@ double lastToSettle(const WorldState& state, std::uint32_t key) {
     return last;
 }
 
+std::uint32_t nextInOrder(const WorldState& state) {
+    std::uint32_t last = 0;
+    for (const PendingWrite& pending : state.pending) {
+        last = pending.time > 0 ? std::max(last, pending.order) : last;
+    }
+    return last + 1;
+}
+
 bool postponed(Call& call, const KeyRecord& key) {
     const FaultRecord* delay = Faults::strike(call.world, FaultKind::kDelayWrite, call.in.key);
     WorldState& state = call.world.state();
@@ -142,12 +148,14 @@ bool postponed(Call& call, const KeyRecord& key) {
     if (delay == nullptr && before == 0) {
         return false;
     }
-    const double settles = std::max(delay != nullptr ? state.machineSeconds + delay->seconds : 0,
-                                    before + kBetweenSettlings);
+    const double settles =
+        std::max(delay != nullptr ? state.machineSeconds + delay->seconds : 0, before);
+    const std::uint32_t order = nextInOrder(state);
     for (PendingWrite& pending : state.pending) {
         if (pending.time == 0) {
             pending.key = key.code;
             pending.size = key.size;
+            pending.order = order;
             pending.process = static_cast<std::int32_t>(::getpid());
             std::memcpy(pending.bytes, call.in.data, kReturnedBytes);
             pending.time = settles;

@@ -53,15 +53,26 @@ double nextPending(const WorldState& state) {
     return next;
 }
 
+// The earliest of the writes that are due, or null.
+PendingWrite* nextToSettle(WorldState& state) {
+    PendingWrite* next = nullptr;
+    for (PendingWrite& pending : state.pending) {
+        if (pending.time > 0 && pending.time <= state.machineSeconds &&
+            (next == nullptr ||
+             std::pair(pending.time, pending.order) < std::pair(next->time, next->order))) {
+            next = &pending;
+        }
+    }
+    return next;
+}
+
 void settlePending(World& world) {
     WorldState& state = world.state();
     if (state.pendingWrites == 0) {
         return;
     }
-    for (PendingWrite& pending : state.pending) {
-        if (pending.time <= 0 || pending.time > state.machineSeconds) {
-            continue;
-        }
+    while (PendingWrite* next = nextToSettle(state)) {
+        PendingWrite& pending = *next;
         KeyRecord* key = KeyTable::find(world, pending.key);
         if (key != nullptr && key->size == pending.size) {
             Fans::write(world, *key, pending.bytes);

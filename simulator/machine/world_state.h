@@ -177,7 +177,7 @@ struct PendingWrite {
     std::uint32_t key;
     std::uint32_t size;
     std::int32_t process;  // that wrote
-    std::uint32_t unused;
+    std::uint32_t order;   // among writes that settle at the same time
     std::uint8_t bytes[kReturnedBytes];
 };
 
