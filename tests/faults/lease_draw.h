@@ -33,6 +33,9 @@ struct LeaseDraw {
 
     LeaseDraw(const MachineKind& machine, int fans, Draw& draw);
     std::string text() const;
+
+private:
+    void dropAmbiguous();
 };
 
 }  // namespace ferovane::testing
