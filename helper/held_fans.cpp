@@ -1,14 +1,28 @@
 #include "helper/held_fans.h"
 
 #include <algorithm>
-#include <string>
+#include <cstddef>
+#include <new>
+#include <utility>
 
 #include "core/fan/cooling_lease.h"
 #include "core/fan/fan_checks.h"
 #include "core/fan/fan_refusal.h"
+#include "core/fan/restore_failure.h"
 #include "core/model/scope_error.h"
 
 namespace ferovane {
+namespace {
+
+// Bytes: that ten fans could not be returned, which, and that there was no memory to.
+constexpr std::size_t kRoomForLastWords = 160;
+
+}  // namespace
+
+HeldFans::HeldFans(CoolingHardware& hardware, FanGuardian& guardian)
+    : hardware_(hardware), guardian_(guardian) {
+    returning_.reserve(SMCVerification::kFanIndexLimit);
+}
 
 void HeldFans::setManual(int fan, bool enabled) {
     if (enabled) {
@@ -20,6 +34,7 @@ void HeldFans::setManual(int fan, bool enabled) {
 }
 
 void HeldFans::take(int fan) {
+    lastWords_.reserve(kRoomForLastWords);
     const bool heldBefore = held_.count(fan) > 0;
     try {
         takeIfFree(fan);
@@ -60,32 +75,43 @@ bool HeldFans::isSomebodyElses(int fan) {
 
 std::exception_ptr HeldFans::returnHeld() noexcept {
     refused_.clear();
-    try {
-        const std::vector<int> held(held_.begin(), held_.end());
-        if (!held.empty()) {
-            CoolingLease::restoreAuto(held, *this);
-        }
+    if (held_.empty()) {
         return nullptr;
-    } catch (...) {
-        return namingHeld(std::current_exception());
+    }
+    try {
+        returning_ = held_.ascending();  // a copy: each that is returned is held no longer
+        CoolingLease::restoreAuto(returning_, *this);
+        return nullptr;
+    } catch (const std::exception& failure) {
+        try {
+            throw ScopeError(namingHeld(failure));
+        } catch (...) {
+            return std::current_exception();
+        }
     }
 }
 
-// What the hardware says of a fan does not always tell which one it is.
-std::exception_ptr HeldFans::namingHeld(std::exception_ptr failure) const noexcept {
+// What the hardware says of a fan does not always tell which one it is, and what it says of many
+// may be more than there is memory for.
+std::string HeldFans::namingHeld(const std::exception& failure) {
+    std::string text = std::move(lastWords_);
+    text.clear();
     try {
-        std::rethrow_exception(failure);
-    } catch (const std::exception& error) {
-        try {
-            std::string fans;
-            for (const int fan : held_) {
-                fans += (fans.empty() ? "" : "、") + std::to_string(fan + 1);  // users count from 1
-            }
-            return std::make_exception_ptr(ScopeError(describe(error) + "（风扇 " + fans + "）"));
-        } catch (...) {
-            return failure;  // no memory left to say more
+        text.reserve(userText(failure).size() + kRoomForLastWords);
+        if (dynamic_cast<const ScopeError*>(&failure) == nullptr) {
+            text.append(kRestoreFailed).append("：");
         }
+        text.append(userText(failure));
+    } catch (const std::bad_alloc&) {
+        text = kRestoreFailed;
     }
+    const char* separator = "（风扇 ";
+    for (const int fan : held_.ascending()) {
+        text.append(separator).append(std::to_string(fan + 1));  // users count from 1
+        separator = "、";
+    }
+    text.append("）");
+    return text;
 }
 
 }  // namespace ferovane

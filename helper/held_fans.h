@@ -2,11 +2,12 @@
 #pragma once
 
 #include <exception>
-#include <set>
+#include <string>
 #include <vector>
 
 #include "core/fan/cooling_hardware.h"
 #include "helper/fan_guardian.h"
+#include "helper/fan_set.h"
 
 namespace ferovane {
 
@@ -20,8 +21,7 @@ namespace ferovane {
 class HeldFans : public CoolingHardware {
 public:
     // Both must outlive this.
-    HeldFans(CoolingHardware& hardware, FanGuardian& guardian)
-        : hardware_(hardware), guardian_(guardian) {}
+    HeldFans(CoolingHardware& hardware, FanGuardian& guardian);
 
     std::vector<FanReading> fans() override { return hardware_.fans(); }
     std::optional<double> target(int fan) override { return hardware_.target(fan); }
@@ -29,7 +29,8 @@ public:
     void setManual(int fan, bool enabled) override;
 
     // A lease reports why it ended, not whether its hand-back worked. This gives every fan that is
-    // still held a second chance, and returns null once none is, else why not, and which.
+    // still held a second chance, and returns null once none is, else why not, and which. Needs no
+    // memory.
     std::exception_ptr returnHeld() noexcept;
 
 private:
@@ -37,12 +38,14 @@ private:
     void takeIfFree(int fan);
     void letGo(int fan);
     bool isSomebodyElses(int fan);
-    std::exception_ptr namingHeld(std::exception_ptr failure) const noexcept;
+    std::string namingHeld(const std::exception& failure);
 
     CoolingHardware& hardware_;
     FanGuardian& guardian_;
-    std::set<int> held_;
-    std::set<int> refused_;  // somebody else's when they were to be taken
+    FanSet held_;
+    FanSet refused_;              // somebody else's when they were to be taken
+    std::vector<int> returning_;  // had in time, like the room for what is said when they stay held
+    std::string lastWords_;
 };
 
 }  // namespace ferovane

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <functional>
 #include <string_view>
 #include <thread>
 #include <utility>
@@ -104,8 +105,10 @@ void SMC::write(const std::string& key, double number) {
         return reading;
     };
     const auto wait = [&] { surroundings_.sleep(SMCVerification::kReadBackPauseSeconds); };
+    // By reference, which takes no memory: a fan is handed back, and confirmed, where there is
+    // none.
     if (!SMCVerification::waitFor(number, SMCVerification::kReadBackSeconds, surroundings_.now,
-                                  read, wait)) {
+                                  std::cref(read), std::cref(wait))) {
         throw notConfirmed(key, number, lastReadBack);
     }
 }

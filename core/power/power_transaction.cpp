@@ -88,21 +88,22 @@ public:
 
 private:
     // A failed change may have taken effect nevertheless (a tool that was too slow, a read-back
-    // that failed). Nobody would hold a record of it, so it is undone when the machine shows it.
+    // that failed). Nobody would hold a record of it, so it is undone unless the machine shows that
+    // there is nothing to undo; when that fails too, the user hears of it.
     bool turboToPutBack() {
-        return turboDone_ || (turboBegun_ && access_.turboState() == kTurboDisabled);
+        return turboDone_ || (turboBegun_ && access_.turboState() != kTurboEnabled);
     }
 
     static bool toPutBack(const PowerEdit& edit, bool confirmed,
                           const std::optional<std::int64_t>& current) {
-        if (!confirmed) {
+        if (!confirmed && current) {
             return current == edit.after;
         }
         const bool foreign = current && *current != edit.after && *current != edit.before;
         return !foreign;
     }
 
-    // Without a reading the confirmed changes are put back all the same.
+    // Without a reading every change that was begun is put back all the same.
     PowerConfiguration readingIfAny() {
         if (begun_ == 0) {
             return {};

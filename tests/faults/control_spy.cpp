@@ -35,6 +35,12 @@ int fanOf(std::uint32_t key) {
 bool isAutomatic(std::uint8_t mode) {
     return mode == 0 || mode == 3;
 }
+using Bytes = std::array<std::uint8_t, 32>;
+
+// Whether these bytes, so many of them, are what is written.
+bool holds(const simulator::ControllerBlock& write, const Bytes& bytes, std::uint32_t size) {
+    return size > 0 && size == write.dataSize && std::memcmp(bytes.data(), write.data, size) == 0;
+}
 std::uint32_t maskIn(const std::uint8_t* bytes) {
     return static_cast<std::uint32_t>(bytes[0]) << 8 | bytes[1];
 }
@@ -56,15 +62,19 @@ void ControlSpy::otherTook(int fan) {
 
 void ControlSpy::before(const simulator::ControllerBlock& in) {
     if (in.command == kWrite) {
-        ++writes_;
         for (int fan = 0; fan < mac_.fanCount(); ++fan) {
             besideOther_ = besideOther_ || isOthers(fan);
         }
         checkWrite(in);
+        noteWish(in);
         Written& written = written_[in.key];
+        // What holds a value already, and said so, needs no second read-back.
+        const bool again =
+            holds(in, written.bytes, written.confirmed ? written.size : 0) ||
+            holds(in, lastSaid_[in.key], isMode(in.key) || isMask(in.key) ? in.dataSize : 0);
         std::memcpy(written.bytes.data(), in.data, written.bytes.size());
         written.size = in.dataSize;
-        written.confirmed = false;
+        written.confirmed = again;
         written.everTaken = written.everTaken || (isMode(in.key) && !isAutomatic(in.data[0]));
     }
 }
@@ -101,7 +111,12 @@ void ControlSpy::after(std::uint32_t connection, const simulator::ControllerBloc
     if (in.command != kRead || !answered || out.result != 0) {
         return;
     }
-    if (connection == control_ && in.key == packed("FNum")) {
+    const bool isCount = in.key == packed("FNum");
+    if (isCount || isMode(in.key) || isMask(in.key)) {
+        const auto truth = mac_.bytes(unpacked(in.key));
+        liedTo_ = liedTo_ || !std::equal(truth.begin(), truth.end(), out.data);
+    }
+    if (connection == control_ && isCount) {
         listed_ = others_;
         seen_.clear();
     }
@@ -109,8 +124,7 @@ void ControlSpy::after(std::uint32_t connection, const simulator::ControllerBloc
         masksRead_ = {masksRead_[1], masksRead_[2], maskIn(out.data)};
     }
     if (isMode(in.key) || isMask(in.key)) {
-        const auto truth = mac_.bytes(unpacked(in.key));
-        liedTo_ = liedTo_ || !std::equal(truth.begin(), truth.end(), out.data);
+        noteMode(in, out);
         // Only the reading of all fans looks for other programs; a later read of the same key is
         // the beginning of a switch.
         if (connection == control_ && seen_.insert(in.key).second) {
@@ -136,6 +150,51 @@ void ControlSpy::after(std::uint32_t connection, const simulator::ControllerBloc
     for (int fan = 0; same && isMask(in.key) && fan < mac_.fanCount(); ++fan) {
         if ((maskIn(out.data) >> fan & 1) != 0) {
             confirmedManual_.insert(fan);
+        }
+    }
+}
+
+void ControlSpy::noteMode(const simulator::ControllerBlock& in,
+                          const simulator::ControllerBlock& out) {
+    std::memcpy(lastSaid_[in.key].data(), out.data, lastSaid_[in.key].size());
+    const auto says = [this](int fan, bool automatic) {
+        if (automatic && toBeManual_.count(fan) == 0) {
+            saidAutomatic_.insert(fan);
+        }
+    };
+    if (isMode(in.key)) {
+        saidAutomatic_.erase(fanOf(in.key));
+        says(fanOf(in.key), isAutomatic(out.data[0]));
+        return;
+    }
+    // Fans are confirmed one after the other: a later reading, for another fan, takes nothing back.
+    for (int fan = 0; fan < mac_.fanCount(); ++fan) {
+        says(fan, (maskIn(out.data) >> fan & 1) == 0);
+    }
+}
+
+void ControlSpy::noteWish(const simulator::ControllerBlock& write) {
+    const auto wishes = [this](int fan, bool automatic) {
+        if (automatic) {
+            toBeManual_.erase(fan);
+        } else {
+            toBeManual_.insert(fan);
+            saidAutomatic_.erase(fan);
+        }
+    };
+    if (isMode(write.key)) {
+        saidAutomatic_.erase(fanOf(write.key));
+        wishes(fanOf(write.key), isAutomatic(write.data[0]));
+    }
+    if (isMask(write.key)) {
+        // The bit that differs from what was read is wished for, the others are copies; where none
+        // differs, a fan that is automatic already was to be.
+        const std::uint32_t mask = maskIn(write.data);
+        const std::uint32_t changed = mask ^ masksRead_.back();
+        for (int fan = 0; fan < mac_.fanCount(); ++fan) {
+            if (((changed != 0 ? changed : ~mask) >> fan & 1) != 0) {
+                wishes(fan, (mask >> fan & 1) == 0);
+            }
         }
     }
 }

@@ -36,9 +36,13 @@ public:
     // Whether manual mode was ever read back after it was written.
     bool wasConfirmedManual(int fan) const { return confirmedManual_.count(fan) > 0; }
 
-    std::uint64_t writes() const { return writes_; }
+    // Whether the fan's mode, since it was last written, was last read as automatic.
+    bool saidAutomatic(int fan) const { return saidAutomatic_.count(fan) > 0; }
+
     bool wroteBesideOther() const { return besideOther_; }  // while a fan was somebody else's
-    bool liedTo() const { return liedTo_; }  // a read of a mode was answered with something untrue
+    bool liedTo() const {
+        return liedTo_;
+    }  // a read of the fan count, a mode or the mask was answered with something untrue
     const std::vector<std::string>& trespasses() const { return trespasses_; }
 
 private:
@@ -50,16 +54,20 @@ private:
     };
 
     void checkWrite(const simulator::ControllerBlock& in);
+    void noteWish(const simulator::ControllerBlock& write);
+    void noteMode(const simulator::ControllerBlock& in, const simulator::ControllerBlock& out);
     bool isOthers(int fan) const;
 
     simulator::SimulatedMac& mac_;
     std::uint32_t control_ = 0;  // the connection that fans are switched on: the first
-    std::uint64_t writes_ = 0;
     std::array<std::uint32_t, 3> masksRead_{};  // as the code under test last read it
     bool besideOther_ = false;
     bool liedTo_ = false;
     std::map<std::uint32_t, Written> written_;
+    std::map<std::uint32_t, std::array<std::uint8_t, 32>> lastSaid_;  // by the modes and the mask
     std::set<int> confirmedManual_;
+    std::set<int> toBeManual_;  // by the last write of the mode
+    std::set<int> saidAutomatic_;
     std::set<int> others_;          // fans taken by another program
     std::set<int> listed_;          // of these, those since when the fan count was read again
     std::set<std::uint32_t> seen_;  // modes read since then

@@ -17,10 +17,15 @@ namespace {
 std::atomic<bool> armed = false;
 std::atomic<bool> lasting = false;
 std::atomic<long> remaining = 0;
+std::atomic<long> counted = 0;
 std::atomic<long> failed = 0;
 
 bool mustFail() {
-    if (!armed || productDepth == 0 || remaining-- > 0) {
+    if (!armed || productDepth == 0) {
+        return false;
+    }
+    ++counted;
+    if (remaining-- > 0) {
         return false;
     }
     ++failed;
@@ -34,12 +39,17 @@ bool mustFail() {
 void FailingMemory::failAfter(long successes, bool forGood) {
     remaining = successes;
     lasting = forGood;
+    counted = 0;
     failed = 0;
     armed = true;
 }
 
 void FailingMemory::relent() {
     armed = false;
+}
+
+long FailingMemory::allocations() {
+    return counted;
 }
 
 long FailingMemory::failures() {

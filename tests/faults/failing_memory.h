@@ -7,8 +7,9 @@ namespace ferovane::testing {
 class FailingMemory {
 public:
     static void failAfter(long successes, bool forGood);
-    static void relent();    // everything succeeds again
-    static long failures();  // since failAfter
+    static void relent();       // everything succeeds again
+    static long allocations();  // in the code under test since failAfter, failed ones too
+    static long failures();     // of these
 };
 
 }  // namespace ferovane::testing

@@ -1,12 +1,16 @@
 #include "tests/faults/fault_case.h"
 
 #include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
 #include <sstream>
 #include <stdexcept>
 #include <string_view>
 
 #include "tests/faults/failing_memory.h"
 #include "tests/faults/judge.h"
+#include "tests/faults/product_scope.h"
 
 namespace ferovane::testing {
 namespace {
@@ -41,6 +45,18 @@ void addPart(FaultCase& faultCase, const std::string& part) {
     } else {
         faultCase.strikes.push_back({&find(faultKinds(), what), at});
     }
+}
+
+const FaultCase* running = nullptr;
+
+// An exception that could leave a thread, or a function that lets none out, ends the process: to be
+// told with the case's name.
+[[noreturn]] void tellWhichCaseTerminated() {
+    FailingMemory::relent();
+    productDepth = 0;
+    std::fprintf(stderr, "std::terminate in %s\n",
+                 running != nullptr ? running->name().c_str() : "no case");
+    std::abort();
 }
 
 // What is left manual is the guardian's, which runs the helper again with nothing wrong any more.
@@ -83,6 +99,8 @@ FaultCase FaultCase::named(const std::string& name) {
 }
 
 Outcome run(const FaultCase& faultCase, bool withJournal) {
+    running = &faultCase;
+    std::set_terminate(tellWhichCaseTerminated);
     Outcome outcome;
     FaultWorld world(faultCase.machine->make(faultCase.fans), faultCase.machine->appleSilicon,
                      faultCase.orderSeed);
@@ -90,13 +108,12 @@ Outcome run(const FaultCase& faultCase, bool withJournal) {
     flow.prepare(world);
     world.monitor = flow.monitor;
     if (flow.handsOff) {
-        world.spy.otherTook(faultCase.fans - 1);
+        world.spy.otherTook(world.mac.fanCount() - 1);
     }
     Judge judge(world, flow);
     for (const Strike& strike : faultCase.strikes) {
         judge.settlingSeconds =
             std::max(judge.settlingSeconds, strike.kind->settlesLate ? kSettlingSeconds : 0.0);
-        judge.readingsCount = judge.readingsCount && !strike.kind->outlastsReadBack;
     }
     world.beforeCall = [&](std::uint64_t number, const Call& call) {
         for (const Strike& strike : faultCase.strikes) {
@@ -110,15 +127,17 @@ Outcome run(const FaultCase& faultCase, bool withJournal) {
         FailingMemory::failAfter(faultCase.memory->after, faultCase.memory->forGood);
     }
     outcome.status = world.run(flow.words);
+    outcome.allocations = FailingMemory::allocations();
     outcome.memoryFailed = faultCase.memory && FailingMemory::failures() > 0;
     outcome.complaints = std::move(judge.complaints);
     outcome.leftManual = judge.leftManual;
+    outcome.liedTo = judge.liedTo;
     outcome.calls = std::move(world.calls);
     outcome.told = world.output + world.errors + world.undelivered;
     if (withJournal) {
         outcome.journal = world.mac.journal();
     }
-    if (outcome.leftManual) {
+    if (outcome.leftManual || outcome.liedTo) {
         checkSecondChance(world, outcome);
     }
     return outcome;

@@ -39,6 +39,8 @@ struct Outcome {
     std::vector<Call> calls;
     std::size_t fired = 0;    // strikes that found the call they were meant for
     bool leftManual = false;  // a fan could not be given back, and the user was told
+    bool liedTo = false;      // a fan is in manual mode that the controller said is automatic
+    long allocations = 0;     // that the code under test made, or tried to
     bool memoryFailed = false;
     int status = 0;
     std::string told;  // output and errors

@@ -1,5 +1,7 @@
 #include "tests/faults/fault_kinds.h"
 
+#include <signal.h>
+
 #include <cerrno>
 
 namespace ferovane::testing {
@@ -18,6 +20,8 @@ constexpr double kBelowPatience = 1.9;  // seconds; a write is read back for two
 constexpr double kBeyondPatience = 2.1;
 constexpr double kWatchdogSees = 0.7;  // more than one of its rounds
 constexpr double kHour = 3600;
+constexpr const char* kShutdown = "{\"command\":\"shutdown\"}";
+constexpr const char* kFanTest = "{\"command\":\"test-fans\"}";
 
 bool atController(const Call& call, const Flow&) {
     return call.isController();
@@ -72,9 +76,14 @@ void failWith(FaultWorld& world, const Call&) {
 int lastFan(FaultWorld& world) {
     return world.mac.fanCount() - 1;
 }
-// A signal before the handlers stand ends the process at once, which needs no test of ours.
-void signalIfHandled(FaultWorld& world) {
-    world.stopSignal = world.handlersInstalled;
+template <int number>
+void stopSignal(FaultWorld& world, const Call&) {
+    world.sendSignal(number);
+}
+template <int number>
+void stopSignalSeen(FaultWorld& world, const Call&) {
+    world.sendSignal(number);
+    world.letTimePass(kWatchdogSees);
 }
 template <bool ToolMishap::*... how>
 void toolGoesWrong(FaultWorld& world, const Call&) {
@@ -113,8 +122,7 @@ const std::vector<FaultKind> kKinds{
      [](FaultWorld& w, const Call& c) { w.mac.delayWrites(c.keyText(), kBeyondPatience, kOnce); },
      true},
     {"all settle after 2.1 s", atWrite,
-     [](FaultWorld& w, const Call&) { w.mac.delayWrites("", kBeyondPatience, kForGood); }, true,
-     true},
+     [](FaultWorld& w, const Call&) { w.mac.delayWrites("", kBeyondPatience, kForGood); }, true},
     {"garbage", atKeyRead,
      [](FaultWorld& w, const Call& c) { w.mac.readGarbage(c.keyText(), kOnce); }},
     {"three times garbage", atKeyRead,
@@ -142,8 +150,8 @@ const std::vector<FaultKind> kKinds{
      [](FaultWorld& w, const Call&) {
          const bool free = !w.mac.fanManual(lastFan(w));
          w.mac.otherTakesFan(lastFan(w));
-         w.othersSince.insert(lastFan(w));
          if (free) {
+             w.othersSince.insert(lastFan(w));
              w.spy.otherTook(lastFan(w));
          }
      }},
@@ -189,39 +197,45 @@ const std::vector<FaultKind> kKinds{
      [](FaultWorld& w, const Call&) { w.tools.mishap.emplace().prints = false; }},
 
     // What ends a lease.
-    {"stop signal", atAny, [](FaultWorld& w, const Call&) { signalIfHandled(w); }},
-    {"stop signal, seen by the watchdog first", betweenTurns,
-     [](FaultWorld& w, const Call&) {
-         signalIfHandled(w);
-         w.letTimePass(kWatchdogSees);
-     }},
-    {"owner gone", atAny, [](FaultWorld& w, const Call&) { w.ownerAlive = false; }},
+    {"SIGTERM", atAny, stopSignal<SIGTERM>, false, true},
+    {"SIGINT", atAny, stopSignal<SIGINT>, false, true},
+    {"SIGHUP", atAny, stopSignal<SIGHUP>, false, true},
+    {"SIGTERM, seen by the watchdog first", betweenTurns, stopSignalSeen<SIGTERM>, false, true},
+    {"SIGINT, seen by the watchdog first", betweenTurns, stopSignalSeen<SIGINT>, false, true},
+    {"SIGHUP, seen by the watchdog first", betweenTurns, stopSignalSeen<SIGHUP>, false, true},
+    {"owner gone", atAny, [](FaultWorld& w, const Call&) { w.ownerAlive = false; }, false, true},
     {"owner gone, seen by the watchdog first", betweenTurns,
      [](FaultWorld& w, const Call&) {
          w.ownerAlive = false;
          w.letTimePass(kWatchdogSees);
-     }},
-    {"stop file", atAnyOfOneShot, [](FaultWorld& w, const Call&) { w.stopFileAt = 0; }},
-    {"end of input", atAnyOfSession, [](FaultWorld& w, const Call&) { w.closeInputNow(); }},
+     },
+     false, true},
+    {"stop file", atAnyOfOneShot, [](FaultWorld& w, const Call&) { w.stopFileAt = 0; }, false,
+     true},
+    {"end of input", atAnyOfSession, [](FaultWorld& w, const Call&) { w.closeInputNow(); }, false,
+     true},
     {"end of input, seen first", betweenTurns,
      [](FaultWorld& w, const Call&) {
          w.closeInputNow();
          w.letTimePass(kWatchdogSees);
-     }},
-    {"shutdown", atAnyOfSession,
-     [](FaultWorld& w, const Call&) { w.sendNow("{\"command\":\"shutdown\"}"); }},
+     },
+     false, true},
+    {"shutdown", atAnyOfSession, [](FaultWorld& w, const Call&) { w.sendNow(kShutdown); }, false,
+     true},
     {"shutdown, seen first", betweenTurns,
      [](FaultWorld& w, const Call&) {
-         w.sendNow("{\"command\":\"shutdown\"}");
+         w.sendNow(kShutdown);
          w.letTimePass(kWatchdogSees);
-     }},
-    {"replacement", atAnyOfSession,
-     [](FaultWorld& w, const Call&) { w.sendNow("{\"command\":\"test-fans\"}"); }},
+     },
+     false, true},
+    {"replacement", atAnyOfSession, [](FaultWorld& w, const Call&) { w.sendNow(kFanTest); }, false,
+     true},
     {"replacement, seen first", betweenTurns,
      [](FaultWorld& w, const Call&) {
-         w.sendNow("{\"command\":\"test-fans\"}");
+         w.sendNow(kFanTest);
          w.letTimePass(kWatchdogSees);
-     }},
+     },
+     false, true},
 };
 
 }  // namespace

@@ -13,9 +13,7 @@ struct FaultKind {
     bool (*canStrike)(const Call& call, const Flow& flow);
     void (*strike)(FaultWorld& world, const Call& call);
     bool settlesLate = false;  // writes may still take effect when the helper has ended
-    // Every reading is out of date for longer than writes are waited for, so that nothing said of
-    // such a machine can be relied on; counted, and held to all but the truth of what was said.
-    bool outlastsReadBack = false;
+    bool endsLease = false;    // or what the helper is doing: no fault, but a cause to stop
 };
 const std::vector<FaultKind>& faultKinds();
 

@@ -2,165 +2,200 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cstdio>
 #include <cstdlib>
+#include <limits>
 #include <map>
-#include <random>
 #include <tuple>
 
-#include "tests/faults/fault_case.h"
-#include "tests/faults/tally.h"
+#include "tests/faults/sweep.h"
 
 namespace ferovane::testing {
 namespace {
 
-constexpr std::uint64_t kEverydaySeed = 20260;
-constexpr std::size_t kPairsPerMachine = 1500;
 constexpr std::uint64_t kUnshuffledPairs = 3;  // of four pairs, one also shuffles the threads
+constexpr long kAllTheMemory = std::numeric_limits<long>::max();
 
-std::string variable(const char* name) {
-    const char* value = std::getenv(name);
-    return value != nullptr ? value : "";
-}
+struct Sizes {
+    std::size_t positions;         // at how many of the calls that a fault can strike it does so
+    std::size_t pairs;             // of faults
+    std::size_t pairsWithMemory;   // a fault and an allocation
+    long betweenAllocations;       // of every so many, one fails
+    std::size_t onBuiltInMachine;  // single faults
+};
 
-std::uint64_t seed() {
-    const std::string text = variable("FEROVANE_FAULT_SEED");
-    return text.empty() ? kEverydaySeed : std::stoull(text);
-}
-
-// At how many of the calls that a fault can strike it does so in the everyday run; the seed says at
-// which. Many fans repeat what two show.
-std::size_t positionsPerFault(int fans) {
-    if (variable("FEROVANE_FAULT_SHARE") == "all") {
-        return SIZE_MAX;
-    }
-    return fans == 1 ? 14 : fans == 2 ? 10 : 4;
-}
-
-std::vector<std::uint64_t> positionsFor(const FaultKind& kind, const Flow& flow,
-                                        const std::vector<Call>& calls, std::size_t most,
-                                        std::mt19937_64& random) {
-    std::vector<std::uint64_t> positions;
-    for (std::size_t i = 0; i < calls.size(); ++i) {
-        if (kind.canStrike(calls[i], flow)) {
-            positions.push_back(i + 1);
-        }
-    }
-    if (positions.size() <= most) {
-        return positions;
-    }
-    // One out of each of as many equal parts, so that all of the flow is met.
-    std::vector<std::uint64_t> chosen;
-    for (std::size_t part = 0; part < most; ++part) {
-        const std::size_t from = part * positions.size() / most;
-        const std::size_t to = (part + 1) * positions.size() / most;
-        chosen.push_back(positions[from + random() % (to - from)]);
-    }
-    return chosen;
-}
-
-void report(const Tally& tally, const std::string& title) {
-    tally.print(title + ", seed " + std::to_string(seed()));
-    for (const std::string& failure : tally.failures()) {
-        ADD_FAILURE() << failure;
+// Many fans repeat what two show.
+Sizes sizes(int fans) {
+    const bool many = fans > 2;
+    switch (faultShare()) {
+        case FaultShare::kAll:
+            return {SIZE_MAX, 20000, 20000, 1, 10000};
+        case FaultShare::kSmall:
+            return {fans == 1 ? 2U : 1U, 100, 50, many ? 40 : 10, 40};
+        default:
+            return {many ? 3U : fans == 2 ? 8U : 12U, 1200, 400, many ? 4 : 1, 250};
     }
 }
 
-class FaultMatrixTest : public ::testing::TestWithParam<std::tuple<std::size_t, int>> {
+// How many calls come before the first that changes something; 0 when none does.
+std::size_t firstWrite(const std::vector<Call>& calls) {
+    const auto found = std::find_if(calls.begin(), calls.end(), [](const Call& call) {
+        return call.kind == CallKind::keyWrite;
+    });
+    return found == calls.end() ? 0 : static_cast<std::size_t>(found - calls.begin());
+}
+
+const Outcome& undisturbedOnce(std::map<const Flow*, Outcome>& known, const FaultCase& faultCase) {
+    const auto found = known.find(faultCase.flow);
+    return found != known.end() ? found->second
+                                : known.emplace(faultCase.flow, run(faultCase)).first->second;
+}
+
+std::string withoutSigns(std::string name) {
+    std::replace_if(
+        name.begin(), name.end(), [](unsigned char c) { return !std::isalnum(c); }, '_');
+    return name;
+}
+
+class FaultMatrixTest : public ::testing::TestWithParam<std::tuple<const MachineKind*, int>> {
 protected:
-    const MachineKind& machine() const { return machineKinds()[std::get<0>(GetParam())]; }
-    int fans() const { return std::get<1>(GetParam()); }
-    std::string title() const {
-        return std::string(machine().name) + ", fans: " + std::to_string(fans());
+    static Sweep sweep(std::uint64_t purpose) {
+        return Sweep(*std::get<0>(GetParam()), fans(), purpose);
     }
-    std::vector<const Flow*> flowsHere() const {
-        std::vector<const Flow*> here;
-        for (const Flow& flow : flows()) {
-            if (!flow.intelOnly || !machine().appleSilicon) {
-                here.push_back(&flow);
-            }
-        }
-        return here;
-    }
-    void tryCase(const FaultCase& faultCase, const Outcome& undisturbed, const std::string& kind) {
-        const Outcome outcome = run(faultCase);
-        tally_.complain(faultCase.name(), outcome.complaints);
-        const bool differed = outcome.calls != undisturbed.calls ||
-                              outcome.status != undisturbed.status ||
-                              outcome.leftManual != undisturbed.leftManual;
-        tally_.count(kind, outcome.fired == faultCase.strikes.size(), differed, outcome.leftManual);
-        firstStrikes_ += outcome.fired > 0;
-    }
-
-    Tally tally_;
-    std::size_t firstStrikes_ = 0;
+    static int fans() { return std::get<1>(GetParam()); }
 };
 
 TEST_P(FaultMatrixTest, KeepsItsPromisesWhateverFailsOnce) {
-    std::mt19937_64 random(seed());
-    for (const Flow* flow : flowsHere()) {
-        const FaultCase undisturbed{&machine(), fans(), flow};
+    Sweep here = sweep(0);
+    for (const Flow* flow : here.flowsHere()) {
+        const FaultCase undisturbed = here.undisturbed(*flow);
         const Outcome expected = run(undisturbed);
-        tally_.complain(undisturbed.name(), expected.complaints);
+        here.tally.complain(undisturbed.name(), expected.complaints);
         for (const FaultKind& kind : faultKinds()) {
             for (const std::uint64_t at :
-                 positionsFor(kind, *flow, expected.calls, positionsPerFault(fans()), random)) {
+                 here.positions(kind, *flow, expected.calls, sizes(fans()).positions)) {
                 FaultCase faultCase = undisturbed;
                 faultCase.strikes = {{&kind, at}};
-                tryCase(faultCase, expected, std::string(kind.name));
+                here.tryCase(faultCase, expected, std::string(kind.name));
             }
         }
     }
-    report(tally_, title());
+    here.report();
     // A generator that meets nothing would prove nothing.
     for (const FaultKind& kind : faultKinds()) {
-        EXPECT_GT(tally_.of(std::string(kind.name)), 0U) << kind.name;
+        EXPECT_GT(here.tally.of(std::string(kind.name)), 0U) << kind.name;
     }
-    EXPECT_EQ(firstStrikes_, tally_.cases()) << "every strike finds the call it was meant for";
-    EXPECT_GT(tally_.differing(), tally_.cases() / 3) << "faults have to change what happens";
+    EXPECT_EQ(here.firstStrikes, here.tally.cases())
+        << "every strike finds the call it was meant for";
+    EXPECT_GT(here.tally.differing(), here.tally.cases() / 3)
+        << "faults have to change what happens";
 }
 
 TEST_P(FaultMatrixTest, KeepsItsPromisesWhateverFailsTwice) {
-    std::mt19937_64 random(seed() + 1);
+    Sweep here = sweep(1);
     std::map<const Flow*, Outcome> undisturbed;
-    const std::vector<const Flow*> here = flowsHere();
-    while (tally_.cases() < kPairsPerMachine) {
-        const Flow* flow = here[random() % here.size()];
-        FaultCase faultCase{&machine(), fans(), flow};
-        if (undisturbed.count(flow) == 0) {
-            undisturbed[flow] = run(faultCase);
-        }
-        const Outcome& expected = undisturbed[flow];
+    while (here.tally.cases() < sizes(fans()).pairs) {
+        const Flow* flow = here.flowsHere()[here.below(here.flowsHere().size())];
+        FaultCase faultCase = here.undisturbed(*flow);
+        const Outcome& expected = undisturbedOnce(undisturbed, faultCase);
         while (faultCase.strikes.size() < 2) {
-            const FaultKind& kind = faultKinds()[random() % faultKinds().size()];
-            const auto at = positionsFor(kind, *flow, expected.calls, 1, random);
+            const FaultKind& kind = faultKinds()[here.below(faultKinds().size())];
+            const auto at = here.positions(kind, *flow, expected.calls, 1);
             if (!at.empty()) {
                 faultCase.strikes.push_back({&kind, at.front()});
             }
         }
         // A shuffled order of the threads moves the calls, so that the strikes may miss.
-        faultCase.orderSeed = random() % (kUnshuffledPairs + 1) == 0 ? random() % 1000 + 1 : 0;
-        tryCase(faultCase, expected, faultCase.orderSeed != 0 ? "pair, threads shuffled" : "pair");
+        faultCase.orderSeed = here.below(kUnshuffledPairs + 1) == 0 ? here.below(1000) + 1 : 0;
+        here.tryCase(faultCase, expected,
+                     faultCase.orderSeed != 0 ? "pair, threads shuffled" : "pair");
     }
-    report(tally_, title());
-    EXPECT_GT(firstStrikes_, tally_.cases() / 2);
+    here.report();
+    EXPECT_GT(here.firstStrikes, here.tally.cases() / 2);
 }
 
-std::string nameOf(const ::testing::TestParamInfo<std::tuple<std::size_t, int>>& info) {
-    std::string name = std::string(machineKinds()[std::get<0>(info.param)].name) + "_" +
-                       std::to_string(std::get<1>(info.param));
-    std::replace(name.begin(), name.end(), ' ', '_');
-    return name;
+TEST_P(FaultMatrixTest, KeepsItsPromisesWhicheverAllocationFails) {
+    Sweep here = sweep(2);
+    for (const Flow* flow : here.flowsHere()) {
+        FaultCase faultCase = here.undisturbed(*flow);
+        const Outcome expected = run(faultCase);
+        for (const bool forGood : {false, true}) {
+            bool failed = true;
+            for (long after = 0; failed; after += sizes(fans()).betweenAllocations) {
+                faultCase.memory = MemoryLoss{after, forGood};
+                failed = here.tryCase(faultCase, expected,
+                                      forGood ? "memory gone for good" : "allocation fails")
+                             .memoryFailed;
+            }
+        }
+    }
+    here.report();
+    EXPECT_GT(here.tally.differing(), here.tally.cases() / 2);
+}
+
+TEST_P(FaultMatrixTest, KeepsItsPromisesWhenMemoryFailsBesideSomethingElse) {
+    Sweep here = sweep(3);
+    std::map<const Flow*, Outcome> undisturbed;
+    while (here.tally.cases() < sizes(fans()).pairsWithMemory) {
+        const Flow* flow = here.flowsHere()[here.below(here.flowsHere().size())];
+        const FaultKind& kind = faultKinds()[here.below(faultKinds().size())];
+        FaultCase faultCase = here.undisturbed(*flow);
+        const Outcome& expected = undisturbedOnce(undisturbed, faultCase);
+        const auto at = here.positions(kind, *flow, expected.calls, 1);
+        if (at.empty()) {
+            continue;
+        }
+        faultCase.strikes = {{&kind, at.front()}};
+        faultCase.memory = MemoryLoss{kAllTheMemory, false};
+        const auto allocations = static_cast<std::uint64_t>(run(faultCase).allocations);
+        faultCase.memory =
+            MemoryLoss{static_cast<long>(here.below(allocations + 1)), here.below(2) == 0};
+        here.tryCase(faultCase, expected, "a fault, and memory fails");
+    }
+    here.report();
+}
+
+std::string nameOf(const ::testing::TestParamInfo<std::tuple<const MachineKind*, int>>& info) {
+    return withoutSigns(std::get<0>(info.param)->name + "_" +
+                        std::to_string(std::get<1>(info.param)));
 }
 
 INSTANTIATE_TEST_SUITE_P(Machines, FaultMatrixTest,
-                         ::testing::Combine(::testing::Range<std::size_t>(0, 8),
+                         ::testing::Combine(::testing::ValuesIn(smallMachines()),
                                             ::testing::Values(1, 2, 10)),
                          nameOf);
 
+// Hundreds of keys and the fans of real machines; what can go wrong is sampled.
+class BuiltInMachineTest : public ::testing::TestWithParam<const MachineKind*> {};
+
+TEST_P(BuiltInMachineTest, KeepsItsPromisesWhateverFails) {
+    const int fans = GetParam()->ownFans;
+    Sweep here(*GetParam(), fans, 4);
+    std::map<const Flow*, Outcome> undisturbed;
+    while (here.tally.cases() < sizes(fans).onBuiltInMachine) {
+        const Flow* flow = here.flowsHere()[here.below(here.flowsHere().size())];
+        FaultCase faultCase = here.undisturbed(*flow);
+        const Outcome& expected = undisturbedOnce(undisturbed, faultCase);
+        // Most calls look for sensors; every other fault strikes once fans are written to.
+        const std::size_t from = here.below(2) == 0 ? 0 : firstWrite(expected.calls);
+        const FaultKind& kind = faultKinds()[here.below(faultKinds().size())];
+        const auto at = here.positions(kind, *flow, expected.calls, 1, from);
+        if (!at.empty()) {
+            faultCase.strikes = {{&kind, at.front()}};
+            here.tryCase(faultCase, expected, std::string(kind.name));
+        }
+    }
+    here.report();
+    EXPECT_GT(here.tally.differing(), here.tally.cases() / 3);
+}
+
+INSTANTIATE_TEST_SUITE_P(Machines, BuiltInMachineTest, ::testing::ValuesIn(builtInMachines()),
+                         [](const auto& machine) { return withoutSigns(machine.param->name); });
+
 TEST(FaultCaseTest, RunsTheCaseThatIsAskedFor) {
-    const std::string name = variable("FEROVANE_FAULT_CASE");
-    if (name.empty()) {
+    const char* name = std::getenv("FEROVANE_FAULT_CASE");
+    if (name == nullptr) {
         GTEST_SKIP() << "FEROVANE_FAULT_CASE names no case";
     }
     const Outcome outcome = run(FaultCase::named(name), true);

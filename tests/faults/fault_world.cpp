@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "helper/system_power_access.h"
+#include "shim/fv.h"
 #include "tests/faults/failing_memory.h"
 #include "tests/faults/product_scope.h"
 
@@ -80,7 +81,7 @@ void FaultWorld::fillEnvironment(bool appleSilicon) {
         return stopped();
     };
     environment.shouldStop = [this] { return stopped(); };
-    environment.installStopHandlers = [this] { handlersInstalled = true; };
+    environment.installStopHandlers = fv_install_stop_handlers;
     environment.ownerAlive = [this](std::int32_t pid, std::uint32_t uid) {
         const OutsideProduct outside;
         enter({CallKind::owner});
@@ -168,6 +169,15 @@ void FaultWorld::sendNow(const std::string& line) {
 void FaultWorld::closeInputNow() {
     inputClosed_ = true;
     turns.notify(&input_);
+}
+
+// One that nobody has looked after ends the process: where no fan is held, that is nothing to try.
+void FaultWorld::sendSignal(int number) {
+    if (handled[number]) {
+        stopSignal = true;
+    } else {
+        diedHolding = diedHolding || !spy.fansLeftManual().empty();
+    }
 }
 
 void FaultWorld::takeMonitorStep() {

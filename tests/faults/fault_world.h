@@ -78,6 +78,7 @@ public:
     void letTimePass(double seconds) { turns.sleep(seconds); }
     void sendNow(const std::string& line);  // the monitor's next line, at once
     void closeInputNow();
+    void sendSignal(int number);
 
     // ---- What the code under test did ------------------------------------------------------
     std::vector<Call> calls;
@@ -86,7 +87,8 @@ public:
     bool muffled = false;     // what it had to say was not taken for as long as it waits
     ControlSpy spy;
     std::string guardianRecord;
-    bool handlersInstalled = false;
+    std::map<int, bool> handled;   // signals that the code under test has looked after
+    bool diedHolding = false;      // a signal that it had not would have ended it with fans held
     std::set<int> othersSince;     // fans that another program took while the helper ran
     bool deaf = false;             // a question to the machine got no answer
     std::optional<int> endedWith;  // by the watchdog, or by a session that could not end

@@ -3,6 +3,7 @@
 #include "core/control/control_request.h"
 #include "core/model/json_codec.h"
 #include "core/model/uuid.h"
+#include "simulator/machine/machine.h"
 
 namespace ferovane::testing {
 namespace {
@@ -10,8 +11,9 @@ namespace {
 using simulator::AppleSiliconOptions;
 using simulator::Property;
 
-constexpr double kSoon = 2.5;     // seconds: the first rounds are over
-constexpr double kLater = 5.0;    // a profile's second round is, too
+constexpr double kSoon = 2.5;   // seconds: the first rounds are over
+constexpr double kLater = 5.0;  // a profile's second round is, too
+constexpr double kBusyPercent = 60;
 constexpr double kAMoment = 2.2;  // between two requests: a round of a lease
 
 const std::string kSession = "6f1c2f0e-7a44-4d2b-9a3d-0e6c9bb0a1f2";
@@ -101,12 +103,42 @@ void powerSettings(FaultWorld& world) {
     }
 }
 
+// Under a load that lets every fan run, or it could not be leased.
+simulator::SimulatedMac builtInUnderLoad(const std::string& name) {
+    simulator::SimulatedMac mac = simulator::builtInMac(name);
+    mac.set(Property::kLoad, kBusyPercent);
+    mac.settle();
+    return mac;
+}
+
+std::vector<MachineKind> withBuiltIn(std::vector<MachineKind> kinds) {
+    for (const simulator::ModelInfo& model : simulator::builtInModels()) {
+        simulator::SimulatedMac mac = builtInUnderLoad(model.name);
+        if (mac.fanCount() > 0) {
+            const auto make = [name = model.name](int) { return builtInUnderLoad(name); };
+            kinds.push_back({model.name, mac.machine().appleSilicon(), make, mac.fanCount()});
+        }
+    }
+    return kinds;
+}
+
+template <class Predicate>
+std::vector<const MachineKind*> machinesThat(Predicate isWanted) {
+    std::vector<const MachineKind*> wanted;
+    for (const MachineKind& kind : machineKinds()) {
+        if (isWanted(kind)) {
+            wanted.push_back(&kind);
+        }
+    }
+    return wanted;
+}
+
 }  // namespace
 
 const std::vector<MachineKind>& machineKinds() {
     using Options = AppleSiliconOptions;
     using Mode = Options::ManualMode;
-    static const std::vector<MachineKind> kinds{
+    static const std::vector<MachineKind> kinds = withBuiltIn({
         {"mode keys", false, simulator::intelMac},
         {"forced mask", false, simulator::intelMacWithMaskOnly},
         {"accepting", true, [](int fans) { return appleSilicon(fans, {}); }},
@@ -119,8 +151,16 @@ const std::vector<MachineKind>& machineKinds() {
         {"without unlock", true, [](int fans) { return appleSilicon(fans, {.unlockKey = false}); }},
         {"raising targets", true,
          [](int fans) { return appleSilicon(fans, {.raisesLowTargets = true}); }},
-    };
+    });
     return kinds;
+}
+
+std::vector<const MachineKind*> smallMachines() {
+    return machinesThat([](const MachineKind& kind) { return kind.ownFans == 0; });
+}
+
+std::vector<const MachineKind*> builtInMachines() {
+    return machinesThat([](const MachineKind& kind) { return kind.ownFans > 0; });
 }
 
 const std::vector<Flow>& flows() {

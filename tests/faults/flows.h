@@ -1,6 +1,7 @@
 // What the helper is asked to do, on which machines.
 #pragma once
 
+#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -10,11 +11,15 @@
 namespace ferovane::testing {
 
 struct MachineKind {
-    std::string_view name;
+    std::string name;
     bool appleSilicon;
-    simulator::SimulatedMac (*make)(int fans);
+    std::function<simulator::SimulatedMac(int fans)> make;
+    int ownFans = 0;  // what it has whatever is asked for; 0: as many as are asked for
 };
+// Small machines with few keys, and after them the built-in machines that have fans.
 const std::vector<MachineKind>& machineKinds();
+std::vector<const MachineKind*> smallMachines();
+std::vector<const MachineKind*> builtInMachines();
 
 struct Flow {
     std::string_view name;

@@ -13,6 +13,7 @@ using simulator::Property;
 constexpr const char* kConfirmed = "控制已确认生效";
 constexpr const char* kSystemManaged = "风扇由系统管理";
 constexpr const char* kNoFans = "没有可读取的风扇";
+constexpr const char* kNoMemory = "内存不足，操作未完成";
 constexpr const char* kUnreturned = "恢复自动风扇失败";
 
 std::string sourceName(PowerSource source) {
@@ -54,7 +55,7 @@ std::string Judge::told() const {
     return world_.output + world_.errors + world_.undelivered;
 }
 
-std::vector<int> Judge::fansLeft() const {
+std::vector<int> Judge::fansManual() const {
     if (!flow_.returnsAll) {
         return world_.spy.fansLeftManual();
     }
@@ -65,6 +66,12 @@ std::vector<int> Judge::fansLeft() const {
             fans.push_back(fan);
         }
     }
+    return fans;
+}
+
+std::vector<int> Judge::fansLeft() const {
+    std::vector<int> fans = fansManual();
+    std::erase_if(fans, [this](int fan) { return world_.spy.saidAutomatic(fan); });
     return fans;
 }
 
@@ -80,7 +87,7 @@ void Judge::hearOutput(const std::string& line) {
         return;
     }
     // Every one-shot command says its one line of success last.
-    if (flow_.controlsFans && !misled()) {
+    if (flow_.controlsFans) {
         if (!world_.spy.unconfirmed().empty()) {
             complain("success told, not read back: " + world_.spy.unconfirmed());
         }
@@ -99,9 +106,6 @@ void Judge::hearReply(const ControlReply& reply) {
         complain("a wrong turbo state was told");
     }
     checkPowerClaim(reply);
-    if (misled()) {
-        return;
-    }
     if (reply.message == kConfirmed && reply.fanStatus) {
         for (const FanTarget& target : reply.fanStatus->targets) {
             if (!world_.spy.wasConfirmedManual(static_cast<int>(target.id))) {
@@ -140,10 +144,14 @@ void Judge::checkEnd() {
     world_.mac.advance(settlingSeconds);
     checkFansLeft();
     checkPowerLeft();
+    if (world_.diedHolding) {
+        complain("a signal would have ended the helper while it held fans");
+    }
     for (const std::string& trespass : world_.spy.trespasses()) {
         complain(trespass);
     }
-    if (flow_.handsOff && world_.spy.wroteBesideOther() && !misled()) {
+    if (flow_.handsOff && world_.othersSince.empty() && world_.spy.wroteBesideOther() &&
+        !world_.spy.liedTo()) {
         complain("written to while another program holds a fan");
     }
     if (!flow_.isSession() && world_.endedWith == 0 &&
@@ -153,30 +161,33 @@ void Judge::checkEnd() {
 }
 
 void Judge::checkFansLeft() {
+    const std::string text = told();
     const std::vector<int> left = fansLeft();
+    liedTo = left.size() < fansManual().size();
+    leftManual = !left.empty();
+    const bool armed = world_.guardianRecord.ends_with("held ");
     if (left.empty()) {
+        if (armed && !contains(text, kUnreturned) && !world_.muffled) {
+            complain("the guardian stays on guard, and nobody told why");
+        }
         return;
     }
-    leftManual = true;
-    const std::string text = told();
     const bool isTold =
-        contains(text, kUnreturned) || (flow_.returnsAll && contains(text, kNoFans));
-    if (!isTold && !misled() && !world_.muffled) {
+        world_.muffled || contains(text, kUnreturned) ||
+        (flow_.returnsAll && (contains(text, kNoFans) || contains(text, kNoMemory)));
+    if (!isTold) {
         complain("a fan left in manual mode, and nobody told");
     }
-    if (!flow_.isSession() && !misled()) {
-        for (const int fan : left) {
-            if (!flow_.returnsAll && !world_.muffled && !names(text, fan)) {
-                complain("fan " + std::to_string(fan) + " left in manual mode, and not named");
-            }
-        }
-        if (world_.endedWith == 0) {
-            complain("success with a fan left in manual mode");
+    const bool isCutOff = world_.muffled || !world_.undelivered.empty();
+    for (const int fan : left) {
+        if (!flow_.isSession() && !flow_.returnsAll && !isCutOff && !names(text, fan)) {
+            complain("fan " + std::to_string(fan) + " left in manual mode, and not named");
         }
     }
-    if (!flow_.returnsAll && !misled() &&
-        !(world_.guardianRecord.size() >= 5 &&
-          world_.guardianRecord.compare(world_.guardianRecord.size() - 5, 5, "held ") == 0)) {
+    if (!flow_.isSession() && world_.endedWith == 0) {
+        complain("success with a fan left in manual mode");
+    }
+    if (!flow_.returnsAll && !armed) {
         complain("a fan left in manual mode, and the guardian let go: " + world_.guardianRecord);
     }
 }
@@ -190,8 +201,7 @@ void Judge::checkPowerLeft() {
     }
     for (const auto& before : settingsBefore_) {
         if (world_.mac.powerSetting(before.source, before.name) != before.value &&
-            !contains(told(), "；部分原设置未确认恢复：") &&
-            !contains(told(), "电源设置读取失败")) {
+            !contains(told(), "；部分原设置未确认恢复：")) {
             complain("a plan failed, and a setting is left changed: " + before.name);
         }
     }

@@ -16,9 +16,9 @@ public:
 
     // After the run: what it did wrong, in words; empty when it did nothing wrong.
     std::vector<std::string> complaints;
-    bool readingsCount = true;   // what was read back can be relied on
     double settlingSeconds = 0;  // that late writes are given at the end
     bool leftManual = false;     // a fan could not be given back; the user was told
+    bool liedTo = false;         // a fan is in manual mode that was read as automatic at the last
 
 private:
     void hearOutput(const std::string& line);
@@ -28,8 +28,10 @@ private:
     void checkFansLeft();
     void checkPowerLeft();
     std::string told() const;
-    bool misled() const { return !readingsCount || world_.spy.liedTo(); }
+    // Fans that are in manual mode and should not be. Nobody can be held to more than the
+    // controller says: those that it says are automatic are not among them.
     std::vector<int> fansLeft() const;
+    std::vector<int> fansManual() const;
     void complain(const std::string& text);
 
     FaultWorld& world_;

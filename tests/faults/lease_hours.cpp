@@ -144,9 +144,6 @@ private:
         if (kind.settlesLate) {
             judge_->settlingSeconds = kSettlingSeconds;
         }
-        if (kind.outlastsReadBack) {
-            judge_->readingsCount = false;
-        }
         kind.strike(world_, call);
         rivalSince_ = &kind == &kRival && holding_ ? awakeSeconds(world_.mac) : rivalSince_;
     }
@@ -200,7 +197,7 @@ private:
     // leave as well.
     void heal() {
         world_.mac.advance(kSettlingSeconds);
-        if (judge_->leftManual) {
+        if (judge_->leftManual || judge_->liedTo) {
             world_.run({"auto"});
         }
         if (!world_.spy.fansLeftManual().empty()) {
@@ -251,9 +248,9 @@ private:
 void simulateMachine(std::uint64_t seed, double untilSeconds, LeaseHours& hours,
                      LeaseJournal& journal) {
     Draw draw(seed);
-    const MachineKind& machine = draw.oneOf(machineKinds());
+    const MachineKind& machine = *draw.oneOf(smallMachines());
     const int fans = kFanCounts[draw.below(std::size(kFanCounts))];
-    journal.add("seed " + std::to_string(seed) + ": " + std::string(machine.name) + ", fans " +
+    journal.add("seed " + std::to_string(seed) + ": " + machine.name + ", fans " +
                 std::to_string(fans));
     auto mac = std::make_unique<simulator::SimulatedMac>(machine.make(fans));
     const std::size_t known = hours.complaints.size();

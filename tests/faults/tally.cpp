@@ -9,12 +9,13 @@ constexpr std::size_t kMostFailuresKept = 40;
 
 }  // namespace
 
-void Tally::count(const std::string& kind, bool fired, bool differed, bool leftManual) {
+void Tally::count(const std::string& kind, const Result& result) {
     Counts& counts = byKind_[kind];
     ++counts.cases;
-    counts.fired += fired;
-    counts.differed += differed;
-    counts.left += leftManual;
+    counts.fired += result.fired;
+    counts.differed += result.differed;
+    counts.left += result.leftManual;
+    counts.lied += result.liedTo;
 }
 
 void Tally::complain(const std::string& caseName, const std::vector<std::string>& complaints) {
@@ -48,10 +49,11 @@ std::size_t Tally::of(const std::string& kind) const {
 }
 
 void Tally::print(const std::string& title) const {
-    std::printf("%s\n  %8s %8s %8s %8s\n", title.c_str(), "cases", "fired", "differed", "left");
+    std::printf("%s\n  %8s %8s %8s %8s %8s\n", title.c_str(), "cases", "fired", "differed", "left",
+                "lied to");
     for (const auto& [kind, counts] : byKind_) {
-        std::printf("  %8zu %8zu %8zu %8zu  %s\n", counts.cases, counts.fired, counts.differed,
-                    counts.left, kind.c_str());
+        std::printf("  %8zu %8zu %8zu %8zu %8zu  %s\n", counts.cases, counts.fired, counts.differed,
+                    counts.left, counts.lied, kind.c_str());
     }
     std::printf("  %8zu in all, %zu broken promises\n", cases(), failed_);
 }

@@ -10,8 +10,13 @@ namespace ferovane::testing {
 
 class Tally {
 public:
-    // differed: the run went another way than without the fault.
-    void count(const std::string& kind, bool fired, bool differed, bool leftManual);
+    struct Result {
+        bool fired = false;
+        bool differed = false;    // the run went another way than without the fault
+        bool leftManual = false;  // a fan could not be given back, and that was told
+        bool liedTo = false;      // a fan was read as automatic that is not
+    };
+    void count(const std::string& kind, const Result& result);
     void complain(const std::string& caseName, const std::vector<std::string>& complaints);
 
     std::size_t cases() const;
@@ -22,7 +27,7 @@ public:
 
 private:
     struct Counts {
-        std::size_t cases = 0, fired = 0, differed = 0, left = 0;
+        std::size_t cases = 0, fired = 0, differed = 0, left = 0, lied = 0;
     };
     std::map<std::string, Counts> byKind_;
     std::vector<std::string> failures_;

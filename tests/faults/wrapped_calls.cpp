@@ -184,6 +184,19 @@ ssize_t __wrap_write(int descriptor, const void* bytes, std::size_t size) {
     return world->write(descriptor, bytes, size);
 }
 
+// ---- Signals -----------------------------------------------------------------------------------
+
+int __real_sigaction(int, const struct sigaction*, struct sigaction*);
+int __wrap_sigaction(int number, const struct sigaction* action, struct sigaction* before) {
+    FaultWorld* world = here();
+    if (world == nullptr || action == nullptr) {
+        return __real_sigaction(number, action, before);
+    }
+    const OutsideProduct outside;
+    world->handled[number] = action->sa_handler != SIG_DFL;
+    return 0;
+}
+
 // ---- Tools -------------------------------------------------------------------------------------
 
 int __real_mkostemp(char*, int);
