@@ -68,8 +68,12 @@ SMC::Surroundings SMC::Surroundings::ofThisMachine() {
     return {fv_uptime_seconds, sleepFully, SystemCapabilities::appleSilicon()};
 }
 
-SMC::SMC(Surroundings surroundings)
-    : surroundings_(std::move(surroundings)), connection_(fv_smc_open()) {}
+SMC::SMC(Surroundings surroundings) : surroundings_(std::move(surroundings)) {
+    if (surroundings_.appleSilicon) {
+        makeArmFans();
+    }
+    connection_ = fv_smc_open();  // last: nothing would close it after a failure
+}
 
 SMC::~SMC() {
     fv_smc_close(connection_);
@@ -149,7 +153,7 @@ void SMC::setManual(int fan, bool enabled) {
         throw ScopeError("无效风扇编号");
     }
     if (surroundings_.appleSilicon) {
-        armFans().setManual(fan, enabled);
+        armFans_->setManual(fan, enabled);
     } else {
         switchIntelFan(fan, enabled);
     }
@@ -184,21 +188,19 @@ std::optional<std::uint32_t> SMC::forcedMask() const {
     return std::nullopt;
 }
 
-AppleSiliconFanControl& SMC::armFans() {
-    if (!armFans_) {
-        armFans_ = std::make_unique<AppleSiliconFanControl>(
-            [this](const std::string& key) {
-                const FVValue value = raw(key);
-                const double number = fv_decode(&value);
-                if (!std::isfinite(number)) {
-                    throw readFailed(key, kNotANumberCode);
-                }
-                return number;
-            },
-            [this](const std::string& key, double value) { write(key, value); },
-            [this] { surroundings_.sleep(kHandOverPauseSeconds); }, surroundings_.now);
-    }
-    return *armFans_;
+// With the connection, and not with the first fan: a fan is handed back where there is no memory.
+void SMC::makeArmFans() {
+    armFans_ = std::make_unique<AppleSiliconFanControl>(
+        [this](const std::string& key) {
+            const FVValue value = raw(key);
+            const double number = fv_decode(&value);
+            if (!std::isfinite(number)) {
+                throw readFailed(key, kNotANumberCode);
+            }
+            return number;
+        },
+        [this](const std::string& key, double value) { write(key, value); },
+        [this] { surroundings_.sleep(kHandOverPauseSeconds); }, surroundings_.now);
 }
 
 std::optional<double> SMC::target(int fan) {

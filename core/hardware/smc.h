@@ -82,11 +82,11 @@ private:
     FanReading fan(int index, std::optional<double> mask) const;
     void switchIntelFan(int fan, bool enabled);
     std::optional<std::uint32_t> forcedMask() const;
-    AppleSiliconFanControl& armFans();
+    void makeArmFans();
 
     Surroundings surroundings_;
-    std::uint32_t connection_;                         // 0 when there is no controller
-    std::unique_ptr<AppleSiliconFanControl> armFans_;  // made on first use
+    std::uint32_t connection_ = 0;                     // 0 when there is no controller
+    std::unique_ptr<AppleSiliconFanControl> armFans_;  // null on Intel
 };
 
 // Inline, because a sample reads hundreds of keys and an optional that is returned costs more than

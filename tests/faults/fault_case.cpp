@@ -127,6 +127,7 @@ Outcome run(const FaultCase& faultCase, bool withJournal) {
         FailingMemory::failAfter(faultCase.memory->after, faultCase.memory->forGood);
     }
     outcome.status = world.run(flow.words);
+    outcome.guarded = world.guardianRecord.ends_with("held ");
     outcome.allocations = FailingMemory::allocations();
     outcome.memoryFailed = faultCase.memory && FailingMemory::failures() > 0;
     outcome.complaints = std::move(judge.complaints);

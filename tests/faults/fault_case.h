@@ -40,6 +40,7 @@ struct Outcome {
     std::size_t fired = 0;    // strikes that found the call they were meant for
     bool leftManual = false;  // a fan could not be given back, and the user was told
     bool liedTo = false;      // a fan is in manual mode that the controller said is automatic
+    bool guarded = false;     // at its end the guardian believed that fans were held
     long allocations = 0;     // that the code under test made, or tried to
     bool memoryFailed = false;
     int status = 0;
