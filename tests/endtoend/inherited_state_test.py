@@ -34,7 +34,8 @@ class InheritedStateTest(unittest.TestCase):
     def test_no_terminal_stops_a_lease_beyond_its_time(self):
         with Mac("iMac18,3") as mac, Owner() as owner:
             began = time.monotonic()
-            helper = start(mac, "test-fan", owner, None)
+            # In a group of its own: one that no shell could continue is not stopped by these.
+            helper = start(mac, "test-fan", owner, os.setpgrp)
             self.assertTrue(eventually(mac.held))
             for number in (signal.SIGTSTP, signal.SIGTTIN, signal.SIGTTOU):
                 helper.send_signal(number)
