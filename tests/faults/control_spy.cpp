@@ -75,7 +75,8 @@ void ControlSpy::before(const simulator::ControllerBlock& in) {
         std::memcpy(written.bytes.data(), in.data, written.bytes.size());
         written.size = in.dataSize;
         written.confirmed = again;
-        written.everTaken = written.everTaken || (isMode(in.key) && !isAutomatic(in.data[0]));
+        written.everTaken = written.everTaken || (isMode(in.key) && !isAutomatic(in.data[0])) ||
+                            (isMask(in.key) && maskIn(in.data) != 0);
     }
 }
 
@@ -215,7 +216,7 @@ std::vector<int> ControlSpy::fansLeftManual() const {
 
 bool ControlSpy::modesConfirmed() const {
     return std::all_of(written_.begin(), written_.end(), [](const auto& entry) {
-        return entry.second.confirmed || !(entry.second.everTaken || isMask(entry.first));
+        return entry.second.confirmed || !entry.second.everTaken;
     });
 }
 
