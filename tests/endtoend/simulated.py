@@ -20,6 +20,12 @@ WAIT_SECONDS = 30
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2] / "client"))
 
+# A shell without job control has them ignored in what it starts in the background, and an ignored
+# signal is inherited.
+for _inherited in (signal.SIGINT, signal.SIGQUIT):
+    if signal.getsignal(_inherited) == signal.SIG_IGN:
+        signal.signal(_inherited, signal.SIG_DFL)
+
 needs_root = unittest.skipUnless(os.geteuid() == 0, "changing fans needs root")
 
 
