@@ -100,7 +100,9 @@ class SoakTest(unittest.TestCase):
 
     def check(self, soak, sanitized):
         self.assertEqual(soak.talk.replies, soak.talk.requests)
-        self.assertGreater(soak.talk.done["profile"], 0)
+        self.assertGreater(soak.talk.done["status"], 0)
+        if LONG:  # in a few seconds every one may be disturbed; each look has one that is not
+            self.assertGreater(soak.talk.done["profile"], 0)
         settled = soak.figures[len(soak.figures) // 5:]
         for name in ("descriptors", "threads", "children"):
             self.assertEqual(len({getattr(figures, name) for figures in settled}), 1, name)
