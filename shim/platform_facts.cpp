@@ -216,8 +216,8 @@ static_assert(kSame<decltype(sel_registerName), SEL(const char*)>);
 static_assert(kSame<decltype(class_respondsToSelector), BOOL(Class, SEL)>);
 static_assert(kSame<decltype(objc_msgSend), void()>);
 
-// ---- Threads, children, directories. These calls exist on every POSIX system, some with an
-// exception specification in their type, so they are checked by calling.
+// ---- Threads, children, directories. These calls exist on every POSIX system, some with
+// noexcept in their type, so they are checked by calling.
 static_assert(kSame<decltype(pthread_set_qos_class_self_np), int(qos_class_t, int)>);
 static_assert(static_cast<unsigned>(QOS_CLASS_UTILITY) == 0x11);
 static_assert(POSIX_SPAWN_SETPGROUP == 0x0002 && POSIX_SPAWN_SETSIGDEF == 0x0004);
