@@ -2,51 +2,17 @@
 // fails, once or for good.
 #include <gtest/gtest.h>
 
-#include <cstddef>
-#include <cstdlib>
-#include <new>
-
 #include "tests/fan/lease_world.h"
-
-namespace {
-
-bool armed = false;    // whether allocations are counted down
-bool forGood = false;  // whether every further one fails too
-bool struck = false;   // whether one has failed
-long remaining = 0;    // how many still succeed
-
-bool mustFail() {
-    if (!armed || remaining-- > 0) {
-        return false;
-    }
-    struck = true;
-    armed = forGood;
-    remaining = 0;
-    return true;
-}
-
-}  // namespace
-
-// Not inlined: a compiler that sees through both would take malloc and delete for a mismatch.
-[[gnu::noinline]] void* operator new(std::size_t size) {
-    void* memory = mustFail() ? nullptr : std::malloc(size > 0 ? size : 1);
-    if (memory == nullptr) {
-        throw std::bad_alloc();
-    }
-    return memory;
-}
-[[gnu::noinline]] void operator delete(void* memory) noexcept {
-    std::free(memory);
-}
-[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept {
-    std::free(memory);
-}
+#include "tests/faults/failing_memory.h"
+#include "tests/faults/product_scope.h"
 
 namespace ferovane {
 namespace {
 
 using testing::celsiusFor;
+using testing::FailingMemory;
 using testing::FanSwitch;
+using testing::InProduct;
 using testing::LeaseWorld;
 using testing::steepCurve;
 
@@ -57,11 +23,9 @@ bool runWithAllocations(long allocations, bool failForGood, FanSwitch fanSwitch,
     LeaseWorld world(2, fanSwitch);
     const FanCurve curve = steepCurve();
     world.clock.in(1, [&] { world.setCelsius(celsiusFor(70)); });
-    struck = false;
-    forGood = failForGood;
-    remaining = allocations;
-    armed = true;
+    FailingMemory::failAfter(allocations, failForGood);
     try {
+        const InProduct allOfThis;
         if (cooling) {
             world.cool(2);
         } else {
@@ -70,7 +34,8 @@ bool runWithAllocations(long allocations, bool failForGood, FanSwitch fanSwitch,
     } catch (const std::exception&) {
         // Any error will do: what counts is what has become of the fans.
     }
-    armed = false;
+    FailingMemory::relent();
+    const bool struck = FailingMemory::failures() > 0;
     EXPECT_TRUE(world.fans.allAutomatic())
         << (cooling ? "cooling" : "curve") << (failForGood ? " for good" : " once") << " after "
         << allocations << " on machine " << static_cast<int>(fanSwitch);
@@ -94,24 +59,24 @@ TEST(LeaseMemoryTest, FansAreHandedBackWhicheverAllocationFails) {
 }
 
 TEST(LeaseMemoryTest, AFanThatFailsCostsNoOtherItsHandBack) {
-    for (long allocations = 0; allocations == 0 || struck; ++allocations) {
+    bool struck = true;
+    for (long allocations = 0; struck; ++allocations) {
         LeaseWorld world(3);
         for (const char* key : {"F0Md", "F1Md", "F2Md"}) {
             world.mac[key] = 1;
         }
         world.mac.keys["F0Md"].unwritable = world.mac.keys["F1Md"].unwritable = true;
         const std::vector<int> ids{0, 1, 2};
-        struck = false;
-        forGood = true;
-        remaining = allocations;
         bool failed = false;
-        armed = true;
+        FailingMemory::failAfter(allocations, true);
         try {
+            const InProduct allOfThis;
             CoolingLease::restoreAuto(ids, world.fans);
         } catch (const std::exception&) {
             failed = true;
         }
-        armed = false;
+        FailingMemory::relent();
+        struck = FailingMemory::failures() > 0;
         EXPECT_TRUE(failed) << allocations;
         EXPECT_TRUE(world.fans.isAutomatic(2)) << allocations;
     }

@@ -28,7 +28,7 @@ struct FaultCase {
     std::optional<MemoryLoss> memory = {};
     std::uint64_t orderSeed = 0;  // of the threads
 
-    // As the replay variable takes it: "mode keys|2|auto|garbage@17|garbage@20".
+    // As the replay variable takes it: "mode keys|2|auto|garbage@18|garbage@20".
     std::string name() const;
     // Throws std::runtime_error when there is no such case.
     static FaultCase named(const std::string& name);

@@ -6,27 +6,20 @@ namespace ferovane::testing {
 // Memory runs out in the code under test only.
 extern thread_local int productDepth;  // 0: outside
 
-class InProduct {
+// So deep in the code under test for as long as this lives.
+template <int depth>
+class ProductScope {
 public:
-    InProduct() : before_(productDepth) { productDepth = 1; }
-    ~InProduct() { productDepth = before_; }
-    InProduct(const InProduct&) = delete;
-    InProduct& operator=(const InProduct&) = delete;
+    ProductScope() : before_(productDepth) { productDepth = depth; }
+    ~ProductScope() { productDepth = before_; }
+    ProductScope(const ProductScope&) = delete;
+    ProductScope& operator=(const ProductScope&) = delete;
 
 private:
     int before_;
 };
-
-class OutsideProduct {
-public:
-    OutsideProduct() : before_(productDepth) { productDepth = 0; }
-    ~OutsideProduct() { productDepth = before_; }
-    OutsideProduct(const OutsideProduct&) = delete;
-    OutsideProduct& operator=(const OutsideProduct&) = delete;
-
-private:
-    int before_;
-};
+using InProduct = ProductScope<1>;
+using OutsideProduct = ProductScope<0>;
 
 // Where the start of a thread is counted and may fail; throws std::system_error.
 void beforeThreadStart();
