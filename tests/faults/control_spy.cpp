@@ -104,6 +104,7 @@ void ControlSpy::checkWrite(const simulator::ControllerBlock& in) {
     } else if (takes) {
         others_.erase(fan);  // taken over unknowingly: from here on nobody could tell
         listed_.erase(fan);
+        noticed_.erase(fan);  // what was read of it before is no knowledge of what follows
     }
 }
 

@@ -54,7 +54,8 @@ bool takesFans(const FaultKind& kind) {
 }
 
 bool freesFans(const FaultKind& kind) {
-    return kind.name == "fan released by another program" || kind.name == "machine slept";
+    return kind.name == "fan released by another program" || kind.name == "machine slept" ||
+           kind.name == "fan vanished";
 }
 
 std::vector<const Flow*> leasesOn(const MachineKind& machine) {
