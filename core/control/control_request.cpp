@@ -44,12 +44,17 @@ void validateProfile(const ControlRequest& request) {
 
 }  // namespace
 
-void ControlRequest::validate() const {
+ControlCommand ControlRequest::knownCommand() const {
     const auto known = fromRawValue<ControlCommand>(command);
     if (!known) {
         throw ScopeError("未知控制命令");
     }
-    validatePower(*this, *known);
+    return *known;
+}
+
+void ControlRequest::validate() const {
+    const ControlCommand known = knownCommand();
+    validatePower(*this, known);
     if (known == ControlCommand::profile) {
         validateProfile(*this);
     }

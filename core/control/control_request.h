@@ -56,6 +56,9 @@ struct ControlRequest {
     std::optional<PowerOptimizationPlan> powerPlan = std::nullopt;  // with "power-optimize" only
     std::optional<PowerBackup> powerBackup = std::nullopt;          // with "power-restore" only
 
+    // What `command` says; throws ScopeError when that is none of the ten words.
+    ControlCommand knownCommand() const;
+
     // Throws a ScopeError with the first rule that the request breaks. Looks at nothing but the
     // request; members that its command does not use are allowed, except the two of power.
     void validate() const;
