@@ -19,6 +19,7 @@
 #include "core/fan/curve_lease.h"
 #include "core/fan/curve_policy.h"
 #include "core/fan/fan_curve.h"
+#include "core/fan/fan_keys.h"
 #include "core/hardware/hardware_sampler.h"
 #include "core/hardware/smc.h"
 #include "simulator/machine/simulated_mac.h"
@@ -106,7 +107,7 @@ void followLease(Run& run, const FanCurve& curve) {
     HardwareSampler sampler;
     while (!run.over()) {
         CurveLease::run(
-            smc, curve, CurveLease::kMaximumSeconds, [&] { return sampler.sample(); },
+            smc, curve, FanLimits::kLeaseSeconds, [&] { return sampler.sample(); },
             [&] { return run.mac().now(); }, [&] { return run.over(); }, [&] { run.pass(); },
             [](const FanControlProgress&) {}, [] {});
     }
@@ -164,7 +165,7 @@ double microsecondsPerRound(int rounds) {
     sampler.sample();
     const auto start = std::chrono::steady_clock::now();
     CurveLease::run(
-        smc, FanCurve::balanced(), CurveLease::kMaximumSeconds, [&] { return sampler.sample(); },
+        smc, FanCurve::balanced(), FanLimits::kLeaseSeconds, [&] { return sampler.sample(); },
         [&] { return clock; }, [&] { return rounds == 0; },
         [&] {
             --rounds;

@@ -1,6 +1,7 @@
 #include "examples/lease_report.h"
 
 #include "core/fan/fan_curve.h"
+#include "core/fan/fan_keys.h"
 #include "core/fan/lease_obstacles.h"
 
 using namespace ferovane;
@@ -24,7 +25,7 @@ LeaseRow rowOf(const LeaseForecast& forecast) {
 std::vector<LeaseRow> leaseReport(SMC& smc, const Snapshot& sample) {
     const ReadableFans fans{smc, [&](const std::string& key) { return smc.number(key); },
                             SMC::Surroundings::ofThisMachine().appleSilicon,
-                            SMC::notAdmitted(kUnlockKey)};
+                            SMC::notAdmitted(FanKeys::kUnlock)};
     std::vector<LeaseRow> rows;
     for (const auto& forecast : LeaseObstacles::forecast(fans, FanCurve::balanced(), sample)) {
         rows.push_back(rowOf(forecast));

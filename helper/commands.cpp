@@ -4,6 +4,7 @@
 #include <array>
 #include <string_view>
 
+#include "core/fan/fan_keys.h"
 #include "core/model/scope_error.h"
 #include "helper/control_session.h"
 #include "helper/fan_commands.h"
@@ -18,7 +19,6 @@ using Arguments = std::vector<std::string>;
 
 constexpr std::size_t kWordAlone = 2;       // the program path and the command word
 constexpr std::size_t kServeArguments = 4;  // and the owner's process id and user id
-constexpr double kCoolingSeconds = 300.0;
 constexpr double kTestFanSeconds = 5.0;
 
 constexpr std::string_view kPrivilegeMessage = "硬件控制需要管理员授权；监测不需要管理员权限。";
@@ -35,7 +35,7 @@ struct PrivilegedCommand {
 constexpr std::array<PrivilegedCommand, 6> kPrivilegedCommands{{
     {"cooling", true,
      [](const Arguments& args, const HelperEnvironment& environment) {
-         coolFans(args, kCoolingSeconds, environment);
+         coolFans(args, FanLimits::kCoolingSeconds, environment);
      }},
     {"test-fan", true,
      [](const Arguments& args, const HelperEnvironment& environment) {

@@ -7,6 +7,7 @@
 #include "core/fan/cooling_lease.h"
 #include "core/fan/curve_lease.h"
 #include "core/fan/fan_curve.h"
+#include "core/fan/fan_keys.h"
 #include "core/fan/profile.h"
 #include "core/model/base64.h"
 #include "core/model/json_codec.h"
@@ -28,7 +29,6 @@ constexpr std::size_t kLongestCurveText = 4096;  // bytes of base64
 
 constexpr double kCoolingRoundSeconds = 1.0;
 constexpr double kProfileRoundSeconds = 2.0;
-constexpr double kProfileSeconds = 1800.0;
 
 FanCurve decodeCurve(const std::string& text) {
     constexpr const char* kMessage = "曲线数据无效";
@@ -125,7 +125,7 @@ void runProfile(const std::vector<std::string>& args, const HelperEnvironment& e
     turbo.rollBackOnFailure([&] {
         runLease(fans, guardian, environment, [&] {
             CurveLease::run(
-                fans, request.curve, kProfileSeconds, [&] { return sampler->sample(); },
+                fans, request.curve, FanLimits::kLeaseSeconds, [&] { return sampler->sample(); },
                 environment.now, EarlyEnd(request.caller, environment),
                 [&] { environment.pause(kProfileRoundSeconds); }, [](const FanControlProgress&) {},
                 [] {});

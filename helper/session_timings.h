@@ -1,6 +1,8 @@
 // Every time a control session waits for, in seconds. Data, so that tests take milliseconds.
 #pragma once
 
+#include "core/fan/fan_keys.h"
+
 namespace ferovane {
 
 struct SessionTimings {
@@ -11,8 +13,8 @@ struct SessionTimings {
     double leaseEnd = 12.0;      // for a lease to hand its fans back once asked to
     double confirmation = 12.0;  // for a new lease's first targets to take effect
     double returnPause = 0.2;    // before a failed hand-back is tried again; doubles each time
-    double profile = 1800.0;     // a profile's lease
-    double fanTest = 5.0;        // a fan test's lease
+    double profile = FanLimits::kLeaseSeconds;  // a profile's lease
+    double fanTest = 5.0;                       // a fan test's lease
 };
 
 }  // namespace ferovane

@@ -19,6 +19,7 @@ ALLOWED = {
         "shim/fv.h",
         "core/fan/cooling_hardware.h",
         "core/fan/apple_silicon_fan_control.h",
+        "core/fan/fan_keys.h",
     ],
     "core/power": ["core/model/", "shim/fv.h"],
     "core/control": ["core/model/", "core/fan/", "core/power/"],

@@ -1,5 +1,6 @@
 #include "core/control/control_request.h"
 
+#include "core/fan/fan_keys.h"
 #include "core/fan/profile.h"
 #include "core/model/scope_error.h"
 
@@ -59,7 +60,7 @@ void ControlRequest::validate() const {
         validateProfile(*this);
     }
     // Written so that NaN fails as well.
-    if (duration && !(*duration > 0 && *duration <= kMaxControlSeconds)) {
+    if (duration && !(*duration > 0 && *duration <= FanLimits::kLeaseSeconds)) {
         throw ScopeError("无效控制时长");
     }
     if (label && label->size() > kMaxModeLabelBytes) {

@@ -44,7 +44,6 @@ struct RawEnum<ControlCommand> {
     }};
 };
 
-inline constexpr double kMaxControlSeconds = 1800;     // half an hour without a new request
 inline constexpr std::size_t kMaxModeLabelBytes = 80;  // in UTF-8: 26 Chinese characters
 
 struct ControlRequest {

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "core/fan/fan_checks.h"
+#include "core/fan/fan_keys.h"
 #include "core/fan/fan_refusal.h"
 #include "core/fan/restore_failure.h"
 #include "core/model/scope_error.h"
@@ -12,24 +13,11 @@
 namespace ferovane {
 namespace {
 
-constexpr int kMaximumFan = 9;  // a key has one character for the fan's index
-
-// Values of a mode key. The controller uses two automatic states; anything else than these three
-// means that some other program owns the fan.
-constexpr double kAutomatic = 0;
-constexpr double kManual = 1;
-constexpr double kSystemAutomatic = 3;
-
-constexpr const char* kUnlockKey = "Ftst";
 constexpr double kUnlocked = 1;
 
 // After the unlock the system's thermal daemon lets go of the fan within a few seconds.
 constexpr int kRetryRounds = 40;
 constexpr double kRetrySeconds = 4.0;
-
-bool isAutomatic(double mode) {
-    return mode == kAutomatic || mode == kSystemAutomatic;
-}
 
 std::optional<double> tryRead(const AppleSiliconFanControl::Read& read, const std::string& key) {
     try {
@@ -59,11 +47,11 @@ AppleSiliconFanControl::AppleSiliconFanControl(Read read, Write write, Wait wait
       now_(std::move(now)) {}
 
 std::optional<std::string> AppleSiliconFanControl::modeKey(int fan) {
-    if (fan < 0 || fan > kMaximumFan) {
+    if (!FanLimits::isFan(fan)) {
         return std::nullopt;
     }
-    for (const char* suffix : {"Md", "md"}) {
-        std::string key = "F" + std::to_string(fan) + suffix;
+    for (const char* name : FanKeys::kModes) {
+        std::string key = FanKeys::of(fan, name);
         if (tryRead(read_, key)) {
             return key;
         }
@@ -91,11 +79,11 @@ void AppleSiliconFanControl::setManual(int fan, bool enabled) {
 
 void AppleSiliconFanControl::take(int fan, const std::string& key) {
     const std::optional<double> mode = tryRead(read_, key);
-    if (!mode || !isAutomatic(*mode)) {
+    if (!mode || !FanMode::isAutomatic(*mode)) {
         throw FanRefusal(FanChecks::kNotAutomatic);
     }
     if (originals_.empty()) {
-        const std::optional<double> unlock = tryRead(read_, kUnlockKey);
+        const std::optional<double> unlock = tryRead(read_, FanKeys::kUnlock);
         if (unlock && *unlock != 0) {
             throw FanRefusal("风扇控制交接已被占用，请先恢复系统自动");
         }
@@ -114,22 +102,22 @@ void AppleSiliconFanControl::take(int fan, const std::string& key) {
 }
 
 void AppleSiliconFanControl::switchToManual(const std::string& key) {
-    std::exception_ptr refusal = tryWrite(write_, key, kManual);
+    std::exception_ptr refusal = tryWrite(write_, key, FanMode::kManual);
     if (!refusal) {
         return;
     }
-    const double unlock = read_(kUnlockKey);
+    const double unlock = read_(FanKeys::kUnlock);
     if (!unlockOriginal_) {
         if (unlock != 0) {
             std::rethrow_exception(refusal);  // somebody else's unlock, which is not ours to use
         }
         unlockOriginal_ = unlock;
-        write_(kUnlockKey, kUnlocked);
+        write_(FanKeys::kUnlock, kUnlocked);
     }
     const double deadline = now_() + kRetrySeconds;
     for (int round = 0; round < kRetryRounds && now_() < deadline; ++round) {
         wait_();
-        refusal = tryWrite(write_, key, kManual);
+        refusal = tryWrite(write_, key, FanMode::kManual);
         if (!refusal) {
             return;
         }
@@ -140,12 +128,12 @@ void AppleSiliconFanControl::switchToManual(const std::string& key) {
 void AppleSiliconFanControl::restore(int fan, const std::string& key) {
     const auto held = originals_.find(fan);
     std::exception_ptr failure =
-        tryWrite(write_, key, held != originals_.end() ? held->second.mode : kAutomatic);
+        tryWrite(write_, key, held != originals_.end() ? held->second.mode : FanMode::kAutomatic);
 
     const bool last = std::all_of(originals_.begin(), originals_.end(),
                                   [&](const auto& entry) { return entry.first == fan; });
     if (last && unlockOriginal_) {
-        if (std::exception_ptr refusal = tryWrite(write_, kUnlockKey, *unlockOriginal_)) {
+        if (std::exception_ptr refusal = tryWrite(write_, FanKeys::kUnlock, *unlockOriginal_)) {
             failure = refusal;
         } else {
             unlockOriginal_.reset();
@@ -165,16 +153,16 @@ void AppleSiliconFanControl::restore(int fan, const std::string& key) {
 bool AppleSiliconFanControl::confirmRestored(const std::string& key, bool last) {
     const std::optional<double> mode = tryRead(read_, key);
     if (!last) {
-        return mode && isAutomatic(*mode);
+        return mode && FanMode::isAutomatic(*mode);
     }
-    const std::optional<double> unlock = tryRead(read_, kUnlockKey);
+    const std::optional<double> unlock = tryRead(read_, FanKeys::kUnlock);
     if (unlock && unlock == unlockOriginal_) {
         // Locked as it was found, though the write that was to do it failed: the write that was to
         // unlock it had never arrived. Without this a controller whose unlock key cannot be written
         // at all would count as held for ever.
         unlockOriginal_.reset();
     }
-    return mode && isAutomatic(*mode) && (!unlock || *unlock == 0) && !unlockOriginal_;
+    return mode && FanMode::isAutomatic(*mode) && (!unlock || *unlock == 0) && !unlockOriginal_;
 }
 
 }  // namespace ferovane

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "core/fan/fan_checks.h"
+#include "core/fan/fan_keys.h"
 #include "core/fan/lease_span.h"
 #include "core/fan/restore_failure.h"
 #include "core/model/scope_error.h"
@@ -27,7 +28,7 @@ bool isRatedRangeCredible(const FanReading& fan) {
         return false;
     }
     return std::isfinite(*fan.maximum) && *fan.maximum > 0 &&
-           *fan.maximum <= FanChecks::kMaximumRatedRpm && std::isfinite(*fan.minimum) &&
+           *fan.maximum <= FanLimits::kRatedRpm && std::isfinite(*fan.minimum) &&
            *fan.minimum >= 0 && *fan.minimum <= *fan.maximum;
 }
 
@@ -63,7 +64,7 @@ bool areHeld(const std::vector<PlannedFan>& plan, CoolingHardware& hardware) {
 
 void run(CoolingHardware& hardware, double duration, const LeaseClock& now,
          const LeaseCancelled& isCancelled, const LeasePause& wait) {
-    if (!(duration > 0 && duration <= kMaximumSeconds)) {
+    if (!(duration > 0 && duration <= FanLimits::kCoolingSeconds)) {
         throw ScopeError("散热会话必须在 5 分钟以内");
     }
     if (isCancelled()) {

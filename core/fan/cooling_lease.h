@@ -10,8 +10,6 @@
 
 namespace ferovane::CoolingLease {
 
-inline constexpr double kMaximumSeconds = 300;
-
 // Runs every fan at its rated maximum until `duration` seconds have passed or `isCancelled`, polled
 // before each fan and each round. Throws a ScopeError before anything is written when the duration,
 // a fan or its ratings are not fit for it, and afterwards when a write fails, a fan is no longer as

@@ -7,6 +7,7 @@
 #include "core/fan/cooling_lease.h"
 #include "core/fan/curve_policy.h"
 #include "core/fan/fan_checks.h"
+#include "core/fan/fan_keys.h"
 #include "core/fan/lease_span.h"
 #include "core/model/scope_error.h"
 
@@ -27,7 +28,7 @@ struct PlannedFan {
 bool isRatedRangeCredible(const FanReading& fan) {
     // 0 % is the rated minimum, so a minimum of 0 would let a curve stop the fan.
     return std::isfinite(*fan.minimum) && std::isfinite(*fan.maximum) && *fan.minimum > 0 &&
-           *fan.maximum <= FanChecks::kMaximumRatedRpm && *fan.maximum >= *fan.minimum;
+           *fan.maximum <= FanLimits::kRatedRpm && *fan.maximum >= *fan.minimum;
 }
 
 // Reads and refuses; writes nothing.
@@ -124,7 +125,7 @@ void run(CoolingHardware& hardware, const FanCurve& curve, double duration, cons
          const LeaseClock& now, const LeaseCancelled& isCancelled, const LeasePause& wait,
          const OnUpdate& onUpdate, const OnApplied& onApplied) {
     curve.validate();
-    if (!(duration > 0 && duration <= kMaximumSeconds)) {
+    if (!(duration > 0 && duration <= FanLimits::kLeaseSeconds)) {
         throw ScopeError("曲线会话最长 30 分钟");
     }
     if (isCancelled()) {

@@ -25,8 +25,6 @@ struct FanControlProgress {
 
 namespace CurveLease {
 
-inline constexpr double kMaximumSeconds = 1800;
-
 using Sample = std::function<Snapshot()>;  // a fresh sample of the machine
 using OnUpdate = std::function<void(const FanControlProgress&)>;
 using OnApplied = std::function<void()>;

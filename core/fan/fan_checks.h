@@ -8,8 +8,6 @@
 
 namespace ferovane::FanChecks {
 
-inline constexpr double kMaximumRatedRpm = 12000;  // no Mac's fan is rated higher: a misread value
-
 // What a user is told of a fan that is not free when it is to be taken.
 inline constexpr const char* kNotAutomatic = "风扇未处于系统自动，请先退出其他风扇控制程序";
 

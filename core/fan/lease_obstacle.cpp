@@ -2,7 +2,7 @@
 
 #include <cmath>
 
-#include "core/fan/fan_checks.h"
+#include "core/fan/fan_keys.h"
 #include "core/fan/fan_rehearsal.h"
 #include "core/model/scope_error.h"
 
@@ -10,12 +10,6 @@ namespace ferovane {
 namespace {
 
 using Kind = LeaseObstacleKind;
-
-constexpr const char* kMaskKey = "FS! ";
-
-std::string fanKey(int fan, const char* suffix) {
-    return std::string("F").append(std::to_string(fan)).append(suffix);
-}
 
 // Finds out what, of all that a lease asks of a fan, makes it refuse this one; in the lease's
 // order.
@@ -57,7 +51,8 @@ private:
 
     std::optional<LeaseObstacle> notControllable() {
         if (!readTarget()) {
-            return obstacle(Kind::targetUnreadable, fanKey(fan_.id, "Tg"), std::nullopt);
+            return obstacle(Kind::targetUnreadable, FanKeys::of(fan_.id, FanKeys::kTarget),
+                            std::nullopt);
         }
         if (auto rating = badMaximum()) {
             return rating;
@@ -66,15 +61,15 @@ private:
     }
 
     std::optional<LeaseObstacle> badMaximum() const {
-        const std::string key = fanKey(fan_.id, "Mx");
+        const std::string key = FanKeys::of(fan_.id, FanKeys::kMaximum);
         if (!fan_.maximum) {
             return obstacle(Kind::ratingUnreadable, key, std::nullopt);
         }
         if (!(*fan_.maximum > 0)) {
             return obstacle(Kind::ratingOutOfRange, key, fan_.maximum, 0);
         }
-        if (!(*fan_.maximum <= FanChecks::kMaximumRatedRpm)) {
-            return obstacle(Kind::ratingOutOfRange, key, fan_.maximum, FanChecks::kMaximumRatedRpm);
+        if (!(*fan_.maximum <= FanLimits::kRatedRpm)) {
+            return obstacle(Kind::ratingOutOfRange, key, fan_.maximum, FanLimits::kRatedRpm);
         }
         return std::nullopt;
     }
@@ -83,7 +78,7 @@ private:
         if (auto maximum = badMaximum()) {
             return maximum;
         }
-        const std::string key = fanKey(fan_.id, "Mn");
+        const std::string key = FanKeys::of(fan_.id, FanKeys::kMinimum);
         if (!fan_.minimum) {
             return obstacle(Kind::ratingUnreadable, key, std::nullopt);
         }
@@ -99,7 +94,7 @@ private:
     }
 
     std::optional<LeaseObstacle> badTarget() {
-        const std::string key = fanKey(fan_.id, "Tg");
+        const std::string key = FanKeys::of(fan_.id, FanKeys::kTarget);
         const auto target = readTarget();
         if (!target) {
             return obstacle(Kind::targetUnreadable, key, std::nullopt);
@@ -114,21 +109,21 @@ private:
     }
 
     LeaseObstacle notAutomatic() {
-        const auto mask = readings_.number(kMaskKey);
-        for (const char* suffix : {"Md", "md"}) {
-            const std::string key = fanKey(fan_.id, suffix);
+        const auto mask = readings_.number(FanKeys::kForcedMask);
+        for (const char* suffix : FanKeys::kModes) {
+            const std::string key = FanKeys::of(fan_.id, suffix);
             const auto mode = readings_.number(key);
             if (!mode) {
                 continue;
             }
-            if (*mode != 0 && *mode != 3) {
+            if (!FanMode::isAutomatic(*mode)) {
                 return obstacle(Kind::heldByAnother, key, mode);
             }
             return mask.value_or(0) != 0 ? forced(mask) : obstacle(Kind::modeUncertain, key, mode);
         }
         // Where a fan is handed over, a mask that calls it automatic is of no use.
         if (!mask || !fan_.manual.value_or(true)) {
-            return obstacle(Kind::noModeKey, fanKey(fan_.id, "Md"), std::nullopt);
+            return obstacle(Kind::noModeKey, FanKeys::of(fan_.id, FanKeys::kMode), std::nullopt);
         }
         return forced(mask);
     }
@@ -136,12 +131,13 @@ private:
     // By the mask: this fan, or some other.
     LeaseObstacle forced(std::optional<double> mask) const {
         const bool itself = fan_.manual.value_or(false);
-        return obstacle(itself ? Kind::heldByAnother : Kind::modeUncertain, kMaskKey, mask);
+        return obstacle(itself ? Kind::heldByAnother : Kind::modeUncertain, FanKeys::kForcedMask,
+                        mask);
     }
 
     LeaseObstacle notHandedOver() {
-        const auto unlock = readings_.number(kUnlockKey);
-        return unlock.value_or(0) != 0 ? obstacle(Kind::handOverOccupied, kUnlockKey, unlock)
+        const auto unlock = readings_.number(FanKeys::kUnlock);
+        return unlock.value_or(0) != 0 ? obstacle(Kind::handOverOccupied, FanKeys::kUnlock, unlock)
                                        : notAutomatic();
     }
 

@@ -44,9 +44,6 @@ struct LeaseObstacle {
     bool operator==(const LeaseObstacle&) const = default;
 };
 
-// The unlock key of Apple Silicon's fans: not 0 while somebody holds them.
-inline constexpr const char* kUnlockKey = "Ftst";
-
 // What, of all that a lease asks of a fan, makes it refuse this one; the first in the lease's
 // order. Without a message. To be asked only about a fan that the lease refuses.
 LeaseObstacle explainRefusal(LeaseKind lease, const FanReading& fan, FanReadings& readings);

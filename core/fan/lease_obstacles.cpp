@@ -5,6 +5,7 @@
 
 #include "core/fan/cooling_lease.h"
 #include "core/fan/curve_lease.h"
+#include "core/fan/fan_keys.h"
 #include "core/fan/fan_rehearsal.h"
 #include "core/fan/lease_obstacle.h"
 #include "core/model/scope_error.h"
@@ -77,7 +78,7 @@ public:
         if (lease == LeaseKind::curve) {
             addTemperature(forecast);
         }
-        if (!forecast.message && machine_.appleSilicon && readings_.number(kUnlockKey)) {
+        if (!forecast.message && machine_.appleSilicon && readings_.number(FanKeys::kUnlock)) {
             addLock(forecast);
         }
         return forecast;
@@ -144,8 +145,8 @@ private:
         forecast.message = rehearseAll(forecast.lease, machine_.unlockRefusal);
         forecast.certain = false;
         for (const FanReading& fan : listedFans()) {
-            forecast.obstacles.push_back({Kind::handOverLocked, fan.id, kUnlockKey,
-                                          readings_.number(kUnlockKey), std::nullopt,
+            forecast.obstacles.push_back({Kind::handOverLocked, fan.id, FanKeys::kUnlock,
+                                          readings_.number(FanKeys::kUnlock), std::nullopt,
                                           forecast.message.value_or(std::string())});
         }
     }

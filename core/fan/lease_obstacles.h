@@ -40,7 +40,7 @@ struct ReadableFans {
     // A key's number; absent when it cannot be read or is none.
     std::function<std::optional<double>(const std::string& key)> number;
     bool appleSilicon = false;  // fans are handed over, not switched
-    // What writing the unlock key of Apple Silicon fails with: SMC::notAdmitted(kUnlockKey).
+    // What writing the unlock key of Apple Silicon fails with: SMC::notAdmitted(FanKeys::kUnlock).
     std::string unlockRefusal;
 };
 

@@ -1,5 +1,6 @@
 // What is told beforehand of a lease, beside what the lease then does.
 #include "core/fan/lease_obstacles.h"
+#include "core/fan/fan_keys.h"
 
 #include <gtest/gtest.h>
 
@@ -270,7 +271,7 @@ Outcome check(SimulatedMac& mac, LeaseKind lease, bool breaksWriting) {
     Snapshot sample;
     sample.sensors = {{"TC0P", "", 50}};
     const ReadableFans fans{smc, [&](const std::string& key) { return smc.number(key); },
-                            surroundings.appleSilicon, SMC::notAdmitted(kUnlockKey)};
+                            surroundings.appleSilicon, SMC::notAdmitted(FanKeys::kUnlock)};
     const auto forecast = LeaseObstacles::forecast(fans, steepCurve(), sample)
                               .at(lease == LeaseKind::cooling ? 0 : 1);
     EXPECT_EQ(mac.writes(), "") << "a forecast touches nothing";
