@@ -122,6 +122,7 @@ void fv_install_stop_handlers(void); /* SIGTERM, SIGINT, SIGHUP set one flag; sa
 bool fv_should_stop(void);
 bool fv_pause(double seconds);      /* sleeps; ends early, with true, once the stop flag is set */
 void fv_use_utility_priority(void); /* the calling thread, for watchdogs */
+void fv_name_thread(const char* name); /* the calling one; at most 15 bytes */
 
 /* ---- Child tools -------------------------------------------------------------------------- */
 
@@ -130,6 +131,12 @@ void fv_use_utility_priority(void); /* the calling thread, for watchdogs */
  * PATH and LANG alone. path is absolute. 0 and *pid, or an errno value (EINVAL for a bad argument).
  * The caller waits for the child. */
 int fv_spawn_tool(const char* path, const char* const argv[], int output_fd, int32_t* pid);
+
+/* Starts the file at path, which is absolute, with name as its only argument (number 0), in a session
+ * of its own: input_fd, which is above 2, as standard input, null outputs, no other descriptor of
+ * ours, default signals, our environment. 0 and *pid, or an errno value (EINVAL for a bad argument).
+ * The caller waits for the child. */
+int fv_spawn_companion(const char* path, const char* name, int input_fd, int32_t* pid);
 
 /* The file this process was started from. -1 when it cannot be told or does not fit. */
 int fv_executable_path(char* path, size_t capacity);

@@ -5,6 +5,8 @@
 
 #include "shim/fv.h"
 
+extern char** environ;  // NOLINT: the platform declares it nowhere
+
 namespace {
 
 constexpr int kStandardInput = 0;
@@ -27,22 +29,17 @@ public:
     }
 
     const posix_spawn_file_actions_t* get() const { return &actions_; }
+    int error() const { return error_; }  // of the first step that failed
 
-    // The outputs come first: the caller's descriptor may itself be our standard input.
-    int describe(int outputFd) {
-        if (error_ != 0) {
-            return error_;
+    void copy(int descriptor, int standard) {
+        if (error_ == 0) {
+            error_ = posix_spawn_file_actions_adddup2(&actions_, descriptor, standard);
         }
-        if (const int error =
-                posix_spawn_file_actions_adddup2(&actions_, outputFd, kStandardOutput)) {
-            return error;
+    }
+    void openNull(int standard, int flags) {
+        if (error_ == 0) {
+            error_ = posix_spawn_file_actions_addopen(&actions_, standard, "/dev/null", flags, 0);
         }
-        if (const int error =
-                posix_spawn_file_actions_adddup2(&actions_, outputFd, kStandardError)) {
-            return error;
-        }
-        return posix_spawn_file_actions_addopen(&actions_, kStandardInput, "/dev/null", O_RDONLY,
-                                                0);
     }
 
 private:
@@ -63,7 +60,8 @@ public:
 
     const posix_spawnattr_t* get() const { return &attributes_; }
 
-    int describe() {
+    // place: a process group or a session of its own.
+    int describe(int place) {
         if (error_ != 0) {
             return error_;
         }
@@ -71,8 +69,8 @@ public:
         sigset_t noSignal;
         sigfillset(&everySignal);
         sigemptyset(&noSignal);
-        const int flags = POSIX_SPAWN_CLOEXEC_DEFAULT | POSIX_SPAWN_SETPGROUP |
-                          POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK;
+        const int flags =
+            POSIX_SPAWN_CLOEXEC_DEFAULT | place | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK;
         if (const int error = posix_spawnattr_setsigdefault(&attributes_, &everySignal)) {
             return error;
         }
@@ -90,6 +88,25 @@ private:
     int error_;
 };
 
+int spawn(const char* path, const char* const argv[], const FileActions& actions, int place,
+          char* const environment[], int32_t* pid) {
+    Attributes attributes;
+    if (const int error = attributes.describe(place)) {
+        return error;
+    }
+    if (actions.error() != 0) {
+        return actions.error();
+    }
+    // posix_spawn takes its texts without const and changes none of them.
+    pid_t child = 0;
+    const int error = posix_spawn(&child, path, actions.get(), attributes.get(),
+                                  const_cast<char* const*>(argv), environment);
+    if (error == 0) {
+        *pid = child;
+    }
+    return error;
+}
+
 }  // namespace
 
 int fv_spawn_tool(const char* path, const char* const argv[], int output_fd, int32_t* pid) {
@@ -99,20 +116,24 @@ int fv_spawn_tool(const char* path, const char* const argv[], int output_fd, int
     }
     *pid = 0;
     FileActions actions;
-    Attributes attributes;
-    if (const int error = actions.describe(output_fd)) {
-        return error;
-    }
-    if (const int error = attributes.describe()) {
-        return error;
-    }
-    // posix_spawn takes its texts without const and changes none of them.
+    // The outputs come first: the caller's descriptor may itself be our standard input.
+    actions.copy(output_fd, kStandardOutput);
+    actions.copy(output_fd, kStandardError);
+    actions.openNull(kStandardInput, O_RDONLY);
     char* const environment[] = {const_cast<char*>(kPath), const_cast<char*>(kLanguage), nullptr};
-    pid_t child = 0;
-    const int error = posix_spawn(&child, path, actions.get(), attributes.get(),
-                                  const_cast<char* const*>(argv), environment);
-    if (error == 0) {
-        *pid = child;
+    return spawn(path, argv, actions, POSIX_SPAWN_SETPGROUP, environment, pid);
+}
+
+int fv_spawn_companion(const char* path, const char* name, int input_fd, int32_t* pid) {
+    if (path == nullptr || path[0] != '/' || name == nullptr || input_fd <= kStandardError ||
+        pid == nullptr) {
+        return EINVAL;
     }
-    return error;
+    *pid = 0;
+    FileActions actions;
+    actions.copy(input_fd, kStandardInput);
+    actions.openNull(kStandardOutput, O_WRONLY);
+    actions.openNull(kStandardError, O_WRONLY);
+    const char* const argv[] = {name, nullptr};
+    return spawn(path, argv, actions, POSIX_SPAWN_SETSID, environ, pid);
 }

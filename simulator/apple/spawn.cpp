@@ -1,11 +1,16 @@
 #define SIMULATOR_HOST_NAMES
 #include <fcntl.h>
+#include <libproc.h>
+#include <limits.h>
 #include <spawn.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <set>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "simulator/apple/machine_root.h"
@@ -120,7 +125,11 @@ int simulator_posix_spawn(pid_t* pid, const char* path,
     if (hostActions.error() != 0) {
         return hostActions.error();
     }
-    const std::string program = simulator::pathOnHost(path);
+    // What is simulated lives below the machine's root; the process itself is the host's.
+    std::array<char, PATH_MAX> own{};
+    const bool isOwn =
+        proc_pidpath(getpid(), own.data(), own.size()) > 0 && own.data() == std::string_view(path);
+    const std::string program = isOwn ? path : simulator::pathOnHost(path);
     return posix_spawn(pid, program.c_str(), hostActions.get(), &hostAttributes, argv, environment);
 }
 
