@@ -108,8 +108,8 @@ void followLease(Run& run, const FanCurve& curve) {
     while (!run.over()) {
         CurveLease::run(
             smc, curve, FanLimits::kLeaseSeconds, [&] { return sampler.sample(); },
-            [&] { return run.mac().now(); }, [&] { return run.over(); }, [&] { run.pass(); },
-            [](const FanControlProgress&) {}, [] {});
+            [&] { return run.mac().now(); }, [&] { return run.over(); },
+            [&](double) { run.pass(); }, [](const FanControlProgress&) {}, [] {});
     }
 }
 
@@ -167,7 +167,7 @@ double microsecondsPerRound(int rounds) {
     CurveLease::run(
         smc, FanCurve::balanced(), FanLimits::kLeaseSeconds, [&] { return sampler.sample(); },
         [&] { return clock; }, [&] { return rounds == 0; },
-        [&] {
+        [&](double) {
             --rounds;
             clock += 1e-3;
         },

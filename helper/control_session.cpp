@@ -8,7 +8,7 @@
 #include "core/control/control_channel.h"
 #include "core/control/control_reply.h"
 #include "core/control/control_request.h"
-#include "core/fan/restore_failure.h"
+#include "core/fan/hand_back.h"
 #include "core/model/json_codec.h"
 #include "core/model/scope_error.h"
 #include "helper/session_control.h"

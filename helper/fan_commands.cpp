@@ -1,5 +1,6 @@
 #include "helper/fan_commands.h"
 
+#include <algorithm>
 #include <memory>
 #include <optional>
 #include <string_view>
@@ -102,8 +103,9 @@ void coolFans(const std::vector<std::string>& args, double duration,
     const auto smc = environment.makeSMC();
     HeldFans fans(*smc, *guardian);
     runLease(fans, guardian, environment, [&] {
-        CoolingLease::run(fans, duration, environment.now, EarlyEnd(*caller, environment),
-                          [&] { environment.pause(kCoolingRoundSeconds); });
+        CoolingLease::run(
+            fans, duration, environment.now, EarlyEnd(*caller, environment),
+            [&](double left) { environment.pause(std::min(kCoolingRoundSeconds, left)); });
     });
     writeText(environment.outputDescriptor, "散热会话结束，已确认风扇恢复系统自动。\n");
 }
@@ -127,8 +129,8 @@ void runProfile(const std::vector<std::string>& args, const HelperEnvironment& e
             CurveLease::run(
                 fans, request.curve, FanLimits::kLeaseSeconds, [&] { return sampler->sample(); },
                 environment.now, EarlyEnd(request.caller, environment),
-                [&] { environment.pause(kProfileRoundSeconds); }, [](const FanControlProgress&) {},
-                [] {});
+                [&](double left) { environment.pause(std::min(kProfileRoundSeconds, left)); },
+                [](const FanControlProgress&) {}, [] {});
         });
     });
     writeText(environment.outputDescriptor, "模式会话结束，风扇已恢复系统自动；保留睿频选择。\n");

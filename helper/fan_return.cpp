@@ -1,6 +1,6 @@
 #include "helper/fan_return.h"
 
-#include "core/fan/cooling_lease.h"
+#include "core/fan/hand_back.h"
 #include "core/model/scope_error.h"
 
 namespace ferovane {

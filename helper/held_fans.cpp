@@ -5,10 +5,7 @@
 #include <new>
 #include <utility>
 
-#include "core/fan/cooling_lease.h"
-#include "core/fan/fan_checks.h"
-#include "core/fan/fan_refusal.h"
-#include "core/fan/restore_failure.h"
+#include "core/fan/hand_back.h"
 #include "core/model/scope_error.h"
 
 namespace ferovane {
@@ -49,7 +46,7 @@ void HeldFans::take(int fan) {
 
 void HeldFans::takeIfFree(int fan) {
     if (held_.count(fan) == 0 && isSomebodyElses(fan)) {
-        throw FanRefusal(FanChecks::kNotAutomatic);
+        throw FanRefusal(kFanNotAutomatic);
     }
     if (held_.empty()) {
         guardian_.fansHeld();

@@ -300,7 +300,7 @@ void SessionControl::keepReturning(const std::exception_ptr& failure) noexcept {
 void SessionControl::holdCurve(const FanCurve& curve, double duration) {
     CurveLease::run(
         fans_, curve, duration, [this] { return sampler_->sample(); }, environment_.now,
-        [this] { return mustStop(); }, [this] { waitForRound(); },
+        [this] { return mustStop(); }, [this](double left) { waitForRound(left); },
         [this](const FanControlProgress& progress) {
             const ConditionGuard guard(lock_);
             lease_->progress = progress;
@@ -321,10 +321,11 @@ bool SessionControl::mustStop() {
     return stopRequested_;
 }
 
-void SessionControl::waitForRound() {
+void SessionControl::waitForRound(double left) {
     const ConditionGuard guard(lock_);
-    lock_.waitLocked(environment_.timings.leaseRound, environment_.timings.leasePoll,
-                     environment_.uptime, [this]() FV_REQUIRES(lock_) { return stopRequested_; });
+    lock_.waitLocked(std::min(environment_.timings.leaseRound, left),
+                     environment_.timings.leasePoll, environment_.uptime,
+                     [this]() FV_REQUIRES(lock_) { return stopRequested_; });
 }
 
 }  // namespace ferovane

@@ -74,7 +74,7 @@ private:
     void holdCurve(const FanCurve& curve, double duration);
     void keepReturning(const std::exception_ptr& failure) noexcept FV_EXCLUDES(lock_);
     bool mustStop() FV_EXCLUDES(lock_);
-    void waitForRound() FV_EXCLUDES(lock_);
+    void waitForRound(double left) FV_EXCLUDES(lock_);
 
     const SessionOwner owner_;
     const HelperEnvironment& environment_;

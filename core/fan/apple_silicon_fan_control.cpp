@@ -4,10 +4,8 @@
 #include <exception>
 #include <utility>
 
-#include "core/fan/fan_checks.h"
 #include "core/fan/fan_keys.h"
-#include "core/fan/fan_refusal.h"
-#include "core/fan/restore_failure.h"
+#include "core/fan/hand_back.h"
 #include "core/model/scope_error.h"
 
 namespace ferovane {
@@ -66,21 +64,25 @@ void AppleSiliconFanControl::setManual(int fan, bool enabled) {
         restore(fan, std::string(held->second.key));  // a copy: the entry goes with its success
         return;
     }
-    const std::optional<std::string> key = modeKey(fan);
-    if (!key) {
-        throw FanRefusal("此风扇没有可识别的 Apple Silicon 模式接口");
-    }
     if (enabled) {
-        take(fan, *key);
+        take(fan);
     } else {
-        restore(fan, *key);
+        restore(fan, requireModeKey(fan));
     }
 }
 
-void AppleSiliconFanControl::take(int fan, const std::string& key) {
+std::string AppleSiliconFanControl::requireModeKey(int fan) {
+    if (std::optional<std::string> key = modeKey(fan)) {
+        return *std::move(key);
+    }
+    throw FanRefusal("此风扇没有可识别的 Apple Silicon 模式接口");
+}
+
+AppleSiliconFanControl::Original AppleSiliconFanControl::free(int fan) {
+    const std::string key = requireModeKey(fan);
     const std::optional<double> mode = tryRead(read_, key);
     if (!mode || !FanMode::isAutomatic(*mode)) {
-        throw FanRefusal(FanChecks::kNotAutomatic);
+        throw FanRefusal(kFanNotAutomatic);
     }
     if (originals_.empty()) {
         const std::optional<double> unlock = tryRead(read_, FanKeys::kUnlock);
@@ -88,12 +90,17 @@ void AppleSiliconFanControl::take(int fan, const std::string& key) {
             throw FanRefusal("风扇控制交接已被占用，请先恢复系统自动");
         }
     }
-    originals_.insert_or_assign(fan, Original{key, *mode});
+    return {key, *mode};
+}
+
+void AppleSiliconFanControl::take(int fan) {
+    const Original original = free(fan);
+    originals_.insert_or_assign(fan, original);
     try {
-        switchToManual(key);
+        switchToManual(original.key);
     } catch (const std::exception& cause) {
         try {
-            restore(fan, key);
+            restore(fan, original.key);
         } catch (const std::exception& failure) {
             throw ScopeError(joinFailures({describe(cause), restoreFailure({describe(failure)})}));
         }

@@ -25,6 +25,9 @@ public:
     // index outside 0 to 9 and when neither can be read.
     std::optional<std::string> modeKey(int fan);
 
+    // Throws the FanRefusal with which a take would begin and end. Reads only.
+    void requireFree(int fan) { free(fan); }
+
     // Takes a fan (true) or gives it back (false). A take throws FanRefusal when the fan is not
     // free, before anything is written; one that fails later has given the fan back, or says in its
     // message that it could not. A fan that could not be given back stays held, so that giving it
@@ -37,7 +40,9 @@ private:
         double mode;
     };
 
-    void take(int fan, const std::string& key);
+    std::string requireModeKey(int fan);
+    Original free(int fan);
+    void take(int fan);
     void switchToManual(const std::string& key);
     void restore(int fan, const std::string& key);
     bool confirmRestored(const std::string& key, bool last);

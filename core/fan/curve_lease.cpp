@@ -4,11 +4,10 @@
 #include <cmath>
 #include <optional>
 
-#include "core/fan/cooling_lease.h"
 #include "core/fan/curve_policy.h"
-#include "core/fan/fan_checks.h"
 #include "core/fan/fan_keys.h"
-#include "core/fan/lease_span.h"
+#include "core/fan/hand_back.h"
+#include "core/fan/lease_plan.h"
 #include "core/model/scope_error.h"
 
 namespace ferovane::CurveLease {
@@ -20,49 +19,6 @@ constexpr double kDeadBandRpm = 30.0;         // a smaller change is not worth a
 // A target reads back rounded to the controller's own steps, which are below this.
 constexpr double kTargetToleranceRpm = 3.0;
 
-struct PlannedFan {
-    int id;
-    double minimum, maximum;  // rpm
-};
-
-bool isRatedRangeCredible(const FanReading& fan) {
-    // 0 % is the rated minimum, so a minimum of 0 would let a curve stop the fan.
-    return std::isfinite(*fan.minimum) && std::isfinite(*fan.maximum) && *fan.minimum > 0 &&
-           *fan.maximum <= FanLimits::kRatedRpm && *fan.maximum >= *fan.minimum;
-}
-
-// Reads and refuses; writes nothing.
-std::vector<PlannedFan> planFans(CoolingHardware& hardware) {
-    const std::vector<FanReading> fans = hardware.fans();
-    const bool rated = std::all_of(fans.begin(), fans.end(), [](const FanReading& fan) {
-        return fan.minimum.has_value() && fan.maximum.has_value();
-    });
-    if (!rated || !FanChecks::allFree(fans)) {
-        throw ScopeError("请先恢复系统自动风扇并退出其他控制程序");
-    }
-    std::vector<PlannedFan> plan;
-    plan.reserve(fans.size());
-    for (const FanReading& fan : fans) {
-        if (!isRatedRangeCredible(fan)) {
-            throw ScopeError("无法验证风扇额定范围");
-        }
-        plan.push_back({fan.id, *fan.minimum, *fan.maximum});
-    }
-    for (const FanReading& fan : fans) {
-        CoolingLease::validateInheritedTarget(fan, hardware);
-    }
-    return plan;
-}
-
-double controlTemperature(const FanCurve& curve, const Snapshot& snapshot) {
-    const std::optional<double> cpu = snapshot.cpuTemperature();
-    const std::optional<double> followed = temperature(curve.sensor, snapshot);
-    if (!cpu || !std::isfinite(*cpu) || !followed || !std::isfinite(*followed)) {
-        throw ScopeError("控制温度传感器不可用，已停止曲线并恢复系统自动");
-    }
-    return *followed;
-}
-
 // What the fans were last told, from round to round.
 class Rounds {
 public:
@@ -73,8 +29,8 @@ public:
     bool drive(const Snapshot& snapshot) {
         const double celsius = controlTemperature(curve_, snapshot);
         const bool first = !percent_;
-        if (!first) {
-            checkOwnership();
+        if (!first && !areHeld(plan_, written_, kTargetToleranceRpm, hardware_)) {
+            throw ScopeError("风扇控制被改变或无法读取，已停止曲线");
         }
         const bool hot = CurvePolicy::requiresMaximum(snapshot);
         const double desired = hot ? kFullPercent : curve_.percent(celsius);
@@ -101,17 +57,6 @@ private:
         return std::abs(rpm - (last == written_.end() ? 0 : last->second)) >= kDeadBandRpm;
     }
 
-    void checkOwnership() {
-        const std::vector<FanReading> fans = hardware_.fans();
-        for (const PlannedFan& fan : plan_) {
-            const auto last = written_.find(fan.id);
-            if (last == written_.end() ||
-                !FanChecks::isHeldAt(fan.id, last->second, kTargetToleranceRpm, fans, hardware_)) {
-                throw ScopeError("风扇控制被改变或无法读取，已停止曲线");
-            }
-        }
-    }
-
     CoolingHardware& hardware_;
     const FanCurve& curve_;
     const std::vector<PlannedFan>& plan_;
@@ -120,6 +65,14 @@ private:
 };
 
 }  // namespace
+
+double controlTemperature(const FanCurve& curve, const Snapshot& snapshot) {
+    const std::optional<double> followed = temperature(curve.sensor, snapshot);
+    if (!snapshot.cpuTemperature() || !followed || !std::isfinite(*followed)) {
+        throw ScopeError("控制温度传感器不可用，已停止曲线并恢复系统自动");
+    }
+    return *followed;
+}
 
 void run(CoolingHardware& hardware, const FanCurve& curve, double duration, const Sample& sample,
          const LeaseClock& now, const LeaseCancelled& isCancelled, const LeasePause& wait,
@@ -131,19 +84,14 @@ void run(CoolingHardware& hardware, const FanCurve& curve, double duration, cons
     if (isCancelled()) {
         return;
     }
-    const std::vector<PlannedFan> plan = planFans(hardware);
-    std::vector<int> ids;
-    ids.reserve(plan.size());
-    for (const PlannedFan& fan : plan) {
-        ids.push_back(fan.id);
-    }
+    const std::vector<PlannedFan> plan = planFans(LeaseKind::curve, hardware);
     const double start = now();
     const LeaseSpan span{start, start + duration};
     if (!span.contains(now()) || isCancelled()) {
         return;  // nothing has been touched, so there is nothing to hand back
     }
 
-    CoolingLease::handBackAfter(ids, hardware, [&] {
+    CoolingLease::handBackAfter(idsOf(plan), hardware, [&] {
         Rounds rounds(hardware, curve, plan);
         bool applied = false;
         do {
@@ -153,7 +101,7 @@ void run(CoolingHardware& hardware, const FanCurve& curve, double duration, cons
                 applied = true;
                 onApplied();
             }
-            wait();
+            wait(span.left(now()));
         } while (span.contains(now()) && !isCancelled());
     });
 }

@@ -29,10 +29,10 @@ using Sample = std::function<Snapshot()>;  // a fresh sample of the machine
 using OnUpdate = std::function<void(const FanControlProgress&)>;
 using OnApplied = std::function<void()>;
 
-// Drives every fan until `duration` seconds have passed or `isCancelled`, polled before each round.
-// Each round samples, checks that the fans are still as it left them, writes what has changed
-// enough, and calls `onUpdate`; after the first round's confirmed writes it calls `onApplied`,
-// once. All of them run on the calling thread.
+// Drives every fan until `duration` seconds have passed (FanLimits::kLeaseSeconds at most) or
+// `isCancelled`, polled before each round. Each round samples, checks that the fans are still as it
+// left them, writes what has changed enough, and calls `onUpdate`; after the first round's
+// confirmed writes it calls `onApplied`, once. All of them run on the calling thread.
 //
 // Throws a ScopeError before anything is written when the curve, the duration, a fan or its ratings
 // are not fit for it, and afterwards when a temperature is missing, a write fails, or somebody else
@@ -41,6 +41,11 @@ using OnApplied = std::function<void()>;
 void run(CoolingHardware& hardware, const FanCurve& curve, double duration, const Sample& sample,
          const LeaseClock& now, const LeaseCancelled& isCancelled, const LeasePause& wait,
          const OnUpdate& onUpdate, const OnApplied& onApplied);
+
+// What the curve follows in this sample, in degrees Celsius, always finite. Throws the lease's
+// ScopeError when that is missing, or when the CPU's temperature is: without it nothing would see
+// the machine grow hot.
+double controlTemperature(const FanCurve& curve, const Snapshot& snapshot);
 
 // Targets in rpm by fan index, in the form in which they are reported.
 std::vector<FanTarget> fanTargets(const std::map<int, double>& targets);

@@ -107,8 +107,9 @@ double FanCurve::percent(double celsius) const {
     const double between = below.percent + (above->percent - below.percent) *
                                                (celsius - below.temperature) /
                                                (above->temperature - below.temperature);
-    // Rounding may take the end of a segment above where the next one begins: a curve that falls.
-    return std::min(between, above->percent);
+    // Rounding may take it past the end of the segment.
+    const auto [low, high] = std::minmax(below.percent, above->percent);
+    return std::clamp(between, low, high);
 }
 
 }  // namespace ferovane

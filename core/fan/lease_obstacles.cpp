@@ -1,13 +1,12 @@
 #include "core/fan/lease_obstacles.h"
 
+#include <algorithm>
 #include <exception>
 #include <utility>
 
-#include "core/fan/cooling_lease.h"
+#include "core/fan/apple_silicon_fan_control.h"
 #include "core/fan/curve_lease.h"
 #include "core/fan/fan_keys.h"
-#include "core/fan/fan_rehearsal.h"
-#include "core/fan/lease_obstacle.h"
 #include "core/model/scope_error.h"
 
 namespace ferovane {
@@ -15,157 +14,197 @@ namespace {
 
 using Kind = LeaseObstacleKind;
 
-constexpr double kRehearsedSeconds = 1;  // both leases accept it
-
-// What the lease says on these fans; absent when it does not refuse.
-std::optional<std::string> rehearse(LeaseKind lease, FanRehearsal& fans, const FanCurve& curve,
-                                    const Snapshot& sample) {
-    const auto now = [] { return 0.0; };
-    const auto wait = [] {};
-    const auto isCancelled = [&] { return fans.allDriven(); };
-    try {
-        if (lease == LeaseKind::cooling) {
-            CoolingLease::run(fans, kRehearsedSeconds, now, isCancelled, wait);
-        } else {
-            CurveLease::run(
-                fans, curve, kRehearsedSeconds, [&] { return sample; }, now, isCancelled, wait,
-                [](const FanControlProgress&) {}, [] {});
-        }
-        return std::nullopt;
-    } catch (const std::exception& error) {
-        return describe(error);
-    }
-}
-
-// A sample that no lease finds fault with, for asking about a fan alone.
-Snapshot mildSample() {
-    Snapshot sample;
-    sample.sensors = {{"TC0P", {}, 50}, {"TG0P", {}, 50}};
-    return sample;
-}
-
-// A fan that no lease finds fault with, for asking about a sample alone.
-class FlawlessFan : public CoolingHardware {
-public:
-    std::vector<FanReading> fans() override {
-        return {{0, kMinimum, kMinimum, kMaximum, false, true}};
-    }
-    std::optional<double> target(int) override { return kMinimum; }
-    void setTarget(int, double) override {}
-    void setManual(int, bool) override {}
-
-private:
-    static constexpr double kMinimum = 1000;  // rpm
-    static constexpr double kMaximum = 2000;
-};
+// The order in which a lease comes to what it may refuse; the three checks of fans lie between.
+constexpr int kAtCurve = -1;
+constexpr int kAtTemperature = 10;
+constexpr int kAtHandOver = 11;
 
 class Forecaster {
 public:
-    Forecaster(const ReadableFans& machine, const FanCurve& curve, const Snapshot& sample)
+    Forecaster(LeaseKind lease, const ReadableFans& machine)
         : machine_(machine),
-          curve_(curve),
-          sample_(sample),
-          readings_(machine.hardware, machine.number) {}
+          handOver_([this](const std::string& key) { return read(key); },
+                    [](const std::string&, double) {}, [] {}, [] { return 0.0; }) {
+        forecast_.lease = lease;
+    }
 
-    LeaseForecast forecast(LeaseKind lease) {
-        LeaseForecast forecast;
-        forecast.lease = lease;
-        forecast.message = rehearseAll(lease, std::nullopt);
-        if (lease == LeaseKind::curve) {
-            addCurve(forecast);
+    LeaseForecast on(const FanCurve& curve, const Snapshot& sample) {
+        const bool follows = forecast_.lease == LeaseKind::curve;
+        if (follows) {
+            attempt(kAtCurve, {Kind::invalidCurve}, [&] { curve.validate(); });
         }
-        addFans(forecast);
-        if (lease == LeaseKind::curve) {
-            addTemperature(forecast);
+        lookAtFans();
+        if (follows) {
+            attempt(kAtTemperature, {Kind::noControlTemperature},
+                    [&] { CurveLease::controlTemperature(curve, sample); });
         }
-        if (!forecast.message && machine_.appleSilicon && readings_.number(FanKeys::kUnlock)) {
-            addLock(forecast);
+        if (!forecast_.message && machine_.appleSilicon && machine_.number(FanKeys::kUnlock)) {
+            meetLock();
         }
-        return forecast;
+        return std::move(forecast_);
     }
 
 private:
-    std::optional<std::string> rehearseAll(LeaseKind lease,
-                                           std::optional<std::string> lockRefusal) {
-        FanRehearsal fans(readings_, {machine_.appleSilicon, std::move(lockRefusal), {}});
-        return rehearse(lease, fans, curve_, sample_);
+    void add(int stage, LeaseObstacle obstacle, std::string message) {
+        if (stage < stage_) {
+            stage_ = stage;
+            forecast_.message = message;
+        }
+        obstacle.message = std::move(message);
+        forecast_.obstacles.push_back(std::move(obstacle));
     }
 
-    static void add(LeaseForecast& forecast, Kind kind, const std::string& message) {
-        forecast.obstacles.push_back({kind, {}, {}, {}, {}, message});
-    }
-
-    void addCurve(LeaseForecast& forecast) const {
+    template <class Act>
+    void attempt(int stage, const LeaseObstacle& obstacle, Act act) {
         try {
-            curve_.validate();
-        } catch (const ScopeError& error) {
-            add(forecast, Kind::invalidCurve, error.message());
+            act();
+        } catch (const std::exception& error) {
+            add(stage, obstacle, describe(error));
         }
     }
 
-    // Asks about every fan alone.
-    void addFans(LeaseForecast& forecast) {
-        const std::vector<FanReading> fans = listedFans();
-        for (const FanReading& fan : fans) {
-            FanRehearsal alone(readings_, {machine_.appleSilicon, {}, fan.id});
-            const auto refusal =
-                rehearse(forecast.lease, alone, FanCurve::balanced(), mildSample());
-            if (refusal) {
-                forecast.obstacles.push_back(explainRefusal(forecast.lease, fan, readings_));
-                forecast.obstacles.back().message = *refusal;
+    void lookAtFans() {
+        attempt(static_cast<int>(FanCheck::free), {Kind::noFans}, [&] {
+            fans_ = machine_.hardware.fans();
+            if (fans_.empty()) {
+                throw ScopeError(refusal(forecast_.lease, FanCheck::free));
+            }
+        });
+        for (const FanReading& fan : fans_) {
+            if (!refuses(fan) && machine_.appleSilicon) {
+                attempt(kAtHandOver, notHandedOver(fan), [&] { handOver_.requireFree(fan.id); });
             }
         }
-        if (fans.empty()) {
-            FanRehearsal none(readings_, {machine_.appleSilicon, {}, {}});
-            const auto refusal = rehearse(forecast.lease, none, FanCurve::balanced(), mildSample());
-            add(forecast, Kind::noFans, refusal.value_or(std::string()));
+    }
+
+    bool refuses(const FanReading& fan) {
+        for (const FanCheck check : kFanChecks) {
+            if (auto found = findObstacle(forecast_.lease, check, fan, machine_.hardware)) {
+                add(static_cast<int>(check), explained(*found, fan),
+                    refusal(forecast_.lease, check));
+                return true;
+            }
+        }
+        return false;
+    }
+
+    // With what the fan's keys tell beyond its reading.
+    LeaseObstacle explained(const LeaseObstacle& found, const FanReading& fan) {
+        if (found.kind == Kind::heldByAnother || found.kind == Kind::modeUncertain) {
+            return notAutomatic(fan);
+        }
+        if (found.kind == Kind::notControllable) {
+            for (const FanCheck check : {FanCheck::target, FanCheck::rated}) {
+                const auto cause = findObstacle(LeaseKind::cooling, check, fan, machine_.hardware);
+                if (cause && (cause->kind == Kind::targetUnreadable ||
+                              cause->key == FanKeys::of(fan.id, FanKeys::kMaximum))) {
+                    return *cause;
+                }
+            }
+        }
+        return found;
+    }
+
+    LeaseObstacle notAutomatic(const FanReading& fan) {
+        const auto mask = machine_.number(FanKeys::kForcedMask);
+        for (const char* name : FanKeys::kModes) {
+            const std::string key = FanKeys::of(fan.id, name);
+            const auto mode = machine_.number(key);
+            if (mode && !FanMode::isAutomatic(*mode)) {
+                return {Kind::heldByAnother, fan.id, key, mode};
+            }
+            if (mode && mask.value_or(0) == 0) {
+                return {Kind::modeUncertain, fan.id, key, mode};
+            }
+            if (mode) {
+                return forced(fan, mask);
+            }
+        }
+        // Where a fan is handed over, a mask that calls it automatic is of no use.
+        return !mask || !fan.manual.value_or(true)
+                   ? LeaseObstacle{Kind::noModeKey, fan.id, FanKeys::of(fan.id, FanKeys::kMode)}
+                   : forced(fan, mask);
+    }
+
+    // By the mask: this fan, or some other.
+    static LeaseObstacle forced(const FanReading& fan, std::optional<double> mask) {
+        const bool itself = fan.manual.value_or(false);
+        return {itself ? Kind::heldByAnother : Kind::modeUncertain, fan.id, FanKeys::kForcedMask,
+                mask};
+    }
+
+    LeaseObstacle notHandedOver(const FanReading& fan) {
+        const auto unlock = machine_.number(FanKeys::kUnlock);
+        return unlock.value_or(0) != 0
+                   ? LeaseObstacle{Kind::handOverOccupied, fan.id, FanKeys::kUnlock, unlock}
+                   : notAutomatic(fan);
+    }
+
+    void meetLock() {
+        forecast_.certain = false;
+        const auto unlock = machine_.number(FanKeys::kUnlock);
+        for (const FanReading& fan : fans_) {
+            add(kAtHandOver, {Kind::handOverLocked, fan.id, FanKeys::kUnlock, unlock},
+                machine_.unlockRefusal);
         }
     }
 
-    void addTemperature(LeaseForecast& forecast) const {
-        FanCurve curve = FanCurve::balanced();
-        curve.sensor = curve_.sensor;
-        FlawlessFan fan;
-        FanReadings readings(fan, [](const std::string&) { return std::nullopt; });
-        FanRehearsal fans(readings, {});
-        if (const auto refusal = rehearse(LeaseKind::curve, fans, curve, sample_)) {
-            add(forecast, Kind::noControlTemperature, *refusal);
+    double read(const std::string& key) const {
+        if (const auto number = machine_.number(key)) {
+            return *number;
         }
-    }
-
-    std::vector<FanReading> listedFans() {
-        try {
-            return readings_.fans();
-        } catch (const ScopeError&) {
-            return {};  // the lease's own message, which is in the forecast, says so
-        }
-    }
-
-    void addLock(LeaseForecast& forecast) {
-        forecast.message = rehearseAll(forecast.lease, machine_.unlockRefusal);
-        forecast.certain = false;
-        for (const FanReading& fan : listedFans()) {
-            forecast.obstacles.push_back({Kind::handOverLocked, fan.id, FanKeys::kUnlock,
-                                          readings_.number(FanKeys::kUnlock), std::nullopt,
-                                          forecast.message.value_or(std::string())});
-        }
+        throw ScopeError(key);  // never told: the hand-over has its own words for it
     }
 
     const ReadableFans& machine_;
-    const FanCurve& curve_;
-    const Snapshot& sample_;
-    FanReadings readings_;
+    AppleSiliconFanControl handOver_;
+    LeaseForecast forecast_;
+    int stage_ = kAtHandOver + 1;  // at which the lease would end
+    std::vector<FanReading> fans_;
 };
 
 }  // namespace
+
+std::string_view title(LeaseObstacleKind kind) {
+    switch (kind) {
+        case Kind::invalidCurve:
+            return "曲线无效";
+        case Kind::noFans:
+            return "没有可用的风扇";
+        case Kind::targetUnreadable:
+            return "目标转速无法读取";
+        case Kind::ratingUnreadable:
+            return "额定转速无法读取";
+        case Kind::ratingOutOfRange:
+            return "额定转速超出可信范围";
+        case Kind::notControllable:
+            return "风扇不接受控制";
+        case Kind::heldByAnother:
+            return "由其他程序控制";
+        case Kind::modeUncertain:
+            return "无法确认系统自动";
+        case Kind::noModeKey:
+            return "没有可识别的模式接口";
+        case Kind::parkedBelowMinimum:
+            return "目标转速低于额定最低转速";
+        case Kind::targetAboveMaximum:
+            return "目标转速高于额定最高转速";
+        case Kind::noControlTemperature:
+            return "控制温度不可用";
+        case Kind::handOverOccupied:
+            return "控制交接已被占用";
+        case Kind::handOverLocked:
+            return "控制交接可能被锁定";
+    }
+    return {};
+}
 
 namespace LeaseObstacles {
 
 std::array<LeaseForecast, 2> forecast(const ReadableFans& machine, const FanCurve& curve,
                                       const Snapshot& sample) {
-    Forecaster forecaster(machine, curve, sample);
-    LeaseForecast cooling = forecaster.forecast(LeaseKind::cooling);
-    return {std::move(cooling), forecaster.forecast(LeaseKind::curve)};
+    return {Forecaster(LeaseKind::cooling, machine).on(curve, sample),
+            Forecaster(LeaseKind::curve, machine).on(curve, sample)};
 }
 
 }  // namespace LeaseObstacles

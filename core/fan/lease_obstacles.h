@@ -1,21 +1,23 @@
 // Why a lease would not take the fans: found out by reading alone, without privileges.
 //
-// Each lease is rehearsed: it runs as it is, on fans that answer as the machine does and whose
-// writes go nowhere. So its checks, their order and their messages are the lease's own.
+// Every check and every message is the lease's own.
 #pragma once
 
 #include <array>
 #include <functional>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "core/fan/cooling_hardware.h"
 #include "core/fan/fan_curve.h"
-#include "core/fan/lease_obstacle.h"
+#include "core/fan/lease_plan.h"
 #include "core/model/snapshot.h"
 
 namespace ferovane {
+
+std::string_view title(LeaseObstacleKind kind);
 
 struct LeaseForecast {
     LeaseKind lease = LeaseKind::cooling;
@@ -47,7 +49,7 @@ struct ReadableFans {
 namespace LeaseObstacles {
 
 // Of the cooling lease and of the curve lease, in this order, were they started now; the curve
-// lease on `curve` and, in its first round, on `sample`. Nothing is asked of the machine twice.
+// lease on `curve` and, in its first round, on `sample`. Reads only.
 std::array<LeaseForecast, 2> forecast(const ReadableFans& machine, const FanCurve& curve,
                                       const Snapshot& sample);
 

@@ -279,7 +279,7 @@ Outcome check(SimulatedMac& mac, LeaseKind lease, bool breaksWriting) {
         int rounds = 0;
         const auto now = [] { return 0.0; };
         const auto isCancelled = [&] { return rounds > 0; };
-        const auto wait = [&] { ++rounds; };
+        const auto wait = [&](double) { ++rounds; };
         if (lease == LeaseKind::cooling) {
             CoolingLease::run(smc, 1, now, isCancelled, wait);
         } else {

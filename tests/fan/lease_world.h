@@ -51,13 +51,13 @@ struct LeaseWorld {
     void cool(double duration) {
         CoolingLease::run(
             fans, duration, [this] { return now(); }, [this] { return isCancelled(); },
-            [this] { wait(); });
+            [this](double) { wait(); });
     }
 
     void follow(const FanCurve& curve, double duration) {
         CurveLease::run(
             fans, curve, duration, [this] { return sample(); }, [this] { return now(); },
-            [this] { return isCancelled(); }, [this] { wait(); },
+            [this] { return isCancelled(); }, [this](double) { wait(); },
             [this](const FanControlProgress& progress) { update(progress); },
             [this] { tell("applied"); });
     }
