@@ -69,17 +69,22 @@ ProfileRequest readProfileRequest(const std::vector<std::string>& args,
 // Runs a lease. A fan that it could not hand back is told beside the error that ended it, and left
 // to the guardian at once: putting turbo back may take minutes.
 template <class Lease>
-void runLease(HeldFans& fans, std::unique_ptr<FanGuardian>& guardian,
-              const HelperEnvironment& environment, Lease&& lease) {
+void runLease(HeldFans& fans, FanGuardian& guardian, const HelperEnvironment& environment,
+              Lease&& lease) {
     try {
         lease();
     } catch (...) {
         if (const std::exception_ptr unreturned = fans.returnHeld()) {
-            guardian.reset();  // nobody takes a fan any more
+            guardian.takeOver();
             reportFailure(environment.errorDescriptor, unreturned);
         }
         throw;
     }
+}
+
+void awaitRound(HeldFans& fans, double seconds, const HelperEnvironment& environment) {
+    environment.pause(seconds);
+    fans.stayGuarded();
 }
 
 void requireTemperatures(const Snapshot& snapshot, const FanCurve& fanCurve) {
@@ -102,10 +107,11 @@ void coolFans(const std::vector<std::string>& args, double duration,
     auto guardian = environment.makeGuardian();
     const auto smc = environment.makeSMC();
     HeldFans fans(*smc, *guardian);
-    runLease(fans, guardian, environment, [&] {
-        CoolingLease::run(
-            fans, duration, environment.now, EarlyEnd(*caller, environment),
-            [&](double left) { environment.pause(std::min(kCoolingRoundSeconds, left)); });
+    runLease(fans, *guardian, environment, [&] {
+        CoolingLease::run(fans, duration, environment.now, EarlyEnd(*caller, environment),
+                          [&](double left) {
+                              awaitRound(fans, std::min(kCoolingRoundSeconds, left), environment);
+                          });
     });
     writeText(environment.outputDescriptor, "散热会话结束，已确认风扇恢复系统自动。\n");
 }
@@ -125,11 +131,13 @@ void runProfile(const std::vector<std::string>& args, const HelperEnvironment& e
         turbo.apply(disablesTurbo(request.profile));
     }
     turbo.rollBackOnFailure([&] {
-        runLease(fans, guardian, environment, [&] {
+        runLease(fans, *guardian, environment, [&] {
             CurveLease::run(
                 fans, request.curve, FanLimits::kLeaseSeconds, [&] { return sampler->sample(); },
                 environment.now, EarlyEnd(request.caller, environment),
-                [&](double left) { environment.pause(std::min(kProfileRoundSeconds, left)); },
+                [&](double left) {
+                    awaitRound(fans, std::min(kProfileRoundSeconds, left), environment);
+                },
                 [](const FanControlProgress&) {}, [] {});
         });
     });

@@ -9,4 +9,22 @@ namespace ferovane {
 // naming each fan that could not be given back.
 void returnEveryFan(CoolingHardware& hardware);
 
+// One transient controller error needs one more attempt, at once; a controller that is busy needs
+// time. The pauses double, to some 25 seconds together.
+inline constexpr int kReturnAttempts = 8;
+inline constexpr double kFirstReturnPauseSeconds = 0.2;
+
+// Repeats a hand-back until it has succeeded, and returns whether it has. attempt() tells whether
+// every fan is back; pause(seconds) returns true when nobody is to go on.
+template <class Attempt, class Pause>
+bool returnPatiently(double firstPause, Attempt&& attempt, Pause&& pause) {
+    double seconds = firstPause;
+    for (int left = kReturnAttempts; !attempt(); seconds *= 2) {
+        if (--left == 0 || pause(seconds)) {
+            return false;
+        }
+    }
+    return true;
+}
+
 }  // namespace ferovane

@@ -1,115 +1,89 @@
 #include "helper/guardian_watch.h"
 
-#include <sys/wait.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
-#include <ctime>
+#include <exception>
 
-extern char** environ;  // NOLINT: the platform declares it nowhere
+#include "helper/fan_return.h"
+#include "shim/fv.h"
 
 namespace ferovane {
 namespace {
 
-// One transient controller error needs one more attempt, at once; a controller that is busy needs
-// time. The pauses double, to some 25 seconds together; after that, only the log is left.
-constexpr int kAttempts = 8;
-constexpr long kFirstPauseMilliseconds = 200;
+constexpr const char* kLogTag = "FerovaneHelper";
+constexpr const char* kLogText =
+    "辅助进程意外结束，恢复自动风扇失败；请重新启动电脑以恢复系统自动。";
 
-// All that would end or stop a process and tell of no fault in it.
+// All that would end or stop a process and tell of no fault in it: a signal meant for the helper
+// must not take its guardian along.
 constexpr int kIgnoredSignals[] = {SIGTERM, SIGINT,  SIGHUP,    SIGQUIT, SIGPIPE, SIGTSTP,
                                    SIGTTIN, SIGTTOU, SIGUSR1,   SIGUSR2, SIGALRM, SIGIO,
                                    SIGPROF, SIGXCPU, SIGVTALRM, SIGXFSZ};
 
-void setSignals(void (*disposition)(int)) {
+void standApart() {
+    fv_name_thread(kGuardianName);
     for (const int signal : kIgnoredSignals) {
-        ::signal(signal, disposition);
+        ::signal(signal, SIG_IGN);
     }
+    // Whoever authorised the helper is its real user, and may therefore kill it; this process has
+    // to be out of his reach. Fails where the helper is not root's, and is not needed there.
+    static_cast<void>(::setuid(0) == 0);
+    static_cast<void>(::chdir("/") == 0);  // no volume is kept in use
 }
 
-// Whether fans were held when the helper's end of the pipe was closed.
-bool heldAtTheEnd(int pipe) {
-    bool held = false;
+// The last whole charge, once the helper's end is closed.
+GuardianCharge chargeAtTheEnd(int helper) {
+    GuardianCharge charge;
+    GuardianCharge arriving;
+    std::size_t arrived = 0;
     for (;;) {
-        char words[64];
-        const ssize_t count = ::read(pipe, words, sizeof words);
+        const ssize_t count =
+            ::read(helper, reinterpret_cast<char*>(&arriving) + arrived, sizeof arriving - arrived);
         if (count > 0) {
-            held = words[count - 1] == kGuardianHeld;
+            arrived += static_cast<std::size_t>(count);
+            if (arrived == sizeof arriving) {
+                charge = arriving;
+                arrived = 0;
+            }
         } else if (count == 0 || errno != EINTR) {
-            return held;
+            return charge;
         }
     }
 }
 
-void sleepFor(long milliseconds) {
-    timespec left{milliseconds / 1000, milliseconds % 1000 * 1'000'000};
-    while (::nanosleep(&left, &left) != 0 && errno == EINTR) {
+// What "auto" does, on a connection of its own each time.
+bool handBack(const HelperEnvironment& environment) noexcept {
+    try {
+        returnEveryFan(*environment.makeSMC());
+        return true;
+    } catch (const std::exception&) {
+        return false;
     }
-}
-
-[[noreturn]] void becomeAuto(const char* helperPath) {
-    setSignals(SIG_DFL);
-    char word[] = "auto";
-    char* const arguments[] = {const_cast<char*>(helperPath), word, nullptr};
-    ::execve(helperPath, arguments, environ);
-    ::_exit(127);
-}
-
-bool runAuto(const char* helperPath) {
-    const pid_t child = ::fork();
-    // Where there may be no process more, this one has to do: nobody tries again then, or tells the
-    // log, but the fans come first.
-    if (child <= 0) {
-        becomeAuto(helperPath);
-    }
-    int status = 0;
-    while (::waitpid(child, &status, 0) < 0) {
-        if (errno != EINTR) {
-            return false;
-        }
-    }
-    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
-}
-
-[[noreturn]] void tellLog() {
-    char program[] = "/usr/bin/logger";
-    char tagOption[] = "-t";
-    char tag[] = "FerovaneHelper";
-    char levelOption[] = "-p";
-    char level[] = "daemon.err";
-    char text[] = "辅助进程意外结束，恢复自动风扇失败；请重新启动电脑以恢复系统自动。";
-    char* const arguments[] = {program, tagOption, tag, levelOption, level, text, nullptr};
-    char path[] = "PATH=/usr/bin:/bin:/usr/sbin:/sbin";
-    char* const environment[] = {path, nullptr};  // no tool gets to see the caller's
-    ::execve(program, arguments, environment);
-    ::_exit(1);
 }
 
 }  // namespace
 
-void watchOverFans(const GuardianPlan& plan) {
-    ::setsid();
-    // Whoever authorised the helper is its real user, and may therefore kill it; this process has
-    // to be out of his reach. Fails where the helper is not root's, and is not needed there.
-    static_cast<void>(::setuid(0) == 0);
-    // A signal meant for the helper must not take its guardian along.
-    setSignals(SIG_IGN);
-    for (const int descriptor : plan.descriptors) {
-        ::close(descriptor);
+int keepGuard(int helper, HelperEnvironment (*makeEnvironment)()) {
+    standApart();
+    static_cast<void>(::write(helper, &kGuardianStands, 1) == 1);
+    const GuardianCharge charge = chargeAtTheEnd(helper);
+    if (charge.toolGroup > 1) {
+        ::kill(-charge.toolGroup, SIGKILL);
     }
-    if (!heldAtTheEnd(plan.pipe)) {
-        ::_exit(0);
+    if (charge.fansHeld == 0) {
+        return 0;
     }
-    for (int attempt = 0; attempt < kAttempts; ++attempt) {
-        if (attempt > 0) {
-            sleepFor(kFirstPauseMilliseconds << (attempt - 1));
-        }
-        if (runAuto(plan.helperPath)) {
-            ::_exit(0);
-        }
+    const HelperEnvironment environment = makeEnvironment();
+    if (returnPatiently(
+            kFirstReturnPauseSeconds, [&] { return handBack(environment); }, environment.pause)) {
+        return 0;
     }
-    tellLog();
+    ::openlog(kLogTag, LOG_PID, LOG_DAEMON);
+    ::syslog(LOG_ERR, "%s", kLogText);
+    return 1;
 }
 
 }  // namespace ferovane

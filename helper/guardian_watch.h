@@ -1,23 +1,31 @@
-// What the guardian process does from its fork to its end.
+// What the guardian process does from its start to its end.
 #pragma once
 
-#include <vector>
+#include <cstdint>
+
+#include "helper/helper_environment.h"
 
 namespace ferovane {
 
-// Words that the helper sends down the pipe, one byte each.
-inline constexpr char kGuardianHeld = 'H';
-inline constexpr char kGuardianReturned = 'R';
+// Argument 0 of a guardian, and its name where the system names processes by themselves. No
+// argument that a user gives stands there.
+inline constexpr const char* kGuardianName = "fan-guardian";
 
-// Everything the guardian needs, made before the fork: from there on it may only make calls that
-// are safe in a signal handler.
-struct GuardianPlan {
-    int pipe = -1;                 // reading end
-    std::vector<int> descriptors;  // to close; the pipe is not among them
-    const char* helperPath = nullptr;
+// What the helper tells its guardian: everything, each time.
+struct GuardianCharge {
+    std::int32_t fansHeld = 0;   // 1 while any is
+    std::int32_t toolGroup = 0;  // process group of the running tool; 0 when there is none
+
+    bool operator==(const GuardianCharge&) const = default;
 };
 
-// Runs in the forked child and ends it.
-[[noreturn]] void watchOverFans(const GuardianPlan& plan);
+// What the guardian tells its helper, once: it is out of every user's reach and listens.
+inline constexpr char kGuardianStands = 'S';
+
+// Runs the guardian and returns its exit status. helper: a stream socket whose other end only the
+// helper has. Sleeps until that is closed; then ends the helper's tool and, when fans were held,
+// hands back every fan, again and again for some 25 seconds until it has read back that all are
+// automatic; tells the system log when they never were. makeEnvironment is called at that time.
+int keepGuard(int helper, HelperEnvironment (*makeEnvironment)());
 
 }  // namespace ferovane

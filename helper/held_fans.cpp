@@ -14,6 +14,11 @@ namespace {
 // Bytes: that ten fans could not be returned, which, and that there was no memory to.
 constexpr std::size_t kRoomForLastWords = 160;
 
+// Out of range for what is no fan's index, which the sets refuse.
+std::size_t bit(int fan) {
+    return static_cast<std::size_t>(fan);
+}
+
 }  // namespace
 
 HeldFans::HeldFans(CoolingHardware& hardware, FanGuardian& guardian)
@@ -24,7 +29,7 @@ HeldFans::HeldFans(CoolingHardware& hardware, FanGuardian& guardian)
 void HeldFans::setManual(int fan, bool enabled) {
     if (enabled) {
         take(fan);
-    } else if (refused_.count(fan) == 0) {
+    } else if (!refused_.test(bit(fan))) {
         hardware_.setManual(fan, false);
         letGo(fan);
     }
@@ -32,12 +37,12 @@ void HeldFans::setManual(int fan, bool enabled) {
 
 void HeldFans::take(int fan) {
     lastWords_.reserve(kRoomForLastWords);
-    const bool heldBefore = held_.count(fan) > 0;
+    const bool heldBefore = held_.test(bit(fan));
     try {
         takeIfFree(fan);
     } catch (const FanRefusal&) {
         if (!heldBefore) {
-            refused_.insert(fan);
+            refused_.set(bit(fan));
             letGo(fan);
         }
         throw;
@@ -45,19 +50,25 @@ void HeldFans::take(int fan) {
 }
 
 void HeldFans::takeIfFree(int fan) {
-    if (held_.count(fan) == 0 && isSomebodyElses(fan)) {
+    if (!held_.test(bit(fan)) && isSomebodyElses(fan)) {
         throw FanRefusal(kFanNotAutomatic);
     }
-    if (held_.empty()) {
-        guardian_.fansHeld();
-    }
-    held_.insert(fan);
+    guardian_.fansHeld();
+    held_.set(bit(fan));
     hardware_.setManual(fan, true);
 }
 
 void HeldFans::letGo(int fan) {
-    if (held_.erase(fan) > 0 && held_.empty()) {
+    const bool wasHeld = held_.test(bit(fan));
+    held_.reset(bit(fan));
+    if (wasHeld && held_.none()) {
         guardian_.fansReturned();
+    }
+}
+
+void HeldFans::stayGuarded() {
+    if (held_.any()) {
+        guardian_.fansHeld();
     }
 }
 
@@ -71,12 +82,17 @@ bool HeldFans::isSomebodyElses(int fan) {
 }
 
 std::exception_ptr HeldFans::returnHeld() noexcept {
-    refused_.clear();
-    if (held_.empty()) {
+    refused_.reset();
+    if (held_.none()) {
         return nullptr;
     }
+    returning_.clear();
+    for (int fan = 0; fan < SMCVerification::kFanIndexLimit; ++fan) {
+        if (held_.test(bit(fan))) {
+            returning_.push_back(fan);  // there is room for all of them
+        }
+    }
     try {
-        returning_ = held_.ascending();  // a copy: each that is returned is held no longer
         CoolingLease::restoreAuto(returning_, *this);
         return nullptr;
     } catch (const std::exception& failure) {
@@ -103,9 +119,11 @@ std::string HeldFans::namingHeld(const std::exception& failure) {
         text = kRestoreFailed;
     }
     const char* separator = "（风扇 ";
-    for (const int fan : held_.ascending()) {
-        text.append(separator).append(std::to_string(fan + 1));  // users count from 1
-        separator = "、";
+    for (const int fan : returning_) {
+        if (held_.test(bit(fan))) {
+            text.append(separator).append(std::to_string(fan + 1));  // users count from 1
+            separator = "、";
+        }
     }
     text.append("）");
     return text;

@@ -1,13 +1,14 @@
 // Which fans are out of system control, remembered whatever becomes of the lease that took them.
 #pragma once
 
+#include <bitset>
 #include <exception>
 #include <string>
 #include <vector>
 
 #include "core/fan/cooling_hardware.h"
+#include "core/hardware/smc_verification.h"
 #include "helper/fan_guardian.h"
-#include "helper/fan_set.h"
 
 namespace ferovane {
 
@@ -28,6 +29,10 @@ public:
     void setTarget(int fan, double rpm) override { hardware_.setTarget(fan, rpm); }
     void setManual(int fan, bool enabled) override;
 
+    // Called in each round of a lease: throws the guardian's ScopeError when fans are held and
+    // nobody would hand them back for us.
+    void stayGuarded();
+
     // A lease reports why it ended, not whether its hand-back worked. This gives every fan that is
     // still held a second chance, and returns null once none is, else why not, and which. Needs no
     // memory.
@@ -42,9 +47,11 @@ private:
 
     CoolingHardware& hardware_;
     FanGuardian& guardian_;
-    FanSet held_;
-    FanSet refused_;              // somebody else's when they were to be taken
-    std::vector<int> returning_;  // had in time, like the room for what is said when they stay held
+    using Fans = std::bitset<SMCVerification::kFanIndexLimit>;
+    Fans held_;
+    Fans refused_;  // somebody else's when they were to be taken
+    // Memory for the hand-back and for its failure, taken before any fan is.
+    std::vector<int> returning_;
     std::string lastWords_;
 };
 

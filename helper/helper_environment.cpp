@@ -41,7 +41,7 @@ HelperEnvironment productionEnvironment() {
     environment.useUtilityPriority = fv_use_utility_priority;
     environment.endProcess = [](int status) { ::_exit(status); };
     environment.appleSilicon = SystemCapabilities::appleSilicon();
-    environment.makeGuardian = [] { return std::make_unique<ProcessGuardian>(executablePath()); };
+    environment.makeGuardian = [] { return std::make_unique<ProcessGuardian>(executablePath); };
     environment.makeSMC = [] { return std::make_unique<SMC>(); };
     environment.makeSampler = [] { return std::make_unique<HardwareSampler>(); };
     environment.makePowerAccess = [] { return std::make_unique<SystemPowerAccess>(); };

@@ -34,8 +34,7 @@ struct HelperEnvironment {
     SessionTimings timings;
 
     bool appleSilicon = false;
-    std::function<std::unique_ptr<FanGuardian>()>
-        makeGuardian;  // before the controller, and threads
+    std::function<std::unique_ptr<FanGuardian>()> makeGuardian;
     std::function<std::unique_ptr<SMC>()> makeSMC;
     std::function<std::unique_ptr<HardwareSampler>()> makeSampler;
     std::function<std::unique_ptr<PowerSettingsAccess>()> makePowerAccess;

@@ -1,6 +1,10 @@
+#include <unistd.h>
+
 #include <csignal>
+#include <cstring>
 
 #include "helper/commands.h"
+#include "helper/guardian_watch.h"
 #include "helper/standard_streams.h"
 
 namespace {
@@ -13,6 +17,9 @@ constexpr int kIgnoredSignals[] = {SIGPIPE, SIGXFSZ, SIGTSTP, SIGTTIN, SIGTTOU};
 }  // namespace
 
 int main(int argc, char** argv) {
+    if (argc == 1 && std::strcmp(argv[0], ferovane::kGuardianName) == 0) {
+        return ferovane::keepGuard(STDIN_FILENO, ferovane::productionEnvironment);
+    }
     if (!ferovane::occupyStandardDescriptors()) {
         return 1;  // nowhere to say so
     }

@@ -2,25 +2,25 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
 #include <csignal>
-#include <filesystem>
 #include <thread>
 #include <utility>
-#include <vector>
 
-#include "core/model/number_text.h"
 #include "core/model/scope_error.h"
-#include "helper/guardian_watch.h"
+#include "shim/fv.h"
 
 namespace ferovane {
 namespace {
 
 constexpr const char* kNoGuardian = "无法启动风扇守护进程，未接管风扇";
+constexpr const char* kGuardianLost = "风扇守护进程意外结束且无法重新启动，已停止风扇控制";
+constexpr const char* kUnguardedTool = "无法启动守护进程，未运行系统工具";
 
 // A released guardian is gone within a millisecond or two, unless the machine is very busy.
 constexpr std::chrono::milliseconds kReleasePause{1};
@@ -29,42 +29,34 @@ constexpr std::chrono::seconds kReleasePatience{1};
 // So is one that is started ready.
 constexpr int kStandPatienceMilliseconds = 5000;
 
-// Every descriptor this process has open; the child closes them one by one, because asking for the
-// list, or trying every number there could be, is nothing to do after a fork.
-std::vector<int> openDescriptors() {
-    std::vector<int> descriptors;
-    for (const auto& entry : std::filesystem::directory_iterator("/dev/fd")) {
-        if (const auto number = parseInt32(entry.path().filename().string())) {
-            descriptors.push_back(*number);
-        }
-    }
-    return descriptors;
-}
-
-bool openPipe(int (&ends)[2]) {
-    if (::pipe(ends) != 0) {
+bool openSocket(int (&ends)[2]) {
+    if (::socketpair(AF_UNIX, SOCK_STREAM, 0, ends) != 0) {
         return false;
     }
     for (const int end : ends) {
         ::fcntl(end, F_SETFD, FD_CLOEXEC);
     }
+    ::fcntl(ends[0], F_SETFL, O_NONBLOCK);
     return true;
 }
 
-void closePipe(const int (&ends)[2]) {
-    ::close(ends[0]);
-    ::close(ends[1]);
+bool spawn(const std::function<std::string()>& helperPath, int socket, std::int32_t& pid) noexcept {
+    try {
+        return fv_spawn_companion(helperPath().c_str(), kGuardianName, socket, &pid) == 0;
+    } catch (const std::exception&) {
+        return false;  // nobody knows where the file is
+    }
 }
 
-// The guardian closes all that it inherits, once it is out of the user's reach; until then he could
-// stop it for good. So the end of this pipe tells that it stands, or has ended.
-bool standsSoon(int pipe) {
-    pollfd waiting{pipe, POLLIN, 0};
+// Whether the guardian says that it stands before it ends, or time is up.
+bool standsSoon(int socket) {
+    pollfd waiting{socket, POLLIN, 0};
     int ready = -1;
     do {
         ready = ::poll(&waiting, 1, kStandPatienceMilliseconds);
     } while (ready < 0 && errno == EINTR);
-    return ready > 0;
+    char word = 0;
+    return ready > 0 && ::read(socket, &word, 1) == 1 && word == kGuardianStands;
 }
 
 // A guardian that somebody has stopped does not end, and is left to itself then: whoever waits for
@@ -79,96 +71,143 @@ void reapSoon(pid_t guardian) {
 
 }  // namespace
 
-ProcessGuardian::ProcessGuardian(std::string helperPath) : helperPath_(std::move(helperPath)) {
-    start();
+ProcessGuardian::ProcessGuardian(std::function<std::string()> helperPath)
+    : helperPath_(std::move(helperPath)) {
+    if (!start()) {
+        throw ScopeError(kNoGuardian);
+    }
 }
 
 ProcessGuardian::~ProcessGuardian() {
     release();
 }
 
-void ProcessGuardian::start() {
-    ::signal(SIGPIPE, SIG_IGN);  // a guardian that was killed must not take the helper along
-    int ends[2] = {-1, -1};
-    int standing[2] = {-1, -1};
-    if (!openPipe(ends)) {
-        throw ScopeError(kNoGuardian);
-    }
-    if (!openPipe(standing)) {
-        closePipe(ends);
-        throw ScopeError(kNoGuardian);
-    }
-    GuardianPlan plan{ends[0], {}, helperPath_.c_str()};
-    try {
-        plan.descriptors = openDescriptors();
-        std::erase(plan.descriptors, ends[0]);
-        pid_ = ::fork();
-    } catch (const std::exception&) {
-        pid_ = -1;
-    }
-    if (pid_ == 0) {
-        watchOverFans(plan);
-    }
-    ::close(ends[0]);
-    ::close(standing[1]);
-    pipe_ = ends[1];
-    const bool stands = pid_ > 0 && standsSoon(standing[0]);
-    ::close(standing[0]);
-    if (!stands) {
-        abandon();
-        throw ScopeError(kNoGuardian);
-    }
-}
-
-// What never stood has no fan to hand back.
-void ProcessGuardian::abandon() noexcept {
-    ::close(pipe_);
-    pipe_ = -1;
-    if (pid_ > 0) {
-        ::kill(pid_, SIGKILL);
-        reapSoon(pid_);
-    }
-    pid_ = -1;
-}
-
-// Closing the pipe releases the guardian. One that has nothing to do ends at once and is waited
-// for; one that has must not be, since it waits for the helper to end.
-void ProcessGuardian::release() noexcept {
-    if (pid_ < 0) {
-        return;  // the last attempt to start one failed
-    }
-    ::close(pipe_);
-    pipe_ = -1;
-    if (!held_) {
-        reapSoon(pid_);
-    }
-    pid_ = -1;
-}
-
-bool ProcessGuardian::tell(char word) noexcept {
-    ssize_t written = -1;
-    do {
-        written = ::write(pipe_, &word, 1);
-    } while (written < 0 && errno == EINTR);
-    return written == 1;
-}
-
 void ProcessGuardian::fansHeld() {
-    if (!tell(kGuardianHeld)) {
-        held_ = false;  // by the one that was killed; what is held becomes the next one's
-        release();
-        start();
-        if (!tell(kGuardianHeld)) {
-            throw ScopeError(kNoGuardian);
-        }
+    const std::lock_guard lock(mutex_);
+    if (!charge({1, charge_.toolGroup})) {
+        throw ScopeError(charge_.fansHeld == 0 ? kNoGuardian : kGuardianLost);
     }
-    held_ = true;
 }
 
 void ProcessGuardian::fansReturned() noexcept {
-    // A guardian that is gone has nobody to tell.
-    tell(kGuardianReturned);
-    held_ = false;
+    const std::lock_guard lock(mutex_);
+    relieve({0, charge_.toolGroup});
+}
+
+void ProcessGuardian::takeOver() noexcept {
+    const std::lock_guard lock(mutex_);
+    release();
+    charge_.fansHeld = 0;
+}
+
+void ProcessGuardian::toolStarted(pid_t group) {
+    const std::lock_guard lock(mutex_);
+    if (charge_.toolGroup != 0 || !charge({charge_.fansHeld, group})) {
+        throw ScopeError(kUnguardedTool);
+    }
+}
+
+void ProcessGuardian::toolEnded() noexcept {
+    const std::lock_guard lock(mutex_);
+    relieve({charge_.fansHeld, 0});
+}
+
+// Whether a living guardian knows; if not, nothing has changed.
+bool ProcessGuardian::charge(const GuardianCharge& charge) noexcept {
+    const GuardianCharge before = std::exchange(charge_, charge);
+    if (isAlive() && tell()) {
+        return true;
+    }
+    end();
+    if (!start()) {
+        charge_ = before;
+        return false;
+    }
+    return true;
+}
+
+// One that cannot be told must not hand back later what is nobody's any more.
+void ProcessGuardian::relieve(const GuardianCharge& charge) noexcept {
+    charge_ = charge;
+    if (!tell()) {
+        end();
+    }
+}
+
+// It says nothing once it stands: what can be read is its end.
+bool ProcessGuardian::isAlive() const noexcept {
+    char word = 0;
+    ssize_t count = -1;
+    do {
+        count = ::read(socket_, &word, 1);
+    } while (count < 0 && errno == EINTR);
+    return count < 0 && errno == EAGAIN;
+}
+
+// False also when it has been stopped for so long that nothing more fits into the socket.
+bool ProcessGuardian::tell() noexcept {
+    if (told_ == charge_) {
+        return true;
+    }
+    ssize_t written = -1;
+    do {
+        written = ::write(socket_, &charge_, sizeof charge_);
+    } while (written < 0 && errno == EINTR);
+    if (written != sizeof charge_) {
+        return false;
+    }
+    told_ = charge_;
+    return true;
+}
+
+// Starts one that knows the charge.
+bool ProcessGuardian::start() noexcept {
+    int ends[2] = {-1, -1};
+    if (!openSocket(ends)) {
+        return false;
+    }
+    std::int32_t pid = 0;
+    const bool started = spawn(helperPath_, ends[1], pid);
+    ::close(ends[1]);
+    pid_ = started ? pid : -1;
+    socket_ = ends[0];
+    told_ = {};
+    if (!started || !standsSoon(socket_) || !tell()) {
+        end();
+        return false;
+    }
+    return true;
+}
+
+// Closing the socket releases the guardian. One that has nothing to do ends at once and is waited
+// for; one that has must not be. One that is lost is replaced for its last task, if that can be.
+void ProcessGuardian::release() noexcept {
+    if (charge_.fansHeld != 0) {
+        charge(charge_);
+    }
+    if (socket_ >= 0) {
+        ::close(socket_);
+    }
+    if (pid_ > 0 && charge_.fansHeld == 0) {
+        reapSoon(pid_);
+    }
+    socket_ = -1;
+    pid_ = -1;
+}
+
+// Of one that is lost, or cannot be reached any more, and must not do what it was told long ago.
+void ProcessGuardian::end() noexcept {
+    if (pid_ > 0) {
+        ::kill(pid_, SIGKILL);
+    }
+    if (socket_ >= 0) {
+        ::close(socket_);
+    }
+    if (pid_ > 0) {
+        reapSoon(pid_);
+    }
+    socket_ = -1;
+    pid_ = -1;
 }
 
 }  // namespace ferovane

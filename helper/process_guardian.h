@@ -3,44 +3,54 @@
 
 #include <sys/types.h>
 
+#include <functional>
+#include <mutex>
 #include <string>
 
 #include "helper/fan_guardian.h"
+#include "helper/guardian_watch.h"
 
 namespace ferovane {
 
-// Forks the guardian when it is made: a process in a session of its own that holds nothing of the
-// helper but the reading end of a pipe, can be signalled by nobody but root, and sleeps in a read.
-// When the pipe ends while fans are held, because the helper was killed or crashed, it runs the
-// helper's own file with the word "auto", again and again for a bounded number of times, and tells
-// the system log if that never succeeded. A helper that is merely stopped keeps the pipe open, and
-// nothing happens.
+// Starts the guardian when it is made: the helper's own file under another argument 0, in a session
+// of its own, root's entirely, holding nothing of the helper but one end of a socket. Its code is
+// in memory from then on; it needs no file any more. It sleeps in a read until the helper's end is
+// closed (see keepGuard). A helper that is merely stopped keeps its end open, and nothing happens.
 //
-// Ignores SIGPIPE for the whole process. Made before the controller is opened and before any thread
-// is started. Used by one thread at a time. Its end releases the guardian; fans still held then are
-// handed back by it.
+// That a guardian has died is learnt from the socket. One that was lost is replaced when fans are
+// taken, held for another round, or a tool starts.
+//
+// Any thread. SIGPIPE must be ignored in the whole process. Its end releases the guardian; fans
+// still held then are handed back by it.
 class ProcessGuardian : public FanGuardian {
 public:
-    // helperPath: the helper's own file. Throws ScopeError when no process can be started.
-    explicit ProcessGuardian(std::string helperPath);
+    // helperPath: where the helper's own file stands now; asked at each start of a guardian, and
+    // may throw. Throws ScopeError when no guardian can be started.
+    explicit ProcessGuardian(std::function<std::string()> helperPath);
     ~ProcessGuardian() override;
     ProcessGuardian(const ProcessGuardian&) = delete;
     ProcessGuardian& operator=(const ProcessGuardian&) = delete;
 
-    // Starts another guardian first when the one before was killed.
     void fansHeld() override;
     void fansReturned() noexcept override;
+    void takeOver() noexcept override;
+    void toolStarted(pid_t group) override;
+    void toolEnded() noexcept override;
 
 private:
-    void start();
-    void abandon() noexcept;
+    bool charge(const GuardianCharge& charge) noexcept;
+    void relieve(const GuardianCharge& charge) noexcept;
+    bool isAlive() const noexcept;
+    bool tell() noexcept;
+    bool start() noexcept;
     void release() noexcept;
-    bool tell(char word) noexcept;
+    void end() noexcept;
 
-    std::string helperPath_;
+    const std::function<std::string()> helperPath_;
+    std::mutex mutex_;  // guards all that follows; public functions take it
     pid_t pid_ = -1;
-    int pipe_ = -1;  // writing end; closed in every tool that the helper runs
-    bool held_ = false;
+    int socket_ = -1;  // does not block; closed in everything that the helper starts
+    GuardianCharge charge_, told_;
 };
 
 }  // namespace ferovane

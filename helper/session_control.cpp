@@ -28,9 +28,6 @@ constexpr const char* kFanTestMode = "test-fans";
 constexpr const char* kFanTestLabel = "风扇测试";
 constexpr double kFanTestPercent = 100.0;
 
-// After the first two, for some 25 seconds, as a guardian would.
-constexpr int kReturnAttempts = 7;
-
 }  // namespace
 
 SessionControl::SessionControl(SessionOwner owner, const HelperEnvironment& environment)
@@ -264,9 +261,7 @@ void SessionControl::runLease(const FanCurve& curve, double duration) noexcept {
         } catch (...) {
             failure = std::current_exception();
         }
-        if (returnHeldFans()) {
-            keepReturning(failure);
-        }
+        keepReturning(failure);
     }
     const ConditionGuard guard(lock_);
     lease_->failure = failure;
@@ -274,27 +269,23 @@ void SessionControl::runLease(const FanCurve& curve, double duration) noexcept {
     lock_.broadcast();
 }
 
-// A controller that is busy needs time, and nobody may ask for these fans in the next half hour.
-// Whatever asks this lease to stop tries for itself, or leaves them to the guardian.
+// Nobody may ask for the fans that the lease left in the next half hour. Whatever asks this lease
+// to stop tries for itself, or leaves them to the guardian.
 void SessionControl::keepReturning(const std::exception_ptr& failure) noexcept {
-    {
+    const auto attempt = [&] {
+        if (!returnHeldFans()) {
+            return true;
+        }
         const ConditionGuard guard(lock_);
         lease_->failure = failure;  // whoever waits for the lease learns at once what ended it
         lock_.broadcast();
-    }
-    double pause = environment_.timings.returnPause;
-    for (int attempt = 0; attempt < kReturnAttempts; ++attempt, pause *= 2) {
-        {
-            const ConditionGuard guard(lock_);
-            if (lock_.waitLocked(pause, environment_.timings.leasePoll, environment_.uptime,
-                                 [this]() FV_REQUIRES(lock_) { return stopRequested_; })) {
-                return;
-            }
-        }
-        if (!returnHeldFans()) {
-            return;
-        }
-    }
+        return false;
+    };
+    returnPatiently(environment_.timings.returnPause, attempt, [this](double seconds) {
+        const ConditionGuard guard(lock_);
+        return lock_.waitLocked(seconds, environment_.timings.leasePoll, environment_.uptime,
+                                [this]() FV_REQUIRES(lock_) { return stopRequested_; });
+    });
 }
 
 void SessionControl::holdCurve(const FanCurve& curve, double duration) {
@@ -322,10 +313,13 @@ bool SessionControl::mustStop() {
 }
 
 void SessionControl::waitForRound(double left) {
-    const ConditionGuard guard(lock_);
-    lock_.waitLocked(std::min(environment_.timings.leaseRound, left),
-                     environment_.timings.leasePoll, environment_.uptime,
-                     [this]() FV_REQUIRES(lock_) { return stopRequested_; });
+    {
+        const ConditionGuard guard(lock_);
+        lock_.waitLocked(std::min(environment_.timings.leaseRound, left),
+                         environment_.timings.leasePoll, environment_.uptime,
+                         [this]() FV_REQUIRES(lock_) { return stopRequested_; });
+    }
+    fans_.stayGuarded();
 }
 
 }  // namespace ferovane

@@ -78,7 +78,7 @@ private:
 
     const SessionOwner owner_;
     const HelperEnvironment& environment_;
-    const std::unique_ptr<FanGuardian> guardian_;  // first: it is forked before all else exists
+    const std::unique_ptr<FanGuardian> guardian_;
     const std::unique_ptr<SMC> smc_;
     HeldFans fans_;  // and through it the two above: the lease's while one runs, else the request's
     const std::unique_ptr<HardwareSampler> sampler_;

@@ -1,6 +1,8 @@
 // Every time a control session waits for, in seconds. Data, so that tests take milliseconds.
 #pragma once
 
+#include "helper/fan_return.h"
+
 #include "core/fan/fan_keys.h"
 
 namespace ferovane {
@@ -12,9 +14,9 @@ struct SessionTimings {
     double leaseRound = 2.0;     // from one round of a lease to the next
     double leaseEnd = 12.0;      // for a lease to hand its fans back once asked to
     double confirmation = 12.0;  // for a new lease's first targets to take effect
-    double returnPause = 0.2;    // before a failed hand-back is tried again; doubles each time
-    double profile = FanLimits::kLeaseSeconds;  // a profile's lease
-    double fanTest = 5.0;                       // a fan test's lease
+    double returnPause = kFirstReturnPauseSeconds;  // after a hand-back that failed; doubles
+    double profile = FanLimits::kLeaseSeconds;      // a profile's lease
+    double fanTest = 5.0;                           // a fan test's lease
 };
 
 }  // namespace ferovane

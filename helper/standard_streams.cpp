@@ -17,27 +17,31 @@ namespace {
 // A reader may take its time, but one that has stopped reading must not stop us.
 constexpr int kReportPatienceMilliseconds = 1000;
 
+constexpr int kForEver = -1;  // to poll
+
 // What a pipe takes without blocking when it says that it takes anything.
 constexpr std::size_t kReportPiece = 512;
 
-bool takesMore(int descriptor) noexcept {
+bool takesMore(int descriptor, int milliseconds) noexcept {
     pollfd waiting{descriptor, POLLOUT, 0};
     int ready = -1;
     do {
-        ready = ::poll(&waiting, 1, kReportPatienceMilliseconds);
+        ready = ::poll(&waiting, 1, milliseconds);
     } while (ready < 0 && errno == EINTR);
     return ready != 0;  // some devices cannot be polled: they are simply written to
 }
 
 bool writeAll(int descriptor, std::string_view text, bool patient) noexcept {
     while (!text.empty()) {
-        if (!patient && !takesMore(descriptor)) {
+        if (!patient && !takesMore(descriptor, kReportPatienceMilliseconds)) {
             return false;
         }
         const std::size_t size = patient ? text.size() : std::min(text.size(), kReportPiece);
         const ssize_t written = ::write(descriptor, text.data(), size);
         if (written > 0) {
             text.remove_prefix(static_cast<std::size_t>(written));
+        } else if (written < 0 && errno == EAGAIN) {
+            takesMore(descriptor, kForEver);  // a caller may share a descriptor that does not block
         } else if (written == 0 || errno != EINTR) {
             return false;
         }

@@ -11,7 +11,8 @@ namespace ferovane {
 // Safe after a fork.
 bool occupyStandardDescriptors() noexcept;
 
-// Writes all of the text, retrying short and interrupted writes; throws ScopeError when it cannot.
+// Writes all of the text, however long the reader takes, also where writes do not block; throws
+// ScopeError when it cannot.
 void writeText(int descriptor, std::string_view text);
 
 // The text and a line feed. For messages whose loss must not change what happens next: gives up

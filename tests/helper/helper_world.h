@@ -39,14 +39,20 @@ private:
     PowerSettingsAccess& access_;
 };
 
-// What the guardian was told, in a word per call.
+// What the guardian was told, in a word per change.
 class RecordingGuardian : public FanGuardian {
 public:
     explicit RecordingGuardian(std::string& record) : record_(record) {}
-    void fansHeld() override { record_ += "held "; }
-    void fansReturned() noexcept override { record_ += "returned "; }
+    void fansHeld() override { tell("held "); }
+    void fansReturned() noexcept override { tell("returned "); }
+    void takeOver() noexcept override { tell("over "); }
 
 private:
+    void tell(const char* word) {
+        if (!record_.ends_with(word)) {
+            record_ += word;
+        }
+    }
     std::string& record_;
 };
 

@@ -61,23 +61,28 @@ TEST(StandardStreamsTest, ClosedStandardDescriptorsAreOccupiedOrThatIsTold) {
     EXPECT_EQ(childWithoutStandardDescriptors(0), 0);
 }
 
-TEST(StandardStreamsTest, ALongReportReachesASlowReaderWhole) {
-    int ends[2];
-    ASSERT_EQ(::pipe(ends), 0);
-    const std::string text(300'000, 'y');
-    std::string received;
-    std::thread reader([&] {
-        char chunk[4096];
-        for (ssize_t count; (count = ::read(ends[0], chunk, sizeof chunk)) > 0;) {
-            received.append(chunk, static_cast<std::size_t>(count));
-            std::this_thread::yield();
+TEST(StandardStreamsTest, ALongTextReachesASlowReaderWhole) {
+    for (const bool report : {true, false}) {
+        for (const int flags : {0, O_NONBLOCK}) {
+            int ends[2];
+            ASSERT_EQ(::pipe(ends), 0);
+            ::fcntl(ends[1], F_SETFL, flags);
+            const std::string text(300'000, 'y');
+            std::string received;
+            std::thread reader([&] {
+                char chunk[4096];
+                for (ssize_t count; (count = ::read(ends[0], chunk, sizeof chunk)) > 0;) {
+                    received.append(chunk, static_cast<std::size_t>(count));
+                    std::this_thread::yield();
+                }
+            });
+            report ? reportLine(ends[1], text) : writeText(ends[1], text + "\n");
+            ::close(ends[1]);
+            reader.join();
+            EXPECT_TRUE(received == text + "\n") << received.size();
+            ::close(ends[0]);
         }
-    });
-    reportLine(ends[1], text);
-    ::close(ends[1]);
-    reader.join();
-    EXPECT_EQ(received, text + "\n");
-    ::close(ends[0]);
+    }
 }
 
 }  // namespace
