@@ -42,7 +42,6 @@ PROGRAMS = {
     "model": "model_tests",
     "analysis": "analysis_tests",
     "fan": "fan_tests",
-    "obstacles": "lease_obstacles_tests",
     "helper": "helper_tests",
     "one-shot": "tests/endtoend/one_shot_test.py",
     "session": "tests/endtoend/session_process_test.py",

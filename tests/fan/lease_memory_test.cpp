@@ -2,27 +2,39 @@
 // fails, once or for good.
 #include <gtest/gtest.h>
 
-#include "tests/fan/lease_world.h"
 #include "tests/faults/failing_memory.h"
 #include "tests/faults/product_scope.h"
+#include "tests/support/fan_world.h"
 
 namespace ferovane {
 namespace {
 
-using testing::celsiusFor;
 using testing::FailingMemory;
-using testing::FanSwitch;
+using testing::FanWorld;
 using testing::InProduct;
-using testing::LeaseWorld;
-using testing::steepCurve;
+
+enum class Machine { intel, open, locked, refusing };
 
 int struckAfterATake = 0;
 
 // Whether an allocation failed in a run whose first so many succeed.
-bool runWithAllocations(long allocations, bool failForGood, FanSwitch fanSwitch, bool cooling) {
-    LeaseWorld world(2, fanSwitch);
-    const FanCurve curve = steepCurve();
-    world.clock.in(1, [&] { world.setCelsius(celsiusFor(70)); });
+bool runWithAllocations(long allocations, bool failForGood, Machine machine, bool cooling) {
+    FanWorld world;
+    world.recording = false;
+    world.locked = machine >= Machine::locked;
+    world.refusalsAfterUnlock = 2;
+    world.unlockUnwritable = machine == Machine::refusing;
+    AppleSiliconFanControl handOver = world.handOver();
+    if (machine != Machine::intel) {
+        world.switchFan = [&](int fan, bool enabled) { handOver.setManual(fan, enabled); };
+    }
+    bool taken = false;
+    world.befall = [&](const std::string& call) {
+        taken = taken || world.fan[0].mode == 1.0;
+        world.snapshot.sensors[0].celsius = world.clock > 1000 ? 65 : 50;
+        return call.empty() ? testing::Fault::lost : testing::Fault::none;
+    };
+    const FanCurve curve = FanCurve::balanced();
     FailingMemory::failAfter(allocations, failForGood);
     try {
         const InProduct allOfThis;
@@ -36,20 +48,20 @@ bool runWithAllocations(long allocations, bool failForGood, FanSwitch fanSwitch,
     }
     FailingMemory::relent();
     const bool struck = FailingMemory::failures() > 0;
-    EXPECT_TRUE(world.fans.allAutomatic())
+    EXPECT_TRUE(world.allAutomatic())
         << (cooling ? "cooling" : "curve") << (failForGood ? " for good" : " once") << " after "
-        << allocations << " on machine " << static_cast<int>(fanSwitch);
-    struckAfterATake += struck && world.mac.journal().find("Md=1") != std::string::npos;
+        << allocations << " on machine " << static_cast<int>(machine);
+    struckAfterATake += struck && taken;
     return struck;
 }
 
 TEST(LeaseMemoryTest, FansAreHandedBackWhicheverAllocationFails) {
-    for (const FanSwitch fanSwitch : {FanSwitch::intelModeKey, FanSwitch::openHandOver,
-                                      FanSwitch::lockedHandOver, FanSwitch::refusedHandOver}) {
+    for (const Machine machine :
+         {Machine::intel, Machine::open, Machine::locked, Machine::refusing}) {
         for (const bool cooling : {true, false}) {
             for (const bool failForGood : {true, false}) {
                 long allocations = 0;
-                while (runWithAllocations(allocations, failForGood, fanSwitch, cooling)) {
+                while (runWithAllocations(allocations, failForGood, machine, cooling)) {
                     ++allocations;
                 }
             }
@@ -61,24 +73,25 @@ TEST(LeaseMemoryTest, FansAreHandedBackWhicheverAllocationFails) {
 TEST(LeaseMemoryTest, AFanThatFailsCostsNoOtherItsHandBack) {
     bool struck = true;
     for (long allocations = 0; struck; ++allocations) {
-        LeaseWorld world(3);
-        for (const char* key : {"F0Md", "F1Md", "F2Md"}) {
-            world.mac[key] = 1;
+        FanWorld world(3);
+        world.recording = false;
+        for (auto& fan : world.fan) {
+            fan.mode = 1;
         }
-        world.mac.keys["F0Md"].unwritable = world.mac.keys["F1Md"].unwritable = true;
+        world.fan[0].modeUnwritable = world.fan[1].modeUnwritable = true;
         const std::vector<int> ids{0, 1, 2};
         bool failed = false;
         FailingMemory::failAfter(allocations, true);
         try {
             const InProduct allOfThis;
-            CoolingLease::restoreAuto(ids, world.fans);
+            CoolingLease::restoreAuto(ids, world);
         } catch (const std::exception&) {
             failed = true;
         }
         FailingMemory::relent();
         struck = FailingMemory::failures() > 0;
         EXPECT_TRUE(failed) << allocations;
-        EXPECT_TRUE(world.fans.isAutomatic(2)) << allocations;
+        EXPECT_EQ(world.fan[2].mode, 0.0) << allocations;
     }
 }
 

@@ -1,0 +1,460 @@
+// The rules of leases, hand-over, curves and history, written a second time and as plainly as they
+// can be said. Shares nothing with the code but the plain records.
+#pragma once
+
+#include <cmath>
+#include <cstdio>
+#include <exception>
+#include <map>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "core/fan/hand_back.h"
+#include "core/fan/mode_history.h"
+#include "tests/support/fan_world.h"
+
+namespace ferovane::rules {
+
+using testing::FanWorld;
+
+inline std::optional<double> tryRead(FanWorld& world, const std::string& key) {
+    try {
+        return world.read(key);
+    } catch (const std::exception&) {
+        return std::nullopt;
+    }
+}
+
+inline std::exception_ptr tryWrite(FanWorld& world, const std::string& key, double value) {
+    try {
+        world.write(key, value);
+        return nullptr;
+    } catch (const std::exception&) {
+        return std::current_exception();
+    }
+}
+
+// Apple Silicon: how a fan leaves and rejoins system control.
+class HandOver {
+public:
+    explicit HandOver(FanWorld& world) : world_(world) {}
+
+    void setManual(int fan, bool enabled) {
+        if (!enabled && held_.count(fan) > 0) {
+            giveBack(fan, held_.at(fan).first);
+            return;
+        }
+        const auto key = modeKey(fan);
+        if (!key) {
+            throw FanRefusal("此风扇没有可识别的 Apple Silicon 模式接口");
+        }
+        if (enabled) {
+            take(fan, *key);
+        } else {
+            giveBack(fan, *key);
+        }
+    }
+
+private:
+    std::optional<std::string> modeKey(int fan) {
+        if (fan < 0 || fan > 9) {
+            return std::nullopt;
+        }
+        for (const std::string name : {"Md", "md"}) {
+            if (tryRead(world_, "F" + std::to_string(fan) + name)) {
+                return "F" + std::to_string(fan) + name;
+            }
+        }
+        return std::nullopt;
+    }
+
+    void take(int fan, const std::string& key) {
+        const auto mode = tryRead(world_, key);
+        if (mode != 0.0 && mode != 3.0) {
+            throw FanRefusal("风扇未处于系统自动，请先退出其他风扇控制程序");
+        }
+        if (held_.empty()) {
+            const auto unlock = tryRead(world_, "Ftst");
+            if (unlock && *unlock != 0) {
+                throw FanRefusal("风扇控制交接已被占用，请先恢复系统自动");
+            }
+        }
+        held_[fan] = {key, *mode};
+        try {
+            makeManual(key);
+        } catch (const std::exception& first) {
+            const std::string text = describe(first);
+            try {
+                giveBack(fan, key);
+            } catch (const std::exception& second) {
+                throw ScopeError(text + "；恢复自动风扇失败：" + describe(second));
+            }
+            throw;
+        }
+    }
+
+    void makeManual(const std::string& key) {
+        std::exception_ptr error = tryWrite(world_, key, 1);
+        if (!error) {
+            return;
+        }
+        const double unlock = world_.read("Ftst");
+        if (!unlocked_ && unlock != 0) {
+            std::rethrow_exception(error);
+        }
+        if (!unlocked_) {
+            unlocked_ = unlock;
+            world_.write("Ftst", 1);
+        }
+        const double deadline = world_.now() + 4.0;
+        for (int round = 1; round <= 40; ++round) {
+            if (!(world_.now() < deadline)) {
+                break;
+            }
+            world_.retry();
+            error = tryWrite(world_, key, 1);
+            if (!error) {
+                return;
+            }
+        }
+        std::rethrow_exception(error);
+    }
+
+    void giveBack(int fan, std::string key) {
+        std::exception_ptr error =
+            tryWrite(world_, key, held_.count(fan) > 0 ? held_.at(fan).second : 0);
+        const bool others = held_.size() > held_.count(fan);
+        if (!others && unlocked_) {
+            const auto lockError = tryWrite(world_, "Ftst", *unlocked_);
+            error = lockError ? lockError : error;
+            unlocked_ = lockError ? unlocked_ : std::nullopt;
+        }
+        const auto mode = tryRead(world_, key);
+        bool done = mode == 0.0 || mode == 3.0;
+        if (!others) {
+            const auto unlock = tryRead(world_, "Ftst");
+            if (unlock && unlock == unlocked_) {
+                unlocked_.reset();  // locked as it was found, whatever the write said
+            }
+            done = done && (!unlock || *unlock == 0) && !unlocked_;
+        }
+        if (!done) {
+            if (error) {
+                std::rethrow_exception(error);
+            }
+            throw ScopeError("未能确认风扇恢复系统自动");
+        }
+        held_.erase(fan);
+    }
+
+    FanWorld& world_;
+    std::map<int, std::pair<std::string, double>> held_;  // key, and mode before
+    std::optional<double> unlocked_;                      // what "Ftst" was before it was unlocked
+};
+
+inline void restoreAuto(const std::vector<FanReading>& fans, FanWorld& world) {
+    std::string causes;
+    bool failed = false;
+    for (const FanReading& fan : fans) {
+        std::string cause;
+        try {
+            world.setManual(fan.id, false);
+            continue;
+        } catch (const ScopeError& error) {
+            cause = error.message();
+        } catch (const std::exception& error) {
+            cause = "F" + std::to_string(fan.id) + "Md：" + describe(error);
+        } catch (...) {
+        }
+        causes += (causes.empty() || cause.empty() ? "" : "；") + cause;
+        failed = true;
+    }
+    if (failed) {
+        throw ScopeError("恢复自动风扇失败" + (causes.empty() ? "" : "：" + causes));
+    }
+}
+
+template <class Act>
+void handBackAfter(const std::vector<FanReading>& fans, FanWorld& world, Act act) {
+    try {
+        act();
+    } catch (...) {
+        try {
+            restoreAuto(fans, world);
+        } catch (const ScopeError&) {
+        }
+        throw;
+    }
+    restoreAuto(fans, world);
+}
+
+inline bool within(std::optional<double> value, double low, double high) {
+    return value && std::isfinite(*value) && low <= *value && *value <= high;
+}
+
+inline void requireTargets(const std::vector<FanReading>& fans, FanWorld& world) {
+    for (const FanReading& fan : fans) {
+        std::optional<double> target;
+        try {
+            target = world.target(fan.id);
+        } catch (const std::exception&) {
+        }
+        if (!within(target, *fan.minimum, *fan.maximum)) {
+            throw ScopeError("风扇当前目标转速无法验证，已拒绝切换手动模式");
+        }
+    }
+}
+
+inline bool allFree(const std::vector<FanReading>& fans) {
+    bool free = !fans.empty();
+    for (const FanReading& fan : fans) {
+        free = free && fan.controllable && fan.manual == false;
+    }
+    return free;
+}
+
+inline bool allHeld(const std::vector<FanReading>& plan, const std::map<int, double>& written,
+                    double tolerance, FanWorld& world) {
+    try {
+        const std::vector<FanReading> now = world.fans();
+        for (const FanReading& fan : plan) {
+            const FanReading* listed = nullptr;
+            for (const FanReading& it : now) {
+                listed = listed == nullptr && it.id == fan.id ? &it : listed;
+            }
+            if (listed == nullptr || listed->manual != true) {
+                return false;
+            }
+            const auto target = world.target(fan.id);
+            if (!target || !(std::abs(*target - written.at(fan.id)) < tolerance)) {
+                return false;
+            }
+        }
+        return true;
+    } catch (const std::exception&) {
+        return false;
+    }
+}
+
+// A clock that is before the start, or no number, ends a lease too.
+struct Span {
+    double start, end;
+    bool over(double time) const { return !(start <= time && time < end); }
+    double left(double time) const { return time < end ? end - time : 0; }
+};
+
+inline void cool(FanWorld& world, double duration) {
+    if (!(duration > 0) || duration > 300) {
+        throw ScopeError("散热会话必须在 5 分钟以内");
+    }
+    if (world.isCancelled()) {
+        return;
+    }
+    const std::vector<FanReading> fans = world.fans();
+    if (!allFree(fans)) {
+        throw ScopeError(
+            "请先恢复系统自动风扇并退出其他风扇控制软件；也可能是此机型没有可写的风扇接口。");
+    }
+    std::map<int, double> full;
+    for (const FanReading& fan : fans) {
+        if (!within(fan.maximum, 0, 12000) || fan.maximum == 0.0 ||
+            !within(fan.minimum, 0, *fan.maximum)) {
+            throw ScopeError("风扇额定转速无法验证，已拒绝控制");
+        }
+        full[fan.id] = *fan.maximum;
+    }
+    requireTargets(fans, world);
+    const double start = world.now();
+    const Span span{start, start + duration};
+    handBackAfter(fans, world, [&] {
+        for (const FanReading& fan : fans) {
+            if (world.isCancelled() || span.over(world.now())) {
+                throw ScopeError("散热会话已取消或超时");
+            }
+            world.setManual(fan.id, true);
+            world.setTarget(fan.id, *fan.maximum);
+        }
+        while (!span.over(world.now()) && !world.isCancelled()) {
+            if (!allHeld(fans, full, 2.0, world)) {
+                throw ScopeError("检测到风扇状态改变或无法读取，散热会话已停止");
+            }
+            world.wait(span.left(world.now()));
+        }
+    });
+}
+
+inline std::optional<double> hottest(const Snapshot& snapshot, const std::string& prefix) {
+    std::optional<double> most;
+    for (const SensorReading& sensor : snapshot.sensors) {
+        if (sensor.key.substr(0, 2) == prefix && !std::isnan(sensor.celsius)) {
+            most = most ? std::fmax(*most, sensor.celsius) : sensor.celsius;
+        }
+    }
+    return most;
+}
+
+inline std::optional<double> followed(CurveSensor sensor, const Snapshot& snapshot) {
+    const auto cpu = hottest(snapshot, "TC"), gpu = hottest(snapshot, "TG");
+    if (sensor == CurveSensor::cpu || (sensor == CurveSensor::hottest && !gpu)) {
+        return cpu;
+    }
+    return sensor == CurveSensor::gpu || !cpu ? gpu : std::fmax(*cpu, *gpu);
+}
+
+inline bool isHot(const Snapshot& snapshot) {
+    return hottest(snapshot, "TC").value_or(0) >= 92 || hottest(snapshot, "TG").value_or(0) >= 88 ||
+           hottest(snapshot, "TH").value_or(0) >= 75 || snapshot.thermalState == 2 ||
+           snapshot.thermalState == 3;
+}
+
+inline bool isHotAndSlow(const Snapshot& snapshot) {
+    for (const FanReading& fan : snapshot.fans) {
+        if (!fan.rpm || !fan.minimum || !fan.maximum || !std::isfinite(*fan.rpm) ||
+            !std::isfinite(*fan.minimum) || !std::isfinite(*fan.maximum) || *fan.rpm < 0 ||
+            *fan.minimum < 0 || *fan.maximum <= *fan.minimum ||
+            *fan.rpm > *fan.minimum + 0.1 * (*fan.maximum - *fan.minimum)) {
+            return false;
+        }
+    }
+    return isHot(snapshot) && !snapshot.fans.empty();
+}
+
+inline void validate(const std::vector<CurvePoint>& points) {
+    if (points.size() < 2 || points.size() > 8) {
+        throw ScopeError("曲线需要 2 至 8 个控制点");
+    }
+    for (std::size_t i = 0; i < points.size(); ++i) {
+        if (!within(points[i].temperature, 30, 100) || !within(points[i].percent, 0, 100)) {
+            throw ScopeError("曲线温度范围为 30–100°C，转速范围为 0–100%");
+        }
+        if (i > 0 && (points[i].temperature < points[i - 1].temperature + 2.0 ||
+                      points[i].percent < points[i - 1].percent)) {
+            throw ScopeError("温度控制点至少间隔 2°C，转速必须随温度升高而不降低");
+        }
+    }
+    if (points.back().temperature > 90 || points.back().percent != 100) {
+        throw ScopeError("最后一个点必须在 90°C 或更低达到 100% 转速");
+    }
+}
+
+inline double percent(const std::vector<CurvePoint>& points, double celsius) {
+    if (points.empty() || !std::isfinite(celsius)) {
+        return 100;
+    }
+    if (celsius <= points.front().temperature) {
+        return points.front().percent;
+    }
+    if (celsius >= points.back().temperature) {
+        return points.back().percent;
+    }
+    std::size_t i = 1;
+    while (points[i].temperature < celsius) {
+        ++i;
+    }
+    const CurvePoint &from = points[i - 1], &to = points[i];
+    return from.percent + (to.percent - from.percent) * (celsius - from.temperature) /
+                              (to.temperature - from.temperature);
+}
+
+inline void follow(FanWorld& world, const FanCurve& curve, double duration) {
+    validate(curve.points);
+    if (!(duration > 0) || duration > 1800) {
+        throw ScopeError("曲线会话最长 30 分钟");
+    }
+    if (world.isCancelled()) {
+        return;
+    }
+    const std::vector<FanReading> fans = world.fans();
+    bool known = true;
+    for (const FanReading& fan : fans) {
+        known = known && fan.minimum && fan.maximum;
+    }
+    if (!known || !allFree(fans)) {
+        throw ScopeError("请先恢复系统自动风扇并退出其他控制程序");
+    }
+    for (const FanReading& fan : fans) {
+        if (!within(fan.maximum, 0, 12000) || !within(fan.minimum, 0, *fan.maximum) ||
+            fan.minimum == 0.0) {
+            throw ScopeError("无法验证风扇额定范围");
+        }
+    }
+    requireTargets(fans, world);
+    const double start = world.now();
+    const Span span{start, start + duration};
+    if (span.over(world.now()) || world.isCancelled()) {
+        return;
+    }
+    handBackAfter(fans, world, [&] {
+        std::map<int, double> written;
+        double speed = 0;
+        for (bool first = true; first || (!span.over(world.now()) && !world.isCancelled());
+             first = false) {
+            const Snapshot snapshot = world.sample();
+            const auto celsius = followed(curve.sensor, snapshot);
+            if (!hottest(snapshot, "TC") || !celsius || !std::isfinite(*celsius)) {
+                throw ScopeError("控制温度传感器不可用，已停止曲线并恢复系统自动");
+            }
+            if (!first && !allHeld(fans, written, 3.0, world)) {
+                throw ScopeError("风扇控制被改变或无法读取，已停止曲线");
+            }
+            const double desired = isHot(snapshot) ? 100 : percent(curve.points, *celsius);
+            speed = first ? desired : std::fmax(desired, speed - 4.0);
+            for (const FanReading& fan : fans) {
+                if (first) {
+                    world.setManual(fan.id, true);
+                }
+                const double rpm = *fan.minimum + (*fan.maximum - *fan.minimum) * speed / 100;
+                if (first || std::abs(rpm - written[fan.id]) >= 30.0) {
+                    world.setTarget(fan.id, rpm);
+                    written[fan.id] = rpm;
+                }
+            }
+            FanControlProgress progress{span.end, {}, isHot(snapshot)};
+            for (const auto& [id, rpm] : written) {
+                progress.targets.push_back({id, rpm});
+            }
+            world.update(progress);
+            if (first) {
+                world.applied();
+            }
+            world.wait(span.left(world.now()));
+        }
+    });
+}
+
+// One line per record: when, what, its segment, since when.
+class History {
+public:
+    void append(double date, std::optional<std::string> mode, std::optional<std::string> session,
+                std::optional<double> temperature, std::optional<double> load) {
+        std::erase_if(records, [&](const ModeRecord& it) {
+            return it.date.secondsSinceReference < date - 1800;
+        });
+        if (!mode || !temperature || !std::isfinite(*temperature)) {
+            mode_.reset();
+            date_.reset();
+            return;
+        }
+        if (!mode_ || mode != mode_ || session != session_ || !date_ || date > *date_ + 15 ||
+            date <= *date_) {
+            ++segment_;
+            origin_ = date;
+        }
+        records.push_back(
+            {Date{date}, *mode, *temperature, load, segment_, date - origin_, std::nullopt});
+        mode_ = mode;
+        session_ = session;
+        date_ = date;
+    }
+    std::vector<ModeRecord> records;
+
+private:
+    std::optional<std::string> mode_, session_;
+    std::optional<double> date_;
+    double origin_ = 0;
+    int segment_ = 0;
+};
+
+}  // namespace ferovane::rules

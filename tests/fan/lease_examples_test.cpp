@@ -1,0 +1,114 @@
+// A few leases and hand-overs to learn from; every other case is fan_rules_test's.
+#include <gtest/gtest.h>
+
+#include <limits>
+
+#include "core/fan/profile.h"
+#include "core/model/json_codec.h"
+#include "tests/support/failure_text.h"
+#include "tests/support/fan_world.h"
+
+namespace ferovane {
+namespace {
+
+using testing::failureOf;
+using testing::FanWorld;
+using testing::Fault;
+
+TEST(CoolingLeaseTest, HoldsEveryFanAtItsMaximumForExactlyItsTime) {
+    FanWorld world;
+    world.roundSeconds = 2;
+    world.cool(5);
+    EXPECT_EQ(world.writes, "F0Md=1 F0Tg=6000 F1Md=1 F1Tg=6000 F0Md=0 F1Md=0");
+    EXPECT_EQ(world.clock, 1005);
+}
+
+TEST(CoolingLeaseTest, FansThatCannotBeListedAreNoLongerHeld) {
+    FanWorld world;
+    world.befall = [&](const std::string& call) {
+        return call == "fans" && world.clock > 1000 ? Fault::refused : Fault::none;
+    };
+    EXPECT_EQ(failureOf([&] { world.cool(5); }), "检测到风扇状态改变或无法读取，散热会话已停止");
+    EXPECT_TRUE(world.allAutomatic());
+}
+
+TEST(CurveLeaseTest, RisesAtOnceFallsSlowlyAndSkipsSmallChanges) {
+    FanWorld world(1);
+    world.fan[0].maximum = 3000;  // 1 % is 10 rpm, and 1 °C is 2 %
+    world.befall = [&](const std::string& call) {
+        world.setCelsius(call == "sample" && world.clock > 1001 ? 50 : 70);
+        return Fault::none;
+    };
+    world.follow({{{30, 0}, {80, 100}}, CurveSensor::cpu}, 12);
+    EXPECT_EQ(world.writes,
+              "F0Md=1 F0Tg=2800 F0Tg=2760 F0Tg=2720 F0Tg=2680 F0Tg=2640 F0Tg=2600 F0Tg=2560 "
+              "F0Tg=2520 F0Tg=2480 F0Tg=2440 F0Tg=2400 F0Md=0");
+}
+
+TEST(CurveLeaseTest, AnInfiniteCpuTemperatureMeansFullSpeedWhereTheGpuIsFollowed) {
+    FanWorld world(1);
+    world.snapshot.sensors = {{"TC0P", "", std::numeric_limits<double>::infinity()},
+                              {"TG0P", "", 40}};
+    FanCurve curve = FanCurve::balanced();
+    curve.sensor = CurveSensor::gpu;
+    world.follow(curve, 1);
+    EXPECT_EQ(world.writes, "F0Md=1 F0Tg=6000 F0Md=0");
+}
+
+TEST(AppleSiliconFanControlTest, UnlocksOnceAndTheLastFanLocksAgain) {
+    FanWorld world;
+    world.locked = true;
+    world.refusalsAfterUnlock = 3;
+    world.fan[1].mode = 3;
+    AppleSiliconFanControl control = world.handOver();
+    for (const auto& [fan, enabled] : {std::pair{0, true}, {1, true}, {0, false}, {1, false}}) {
+        control.setManual(fan, enabled);
+    }
+    EXPECT_EQ(world.writes, "Ftst=1 F0Md=1 F1Md=1 F0Md=0 F1Md=3 Ftst=0");
+}
+
+TEST(FanCurveTest, TravelsAsJsonAndFallsBetweenItsPoints) {
+    const FanCurve curve{{{30, 0}, {90, 100}}, CurveSensor::hottest};
+    const std::string json = R"({"points":[{"temperature":30,"percent":0},)"
+                             R"({"temperature":90,"percent":100}],"sensor":"CPU / GPU 较高温"})";
+    EXPECT_EQ(encodeJson(curve), json);
+    EXPECT_EQ(decodeJson<FanCurve>(json), curve);
+    EXPECT_NE(failureOf([] { decodeJson<FanCurve>(R"({"points":[],"sensor":"cpu"})"); }), "");
+    EXPECT_EQ((FanCurve{{{30, 80}, {50, 40}}, CurveSensor::cpu}).percent(40), 60);
+    // This end of a segment, 0.6 + 99.4, would come out an ulp too high.
+    EXPECT_EQ((FanCurve{{{67, 0.6}, {73.4, 100}, {80, 100}}, CurveSensor::cpu}).percent(73.4), 100);
+}
+
+TEST(ProfileTest, EveryModeHasItsWordsItsCurveAndItsTurboChoice) {
+    using Points = std::vector<CurvePoint>;
+    const Points quiet{{40, 0}, {55, 8}, {70, 25}, {80, 60}, {90, 100}};
+    const Points balanced{{40, 10}, {55, 25}, {70, 55}, {80, 80}, {90, 100}};
+    const Points performance{{40, 30}, {55, 50}, {65, 75}, {75, 95}, {85, 100}};
+    const struct {
+        const char *command, *title, *explanation;
+        const Points& points;
+        bool disablesTurbo;
+    } expected[] = {
+        {"automatic", "系统自动", "系统控制风扇 · 保留睿频设置", balanced, false},
+        {"eco", "节能", "限制性能峰值 · 均衡散热", balanced, true},
+        {"performance", "性能", "开启睿频 · 积极散热", performance, false},
+        {"balanced", "均衡", "开启睿频 · 平衡温度与噪声", balanced, false},
+        {"quiet", "静音", "关闭睿频 · 温和散热", quiet, true},
+        {"custom", "自定义", "按你的曲线运行 · 保留睿频设置", balanced, false},
+    };
+    ASSERT_EQ(kAllProfiles.size(), std::size(expected));
+    for (std::size_t i = 0; i < std::size(expected); ++i) {
+        const Profile profile = kAllProfiles[i];
+        EXPECT_EQ(commandWord(profile), expected[i].command);
+        EXPECT_EQ(rawValue(profile), expected[i].title);
+        EXPECT_EQ(explanation(profile), expected[i].explanation);
+        EXPECT_EQ(curve(profile).points, expected[i].points) << expected[i].command;
+        EXPECT_EQ(curve(profile).sensor, CurveSensor::hottest);
+        EXPECT_EQ(disablesTurbo(profile), expected[i].disablesTurbo) << expected[i].command;
+        EXPECT_EQ(profileNamed(expected[i].command), profile);
+        EXPECT_EQ(profileNamed(expected[i].title), std::nullopt);
+    }
+}
+
+}  // namespace
+}  // namespace ferovane
