@@ -23,7 +23,7 @@ std::size_t bit(int fan) {
 
 HeldFans::HeldFans(CoolingHardware& hardware, FanGuardian& guardian)
     : hardware_(hardware), guardian_(guardian) {
-    returning_.reserve(SMCVerification::kFanIndexLimit);
+    returning_.reserve(FanLimits::kFans);
 }
 
 void HeldFans::setManual(int fan, bool enabled) {
@@ -87,7 +87,7 @@ std::exception_ptr HeldFans::returnHeld() noexcept {
         return nullptr;
     }
     returning_.clear();
-    for (int fan = 0; fan < SMCVerification::kFanIndexLimit; ++fan) {
+    for (int fan = 0; fan < FanLimits::kFans; ++fan) {
         if (held_.test(bit(fan))) {
             returning_.push_back(fan);  // there is room for all of them
         }

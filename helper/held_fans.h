@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "core/fan/cooling_hardware.h"
-#include "core/hardware/smc_verification.h"
+#include "core/fan/fan_keys.h"
 #include "helper/fan_guardian.h"
 
 namespace ferovane {
@@ -47,7 +47,7 @@ private:
 
     CoolingHardware& hardware_;
     FanGuardian& guardian_;
-    using Fans = std::bitset<SMCVerification::kFanIndexLimit>;
+    using Fans = std::bitset<FanLimits::kFans>;
     Fans held_;
     Fans refused_;  // somebody else's when they were to be taken
     // Memory for the hand-back and for its failure, taken before any fan is.

@@ -36,15 +36,13 @@ bool openSocket(int (&ends)[2]) {
     for (const int end : ends) {
         ::fcntl(end, F_SETFD, FD_CLOEXEC);
     }
-    ::fcntl(ends[0], F_SETFL, O_NONBLOCK);
     return true;
 }
 
-bool spawn(const std::function<std::string()>& helperPath, int socket, std::int32_t& pid) noexcept {
-    try {
-        return fv_spawn_companion(helperPath().c_str(), kGuardianName, socket, &pid) == 0;
-    } catch (const std::exception&) {
-        return false;  // nobody knows where the file is
+// Its end: it says nothing once it stands.
+void awaitEnd(int socket) {
+    char word = 0;
+    while (::recv(socket, &word, 1, MSG_PEEK) < 0 && errno == EINTR) {
     }
 }
 
@@ -71,15 +69,58 @@ void reapSoon(pid_t guardian) {
 
 }  // namespace
 
+// Our end, closed in everything that the helper starts.
+struct ProcessGuardian::Socket {
+    explicit Socket(int end) : descriptor(end) {}
+    ~Socket() { ::close(descriptor); }
+    Socket(const Socket&) = delete;
+    Socket& operator=(const Socket&) = delete;
+
+    const int descriptor;
+};
+
 ProcessGuardian::ProcessGuardian(std::function<std::string()> helperPath)
     : helperPath_(std::move(helperPath)) {
     if (!start()) {
         throw ScopeError(kNoGuardian);
     }
+    try {
+        watcher_ = std::thread([this] { watch(); });
+    } catch (const std::exception&) {
+        release();
+        throw ScopeError(kNoGuardian);
+    }
 }
 
 ProcessGuardian::~ProcessGuardian() {
-    release();
+    {
+        const std::lock_guard lock(mutex_);
+        over_ = true;
+        release();
+    }
+    watcher_.join();
+}
+
+// On a thread of its own.
+void ProcessGuardian::watch() noexcept {
+    std::unique_lock lock(mutex_);
+    while (!over_) {
+        const std::shared_ptr<Socket> watched = socket_;
+        if (watched) {
+            lock.unlock();
+            awaitEnd(watched->descriptor);
+            lock.lock();
+        }
+        if (socket_ != watched) {
+            continue;
+        }
+        if (watched && charge_ != GuardianCharge{}) {
+            charge(charge_);
+        } else {
+            end();
+            changed_.wait(lock);
+        }
+    }
 }
 
 void ProcessGuardian::fansHeld() {
@@ -134,29 +175,22 @@ void ProcessGuardian::relieve(const GuardianCharge& charge) noexcept {
     }
 }
 
-// It says nothing once it stands: what can be read is its end.
 bool ProcessGuardian::isAlive() const noexcept {
     char word = 0;
-    ssize_t count = -1;
-    do {
-        count = ::read(socket_, &word, 1);
-    } while (count < 0 && errno == EINTR);
-    return count < 0 && errno == EAGAIN;
+    return socket_ && ::recv(socket_->descriptor, &word, 1, MSG_PEEK | MSG_DONTWAIT) < 0 &&
+           errno == EAGAIN;
 }
 
 // False also when it has been stopped for so long that nothing more fits into the socket.
 bool ProcessGuardian::tell() noexcept {
-    if (told_ == charge_) {
-        return true;
+    if (told_ != charge_) {
+        const ssize_t sent =
+            socket_ ? ::send(socket_->descriptor, &charge_, sizeof charge_, MSG_DONTWAIT) : -1;
+        if (sent != sizeof charge_) {
+            return false;
+        }
+        told_ = charge_;
     }
-    ssize_t written = -1;
-    do {
-        written = ::write(socket_, &charge_, sizeof charge_);
-    } while (written < 0 && errno == EINTR);
-    if (written != sizeof charge_) {
-        return false;
-    }
-    told_ = charge_;
     return true;
 }
 
@@ -167,31 +201,37 @@ bool ProcessGuardian::start() noexcept {
         return false;
     }
     std::int32_t pid = 0;
-    const bool started = spawn(helperPath_, ends[1], pid);
+    bool started = false;
+    try {
+        socket_ = std::make_shared<Socket>(ends[0]);
+        started = fv_spawn_companion(helperPath_().c_str(), kGuardianName, ends[1], &pid) == 0;
+    } catch (const std::exception&) {
+        // No memory, or nobody knows where the file is.
+    }
+    if (!socket_) {
+        ::close(ends[0]);
+    }
     ::close(ends[1]);
     pid_ = started ? pid : -1;
-    socket_ = ends[0];
     told_ = {};
-    if (!started || !standsSoon(socket_) || !tell()) {
+    if (!started || !standsSoon(socket_->descriptor) || !tell()) {
         end();
         return false;
     }
+    changed_.notify_all();
     return true;
 }
 
-// Closing the socket releases the guardian. One that has nothing to do ends at once and is waited
-// for; one that has must not be. One that is lost is replaced for its last task, if that can be.
+// One that has nothing to do ends at once and is waited for; one that has must not be. One that is
+// lost is replaced for its last task, if that can be.
 void ProcessGuardian::release() noexcept {
     if (charge_.fansHeld != 0) {
         charge(charge_);
     }
-    if (socket_ >= 0) {
-        ::close(socket_);
-    }
+    hangUp();
     if (pid_ > 0 && charge_.fansHeld == 0) {
         reapSoon(pid_);
     }
-    socket_ = -1;
     pid_ = -1;
 }
 
@@ -200,14 +240,20 @@ void ProcessGuardian::end() noexcept {
     if (pid_ > 0) {
         ::kill(pid_, SIGKILL);
     }
-    if (socket_ >= 0) {
-        ::close(socket_);
-    }
+    hangUp();
     if (pid_ > 0) {
         reapSoon(pid_);
     }
-    socket_ = -1;
     pid_ = -1;
+}
+
+// Which the guardian notices, and the thread; whoever drops the socket last closes it.
+void ProcessGuardian::hangUp() noexcept {
+    if (socket_) {
+        ::shutdown(socket_->descriptor, SHUT_RDWR);
+    }
+    socket_.reset();
+    changed_.notify_all();
 }
 
 }  // namespace ferovane

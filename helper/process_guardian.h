@@ -3,9 +3,12 @@
 
 #include <sys/types.h>
 
+#include <condition_variable>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 
 #include "helper/fan_guardian.h"
 #include "helper/guardian_watch.h"
@@ -17,8 +20,9 @@ namespace ferovane {
 // in memory from then on; it needs no file any more. It sleeps in a read until the helper's end is
 // closed (see keepGuard). A helper that is merely stopped keeps its end open, and nothing happens.
 //
-// That a guardian has died is learnt from the socket. One that was lost is replaced when fans are
-// taken, held for another round, or a tool starts.
+// That a guardian has died is learnt from the socket: at once by a thread that sleeps until then,
+// and by whoever takes fans, holds them for another round, or starts a tool. One that was lost is
+// replaced while there is something to guard.
 //
 // Any thread. SIGPIPE must be ignored in the whole process. Its end releases the guardian; fans
 // still held then are handed back by it.
@@ -40,17 +44,24 @@ public:
 private:
     bool charge(const GuardianCharge& charge) noexcept;
     void relieve(const GuardianCharge& charge) noexcept;
+    struct Socket;
+
+    void watch() noexcept;
     bool isAlive() const noexcept;
     bool tell() noexcept;
     bool start() noexcept;
     void release() noexcept;
     void end() noexcept;
+    void hangUp() noexcept;
 
     const std::function<std::string()> helperPath_;
-    std::mutex mutex_;  // guards all that follows; public functions take it
+    std::mutex mutex_;  // guards all that follows; public functions and the thread take it
+    std::condition_variable changed_;
     pid_t pid_ = -1;
-    int socket_ = -1;  // does not block; closed in everything that the helper starts
+    std::shared_ptr<Socket> socket_;  // null without a guardian; also the thread's while it looks
     GuardianCharge charge_, told_;
+    bool over_ = false;
+    std::thread watcher_;
 };
 
 }  // namespace ferovane

@@ -21,7 +21,7 @@ from simulated import OWNER_UID, Mac, Owner, eventually, needs_root
 LIBC = ctypes.CDLL(None, use_errno=True)
 AT_ONCE = 4  # cases, which mostly wait
 SIGNALS = itertools.cycle(("SIGABRT", "SIGSEGV", "SIGQUIT", "SIGBUS"))
-THREADS = ("main", "watchdog", "lease")  # in the order in which a session starts them
+THREADS = ("main", "guardian", "watchdog", "lease")  # in the order in which a session starts them
 PROFILE = {"command": "profile", "profile": "custom", "curve": CURVE}
 SWITCHING_WRITES = 4  # a mode and a target for each of two fans
 TOO_LARGE = [{"command": "turbo-disable"}, {"command": "status", "padding": "x" * 15000}]

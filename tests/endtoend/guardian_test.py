@@ -1,112 +1,197 @@
+"""The guardian, judged by the machine and the list of processes."""
+
+import concurrent.futures
+import json
 import os
+import pathlib
 import random
+import re
+import shutil
 import signal
 import socket
 import subprocess
+import tempfile
 import time
 import unittest
 import uuid
 
-from conversation import CONFIRMED
-from process_figures import ProcessFigures, wake_ups
-from simulated import OWNER_UID, Mac, Owner, eventually, needs_root
-from session_process_test import CURVE, session_on
+from conversation import CONFIRMED, CURVE
+from process_figures import ProcessFigures, children_of, processes_attached, wake_ups
+from session_process_test import session_on
+from simulated import BIN, HELPER, OWNER_UID, Mac, Owner, eventually, finish, needs_root
 
-KILLS = int(os.environ.get("FEROVANE_KILLS", "60"))
-AUTOMATIC_SECONDS = 2.0
-GIVES_UP_SECONDS = 60  # it tries for some 25
-SYSTEM_LOG = "/dev/log"
+KILLS = int(os.environ.get("FEROVANE_KILLS", "24"))
 STOP_SECONDS = float(os.environ.get("FEROVANE_STOP_SECONDS", "5.5"))  # a fan test takes five
+AT_ONCE = 3  # cases, which mostly wait
+AUTOMATIC_SECONDS = 2.0
+REPLACED_SECONDS = 0.25  # far more than a replacement takes, but the machine may be busy
+LEASE_ENDS_SECONDS = 5.0  # a round, and the hand-back
+GIVES_UP_SECONDS = 60  # it tries for some 25
+PRIVATE_KIB = 600
+SYSTEM_LOG = "/dev/log"
+LOST = "风扇守护进程意外结束且无法重新启动，已停止风扇控制"
 MACHINES = {"MacBookPro11,4": 30, "MacBookPro16,1": 30, "iMac18,3": 30, "MacPro7,1": 30,
             "M1Pro": 60, "M4Max": 70}
+KINDS = ("cooling", "profile", "session")
+DEEDS = {  # to the helper's file, while it runs
+    "nothing": lambda file: None,
+    "removed": os.unlink,
+    "renamed": lambda file: os.rename(file, file + "-old"),
+    "replaced": lambda file: (shutil.copy("/bin/true", file + "-new"),
+                              os.rename(file + "-new", file)),
+}
+USER_SIGNALS = ("TERM", "INT", "HUP", "QUIT", "PIPE", "TSTP", "TTIN", "TTOU", "USR1", "USR2",
+                "ALRM", "XCPU", "XFSZ")
 
 
 def guardians_of(helper_pid):
     """Children of a process that have a session of their own."""
-    listed = subprocess.run(["ps", "-eo", "pid=,ppid=,sid="], capture_output=True, text=True,
-                            check=True).stdout
-    rows = [tuple(map(int, line.split())) for line in listed.splitlines()]
-    return [pid for pid, parent, session in rows if parent == helper_pid and session == pid]
+    def leads(pid):
+        try:
+            return os.getsid(pid) == pid
+        except ProcessLookupError:
+            return False
+    try:
+        return [pid for pid in children_of(helper_pid) if leads(pid)]
+    except FileNotFoundError:
+        return []
+
+
+def named(name):
+    """What a command finds that looks for a name, or for a part of a command line."""
+    found = []
+    for pid in filter(str.isdigit, os.listdir("/proc")):
+        try:
+            words = [pathlib.Path("/proc", pid, file).read_bytes() for file in ("comm", "cmdline")]
+        except OSError:
+            continue
+        if any(name.encode() in text for text in words):
+            found.append(int(pid))
+    return found
+
+
+class Case:
+    """A helper with a file of its own, in a lease on a machine of its own."""
+
+    def __init__(self, model, kind, owner):
+        self.mac = Mac(model)
+        self.mac.set(f"load={MACHINES[model]}", "speed=20")
+        self._folder = tempfile.TemporaryDirectory(dir=BIN.parent, prefix="own-helper-")
+        self.name = f"fh{uuid.uuid4().hex[:12]}"  # as long as the system keeps names
+        self.file = os.path.join(self._folder.name, self.name)
+        os.link(HELPER, self.file)
+        words = ["serve", *owner.words] if kind == "session" else [kind, *owner.words, uuid.uuid4()]
+        words += ["balanced", "-"] if kind == "profile" else []
+        self.helper = subprocess.Popen(
+            [self.file, *map(str, words)], env=self.mac.environment(), stdin=subprocess.PIPE,
+            stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
+            preexec_fn=lambda: os.setresuid(OWNER_UID, 0, 0))
+        if kind == "session":
+            for request in ({"command": "test-fans"}, {"command": "profile", "profile": "custom",
+                                                       "curve": CURVE}):
+                self.helper.stdin.write(json.dumps(request) + "\n")
+            self.helper.stdin.flush()
+
+    def kill_guardian(self):
+        for guardian in guardians_of(self.helper.pid):
+            os.kill(guardian, signal.SIGKILL)
+
+    def kill_helper(self, by_name):
+        for pid in named(self.name) if by_name else [self.helper.pid]:
+            os.kill(pid, signal.SIGKILL)
+        self.helper.wait()
+
+    def judge(self):
+        """What is wrong after the helper's death, as a text."""
+        began = time.monotonic()
+        if not eventually(self.mac.automatic, GIVES_UP_SECONDS / 2):
+            return f"held for good: {self.mac.journal()[-20:]}"
+        took = time.monotonic() - began
+        if not eventually(lambda: not processes_attached(self.mac.path), AUTOMATIC_SECONDS):
+            return f"left over: {processes_attached(self.mac.path)}"
+        return "" if took < AUTOMATIC_SECONDS else f"automatic only after {took:.1f} s"
+
+    def close(self):
+        self.helper.kill()
+        self.helper.communicate()
+        self._folder.cleanup()
+        self.mac.__exit__()
+
+
+def attack(seed):
+    """Kills and deeds at random moments; tells what is wrong."""
+    dice = random.Random(seed)
+    model, kind = dice.choice(sorted(MACHINES)), dice.choice(KINDS)
+    deed = dice.choice(sorted(DEEDS))
+    with Owner() as owner:
+        case = Case(model, kind, owner)
+        try:
+            time.sleep(dice.uniform(0, 1.2))
+            if dice.random() < 0.5:
+                case.kill_guardian()
+                time.sleep(dice.uniform(REPLACED_SECONDS, 2.5))
+            DEEDS[deed](case.file)
+            if dice.random() < 0.3:
+                case.kill_guardian()  # and there may be no other
+                time.sleep(dice.uniform(LEASE_ENDS_SECONDS, LEASE_ENDS_SECONDS + 1))
+            if dice.random() < 0.3:
+                owner.kill()
+            case.kill_helper(by_name=dice.random() < 0.5)
+            wrong = case.judge()
+        finally:
+            case.close()
+    return wrong and f"seed {seed}, {model}, {kind}, file {deed}: {wrong}"
 
 
 @needs_root
 class GuardianTest(unittest.TestCase):
-    def start_lease(self, mac, owner, kind):
-        if kind == "session":
-            session = session_on(mac, owner)
-            session.send_line(b'{"command":"test-fans"}\n')
-            session.send_line(b'{"command":"profile","profile":"performance"}\n')
-            return session.process
-        words = [kind, *owner.words, str(uuid.uuid4())]
-        return mac.start(*words, *(["balanced", "-"] if kind == "profile" else []))
+    def test_whoever_is_killed_at_whatever_moment_the_fans_are_automatic(self):
+        first = int(os.environ.get("FEROVANE_SEED", random.randrange(1 << 30)))
+        print(f"FEROVANE_SEED={first}", flush=True)
+        with concurrent.futures.ProcessPoolExecutor(AT_ONCE) as pool:
+            wrong = [text for text in pool.map(attack, range(first, first + KILLS)) if text]
+        self.assertEqual(wrong, [])
 
-    def close(self, process):
-        for stream in (process.stdin, process.stdout, process.stderr):
-            if stream:
-                stream.close()
+    def test_without_a_guardian_the_lease_ends_and_says_so(self):
+        with Owner() as owner:
+            for kind in KINDS:
+                with self.subTest(kind):
+                    case = Case("MacBookPro16,1", kind, owner)
+                    self.assertTrue(eventually(case.mac.held))
+                    os.unlink(case.file)
+                    case.kill_guardian()
+                    self.assertTrue(eventually(case.mac.automatic, LEASE_ENDS_SECONDS))
+                    if kind != "session":
+                        self.assertEqual(finish(case.helper)[::2], (1, LOST + "\n"))
+                    case.close()
 
-    def test_a_helper_killed_at_any_moment_leaves_the_fans_automatic(self):
-        dice = random.Random(4096)
-        for kill in range(KILLS):
-            model = dice.choice(sorted(MACHINES))
-            kind = dice.choice(["cooling", "profile", "session"])
-            with self.subTest(kill=kill, model=model, kind=kind), Mac(model) as mac, \
-                    Owner() as owner:
-                mac.set(f"load={MACHINES[model]}", "speed=20")
-                helper = self.start_lease(mac, owner, kind)
-                time.sleep(dice.uniform(0, 1.2))
-                helper.kill()
-                if dice.random() < 0.3:
-                    owner.kill()
-                helper.wait()
-                began = time.monotonic()
-                self.assertTrue(eventually(mac.automatic, 20), mac.journal()[-20:])
-                self.assertLess(time.monotonic() - began, AUTOMATIC_SECONDS)
-                self.close(helper)
-
-    def test_a_crash_is_made_good_and_a_stop_is_no_crash(self):
-        for name in ("SIGSEGV", "SIGABRT", "SIGQUIT"):
-            with self.subTest(name), Mac("MacBookPro16,1") as mac, Owner() as owner:
-                helper = self.start_lease(mac, owner, "cooling")
-                self.assertTrue(eventually(mac.held))
-                helper.send_signal(signal.SIGSTOP)
-                time.sleep(0.5)
-                self.assertTrue(mac.held(), "a stopped helper still holds its fans")
-                helper.send_signal(getattr(signal, name))
-                helper.send_signal(signal.SIGCONT)
-                helper.wait()
-                self.assertTrue(eventually(mac.automatic, AUTOMATIC_SECONDS))
-                self.close(helper)
-
-    def test_each_helper_has_one_guardian_that_ends_with_it(self):
-        with Mac("MacBookPro16,1") as mac, Owner() as owner:
-            session = session_on(mac, owner)
-            session.request("profile", profile="custom", curve=CURVE)
-            (guardian,) = guardians_of(session.process.pid)
+    def test_stands_apart_from_the_helper_and_its_user(self):
+        with Owner() as owner:
+            case = Case("M1Pro", "session", owner)
+            self.assertTrue(eventually(case.mac.held))
+            (guardian,) = guardians_of(case.helper.pid)
             links = [os.readlink(f"/proc/{guardian}/fd/{fd}")
                      for fd in os.listdir(f"/proc/{guardian}/fd")]
             self.assertEqual([link.split(":")[0] for link in sorted(links)],
                              ["/dev/null", "/dev/null", "socket"])
-            session.close()
-            self.assertFalse(os.path.exists(f"/proc/{guardian}"))
-            self.assertTrue(mac.automatic())
-
-    def test_the_user_who_may_kill_the_helper_may_not_kill_its_guardian(self):
-        with Mac("MacBookPro16,1") as mac, Owner() as owner:
-            session = session_on(mac, owner)
-            session.request("profile", profile="custom", curve=CURVE)
-            (guardian,) = guardians_of(session.process.pid)
+            with open(f"/proc/{guardian}/status") as status:
+                self.assertEqual(re.search(r"^Uid:\s+(.*)", status.read(), re.M)[1],
+                                 "0\t0\t0\t0")
+            self.assertEqual(named(case.name), [case.helper.pid])
             as_user = lambda pid: subprocess.run(["kill", "-KILL", str(pid)], user=OWNER_UID,
                                                  stderr=subprocess.DEVNULL).returncode
             self.assertNotEqual(as_user(guardian), 0)
-            self.assertEqual(as_user(session.process.pid), 0)
-            session.process.wait()
-            self.assertTrue(eventually(mac.automatic, AUTOMATIC_SECONDS), mac.journal()[-20:])
-            self.close(session.process)
+            for name in USER_SIGNALS:
+                os.kill(guardian, getattr(signal, "SIG" + name))
+            self.assertEqual(as_user(case.helper.pid), 0)
+            case.helper.wait()
+            self.assertEqual(case.judge(), "")
+            case.close()
 
     def test_a_stop_longer_than_the_lease_is_no_death_and_the_guardian_sleeps_through_it(self):
-        with Mac("MacBookPro16,1") as mac, Owner() as owner:
-            session = session_on(mac, owner)
+        with Mac("MacBookPro16,1") as mac, Mac("M1Pro") as other_mac, Owner() as owner:
+            session, other = session_on(mac, owner), session_on(other_mac, owner)
+            other.request("profile", profile="custom", curve=CURVE)
             self.assertEqual(session.request("test-fans")["message"], CONFIRMED)
             (guardian,) = guardians_of(session.process.pid)
             session.process.send_signal(signal.SIGSTOP)
@@ -114,77 +199,45 @@ class GuardianTest(unittest.TestCase):
             time.sleep(STOP_SECONDS)
             self.assertTrue(mac.held(), "a stopped helper still holds its fans")
             self.assertEqual(wake_ups(guardian), before)
-            session.process.send_signal(signal.SIGCONT)
-            self.assertTrue(eventually(mac.automatic, AUTOMATIC_SECONDS), mac.journal())
-            self.assertEqual(session.request("profile", profile="custom", curve=CURVE)["message"],
-                             CONFIRMED)
-            self.assertEqual(guardians_of(session.process.pid), [guardian])
             figures = ProcessFigures(guardian)
             print(f"guardian: resident {figures.resident} KiB, proportional "
                   f"{figures.proportional}, private {figures.private}")
-            session.close()
-            self.assertTrue(mac.automatic())
-            session.process.stderr.close()
-
-    def test_two_helpers_have_two_guardians(self):
-        with Mac("MacBookPro16,1") as first_mac, Mac("M1Pro") as second_mac, Owner() as owner:
-            sessions = [session_on(mac, owner) for mac in (first_mac, second_mac)]
-            for session in sessions:
-                session.request("profile", profile="custom", curve=CURVE)
-            guardians = [guardians_of(session.process.pid) for session in sessions]
-            self.assertEqual([len(found) for found in guardians], [1, 1])
-            sessions[0].process.kill()
-            self.assertTrue(eventually(first_mac.automatic, AUTOMATIC_SECONDS))
-            self.assertTrue(second_mac.held())
-            self.assertEqual(guardians_of(sessions[1].process.pid), guardians[1])
-            for session in sessions:
-                session.close()
-                session.process.stderr.close()
-            self.assertTrue(second_mac.automatic())
-
-    def test_a_guardian_that_is_killed_is_replaced_at_the_next_lease(self):
-        with Mac("MacBookPro16,1") as mac, Owner() as owner:
-            session = session_on(mac, owner)
+            self.assertLess(figures.private, PRIVATE_KIB)
+            session.process.send_signal(signal.SIGCONT)
+            self.assertTrue(eventually(mac.automatic, AUTOMATIC_SECONDS), mac.journal())
             session.request("profile", profile="custom", curve=CURVE)
-            (first,) = guardians_of(session.process.pid)
-            os.kill(first, signal.SIGKILL)
-            self.assertEqual(session.request("status")["message"], "控制已确认生效")
-            session.request("profile", profile="custom", curve=CURVE)
-            self.assertTrue(eventually(
-                lambda: [g for g in guardians_of(session.process.pid) if g != first]))
+            self.assertEqual(guardians_of(session.process.pid), [guardian])
             session.process.kill()
             session.process.wait()
-            self.assertTrue(eventually(mac.automatic, AUTOMATIC_SECONDS), mac.journal()[-20:])
-            self.close(session.process)
+            self.assertTrue(eventually(mac.automatic, AUTOMATIC_SECONDS))
+            self.assertTrue(other_mac.held(), "the fans of another helper")
+            for each in (session, other):
+                each.close()
+                each.process.stderr.close()
+            self.assertTrue(other_mac.automatic())
+            self.assertEqual(processes_attached(other_mac.path), [])
 
-    def test_a_hand_back_that_fails_at_first_is_tried_again(self):
-        with Mac("MacBookPro16,1") as mac, Owner() as owner:
-            helper = self.start_lease(mac, owner, "cooling")
-            self.assertTrue(eventually(mac.held))
-            mac.fault("refuse-write", "key=F1Md", "code=0x80", "times=2")
-            helper.kill()
-            helper.wait()
-            self.assertTrue(eventually(mac.automatic, 2 * AUTOMATIC_SECONDS))
-            self.close(helper)
-
-    def test_a_hand_back_that_fails_for_good_is_told_to_the_system_log(self):
+    def test_a_hand_back_that_fails_is_tried_again_and_then_told_to_the_system_log(self):
         log = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
         try:
             log.bind(SYSTEM_LOG)
         except OSError:
             self.skipTest("somebody else listens to the system log")
         self.addCleanup(lambda: (log.close(), os.unlink(SYSTEM_LOG)))
-        with Mac("MacBookPro16,1") as mac, Owner() as owner:
-            helper = self.start_lease(mac, owner, "cooling")
-            self.assertTrue(eventually(mac.held))
-            mac.fault("refuse-write", "key=F1Md", "code=0x80")
-            helper.kill()
-            helper.wait()
-            log.settimeout(GIVES_UP_SECONDS)
-            told = log.recv(4096).decode()
-            self.assertIn("FerovaneHelper", told)
-            self.assertIn("恢复自动风扇失败", told)
-            self.close(helper)
+        for times in (["times=2"], []):
+            with Owner() as owner:
+                case = Case("MacBookPro16,1", "cooling", owner)
+                self.assertTrue(eventually(case.mac.held))
+                case.mac.fault("refuse-write", "key=F1Md", "code=0x80", *times)
+                case.kill_helper(by_name=False)
+                if times:
+                    self.assertTrue(eventually(case.mac.automatic, 2 * AUTOMATIC_SECONDS))
+                else:
+                    log.settimeout(GIVES_UP_SECONDS)
+                    told = log.recv(4096).decode()
+                    self.assertIn("FerovaneHelper", told)
+                    self.assertIn("恢复自动风扇失败", told)
+                case.close()
 
 
 if __name__ == "__main__":

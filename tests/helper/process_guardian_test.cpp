@@ -74,7 +74,7 @@ protected:
         EXPECT_TRUE(livingChildren().empty());
     }
     void start() {
-        guardian_.emplace([this] { return path_; });
+        guardian_.emplace([this] { return std::string(path_); });
     }
     std::string failureOf(const std::function<void()>& act) {
         try {
@@ -91,7 +91,7 @@ protected:
         EXPECT_EQ(fv_executable_path(own, sizeof own), 0);
         return std::string(own).substr(0, std::string(own).rfind('/')) + "/FerovaneHelper";
     }();
-    std::string path_ = helper_;
+    std::atomic<const char*> path_ = helper_.c_str();  // asked for by another thread
     std::optional<ProcessGuardian> guardian_;
 };
 
@@ -120,17 +120,17 @@ TEST_F(ProcessGuardianTest, WithoutOneNoFanMayBeTakenNorHeldAndNoToolMayRun) {
     for (const char* unfit : {"", "/no/such/file", "/bin/true"}) {
         path_ = unfit;  // the last is a program, but does not say that it stands
         EXPECT_EQ(failureOf([this] { start(); }), none) << unfit;
-        path_ = helper_;
+        path_ = helper_.c_str();
         start();
-        killChild();
         path_ = unfit;
+        killChild();
         EXPECT_EQ(failureOf([this] { guardian_->fansHeld(); }), none);
         EXPECT_EQ(failureOf([this] { guardian_->toolStarted(kNoGroup); }),
                   "无法启动守护进程，未运行系统工具");
-        path_ = helper_;
+        path_ = helper_.c_str();
         guardian_->fansHeld();
-        killChild();
         path_ = unfit;
+        killChild();
         EXPECT_EQ(failureOf([this] { guardian_->fansHeld(); }),
                   "风扇守护进程意外结束且无法重新启动，已停止风扇控制");
         EXPECT_TRUE(livingChildren().empty());
@@ -183,9 +183,11 @@ TEST_F(ProcessGuardianTest, EndsTheToolThatRunsAndNoOther) {
             guardian_->toolEnded();
         }
         guardian_.reset();  // waits for the guardian's end
-        EXPECT_EQ(::waitpid(tool, nullptr, WNOHANG), ended ? 0 : tool);
-        ::kill(tool, SIGKILL);
-        ::waitpid(tool, nullptr, 0);
+        ::kill(tool, ended ? SIGTERM : 0);
+        ::kill(tool, SIGCONT);
+        int status = 0;
+        EXPECT_EQ(::waitpid(tool, &status, 0), tool);
+        EXPECT_EQ(WTERMSIG(status), ended ? SIGTERM : SIGKILL);
     }
 }
 
