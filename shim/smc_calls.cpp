@@ -1,9 +1,11 @@
 #include <IOKit/IOKitLib.h>
 #include <mach/mach.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <iterator>
 #include <type_traits>
 
 #include "shim/fv.h"
@@ -79,16 +81,18 @@ std::uint32_t packedKey(const char* key) {
     return packed;
 }
 
-// This list is the last word on what this program can ever change in the controller: who drives a
-// fan and how fast it shall turn. Limits, unlocking and everything else stay out of reach.
+// These lists are the last word on what this program can ever change in the controller: who drives
+// a fan and how fast it shall turn. Limits, unlocking and everything else stay out of reach.
+constexpr const char* kWritableKeys[] = {"FS! "};
+constexpr const char* kWritableFanKeys[] = {"Md", "md", "Tg"};  // after "F" and the fan's digit
+
 bool isWritable(const char* key) {
-    if (std::memcmp(key, "FS! ", kKeyLength) == 0) {
-        return true;
-    }
-    const char* suffix = key + 2;
+    const auto isOneOf = [](const char* text, const auto& list) {
+        return std::any_of(std::begin(list), std::end(list),
+                           [text](const char* entry) { return std::strcmp(text, entry) == 0; });
+    };
     const bool fanKey = key[0] == 'F' && key[1] >= '0' && key[1] <= '9';
-    return fanKey && (std::strcmp(suffix, "Md") == 0 || std::strcmp(suffix, "md") == 0 ||
-                      std::strcmp(suffix, "Tg") == 0);
+    return isOneOf(key, kWritableKeys) || (fanKey && isOneOf(key + 2, kWritableFanKeys));
 }
 
 // 0 with the reply in place of the request; the driver's code; -1 for a reply of another size; or

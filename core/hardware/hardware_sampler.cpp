@@ -43,25 +43,20 @@ std::optional<int> notNegative(int value) {
     return value >= 0 ? std::optional(value) : std::nullopt;
 }
 
-HardwareSensorKind kindOf(const SensorReading&) {
-    return HardwareSensorKind::temperature;
+// Whether sensors of the chip are switched on: any of them, and any that counts as the processor's.
+struct LiveChip {
+    bool any = false, processor = false;
+};
+
+bool isProcessor(const SMC::SensorKey& sensor) {
+    return sensorCategory(sensor.key) == SensorCategory::cpu;
 }
 
-HardwareSensorKind kindOf(const HardwareSensorReading& sensor) {
-    return sensor.kind;
-}
-
-// Reads every known sensor; what cannot be read, or cannot be, is missing from this sample only.
-template <class Reading>
-void appendReadings(const SMC& smc, const std::vector<Reading>& known, double Reading::*value,
-                    std::vector<Reading>& readings) {
-    readings.reserve(known.size());
-    for (const auto& sensor : known) {
-        const auto number = smc.number(sensor.key);
-        if (number && SensorInventory::valid(kindOf(sensor), *number)) {
-            readings.emplace_back(sensor).*value = *number;
-        }
-    }
+// A reading that may stand for "off" does so where its neighbours measure something. For the
+// processor these are its own sensors alone: some temperature is better than none.
+bool isOff(const SMC::SensorKey& sensor, double reading, const LiveChip& live) {
+    return SensorInventory::mayStandForOff(reading) &&
+           (isProcessor(sensor) ? live.processor : live.any);
 }
 
 void samplePower(Snapshot& snapshot) {
@@ -104,8 +99,7 @@ void HardwareSampler::reset() {
     const std::lock_guard lock(mutex_);
     previous_.reset();
     smc_.reopen();
-    temperatures_.clear();
-    others_.clear();
+    known_.clear();
     needsDiscovery_ = true;
 }
 
@@ -126,31 +120,55 @@ void HardwareSampler::sampleProcessorUse(Snapshot& snapshot) {
 }
 
 void HardwareSampler::discoverSensors() {
+    known_.clear();
     for (auto& sensor : smc_.sensorKeys()) {
-        addSensor(std::move(sensor.key), sensor.kind);
+        addSensor(std::move(sensor));
     }
-    if (temperatures_.empty() && others_.empty()) {
+    needsDiscovery_ = known_.empty();
+    if (needsDiscovery_) {
         // Some controllers refuse to list their keys but answer for those one knows.
         for (const auto key : SensorInventory::kCoreKeys) {
-            addSensor(std::string(key), HardwareSensorKind::temperature);
+            addSensor({std::string(key), HardwareSensorKind::temperature});
         }
     }
-    needsDiscovery_ = false;
 }
 
-void HardwareSampler::addSensor(std::string key, HardwareSensorKind kind) {
-    std::string label = SensorInventory::label(key, kind);
-    if (kind == HardwareSensorKind::temperature) {
-        temperatures_.push_back({std::move(key), std::move(label), 0});
-    } else {
-        others_.push_back({std::move(key), std::move(label), kind, 0});
-    }
+void HardwareSampler::addSensor(SMC::SensorKey sensor) {
+    std::string label = SensorInventory::label(sensor.key, sensor.kind);
+    const bool onChip = SystemCapabilities::appleSilicon() && SensorInventory::onChip(sensor.key);
+    known_.push_back({std::move(sensor), std::move(label), onChip});
+}
+
+// What cannot be read, or cannot be, is missing from this sample only.
+std::optional<double> HardwareSampler::read(const SMC::SensorKey& sensor) const {
+    const auto number = smc_.number(sensor.key);
+    return number && SensorInventory::valid(sensor.kind, *number) ? number : std::nullopt;
 }
 
 void HardwareSampler::sampleSensors(Snapshot& snapshot) const {
-    appendReadings(smc_, temperatures_, &SensorReading::celsius, snapshot.sensors);
-    appendReadings(smc_, others_, &HardwareSensorReading::value,
-                   snapshot.additionalSensors.emplace());
+    std::vector<std::optional<double>> readings;
+    readings.reserve(known_.size());
+    LiveChip live;
+    for (const auto& [sensor, label, onChip] : known_) {
+        const auto reading = readings.emplace_back(read(sensor));
+        if (reading && onChip && !SensorInventory::mayStandForOff(*reading)) {
+            live.any = true;
+            live.processor = live.processor || isProcessor(sensor);
+        }
+    }
+    auto& others = snapshot.additionalSensors.emplace();
+    auto reading = readings.begin();
+    for (const auto& [sensor, label, onChip] : known_) {
+        const auto value = *reading++;
+        if (!value || (onChip && isOff(sensor, *value, live))) {
+            continue;
+        }
+        if (sensor.kind == HardwareSensorKind::temperature) {
+            snapshot.sensors.push_back({sensor.key, label, *value});
+        } else {
+            others.push_back({sensor.key, label, sensor.kind, *value});
+        }
+    }
 }
 
 void HardwareSampler::sampleTurbo(Snapshot& snapshot) {

@@ -14,8 +14,9 @@
 
 namespace ferovane {
 
-// Finds the sensors with its first sample and from then on reads only those. Every operation may be
-// called from any thread and waits for the one that is running.
+// Finds the sensors with its first sample and from then on reads only those; a search that found
+// nothing is made again with the next sample. Every operation may be called from any thread and
+// waits for the one that is running.
 class HardwareSampler {
 public:
     // clock: the wall clock, for the snapshots' dates.
@@ -34,9 +35,16 @@ public:
     void refreshTurbo();
 
 private:
+    struct KnownSensor {
+        SMC::SensorKey sensor;
+        std::string label;
+        bool onChip;  // SensorInventory::onChip, on Apple Silicon
+    };
+
     void sampleProcessorUse(Snapshot& snapshot);
     void discoverSensors();
-    void addSensor(std::string key, HardwareSensorKind kind);
+    void addSensor(SMC::SensorKey sensor);
+    std::optional<double> read(const SMC::SensorKey& sensor) const;
     void sampleSensors(Snapshot& snapshot) const;
     void sampleTurbo(Snapshot& snapshot);
 
@@ -44,10 +52,7 @@ private:
     std::function<Date()> clock_;
     SMC smc_;
     std::optional<CPUCounters> previous_;
-    // The known sensors, by key, as readings whose values mean nothing: a sample copies and fills
-    // them.
-    std::vector<SensorReading> temperatures_;
-    std::vector<HardwareSensorReading> others_;
+    std::vector<KnownSensor> known_;  // by key
     bool needsDiscovery_ = true;
     int ticks_ = 0;  // samples since the turbo driver was to be asked for
     TurboState turbo_ = TurboState::unknown;

@@ -34,7 +34,9 @@ constexpr Rule kRules[] = {
     {"F***", Wants::anything, kNoSensor},
 
     // Set points, trends and control errors of processor, graphics, card, bridge and disk.
-    {"T[CGJNH]#[GJT]", Wants::anything, kNoSensor},
+    {"T[CGJN]#[GJT] TH#[GJ]", Wants::anything, kNoSensor},
+    // A trend on Intel; on Apple Silicon the flash memory.
+    {"TH#T", Wants::fixedPoint, kNoSensor},
     // Disk readings relative to the drive's own limit, mapped ones and offsets. TH0F is absolute on
     // some machines and far below zero on others, with nothing in its type to tell them apart.
     {"TH#[FRO]", Wants::anything, kNoSensor},
@@ -52,8 +54,8 @@ constexpr Rule kRules[] = {
     {"Ts^*", Wants::anything, kNoSensor},
     // On Intel another set point; the same name as a float is a die sensor of Apple Silicon.
     {"Ts#G", Wants::fixedPoint, kNoSensor},
-    // Offsets between a part and the board beside it.
-    {"T*#o", Wants::anything, kNoSensor},
+    // Offsets between a part and the board beside it; on Apple Silicon sensors of the chip.
+    {"T*#o", Wants::fixedPoint, kNoSensor},
     // What is left of a fan's thermal budget.
     {"TF#S", Wants::fixedPoint, kNoSensor},
     // Apple Silicon: models of the enclosure, virtual sensors mixed from others and their
@@ -195,13 +197,29 @@ constexpr std::array<double, 3> kNoSensorCelsius{127.0, 128.0, 129.0};
 // The same edge in whatever unit a signed fixed-point key has (-31.75 A, -127 W).
 constexpr std::array<std::uint8_t, 2> kNoSensorHighBytes{0x80, 0x81};
 
-// Apple Silicon corrects each core's sensor by an offset of its own. A core that is switched off
-// or absent reads the bare offset, 1.5 to 10; one that runs is warmer than that in any room.
-constexpr std::string_view kCoreSensors = "T[egps]**";
-constexpr double kColdestCoreCelsius = 10.0;
+// Apple Silicon: cores, graphics and other blocks, then the corners, the mean and the largest of
+// the processor's dies. "TCHP" is the charger.
+constexpr std::string_view kChipSensors = "T[egmps]** TC[0123456789AMD]*";
+
+// What the firmware shows for all sensors of a block that is switched off.
+constexpr double kOffSubstituteCelsius = 40.0;
+// Each sensor is corrected by an offset of its own, -9 to 8.5, and a core that is off or absent
+// reads the bare offset. One that runs is warmer than that in any room.
+constexpr double kLargestOffsetCelsius = 10.0;
+
+// By how much the board's correction lowers the ambient sensor of some desktop machines.
+constexpr std::string_view kAmbientSensors = "TA**";
+constexpr double kAmbientCorrectionCelsius = 20.0;
 
 bool isSigned(std::uint32_t type) {
     return type >> 24 == 's';
+}
+
+// Where a signed fixed-point type has its lower edge, nothing answers.
+bool isAtEdge(const FVValue& value) {
+    return formOf(value.data_type, value.data_size) == Form::fixedPoint &&
+           isSigned(value.data_type) && value.data[1] == 0 &&
+           std::ranges::count(kNoSensorHighBytes, value.data[0]) > 0;
 }
 
 struct NamedKey {
@@ -279,21 +297,47 @@ bool valid(HardwareSensorKind kind, double value) {
     return false;
 }
 
-bool standsForNoSensor(HardwareSensorKind kind, std::string_view key, const FVValue& value) {
-    const Form form = formOf(value.data_type, value.data_size);
-    if (form == Form::fixedPoint && isSigned(value.data_type) && value.data[1] == 0 &&
-        std::count(kNoSensorHighBytes.begin(), kNoSensorHighBytes.end(), value.data[0]) > 0) {
+bool onChip(std::string_view key) {
+    return matchesAny(kChipSensors, key);
+}
+
+bool mayStandForOff(double celsius) {
+    return celsius == kOffSubstituteCelsius || celsius <= kLargestOffsetCelsius;
+}
+
+bool worthListing(HardwareSensorKind kind, const FVValue& value, bool onChip) {
+    const double number = fv_decode(&value);
+    if (onChip && std::fabs(number) <= kLargestOffsetCelsius) {
         return true;
     }
-    if (kind != Kind::temperature) {
+    const bool noSensor = isAtEdge(value) || (kind == Kind::temperature &&
+                                              std::ranges::count(kNoSensorCelsius, number) > 0);
+    return valid(kind, number) && !noSensor;
+}
+
+std::string upperCaseTwin(std::string_view key) {
+    if (!matchesPattern("T**_", key)) {
+        return {};
+    }
+    std::string twin(key);
+    twin.back() = static_cast<char>(twin.back() - 'a' + 'A');
+    return twin;
+}
+
+bool repeats(std::string_view key, const FVValue& value, const FVValue& twin) {
+    if (formOf(value.data_type, value.data_size) != Form::fixedPoint ||
+        formOf(twin.data_type, twin.data_size) != Form::fixedPoint) {
         return false;
     }
-    const double celsius = fv_decode(&value);
-    if (std::count(kNoSensorCelsius.begin(), kNoSensorCelsius.end(), celsius) > 0) {
+    if (isAtEdge(twin)) {
         return true;
     }
-    return form == Form::floating && matchesPattern(kCoreSensors, key) &&
-           celsius <= kColdestCoreCelsius;
+    const double twinCelsius = fv_decode(&twin);
+    const double difference = std::fabs(fv_decode(&value) - twinCelsius);
+    // Below zero it is no temperature but a distance to a limit, which repeats nothing.
+    return valid(Kind::temperature, twinCelsius) &&
+           (difference == 0 ||
+            (difference == kAmbientCorrectionCelsius && matchesPattern(kAmbientSensors, key)));
 }
 
 std::string label(std::string_view key, HardwareSensorKind kind) {

@@ -27,10 +27,27 @@ bool mayBeSensor(std::string_view key);
 // Whether a reading, in the unit of its kind, is one that the kind can have. False for NaN.
 bool valid(HardwareSensorKind kind, double value);
 
-// Whether a key that is being listed holds a value by which controllers say that there is nothing
-// to measure: no sensor fitted, core switched off. To be asked at listing only, since a real
-// sensor may pass through such a value later.
-bool standsForNoSensor(HardwareSensorKind kind, std::string_view key, const FVValue& value);
+// Whether a key is a sensor of an Apple Silicon chip itself. It is switched off with its part of
+// the chip and may be on again with the next sample. To be asked on Apple Silicon only.
+bool onChip(std::string_view key);
+
+// Whether a chip sensor's reading is one that stands for "off": the firmware's substitute, or the
+// bare offset that the firmware adds. A real one passes through such values, too, so this counts
+// only where other sensors of the chip show something else.
+bool mayStandForOff(double celsius);
+
+// Whether a key with this value now is to be read from here on: the value is one that its kind can
+// have and does not say that there is nothing to measure, or the key is a chip's that is off.
+bool worthListing(HardwareSensorKind kind, const FVValue& value, bool onChip);
+
+// The other spelling of an Intel temperature key that ends in a small letter ("TA0P" of "TA0p");
+// empty when the key has none.
+std::string upperCaseTwin(std::string_view key);
+
+// Whether a key with a small last letter tells nothing that its twin does not tell: the same
+// reading, the same without the board's correction, or what is left where the twin says that no
+// part is fitted.
+bool repeats(std::string_view key, const FVValue& value, const FVValue& twin);
 
 // What a user reads beside a key that smcKind gave this kind: "风扇 1" (counted from 1), "CPU ·
 // TC0P", "整机功耗 · PSTR".

@@ -19,9 +19,7 @@ namespace {
 
 constexpr int kMaskReadings = 4;  // two alike, with room for one wrong among them
 
-constexpr double kMostKeys = 10000;           // no controller has more; a larger count is garbage
-constexpr double kMostFans = 10;              // fan keys have one digit
-constexpr double kLargestMaximumRpm = 12000;  // a rated speed above this is not believed
+constexpr double kMostKeys = 10000;  // no controller has more; a larger count is garbage
 
 // Between two attempts of the hand-over, which makes up to 40 within 4 seconds.
 constexpr double kHandOverPauseSeconds = 0.1;
@@ -30,10 +28,6 @@ constexpr double kHandOverPauseSeconds = 0.1;
 constexpr int kNotANumberCode = -1;
 
 constexpr int kNotAdmittedCode = -3;  // fv_smc_write's own refusal
-
-std::string fanKey(int fan, std::string_view suffix) {
-    return std::string("F").append(std::to_string(fan)).append(suffix);
-}
 
 ScopeError readFailed(const std::string& key, int code) {
     return ScopeError("SMC " + key + " 读取失败（" + std::to_string(code) + "）");
@@ -94,7 +88,20 @@ FVValue SMC::raw(const std::string& key) const {
 }
 
 void SMC::write(const std::string& key, double number) {
-    FVValue value = raw(key);
+    write(key, number, Purpose::setting);
+}
+
+void SMC::write(const std::string& key, double number, Purpose purpose) {
+    FVValue value{};
+    if (const int code = fv_smc_read(connection_, key.c_str(), &value); code != 0) {
+        if (purpose == Purpose::givingBack) {
+            sendUnread(key, number);
+        }
+        throw readFailed(key, code);
+    }
+    if (purpose == Purpose::taking) {
+        forms_.insert_or_assign(key, value);  // now, while there is memory
+    }
     if (fv_encode(&value, number) != 0) {
         throw numberNotSupported(key);
     }
@@ -102,6 +109,23 @@ void SMC::write(const std::string& key, double number) {
     if (code != 0) {
         throw writeFailed(key, code);
     }
+    confirm(key, number);
+}
+
+// For a fan that is held by a key that no longer answers: the number may still arrive. Takes no
+// memory.
+void SMC::sendUnread(const std::string& key, double number) {
+    const auto form = forms_.find(key);
+    if (form == forms_.end()) {
+        return;
+    }
+    FVValue value = form->second;
+    if (fv_encode(&value, number) == 0) {
+        (void)fv_smc_write(connection_, key.c_str(), &value);  // nothing is confirmed either way
+    }
+}
+
+void SMC::confirm(const std::string& key, double number) {
     std::optional<double> lastReadBack;
     const auto read = [&] {
         const auto reading = this->number(key);
@@ -123,11 +147,11 @@ std::string SMC::notAdmitted(const std::string& key) {
 
 std::vector<FanReading> SMC::fans() {
     std::vector<FanReading> fans;
-    const auto count = number("FNum");
-    if (!count || *count < 1 || *count > kMostFans) {
+    const auto count = number(FanKeys::kCount);
+    if (!count || *count < 1 || *count > FanLimits::kFans) {
         return fans;
     }
-    const auto mask = number("FS! ");
+    const auto mask = number(FanKeys::kForcedMask);
     fans.reserve(static_cast<std::size_t>(*count));
     for (int index = 0; index < static_cast<int>(*count); ++index) {
         fans.push_back(fan(index, mask));
@@ -136,20 +160,21 @@ std::vector<FanReading> SMC::fans() {
 }
 
 FanReading SMC::fan(int index, std::optional<double> mask) const {
+    const auto read = [&](const char* name) { return number(FanKeys::of(index, name)); };
     FanReading fan;
     fan.id = index;
     // The mask is handed over twice: while any fan is forced, no other fan's "automatic" is sure.
-    fan.manual = SMCVerification::manualState(number(fanKey(index, "Md")), mask, index, mask);
-    fan.rpm = number(fanKey(index, "Ac"));
-    fan.minimum = number(fanKey(index, "Mn"));
-    fan.maximum = number(fanKey(index, "Mx"));
-    fan.controllable = number(fanKey(index, "Tg")) && fan.maximum && *fan.maximum > 0 &&
-                       *fan.maximum <= kLargestMaximumRpm;
+    fan.manual = SMCVerification::manualState(read(FanKeys::kMode), mask, index, mask);
+    fan.rpm = read(FanKeys::kSpeed);
+    fan.minimum = read(FanKeys::kMinimum);
+    fan.maximum = read(FanKeys::kMaximum);
+    fan.controllable = read(FanKeys::kTarget) && fan.maximum && *fan.maximum > 0 &&
+                       *fan.maximum <= FanLimits::kRatedRpm;
     return fan;
 }
 
 void SMC::setManual(int fan, bool enabled) {
-    if (fan < 0 || fan >= SMCVerification::kFanIndexLimit) {
+    if (!FanLimits::isFan(fan)) {
         throw ScopeError("无效风扇编号");
     }
     if (surroundings_.appleSilicon) {
@@ -160,17 +185,47 @@ void SMC::setManual(int fan, bool enabled) {
 }
 
 void SMC::switchIntelFan(int fan, bool enabled) {
-    const std::string modeKey = fanKey(fan, "Md");
-    if (number(modeKey)) {
-        write(modeKey, enabled ? 1 : 0);
-        return;
+    std::string& takenBy = takenBy_[static_cast<std::size_t>(fan)];
+    const bool held = !takenBy.empty();
+    const std::string modeKey = FanKeys::of(fan, FanKeys::kMode);
+    // Asked twice: a mode key that fails once would leave the fan to the mask of a controller that
+    // has both.
+    const bool answers = takenBy != FanKeys::kForcedMask && (number(modeKey) || number(modeKey));
+    const bool byMask = held ? takenBy == FanKeys::kForcedMask : !answers;
+
+    const std::string key = byMask ? FanKeys::kForcedMask : modeKey;
+    std::optional<double> order;
+    if (byMask) {
+        order = maskWith(fan, enabled);
+    } else if (answers) {
+        order = enabled ? FanMode::kManual : FanMode::kAutomatic;
     }
-    const auto mask = forcedMask();
-    if (!mask) {
+    if (!order) {
+        if (held && !enabled) {
+            sendUnread(key, byMask ? maskBefore_ : FanMode::kAutomatic);
+        }
         throw noModeKey(fan);
     }
+    if (enabled) {
+        takenBy = key;  // before the write, which may take effect and fail
+    }
+    write(key, *order, enabled ? Purpose::taking : Purpose::givingBack);
+    if (!enabled) {
+        takenBy.clear();
+    }
+}
+
+// The forced mask with one fan's bit set or cleared; absent when it cannot be read.
+std::optional<double> SMC::maskWith(int fan, bool enabled) {
+    const auto mask = forcedMask();
+    if (!mask) {
+        return std::nullopt;
+    }
+    if (std::count(takenBy_.begin(), takenBy_.end(), FanKeys::kForcedMask) == 0) {
+        maskBefore_ = *mask;
+    }
     const std::uint32_t bit = 1U << fan;
-    write("FS! ", enabled ? *mask | bit : *mask & ~bit);
+    return enabled ? *mask | bit : *mask & ~bit;
 }
 
 // One bit of the mask is changed and the others are written back as they were read, so a wrong
@@ -179,7 +234,7 @@ void SMC::switchIntelFan(int fan, bool enabled) {
 std::optional<std::uint32_t> SMC::forcedMask() const {
     std::optional<double> last;
     for (int reading = 0; reading < kMaskReadings; ++reading) {
-        const auto mask = number("FS! ");
+        const auto mask = number(FanKeys::kForcedMask);
         if (mask && mask == last && *mask >= 0 && *mask <= SMCVerification::kLargestFanMask) {
             return static_cast<std::uint32_t>(*mask);
         }
@@ -199,38 +254,63 @@ void SMC::makeArmFans() {
             }
             return number;
         },
-        [this](const std::string& key, double value) { write(key, value); },
+        [this](const std::string& key, double value) {
+            write(key, value, value == FanMode::kManual ? Purpose::taking : Purpose::givingBack);
+        },
         [this] { surroundings_.sleep(kHandOverPauseSeconds); }, surroundings_.now);
 }
 
 std::optional<double> SMC::target(int fan) {
-    return number(fanKey(fan, "Tg"));
+    return number(FanKeys::of(fan, FanKeys::kTarget));
 }
 
 void SMC::setTarget(int fan, double rpm) {
-    write(fanKey(fan, "Tg"), rpm);
+    write(FanKeys::of(fan, FanKeys::kTarget), rpm);
 }
 
 std::vector<SMC::SensorKey> SMC::sensorKeys() const {
+    const std::vector<ListedKey> listed = listedKeys();
+    const auto valueOf = [&](const std::string& key) -> const FVValue* {
+        const auto found = std::lower_bound(listed.begin(), listed.end(), key,
+                                            [](const ListedKey& entry, const std::string& name) {
+                                                return entry.sensor.key < name;
+                                            });
+        return found != listed.end() && found->sensor.key == key ? &found->value : nullptr;
+    };
     std::vector<SensorKey> sensors;
-    const auto count = number("#KEY");
-    if (!count || *count < 0 || *count > kMostKeys) {
-        return sensors;
-    }
-    for (std::uint32_t index = 0; index < static_cast<std::uint32_t>(*count); ++index) {
-        if (auto sensor = sensorKeyAt(index)) {
-            sensors.push_back(std::move(*sensor));
+    for (const auto& [sensor, value] : listed) {
+        const FVValue* twin = valueOf(SensorInventory::upperCaseTwin(sensor.key));
+        if (SensorInventory::worthListing(
+                sensor.kind, value,
+                surroundings_.appleSilicon && SensorInventory::onChip(sensor.key)) &&
+            !(twin && SensorInventory::repeats(sensor.key, value, *twin))) {
+            sensors.push_back(sensor);
         }
     }
-    std::sort(sensors.begin(), sensors.end(),
-              [](const SensorKey& a, const SensorKey& b) { return a.key < b.key; });
-    // A controller that names a key at two indices has it only once.
-    const auto sameKey = [](const SensorKey& a, const SensorKey& b) { return a.key == b.key; };
-    sensors.erase(std::unique(sensors.begin(), sensors.end(), sameKey), sensors.end());
     return sensors;
 }
 
-std::optional<SMC::SensorKey> SMC::sensorKeyAt(std::uint32_t index) const {
+// Every readable key that is a sensor by name and form, whatever it reads now; sorted.
+std::vector<SMC::ListedKey> SMC::listedKeys() const {
+    std::vector<ListedKey> listed;
+    const auto count = number("#KEY");
+    if (!count || *count < 0 || *count > kMostKeys) {
+        return listed;
+    }
+    for (std::uint32_t index = 0; index < static_cast<std::uint32_t>(*count); ++index) {
+        if (auto key = keyAt(index)) {
+            listed.push_back(std::move(*key));
+        }
+    }
+    const auto name = [](const ListedKey& entry) -> const std::string& { return entry.sensor.key; };
+    std::ranges::sort(listed, {}, name);
+    // A controller that names a key at two indices has it only once.
+    const auto repeated = std::ranges::unique(listed, {}, name);
+    listed.erase(repeated.begin(), repeated.end());
+    return listed;
+}
+
+std::optional<SMC::ListedKey> SMC::keyAt(std::uint32_t index) const {
     char key[FV_SMC_KEY_TEXT_SIZE] = {};
     FVValue value{};
     // Most keys are no sensors by their name alone and are not even read; among them are all that
@@ -240,11 +320,10 @@ std::optional<SMC::SensorKey> SMC::sensorKeyAt(std::uint32_t index) const {
         return std::nullopt;
     }
     const auto kind = SensorInventory::smcKind(key, value.data_type, value.data_size);
-    if (!kind || !SensorInventory::valid(*kind, fv_decode(&value)) ||
-        SensorInventory::standsForNoSensor(*kind, key, value)) {
+    if (!kind) {
         return std::nullopt;
     }
-    return SensorKey{key, *kind};
+    return ListedKey{{key, *kind}, value};
 }
 
 std::vector<std::string> SMC::temperatureKeys() const {

@@ -1,9 +1,11 @@
 // The System Management Controller: keys read as numbers, confirmed writes, fans, sensor keys.
 #pragma once
 
+#include <array>
 #include <cmath>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -11,6 +13,7 @@
 
 #include "core/fan/apple_silicon_fan_control.h"
 #include "core/fan/cooling_hardware.h"
+#include "core/fan/fan_keys.h"
 #include "core/model/hardware_sensor.h"
 #include "shim/fv.h"
 
@@ -61,7 +64,9 @@ public:
     std::vector<FanReading> fans() override;
 
     // By the hand-over on Apple Silicon; on Intel by the fan's mode key or, without one, its bit in
-    // the forced-fan mask.
+    // the forced-fan mask. A fan that this object took goes back the way it was taken. When that
+    // key cannot be read, what gives the fan back is sent all the same, in the form that the key
+    // had at the take, and the failure is thrown: nothing has been confirmed.
     void setManual(int fan, bool enabled) override;
 
     std::optional<double> target(int fan) override;
@@ -72,21 +77,39 @@ public:
         HardwareSensorKind kind;
         bool operator==(const SensorKey&) const = default;
     };
-    // The keys that are sensors and read a sane value now, sorted, each once. Asks for every key
-    // that the controller has: hundreds to thousands of calls.
+    // The keys that are sensors and read a sane value now, or may while they are off;
+    // sorted, each once, without the spare spellings of a reading. Empty without a usable key
+    // count. Asks for every key that the controller has: hundreds to thousands of calls.
     std::vector<SensorKey> sensorKeys() const;
     std::vector<std::string> temperatureKeys() const;  // those of them that are temperatures
 
 private:
-    std::optional<SensorKey> sensorKeyAt(std::uint32_t index) const;
+    enum class Purpose { setting, taking, givingBack };
+    struct ListedKey {
+        SensorKey sensor;
+        FVValue value;
+    };
+
+    void write(const std::string& key, double number, Purpose purpose);
+    void sendUnread(const std::string& key, double number);
+    void confirm(const std::string& key, double number);
+    std::optional<ListedKey> keyAt(std::uint32_t index) const;
+    std::vector<ListedKey> listedKeys() const;
     FanReading fan(int index, std::optional<double> mask) const;
     void switchIntelFan(int fan, bool enabled);
+    std::optional<double> maskWith(int fan, bool enabled);
     std::optional<std::uint32_t> forcedMask() const;
     void makeArmFans();
 
     Surroundings surroundings_;
     std::uint32_t connection_ = 0;                     // 0 when there is no controller
     std::unique_ptr<AppleSiliconFanControl> armFans_;  // null on Intel
+
+    std::map<std::string, FVValue> forms_;  // of the keys by which fans were taken
+    // Intel: the key by which a fan is held, empty for one that is not; and the mask before the
+    // first fan was taken by it.
+    std::array<std::string, FanLimits::kFans> takenBy_;
+    double maskBefore_ = 0;
 };
 
 // Inline, because a sample reads hundreds of keys and an optional that is returned costs more than

@@ -3,13 +3,10 @@
 #include <cmath>
 #include <cstdint>
 
+#include "core/fan/fan_keys.h"
+
 namespace ferovane::SMCVerification {
 namespace {
-
-// Modes of a fan's own key. The system uses two values for a fan it controls.
-constexpr double kModeAutomatic = 0.0;
-constexpr double kModeManual = 1.0;
-constexpr double kModeHeldBySystem = 3.0;
 
 bool matches(std::optional<double> reading, double target) {
     // Every comparison with NaN is false, so only finite numbers get through.
@@ -49,16 +46,16 @@ bool waitFor(double target, double timeout, const std::function<double()>& now,
 std::optional<bool> manualState(std::optional<double> local, std::optional<double> flags, int id,
                                 std::optional<double> handoff) {
     if (local) {
-        if (*local == kModeManual) {
+        if (*local == FanMode::kManual) {
             return true;
         }
-        if (*local == kModeAutomatic || *local == kModeHeldBySystem) {
+        if (FanMode::isAutomatic(*local)) {
             return automaticUnless(handoff);
         }
         return std::nullopt;
     }
     // Written so that a mask that is NaN fails it, too.
-    if (!flags || id < 0 || id >= kFanIndexLimit || !(*flags >= 0 && *flags <= kLargestFanMask)) {
+    if (!flags || !FanLimits::isFan(id) || !(*flags >= 0 && *flags <= kLargestFanMask)) {
         return std::nullopt;
     }
     const auto mask = static_cast<std::uint32_t>(*flags);

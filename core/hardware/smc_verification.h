@@ -12,9 +12,6 @@ inline constexpr double kMatchDistance = 1.0;          // exclusive: a rounded s
 inline constexpr double kReadBackSeconds = 2.0;        // the wait that a user is told of
 inline constexpr double kReadBackPauseSeconds = 0.05;  // between two reads
 
-// Fan indices below this have mode keys of one digit and a bit in the forced-fan mask.
-inline constexpr int kFanIndexLimit = 10;
-
 // The forced-fan mask has 16 bits; a reading outside 0 to this is none.
 inline constexpr double kLargestFanMask = 65535.0;
 

@@ -260,6 +260,9 @@ const RealRows kRealRows[] = {
 
 std::vector<HardwareSensorReading> readingsOf(const std::string& machine) {
     std::ifstream file(FEROVANE_TEST_DATA "/controllers/" + machine + ".csv", std::ios::binary);
+    if (!file.is_open()) {
+        file.open(FEROVANE_TEST_DATA "/../../simulator/models/" + machine + ".csv");
+    }
     EXPECT_TRUE(file.is_open()) << machine;
     auto mac = simulator::macFromKeyDump(std::string(std::istreambuf_iterator<char>(file), {}));
     if (!mac.hasKey("#KEY")) {  // a table of temperatures alone

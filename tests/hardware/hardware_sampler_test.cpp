@@ -3,200 +3,325 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdint>
+#include <cctype>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <iterator>
+#include <map>
 #include <optional>
+#include <random>
 #include <string>
 #include <string_view>
 #include <thread>
 #include <vector>
 
 #include "core/hardware/sensor_inventory.h"
+#include "core/hardware/system_capabilities.h"
+#include "core/model/json_codec.h"
 #include "simulator/machine/simulated_mac.h"
 
 namespace ferovane {
 namespace {
 
 using simulator::Property;
+using Kind = HardwareSensorKind;
 
 constexpr Date kDate{754567200.25};
 
-HardwareSampler samplerAt(Date date) {
-    return HardwareSampler([date] { return date; });
+HardwareSampler datedSampler() {
+    return HardwareSampler([] { return kDate; });
 }
 
-std::optional<double> celsius(const Snapshot& snapshot, std::string_view key) {
-    const auto found = std::find_if(snapshot.sensors.begin(), snapshot.sensors.end(),
-                                    [&](const SensorReading& s) { return s.key == key; });
-    return found == snapshot.sensors.end() ? std::nullopt : std::optional(found->celsius);
-}
+// ---- The rules of a sample, on random machines
+// ---------------------------------------------------
 
-const HardwareSensorReading* additional(const Snapshot& snapshot, std::string_view key) {
-    const auto& others = *snapshot.additionalSensors;
-    const auto found = std::find_if(others.begin(), others.end(),
-                                    [&](const HardwareSensorReading& s) { return s.key == key; });
-    return found == others.end() ? nullptr : &*found;
-}
+struct Machine {
+    std::vector<std::string> names, values;  // values as bytes in hexadecimal
+    std::string_view type;
+};
 
-std::size_t readings(const Snapshot& snapshot) {
-    return snapshot.sensors.size() + snapshot.additionalSensors->size();
-}
+const Machine kIntel{{"TC0P", "TC0p", "TC1C", "TH0A", "TH0a", "TA0P", "TA0p", "TG0P", "TG0p",
+                      "TM0P", "PSTR", "IZAP", "VD0R", "F0Ac", "TC0G", "Te05", "TC0E", "TC0e"},
+                     {"8100", "8000", "8001", "7F00", "0000", "0001", "2300", "3700", "3701",
+                      "2800", "0800", "EC00", "F600", "0A00"},
+                     "sp78"};
+const Machine kAppleSilicon{
+    {"TCMb", "TCMz", "TCDX", "TC10", "TCHP", "Te05", "Tp01", "Tp0o", "Tg0K", "Tm0p", "TH0T", "TH0x",
+     "TaLP", "TB0T", "PSTR", "Tp0a", "F0Ac"},
+    {"00002042", "00002042", "00000000", "000080C0", "9A990741", "00002041", "00002841", "CDCC0C42",
+     "66E60143", "00000243", "0000C07F", "0000807F"},  // 40 40 0 -4 8.475 10 10.5 35.2 129.9 130 …
+    "flt "};
 
-// Sensor keys that are none of the machine's own, until it has `total` keys altogether.
-void addSensorsUntil(simulator::SimulatedMac& mac, std::size_t total) {
-    constexpr std::string_view kPlaces = "0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZ";
-    for (std::size_t index = 0; mac.keyCount() < total; ++index) {
-        const std::string key{'T', static_cast<char>('0' + index / 36 / 36),
-                              kPlaces[index / 36 % 36], kPlaces[index % 36]};
-        mac.setKey(key, "sp78", {static_cast<std::uint8_t>(20 + index % 60), 0x80});
+class SamplerRules {
+public:
+    SamplerRules(simulator::SimulatedMac& mac, const Machine& machine)
+        : mac_(mac), machine_(machine), apple_(machine.type == "flt ") {}
+
+    // Whether the next search for sensors fails, for the count of keys cannot be read.
+    bool countRefused = false;
+
+    Snapshot sample() {
+        Snapshot snapshot;
+        if (!listed_) {
+            list();
+        }
+        snapshot.additionalSensors.emplace();
+        for (const auto& [key, kind] : known_) {
+            const auto value = read(key);
+            if (!value || !SensorInventory::valid(kind, *value) || isOff(key, *value)) {
+                continue;
+            }
+            const std::string label = SensorInventory::label(key, kind);
+            if (kind == Kind::temperature) {
+                snapshot.sensors.push_back({key, label, *value});
+            } else {
+                snapshot.additionalSensors->push_back({key, label, kind, *value});
+            }
+        }
+        if (turn_++ % 5 == 0) {
+            const bool answers = mac_.value(Property::kExtensionAnswers) == 1;
+            const bool loaded = mac_.value(Property::kExtensionLoaded) == 1;
+            turbo_ = !answers ? TurboState::unknown
+                     : loaded ? TurboState::disabledDriverLoaded
+                              : TurboState::driverNotLoaded;
+        }
+        snapshot.turbo = turbo_;
+        snapshot.speedLimit = within(Property::kSpeedLimit, 0, 100);
+        snapshot.schedulerLimit = within(Property::kSchedulerLimit, 0, 100);
+        snapshot.availableCPUs = within(Property::kAvailableCpus, 0, 1000);
+        snapshot.thermalWarning = within(Property::kThermalWarning, 0, 1000);
+        if (const auto ac = mac_.value(Property::kAcPower)) {
+            snapshot.acPower = *ac == 1;
+        }
+        snapshot.lowPower = version >= 12 && mac_.value(Property::kLowPowerFlag) == 1;
+        snapshot.thermalState = static_cast<int>(*mac_.value(Property::kThermalState));
+        snapshot.totalCPUs = static_cast<int>(*mac_.value(Property::kProcessors));
+        snapshot.memoryPressure =
+            fromRawValue<MemoryPressure>(static_cast<int>(*mac_.value(Property::kMemoryPressure)));
+        snapshot.smcAvailable = true;
+        snapshot.date = kDate;
+        return snapshot;
+    }
+    void reset() { listed_ = false; }
+    void refreshTurbo() { turn_ = 0; }
+    int version = 14;
+
+private:
+    std::optional<double> read(const std::string& key) { return mac_.number(key); }
+
+    std::optional<int> within(Property property, int least, int most) {
+        const auto value = mac_.value(property);
+        return value && *value >= least && *value <= most ? std::optional(static_cast<int>(*value))
+                                                          : std::nullopt;
+    }
+
+    void list() {
+        known_.clear();
+        listed_ = !std::exchange(countRefused, false);
+        for (const std::string& key : machine_.names) {
+            const auto kind = SensorInventory::smcKind(key, code(key), apple_ ? 4 : 2);
+            if (listed_ && kind && read(key) && isWorthListing(key, *kind) && !isSpare(key)) {
+                known_[key] = *kind;
+            }
+        }
+        listed_ = !known_.empty();
+        for (char core = '0'; !listed_ && core <= '9'; ++core) {
+            known_[std::string("TC") + core + 'C'] = Kind::temperature;
+        }
+    }
+    std::uint32_t code(const std::string& key) const {
+        const std::string_view type = key[0] == 'F' && !apple_ ? "fpe2" : machine_.type;
+        std::uint32_t packed = 0;
+        for (const char c : type) {
+            packed = packed << 8 | static_cast<unsigned char>(c);
+        }
+        return packed;
+    }
+    bool isWorthListing(const std::string& key, Kind kind) {
+        const double value = *read(key);
+        const bool sentinel = value == -127 || value == -128 ||
+                              (kind == Kind::temperature && value >= 127 && value <= 129 &&
+                               value == std::floor(value));
+        return (isOnChip(key) && std::fabs(value) <= 10) ||
+               (SensorInventory::valid(kind, value) && !(sentinel && kind != Kind::fan));
+    }
+    // Intel's raw twin of a key, when the key itself tells as much.
+    bool isSpare(std::string key) {
+        if (apple_ || key[0] != 'T' || std::islower(key[3]) == 0) {
+            return false;
+        }
+        const double value = *read(key);
+        key[3] = static_cast<char>(std::toupper(key[3]));
+        const auto twin = read(key);
+        return twin && (*twin == -127 || *twin == -128 || (*twin > 0 && *twin == value) ||
+                        (key[1] == 'A' && *twin > 0 && std::fabs(*twin - value) == 20));
+    }
+    bool isOnChip(const std::string& key) const {
+        return apple_ && key[0] == 'T' &&
+               (std::strchr("egmps", key[1]) != nullptr ||
+                (key[1] == 'C' && std::strchr("0123456789AMD", key[2]) != nullptr));
+    }
+    bool isOff(const std::string& key, double value) {
+        const auto suspect = [](double celsius) { return celsius == 40 || celsius <= 10; };
+        return isOnChip(key) && suspect(value) &&
+               std::any_of(known_.begin(), known_.end(), [&](const auto& other) {
+                   const auto reading = read(other.first);
+                   return isOnChip(other.first) && (key[1] != 'C' || other.first[1] == 'C') &&
+                          reading && *reading > 0 && *reading < 130 && !suspect(*reading);
+               });
+    }
+
+    simulator::SimulatedMac& mac_;
+    const Machine& machine_;
+    bool apple_;
+    std::map<std::string, Kind> known_;
+    bool listed_ = false;
+    int turn_ = 0;
+    TurboState turbo_ = TurboState::unknown;
+};
+
+class SampledMachine {
+public:
+    explicit SampledMachine(unsigned seed)
+        : random_(seed), machine_(oneOf(std::vector{kIntel, kAppleSilicon})), mac_(made()) {
+        mac_.setAppleSilicon(machine_.type == "flt ");
+        changeTheSystem();
+    }
+
+    void run() {
+        auto sampler = datedSampler();
+        bool hasPrevious = false;
+        for (int step = 0; step < 14; ++step) {
+            change();
+            if (chance(6)) {
+                sampler.reset();
+                rules_.reset();
+                hasPrevious = false;
+            }
+            if (chance(5)) {
+                sampler.refreshTurbo();
+                rules_.refreshTurbo();
+            }
+            Snapshot taken = sampler.sample();
+            ASSERT_EQ(taken.cpuUsage.has_value(), hasPrevious);
+            hasPrevious = true;
+            ASSERT_TRUE(!taken.cpuUsage || (*taken.cpuUsage >= 0 && *taken.cpuUsage <= 100));
+            taken.cpuUsage.reset();
+            ASSERT_EQ(encodeJson(taken), encodeJson(rules_.sample())) << "step " << step;
+        }
+    }
+
+private:
+    bool chance(unsigned in) { return random_() % in == 0; }
+    template <class T>
+    T oneOf(const std::vector<T>& values) {
+        return values[random_() % values.size()];
+    }
+
+    simulator::SimulatedMac made() {
+        std::string dump = "key,type,size,attributes,bytes,result\n";
+        for (const std::string& name : machine_.names) {
+            const bool fan = name[0] == 'F' && machine_.type == "sp78";
+            const std::string value = oneOf(machine_.values);
+            dump += name + "," + (fan ? "fpe2" : std::string(machine_.type)) + "," +
+                    std::to_string(value.size() / 2) + ",80," + value + ",00\n";
+        }
+        return simulator::macFromKeyDump(dump);
+    }
+    void change() {
+        for (const std::string& name : machine_.names) {
+            if (chance(3)) {
+                const std::string hex = oneOf(machine_.values);
+                std::vector<std::uint8_t> bytes;
+                for (std::size_t at = 0; at < hex.size(); at += 2) {
+                    bytes.push_back(
+                        static_cast<std::uint8_t>(std::stoi(hex.substr(at, 2), nullptr, 16)));
+                }
+                const bool fan = name[0] == 'F' && machine_.type == "sp78";
+                mac_.setKey(name, fan ? "fpe2" : machine_.type, bytes);
+            }
+            if (chance(20)) {
+                mac_.setUnreadable(name);
+            }
+        }
+        mac_.set(Property::kExtensionLoaded, oneOf<double>({0, 1}));
+        mac_.set(Property::kExtensionAnswers, chance(4) ? 0 : 1);
+        if (chance(3)) {
+            changeTheSystem();
+        }
+        if (chance(8) && !rules_.countRefused) {
+            mac_.refuseReads("#KEY", simulator::kNotReadable, simulator::kOnce);
+            rules_.countRefused = true;
+        }
+    }
+    void changeTheSystem() {
+        for (const Property limit :
+             {Property::kSpeedLimit, Property::kSchedulerLimit, Property::kAvailableCpus}) {
+            mac_.set(limit, oneOf<double>({-2, -1, 0, 57, 100, 101}));
+            if (chance(6)) {
+                mac_.setAbsent(limit);
+            }
+        }
+        mac_.set(Property::kThermalWarning, oneOf<double>({0, 5, 110}));
+        mac_.set(Property::kAcPower, oneOf<double>({0, 1}));
+        if (chance(4)) {
+            mac_.setAbsent(chance(2) ? Property::kAcPower : Property::kThermalWarning);
+        }
+        mac_.set(Property::kLowPowerFlag, oneOf<double>({0, 1}));
+        mac_.set(Property::kThermalState, oneOf<double>({0, 1, 2, 3}));
+        mac_.set(Property::kMemoryPressure, oneOf<double>({0, 1, 2, 3, 4, 5}));
+        mac_.set(Property::kProcessors, oneOf<double>({1, 8, 12}));
+        rules_.version = oneOf<int>({11, 12, 14});
+        mac_.setSystemVersion(std::to_string(rules_.version) + (chance(2) ? ".0" : ".7.10"));
+    }
+
+    std::mt19937 random_;
+    const Machine machine_;
+    simulator::SimulatedMac mac_;
+    SamplerRules rules_{mac_, machine_};
+    simulator::Attachment attached_ = mac_.attach();
+};
+
+TEST(HardwareSamplerTest, EverySampleFollowsTheRules) {
+    for (unsigned seed = 1; seed <= 150; ++seed) {
+        SCOPED_TRACE("seed " + std::to_string(seed));
+        SampledMachine(seed).run();
+        if (HasFatalFailure()) {
+            return;
+        }
     }
 }
 
-std::uint64_t keysWorthReading() {
-    const std::uint32_t connection = fv_smc_open();
-    std::uint64_t count = 0;
-    char key[FV_SMC_KEY_TEXT_SIZE];
-    for (std::uint32_t index = 0; fv_smc_key_at_index(connection, index, key) == 0; ++index) {
-        count += static_cast<std::uint64_t>(SensorInventory::mayBeSensor(key));
-    }
-    fv_smc_close(connection);
-    return count;
-}
+// ---- What the rules above do not say
+// -------------------------------------------------------------
 
-TEST(HardwareSamplerTest, ProcessorUseNeedsAPreviousSample) {
-    auto mac = simulator::intelMac(2);
-    const auto attached = mac.attach();
-    auto sampler = samplerAt(kDate);
-    const auto first = sampler.sample();
-    EXPECT_EQ(first.cpuUsage, std::nullopt);
-    EXPECT_EQ(first.date, kDate);
-    const auto second = sampler.sample();
-    ASSERT_TRUE(second.cpuUsage);
-    EXPECT_GE(*second.cpuUsage, 0);
-    EXPECT_LE(*second.cpuUsage, 100);
-    sampler.reset();
-    EXPECT_EQ(sampler.sample().cpuUsage, std::nullopt);
-}
-
-// The promise on a machine of any size: two calls per known sensor, and those of the fan list.
+// Two calls per known sensor, and those of the fan list, on a machine of any size.
 TEST(HardwareSamplerTest, ExactCallsPerSample) {
-    constexpr int kFans = 2;
-    // The count; the mask, which this machine lacks and denies at the first call; five keys a fan.
-    constexpr std::uint64_t kFanListCalls = 2 + 1 + kFans * 5 * 2;
-    for (const std::size_t keys : {300U, 10000U}) {
-        auto mac = simulator::intelMac(kFans);
-        addSensorsUntil(mac, keys);
+    constexpr std::uint64_t kFanListCalls = 2 + 1 + 2 * 5 * 2;  // the count, no mask, two fans
+    for (const int sensors : {300, 9000}) {
+        auto mac = simulator::intelMac(2);
+        mac.addTemperatureKeys(sensors);
         const auto attached = mac.attach();
-        const std::uint64_t candidates = keysWorthReading();
-        auto sampler = samplerAt(kDate);
-        mac.clearCalls();
+        auto sampler = datedSampler();
         const auto first = sampler.sample();
-        EXPECT_GE(readings(first), keys - 40);
-        const std::uint64_t perSample = 2 * readings(first) + kFanListCalls;
-        EXPECT_EQ(mac.calls().names, keys);
-        EXPECT_EQ(mac.calls().total(), 2 + keys + 2 * candidates + perSample);
+        const std::uint64_t found = first.sensors.size() + first.additionalSensors->size();
+        EXPECT_GE(found, static_cast<std::uint64_t>(sensors));
+        EXPECT_EQ(mac.calls().names, mac.keyCount());
         for (int later = 0; later < 3; ++later) {
             mac.clearCalls();
-            EXPECT_EQ(readings(sampler.sample()), readings(first));
-            EXPECT_EQ(mac.calls().total(), perSample);
-            EXPECT_EQ(mac.calls().names, 0U);
-            EXPECT_EQ(mac.calls().writes, 0U);
+            (void)sampler.sample();
+            EXPECT_EQ(mac.calls(),
+                      (simulator::CallCounts{.reads = found + kFanListCalls / 2,
+                                             .keyInfos = found + kFanListCalls / 2 + 1}));
         }
     }
-}
-
-TEST(HardwareSamplerTest, FindsSensorsAnewOnlyAfterReset) {
-    auto mac = simulator::intelMac(2);
-    mac.setKey("TW0P", "sp78", {0x81, 0x00});  // nothing fitted yet
-    const auto attached = mac.attach();
-    auto sampler = samplerAt(kDate);
-    EXPECT_EQ(celsius(sampler.sample(), "TW0P"), std::nullopt);
-    mac.setNumber("TW0P", 44);
-    EXPECT_EQ(celsius(sampler.sample(), "TW0P"), std::nullopt);
-    sampler.reset();
-    EXPECT_EQ(celsius(sampler.sample(), "TW0P"), 44);
-    EXPECT_EQ(mac.ports().connections, 1);
-}
-
-TEST(HardwareSamplerTest, DropsWhatCannotBeWhileItLasts) {
-    auto mac = simulator::intelMac(2);
-    mac.setKey("TW0P", "flt ", {0x00, 0x00, 0x20, 0x42});
-    mac.setKey("TW1P", "sp78", {0x28, 0x00});
-    const auto attached = mac.attach();
-    auto sampler = samplerAt(kDate);
-    ASSERT_EQ(celsius(sampler.sample(), "TW0P"), 40);
-    const struct {
-        std::vector<std::uint8_t> bytes;
-        std::optional<double> kept;
-    } cases[] = {
-        {{0x00, 0x00, 0x02, 0x43}, std::nullopt},        // 130.0
-        {{0x00, 0x00, 0x00, 0x00}, std::nullopt},        // 0.0
-        {{0x66, 0xE6, 0x01, 0x43}, 129.89999389648437},  // 129.9 as a float holds it
-        {{0x00, 0x00, 0xC0, 0x7F}, std::nullopt},        // NaN
-        {{0x00, 0x00, 0x80, 0x7F}, std::nullopt},        // infinity
-        {{0x00, 0x00, 0x80, 0xBF}, std::nullopt},        // -1
-        {{0x00, 0x00, 0x00, 0x43}, 128.0},               // passing through is no sentinel
-    };
-    for (const auto& c : cases) {
-        mac.setKey("TW0P", "flt ", c.bytes);
-        EXPECT_EQ(celsius(sampler.sample(), "TW0P"), c.kept);
-    }
-    mac.setNumber("TW0P", 40);
-    mac.refuseReads("TW0P", simulator::kNotReadable, simulator::kOnce);
-    EXPECT_EQ(celsius(sampler.sample(), "TW0P"), std::nullopt);
-    EXPECT_EQ(celsius(sampler.sample(), "TW0P"), 40) << "back again";
-    mac.wrongKeySize("TW1P", 1);
-    EXPECT_EQ(celsius(sampler.sample(), "TW1P"), std::nullopt);
-    mac.clearFaults();
-    mac.readGarbage("");
-    for (int sample = 0; sample < 50; ++sample) {
-        for (const auto& sensor : sampler.sample().sensors) {
-            EXPECT_TRUE(SensorInventory::valid(HardwareSensorKind::temperature, sensor.celsius));
-        }
-    }
-}
-
-TEST(HardwareSamplerTest, OtherKindsAreAdditionalSensors) {
-    auto mac = simulator::intelMac(2);
-    mac.setKey("PSTR", "flt ", {0x00, 0x00, 0xA0, 0x41});
-    mac.setKey("IBAC", "sp78", {0xFC, 0x80});
-    mac.setKey("VD0R", "flt ", {0x00, 0x00, 0xA0, 0x41});
-    const auto attached = mac.attach();
-    const auto snapshot = samplerAt(kDate).sample();
-    using Reading = HardwareSensorReading;
-    using Kind = HardwareSensorKind;
-    const auto* power = additional(snapshot, "PSTR");
-    ASSERT_NE(power, nullptr);
-    EXPECT_EQ(*power, (Reading{"PSTR", "整机功耗 · PSTR", Kind::power, 20}));
-    const auto* current = additional(snapshot, "IBAC");
-    ASSERT_NE(current, nullptr) << "a battery that is drawn from has a negative current";
-    EXPECT_EQ(*current, (Reading{"IBAC", "电池电流 · IBAC", Kind::current, -3.5}));
-    const auto* fan = additional(snapshot, "F1Ac");
-    ASSERT_NE(fan, nullptr);
-    EXPECT_EQ(fan->label, "风扇 2");
-    EXPECT_NEAR(fan->value, mac.fanRpm(1), 1);
-    EXPECT_EQ(additional(snapshot, "TC0P"), nullptr);
-    EXPECT_NE(celsius(snapshot, "TC0P"), std::nullopt);
-    const auto byKey = [](const auto& a, const auto& b) { return a.key < b.key; };
-    EXPECT_TRUE(std::is_sorted(snapshot.sensors.begin(), snapshot.sensors.end(), byKey));
-}
-
-TEST(HardwareSamplerTest, ReadsTheCoreKeysWhenNoneAreListed) {
-    auto mac = simulator::intelMac(2);
-    mac.setKey("TC0C", "sp78", {0x3C, 0x00});
-    mac.setKey("TC9C", "sp78", {0x3D, 0x00});
-    mac.removeKey("TC1C");
-    mac.setUnreadable("#KEY");
-    const auto attached = mac.attach();
-    const auto snapshot = samplerAt(kDate).sample();
-    EXPECT_EQ(snapshot.sensors, (std::vector<SensorReading>{{"TC0C", "CPU core sensor 0", 60},
-                                                            {"TC9C", "CPU core sensor 9", 61}}));
-    EXPECT_EQ(snapshot.fans.size(), 2U);
 }
 
 TEST(HardwareSamplerTest, WithoutControllerTheRestIsStillThere) {
     auto mac = simulator::macWithoutController();
     const auto attached = mac.attach();
-    auto sampler = samplerAt(kDate);
+    auto sampler = datedSampler();
     const auto snapshot = sampler.sample();
     EXPECT_FALSE(snapshot.smcAvailable);
     EXPECT_TRUE(snapshot.sensors.empty());
@@ -205,96 +330,12 @@ TEST(HardwareSamplerTest, WithoutControllerTheRestIsStillThere) {
     EXPECT_TRUE(sampler.sample().cpuUsage);
 }
 
-TEST(HardwareSamplerTest, AsksForTheTurboDriverEveryFifthSample) {
-    auto mac = simulator::intelMac(1);
-    const auto attached = mac.attach();
-    auto sampler = samplerAt(kDate);
-    // The driver comes and goes before every sample; what is reported tells when it was asked for.
-    bool loaded = false;
-    const auto sampleToggled = [&] {
-        loaded = !loaded;
-        mac.set(Property::kExtensionLoaded, loaded ? 1 : 0);
-        return sampler.sample().turbo;
-    };
-    constexpr auto kLoaded = TurboState::disabledDriverLoaded;
-    constexpr auto kNotLoaded = TurboState::driverNotLoaded;
-    for (int sample = 1; sample <= 12; ++sample) {
-        // Asked on samples 1 (loaded), 6 (not loaded) and 11 (loaded).
-        const auto expected = sample < 6 || sample >= 11 ? kLoaded : kNotLoaded;
-        EXPECT_EQ(sampleToggled(), expected) << sample;
-    }
-    sampler.refreshTurbo();
-    EXPECT_EQ(sampleToggled(), kLoaded);
-    sampler.refreshTurbo();
-    EXPECT_EQ(sampleToggled(), kNotLoaded) << "asked one sample ago, and again";
-    mac.set(Property::kExtensionAnswers, 0);
-    sampler.refreshTurbo();
-    EXPECT_EQ(sampler.sample().turbo, TurboState::unknown);
-}
-
-TEST(HardwareSamplerTest, LimitsOutsideTheirRangeAreAbsent) {
-    auto mac = simulator::intelMac(1);
-    const auto attached = mac.attach();
-    auto sampler = samplerAt(kDate);
-    const struct {
-        double percent;
-        std::optional<int> kept;
-    } cases[] = {{100, 100}, {0, 0}, {101, std::nullopt}, {-1, std::nullopt}, {57, 57}};
-    for (const auto& c : cases) {
-        mac.set(Property::kSpeedLimit, c.percent);
-        mac.set(Property::kSchedulerLimit, c.percent);
-        const auto snapshot = sampler.sample();
-        EXPECT_EQ(snapshot.speedLimit, c.kept) << c.percent;
-        EXPECT_EQ(snapshot.schedulerLimit, c.kept) << c.percent;
-    }
-    mac.set(Property::kAvailableCpus, 0);
-    mac.set(Property::kThermalWarning, 0);
-    EXPECT_EQ(sampler.sample().availableCPUs, 0);
-    EXPECT_EQ(sampler.sample().thermalWarning, 0);
-    mac.set(Property::kAvailableCpus, -2);
-    mac.setNotANumber(Property::kSpeedLimit);
-    mac.setAbsent(Property::kThermalWarning);
-    const auto snapshot = sampler.sample();
-    EXPECT_EQ(snapshot.availableCPUs, std::nullopt);
-    EXPECT_EQ(snapshot.speedLimit, std::nullopt);
-    EXPECT_EQ(snapshot.schedulerLimit, 57) << "the others are still read";
-    EXPECT_EQ(snapshot.thermalWarning, std::nullopt);
-}
-
-TEST(HardwareSamplerTest, WhatTheSystemSays) {
-    auto mac = simulator::intelMac(1);
-    mac.setSystemVersion("12.0");
-    mac.set(Property::kAcPower, 0);
-    mac.set(Property::kLowPowerFlag, 1);
-    mac.set(Property::kThermalState, 2);
-    mac.set(Property::kMemoryPressure, 4);
-    mac.set(Property::kProcessors, 12);
-    const auto attached = mac.attach();
-    auto sampler = samplerAt(kDate);
-    const auto hot = sampler.sample();
-    EXPECT_TRUE(hot.smcAvailable);
-    EXPECT_EQ(hot.acPower, false);
-    EXPECT_TRUE(hot.lowPower);
-    EXPECT_EQ(hot.thermalState, 2);
-    EXPECT_EQ(hot.memoryPressure, MemoryPressure::critical);
-    EXPECT_EQ(hot.totalCPUs, 12);
-
-    mac.setSystemVersion("11.7.10");  // has no low-power mode, whatever the flag says
-    mac.setAbsent(Property::kAcPower);
-    mac.set(Property::kMemoryPressure, 3);
-    mac.set(Property::kThermalState, 0);
-    const auto calm = sampler.sample();
-    EXPECT_FALSE(calm.lowPower);
-    EXPECT_EQ(calm.acPower, std::nullopt);
-    EXPECT_EQ(calm.memoryPressure, std::nullopt);
-    EXPECT_EQ(calm.thermalState, 0);
-}
-
 TEST(HardwareSamplerTest, ServesThreadsOneAfterTheOther) {
     auto mac = simulator::intelMac(2);
     const auto attached = mac.attach();
-    auto sampler = samplerAt(kDate);
-    const auto expected = readings(sampler.sample());
+    auto sampler = datedSampler();
+    const auto sensors = [&] { return encodeJson(sampler.sample().sensors); };
+    const std::string expected = sensors();
     std::thread other([&] {
         for (int turn = 0; turn < 50; ++turn) {
             sampler.reset();
@@ -302,9 +343,10 @@ TEST(HardwareSamplerTest, ServesThreadsOneAfterTheOther) {
         }
     });
     for (int turn = 0; turn < 50; ++turn) {
-        EXPECT_EQ(readings(sampler.sample()), expected);
+        EXPECT_EQ(sensors(), expected);
     }
     other.join();
+    EXPECT_EQ(mac.ports().connections, 1);
 }
 
 }  // namespace
