@@ -1,6 +1,5 @@
 #include "helper/process_guardian.h"
 
-#include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -28,16 +27,6 @@ constexpr std::chrono::seconds kReleasePatience{1};
 
 // So is one that is started ready.
 constexpr int kStandPatienceMilliseconds = 5000;
-
-bool openSocket(int (&ends)[2]) {
-    if (::socketpair(AF_UNIX, SOCK_STREAM, 0, ends) != 0) {
-        return false;
-    }
-    for (const int end : ends) {
-        ::fcntl(end, F_SETFD, FD_CLOEXEC);
-    }
-    return true;
-}
 
 // Its end: it says nothing once it stands.
 void awaitEnd(int socket) {
@@ -69,7 +58,7 @@ void reapSoon(pid_t guardian) {
 
 }  // namespace
 
-// Our end, closed in everything that the helper starts.
+// Our end. Whatever the helper starts is given no descriptor that is not named.
 struct ProcessGuardian::Socket {
     explicit Socket(int end) : descriptor(end) {}
     ~Socket() { ::close(descriptor); }
@@ -197,7 +186,7 @@ bool ProcessGuardian::tell() noexcept {
 // Starts one that knows the charge.
 bool ProcessGuardian::start() noexcept {
     int ends[2] = {-1, -1};
-    if (!openSocket(ends)) {
+    if (::socketpair(AF_UNIX, SOCK_STREAM, 0, ends) != 0) {
         return false;
     }
     std::int32_t pid = 0;

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <map>
+
 #include "tests/helper/helper_world.h"
 
 namespace ferovane::testing {
@@ -15,39 +17,26 @@ const std::string kAuthentication = "原生授权会话身份验证失败\n";
 const std::string kCoolingArguments = "无效的散热会话参数或发起程序已经退出\n";
 const std::string kProfileArguments = "无效的模式会话参数\n";
 
-struct Refusal {
-    std::vector<std::string> words;
-    std::string asRoot;
-    std::string asUser;
-};
-
 TEST(CommandsTest, RefusesInOneFixedOrder) {
-    const std::vector<Refusal> refusals{
-        {{}, kUsage, kPrivileges},
-        {{"prob"}, kUsage, kPrivileges},
-        {{"Probe"}, kUsage, kPrivileges},
-        {{"probe", "x"}, kUsage, kPrivileges},
-        {{"fan-probe", "x"}, kUsage, kPrivileges},
-        {{"serve"}, kUsage, kPrivileges},
-        {{"serve", "4711"}, kUsage, kPrivileges},
-        {{"serve", "4711", "501", "x"}, kUsage, kPrivileges},
-        {{"serve", "4711", "502"}, kAuthentication, kAuthentication},
-        {{"auto", "x"}, kArguments, kPrivileges},
-        {{"turbo-disable", "x"}, kArguments, kPrivileges},
-        {{"turbo-enable", "", ""}, kArguments, kPrivileges},
-        {{"cooling"}, kCoolingArguments, kPrivileges},
-        {{"test-fan"}, kCoolingArguments, kPrivileges},
-        {{"profile"}, kProfileArguments, kPrivileges},
+    const std::map<std::string, std::vector<std::string>> refusals{
+        {kUsage,
+         {"", "prob", "Probe", "probe x", "fan-probe x", "serve", "serve 4711", "serve 4711 501 x",
+          "fan-guardian"}},
+        {kArguments, {"auto x", "turbo-disable x", "turbo-enable x x"}},
+        {kCoolingArguments, {"cooling", "test-fan"}},
+        {kProfileArguments, {"profile"}},
+        {kAuthentication, {"serve 4711 502"}},
     };
-    for (const Refusal& refusal : refusals) {
-        for (const std::uint32_t user : {0U, kOwnerUid}) {
-            HelperWorld world(simulator::intelMac(2));
-            world.environment.effectiveUser = user;
-            EXPECT_EQ(world.run(refusal.words), 1);
-            EXPECT_EQ(world.errors.text(), user == 0 ? refusal.asRoot : refusal.asUser)
-                << ::testing::PrintToString(refusal.words);
-            EXPECT_EQ(world.output.text(), "");
-            EXPECT_EQ(world.mac.writes(), "");
+    for (const auto& [message, lines] : refusals) {
+        for (const std::string& line : lines) {
+            for (const std::uint32_t user : {0U, kOwnerUid}) {
+                HelperWorld world(simulator::intelMac(2));
+                world.environment.effectiveUser = user;
+                EXPECT_EQ(world.run(wordsOf(line)), 1);
+                const bool known = user == 0 || message == kAuthentication;
+                EXPECT_EQ(world.errors.text(), known ? message : kPrivileges) << line;
+                EXPECT_EQ(world.output.text() + world.mac.writes(), "");
+            }
         }
     }
 }

@@ -5,8 +5,10 @@
 #include <cstdint>
 #include <cstdio>
 #include <functional>
+#include <iterator>
 #include <memory>
 #include <set>
+#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -78,6 +80,12 @@ private:
     std::FILE* file_;
 };
 
+// A command line's words, which spaces separate; none in an empty one.
+inline std::vector<std::string> wordsOf(const std::string& line) {
+    std::istringstream words(line);
+    return {std::istream_iterator<std::string>(words), {}};
+}
+
 struct HelperWorld {
     explicit HelperWorld(simulator::SimulatedMac machine, bool appleSilicon = false)
         : mac(std::move(machine)), attached(mac.attach()) {
@@ -122,12 +130,9 @@ struct HelperWorld {
         words.insert(words.begin(), "FerovaneHelper");
         return runHelper(words, environment);
     }
-    int cool(const std::string& word = "cooling") {
-        return run({word, std::to_string(kOwnerPid), std::to_string(kOwnerUid), kSession});
-    }
+    int cool(const std::string& word = "cooling") { return run({word, "4711", "501", kSession}); }
     int profile(const std::string& mode, const std::string& curve = "-") {
-        return run({"profile", std::to_string(kOwnerPid), std::to_string(kOwnerUid), kSession, mode,
-                    curve});
+        return run({"profile", "4711", "501", kSession, mode, curve});
     }
 
     simulator::SimulatedMac mac;

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 #include "core/model/scope_error.h"
 #include "helper/held_fans.h"
 #include "tests/helper/helper_world.h"
@@ -32,58 +34,41 @@ TEST(CoolingCommandTest, RunsAtFullSpeedForItsTimeAndHandsBack) {
 }
 
 TEST(CoolingCommandTest, ReadsItsArgumentsStrictly) {
-    const std::string pid = std::to_string(kOwnerPid);
-    const std::string uid = std::to_string(kOwnerUid);
-    const std::vector<std::vector<std::string>> refused{
-        {pid, uid},
-        {pid, uid, kSession, "x"},
-        {"", uid, kSession},
-        {" " + pid, uid, kSession},
-        {pid + "x", uid, kSession},
-        {"0x1267", uid, kSession},
-        {"4294971967", uid, kSession},  // the process id plus two to the power 32
-        {"1", uid, kSession},
-        {"-4711", uid, kSession},
-        {pid, "0", kSession},
-        {pid, "-501", kSession},
-        {pid, "502", kSession},
-        {pid, uid, ""},
-        {pid, uid, "6f1c2f0e7a444d2b9a3d0e6c9bb0a1f2"},
-        {pid, uid, "../../../../../../../../etc/passwd00"},
-    };
-    for (std::vector<std::string> words : refused) {
+    // SESSION stands for one that would do; 4294971967 is the process id plus two to the power 32.
+    for (std::string line : {"4711 501", "4711 501 SESSION x", "501 SESSION", "4711x 501 SESSION",
+                             "0x1267 501 SESSION", "4294971967 501 SESSION", "1 501 SESSION",
+                             "-4711 501 SESSION", "4711 0 SESSION", "4711 -501 SESSION",
+                             "4711 502 SESSION", "4711 501 6f1c2f0e7a444d2b9a3d0e6c9bb0a1f2",
+                             "4711 501 ../../../../../../../etc/passwd0"}) {
+        if (const std::size_t place = line.find("SESSION"); place != std::string::npos) {
+            line.replace(place, 7, kSession);
+        }
         HelperWorld world(simulator::intelMac(2));
         // So that only user 502 is refused for not being the owner.
         world.environment.ownerAlive = [](std::int32_t, std::uint32_t user) { return user != 502; };
-        words.insert(words.begin(), "cooling");
-        EXPECT_EQ(world.run(words), 1) << ::testing::PrintToString(words);
+        EXPECT_EQ(world.run(wordsOf("cooling " + line)), 1) << line;
         EXPECT_EQ(world.errors.text(), "无效的散热会话参数或发起程序已经退出\n");
         EXPECT_EQ(world.mac.calls().total(), 0U);
         EXPECT_EQ(world.guardianRecord, "");
     }
     HelperWorld world(simulator::intelMac(2));
-    EXPECT_EQ(world.run({"test-fan", "+" + pid, "+" + uid, kSession}), 0) << world.errors.text();
+    EXPECT_EQ(world.run(wordsOf("test-fan +4711 +501 " + kSession)), 0) << world.errors.text();
 }
 
-using Ending = std::function<void(HelperWorld&)>;
-
 TEST(CoolingCommandTest, EveryCauseOfStoppingEndsItWithinARound) {
-    const std::vector<std::pair<std::string, Ending>> endings{
-        {"stop file", [](HelperWorld& world) { world.files.insert(kStopFile); }},
-        {"owner gone", [](HelperWorld& world) { world.ownerAlive = false; }},
-        {"signal", [](HelperWorld& world) { world.stopFlag = true; }},
-    };
-    for (const auto& [name, end] : endings) {
+    for (const std::string cause : {"stop file", "owner gone", "signal"}) {
         HelperWorld world(simulator::intelMac(2));
-        world.onPause = [&, ending = end] {
+        world.onPause = [&] {
             if (world.pauses == 20) {
-                ending(world);
+                cause == "stop file"
+                    ? world.files.insert(kStopFile).second
+                    : (cause == "signal" ? world.stopFlag = true : world.ownerAlive = false);
             }
         };
-        EXPECT_EQ(world.cool(), 0) << name;
-        EXPECT_EQ(world.pauses, 20) << name;
-        EXPECT_TRUE(world.mac.allFansAutomatic()) << name;
-        EXPECT_EQ(world.output.text(), kCoolingDone) << name;
+        EXPECT_EQ(world.cool(), 0) << cause;
+        EXPECT_EQ(world.pauses, 20) << cause;
+        EXPECT_TRUE(world.mac.allFansAutomatic()) << cause;
+        EXPECT_EQ(world.output.text(), kCoolingDone) << cause;
     }
 }
 
@@ -160,63 +145,43 @@ TEST(HeldFansTest, AFanThatIsHeldIsNobodyElsesWhenItIsTakenAgain) {
 }
 
 TEST(ProfileCommandTest, ModesAndTheirTurbo) {
-    struct Case {
-        std::string mode;
-        std::int64_t before;
-        std::vector<std::string> writes;
-    };
-    const std::vector<Case> cases{
-        {"quiet", 0, {"turbo=1"}},
-        {"quiet", 1, {}},
-        {"balanced", 1, {"turbo=0"}},
-        {"balanced", 0, {}},
-        {"performance", 1, {"turbo=0"}},
-        {"automatic", 1, {"turbo=0"}},
-        {"custom", 1, {}},
-        {"custom", 0, {}},
-    };
-    for (const Case& c : cases) {
+    // A mode, whether turbo is disabled before, and what is written.
+    for (const auto& [mode, before, written] :
+         std::vector<std::tuple<std::string, int, std::string>>{{"quiet", 0, "turbo=1"},
+                                                                {"quiet", 1, ""},
+                                                                {"balanced", 1, "turbo=0"},
+                                                                {"balanced", 0, ""},
+                                                                {"performance", 1, "turbo=0"},
+                                                                {"automatic", 1, "turbo=0"},
+                                                                {"custom", 1, ""},
+                                                                {"custom", 0, ""}}) {
         HelperWorld world(simulator::intelMac(2));
-        world.power.turbo = c.before;
+        world.power.turbo = before;
         world.onPause = [&] { world.stopFlag = true; };
-        EXPECT_EQ(world.profile(c.mode, kCurve), 0) << c.mode << world.errors.text();
-        EXPECT_EQ(world.power.writes, c.writes) << c.mode << c.before;
+        EXPECT_EQ(world.profile(mode, kCurve), 0) << mode << world.errors.text();
+        EXPECT_EQ(world.power.writes, wordsOf(written)) << mode << before;
         EXPECT_EQ(world.output.text(), "模式会话结束，风扇已恢复系统自动；保留睿频选择。\n");
         EXPECT_TRUE(world.mac.allFansAutomatic());
-    }
-    for (const char* mode : {"eco", "Quiet", "静音", ""}) {
-        HelperWorld world(simulator::intelMac(2));
-        EXPECT_EQ(world.profile(mode), 1) << mode;
-        EXPECT_EQ(world.errors.text(), "无效的模式会话参数\n") << mode;
-        EXPECT_EQ(world.mac.calls().total(), 0U) << mode;
     }
 }
 
 TEST(ProfileCommandTest, PutsTurboBackWhenTheFansCannotFollow) {
-    const std::string lost = "风扇控制被改变或无法读取，已停止曲线";
-    struct Case {
-        std::optional<std::int64_t> before;
-        bool refused;
-        std::vector<std::string> writes;
-        std::string message;
-    };
-    const std::vector<Case> cases{
-        {0, false, {"turbo=1", "turbo=0"}, lost},
-        {std::nullopt, false, {"turbo=1"}, lost},  // there is nothing to go back to
-        {0, true, {"turbo=1", "turbo=0!"}, lost + "；睿频回退失败：第1步失败"},
-    };
-    for (const Case& c : cases) {
+    for (const std::string outcome : {"turbo=1 turbo=0", "turbo=1", "turbo=1 turbo=0!"}) {
         HelperWorld world(simulator::intelMac(2));
-        world.power.turbo = c.before;
+        if (outcome == "turbo=1") {
+            world.power.turbo = std::nullopt;  // there is nothing to go back to
+        }
+        const bool refused = outcome.back() == '!';
         world.onPause = [&] {
             world.mac.driftTarget(0, 3);
-            if (c.refused) {
+            if (refused) {
                 world.power.failCall(1, PowerFault::refused);
             }
         };
         EXPECT_EQ(world.profile("quiet"), 1);
-        EXPECT_EQ(world.errors.text(), c.message + "\n");
-        EXPECT_EQ(world.power.writes, c.writes);
+        EXPECT_EQ(world.errors.text(), std::string("风扇控制被改变或无法读取，已停止曲线") +
+                                           (refused ? "；睿频回退失败：第1步失败\n" : "\n"));
+        EXPECT_EQ(world.power.writes, wordsOf(outcome));
         EXPECT_TRUE(world.mac.allFansAutomatic());
     }
 }
@@ -234,37 +199,32 @@ TEST(ProfileCommandTest, AFanThatIsLeftIsTheGuardiansBeforeTurboIsPutBack) {
 }
 
 TEST(ProfileCommandTest, RefusesBeforeTouchingAnything) {
-    const std::string tooLong(4100, 'A');
     // A first point at 20 degrees.
     const std::string tooCold =
         "eyJwb2ludHMiOlt7InRlbXBlcmF0dXJlIjoyMCwicGVyY2VudCI6MjB9LHsidGVtcGVyYXR1cmUiOjkwLCJwZXJj"
         "ZW50IjoxMDB9XSwic2Vuc29yIjoiQ1BVIn0=";
-    const std::vector<std::pair<std::string, std::string>> curves{
-        {"", "曲线数据无效\n"},
-        {"e30=", "曲线数据无效\n"},                               // {}
-        {kCurve + "\n", "曲线数据无效\n"},                        // not of the alphabet
-        {kCurve.substr(0, kCurve.size() - 1), "曲线数据无效\n"},  // padding missing
-        {tooLong, "曲线数据无效\n"},
-        {tooCold, "曲线温度范围为 30–100°C，转速范围为 0–100%\n"},
-    };
-    for (const auto& [curve, message] : curves) {
+    const std::string unpadded = kCurve.substr(0, kCurve.size() - 1);
+    std::vector<std::tuple<std::string, std::string, std::string>> refusals{
+        {"custom", tooCold, "曲线温度范围为 30–100°C，转速范围为 0–100%\n"},
+        {"quiet", "-", "风扇必须处于系统自动，且控制温度传感器可读取；请先退出其他调控软件。\n"}};
+    for (const char* mode : {"eco", "Quiet", "静音", ""}) {
+        refusals.emplace_back(mode, "-", "无效的模式会话参数\n");
+    }
+    for (const std::string& curve :
+         {std::string(), std::string("e30="), kCurve + "\n", unpadded, std::string(4100, 'A')}) {
+        refusals.emplace_back("custom", curve, "曲线数据无效\n");
+    }
+    for (const auto& [mode, curve, message] : refusals) {
         HelperWorld world(simulator::intelMac(2));
-        EXPECT_EQ(world.profile("custom", curve), 1);
+        for (const char* key : {"TC0C", "TC0P", "TC1C"}) {
+            world.mac.removeKey(key);  // no temperature, which a mode needs before it may begin
+        }
+        EXPECT_EQ(world.profile(mode, curve), 1) << mode << curve;
         EXPECT_EQ(world.errors.text(), message);
-        EXPECT_EQ(world.mac.calls().total(), 0U);
+        EXPECT_EQ(world.mac.calls().total() == 0, mode != "quiet");
+        EXPECT_EQ(world.mac.writes(), "");
+        EXPECT_TRUE(world.power.writes.empty()) << "turbo is switched when the fans can follow";
     }
-}
-
-TEST(ProfileCommandTest, NeedsATemperatureBeforeItSwitchesTurbo) {
-    HelperWorld cold(simulator::intelMac(2));
-    for (const char* key : {"TC0C", "TC0P", "TC1C"}) {
-        cold.mac.removeKey(key);
-    }
-    EXPECT_EQ(cold.profile("quiet"), 1);
-    EXPECT_EQ(cold.errors.text(),
-              "风扇必须处于系统自动，且控制温度传感器可读取；请先退出其他调控软件。\n");
-    EXPECT_EQ(cold.mac.writes(), "");
-    EXPECT_TRUE(cold.power.writes.empty()) << "turbo is switched only when the fans can follow";
 }
 
 }  // namespace
