@@ -27,6 +27,14 @@ inline std::optional<double> tryRead(FanWorld& world, const std::string& key) {
     }
 }
 
+inline std::optional<double> tryTarget(FanWorld& world, int fan) {
+    try {
+        return world.target(fan);
+    } catch (const std::exception&) {
+        return std::nullopt;
+    }
+}
+
 inline std::exception_ptr tryWrite(FanWorld& world, const std::string& key, double value) {
     try {
         world.write(key, value);
@@ -46,30 +54,20 @@ public:
             giveBack(fan, held_.at(fan).first);
             return;
         }
-        const auto key = modeKey(fan);
-        if (!key) {
+        std::string key;
+        for (const std::string name : {"Md", "md"}) {
+            const std::string candidate = "F" + std::to_string(fan) + name;
+            if (fan >= 0 && fan <= 9 && key.empty() && tryRead(world_, candidate)) {
+                key = candidate;
+            }
+        }
+        if (key.empty()) {
             throw FanRefusal("此风扇没有可识别的 Apple Silicon 模式接口");
         }
-        if (enabled) {
-            take(fan, *key);
-        } else {
-            giveBack(fan, *key);
-        }
+        enabled ? take(fan, key) : giveBack(fan, key);
     }
 
 private:
-    std::optional<std::string> modeKey(int fan) {
-        if (fan < 0 || fan > 9) {
-            return std::nullopt;
-        }
-        for (const std::string name : {"Md", "md"}) {
-            if (tryRead(world_, "F" + std::to_string(fan) + name)) {
-                return "F" + std::to_string(fan) + name;
-            }
-        }
-        return std::nullopt;
-    }
-
     void take(int fan, const std::string& key) {
         const auto mode = tryRead(world_, key);
         if (mode != 0.0 && mode != 3.0) {
@@ -109,10 +107,7 @@ private:
             world_.write("Ftst", 1);
         }
         const double deadline = world_.now() + 4.0;
-        for (int round = 1; round <= 40; ++round) {
-            if (!(world_.now() < deadline)) {
-                break;
-            }
+        for (int round = 1; round <= 40 && world_.now() < deadline; ++round) {
             world_.retry();
             error = tryWrite(world_, key, 1);
             if (!error) {
@@ -140,10 +135,10 @@ private:
             }
             done = done && (!unlock || *unlock == 0) && !unlocked_;
         }
+        if (!done && error) {
+            std::rethrow_exception(error);
+        }
         if (!done) {
-            if (error) {
-                std::rethrow_exception(error);
-            }
             throw ScopeError("未能确认风扇恢复系统自动");
         }
         held_.erase(fan);
@@ -154,7 +149,7 @@ private:
     std::optional<double> unlocked_;                      // what "Ftst" was before it was unlocked
 };
 
-inline void restoreAuto(const std::vector<FanReading>& fans, FanWorld& world) {
+inline std::string restoreAuto(const std::vector<FanReading>& fans, FanWorld& world) {
     std::string causes;
     bool failed = false;
     for (const FanReading& fan : fans) {
@@ -168,12 +163,10 @@ inline void restoreAuto(const std::vector<FanReading>& fans, FanWorld& world) {
             cause = "F" + std::to_string(fan.id) + "Md：" + describe(error);
         } catch (...) {
         }
-        causes += (causes.empty() || cause.empty() ? "" : "；") + cause;
+        causes += (causes.empty() && !cause.empty() ? "：" : cause.empty() ? "" : "；") + cause;
         failed = true;
     }
-    if (failed) {
-        throw ScopeError("恢复自动风扇失败" + (causes.empty() ? "" : "：" + causes));
-    }
+    return failed ? "恢复自动风扇失败" + causes : "";
 }
 
 template <class Act>
@@ -181,61 +174,62 @@ void handBackAfter(const std::vector<FanReading>& fans, FanWorld& world, Act act
     try {
         act();
     } catch (...) {
-        try {
-            restoreAuto(fans, world);
-        } catch (const ScopeError&) {
-        }
+        restoreAuto(fans, world);
         throw;
     }
-    restoreAuto(fans, world);
+    if (const std::string failure = restoreAuto(fans, world); !failure.empty()) {
+        throw ScopeError(failure);
+    }
 }
 
 inline bool within(std::optional<double> value, double low, double high) {
     return value && std::isfinite(*value) && low <= *value && *value <= high;
 }
 
-inline void requireTargets(const std::vector<FanReading>& fans, FanWorld& world) {
+// The fans a lease takes; a curve has to know every rating, and takes no minimum of 0.
+inline std::vector<FanReading> admitted(FanWorld& world, bool curve) {
+    const std::vector<FanReading> fans = world.fans();
+    bool free = !fans.empty(), rated = true, inRange = true;
     for (const FanReading& fan : fans) {
-        std::optional<double> target;
-        try {
-            target = world.target(fan.id);
-        } catch (const std::exception&) {
-        }
-        if (!within(target, *fan.minimum, *fan.maximum)) {
-            throw ScopeError("风扇当前目标转速无法验证，已拒绝切换手动模式");
-        }
+        free = free && fan.controllable && fan.manual == false &&
+               (!curve || (fan.minimum && fan.maximum));
+        rated = rated && within(fan.maximum, 0, 12000) && fan.maximum != 0.0 &&
+                within(fan.minimum, 0, *fan.maximum) && !(curve && fan.minimum == 0.0);
     }
-}
-
-inline bool allFree(const std::vector<FanReading>& fans) {
-    bool free = !fans.empty();
+    if (!free) {
+        throw ScopeError(curve ? "请先恢复系统自动风扇并退出其他控制程序"
+                               : "请先恢复系统自动风扇并退出其他风扇控制软件；也可能是此机型没有可"
+                                 "写的风扇接口。");
+    }
+    if (!rated) {
+        throw ScopeError(curve ? "无法验证风扇额定范围" : "风扇额定转速无法验证，已拒绝控制");
+    }
     for (const FanReading& fan : fans) {
-        free = free && fan.controllable && fan.manual == false;
+        inRange = inRange && within(tryTarget(world, fan.id), *fan.minimum, *fan.maximum);
     }
-    return free;
+    if (!inRange) {
+        throw ScopeError("风扇当前目标转速无法验证，已拒绝切换手动模式");
+    }
+    return fans;
 }
 
 inline bool allHeld(const std::vector<FanReading>& plan, const std::map<int, double>& written,
                     double tolerance, FanWorld& world) {
+    std::map<int, bool> manual;
     try {
-        const std::vector<FanReading> now = world.fans();
-        for (const FanReading& fan : plan) {
-            const FanReading* listed = nullptr;
-            for (const FanReading& it : now) {
-                listed = listed == nullptr && it.id == fan.id ? &it : listed;
-            }
-            if (listed == nullptr || listed->manual != true) {
-                return false;
-            }
-            const auto target = world.target(fan.id);
-            if (!target || !(std::abs(*target - written.at(fan.id)) < tolerance)) {
-                return false;
-            }
+        for (const FanReading& fan : world.fans()) {
+            manual.emplace(fan.id, fan.manual == true);
         }
-        return true;
     } catch (const std::exception&) {
         return false;
     }
+    for (const FanReading& fan : plan) {
+        const auto target = manual[fan.id] ? tryTarget(world, fan.id) : std::nullopt;
+        if (!target || !(std::abs(*target - written.at(fan.id)) < tolerance)) {
+            return false;
+        }
+    }
+    return true;
 }
 
 // A clock that is before the start, or no number, ends a lease too.
@@ -252,20 +246,11 @@ inline void cool(FanWorld& world, double duration) {
     if (world.isCancelled()) {
         return;
     }
-    const std::vector<FanReading> fans = world.fans();
-    if (!allFree(fans)) {
-        throw ScopeError(
-            "请先恢复系统自动风扇并退出其他风扇控制软件；也可能是此机型没有可写的风扇接口。");
-    }
+    const std::vector<FanReading> fans = admitted(world, false);
     std::map<int, double> full;
     for (const FanReading& fan : fans) {
-        if (!within(fan.maximum, 0, 12000) || fan.maximum == 0.0 ||
-            !within(fan.minimum, 0, *fan.maximum)) {
-            throw ScopeError("风扇额定转速无法验证，已拒绝控制");
-        }
         full[fan.id] = *fan.maximum;
     }
-    requireTargets(fans, world);
     const double start = world.now();
     const Span span{start, start + duration};
     handBackAfter(fans, world, [&] {
@@ -366,21 +351,7 @@ inline void follow(FanWorld& world, const FanCurve& curve, double duration) {
     if (world.isCancelled()) {
         return;
     }
-    const std::vector<FanReading> fans = world.fans();
-    bool known = true;
-    for (const FanReading& fan : fans) {
-        known = known && fan.minimum && fan.maximum;
-    }
-    if (!known || !allFree(fans)) {
-        throw ScopeError("请先恢复系统自动风扇并退出其他控制程序");
-    }
-    for (const FanReading& fan : fans) {
-        if (!within(fan.maximum, 0, 12000) || !within(fan.minimum, 0, *fan.maximum) ||
-            fan.minimum == 0.0) {
-            throw ScopeError("无法验证风扇额定范围");
-        }
-    }
-    requireTargets(fans, world);
+    const std::vector<FanReading> fans = admitted(world, true);
     const double start = world.now();
     const Span span{start, start + duration};
     if (span.over(world.now()) || world.isCancelled()) {

@@ -80,81 +80,49 @@ Fault befall(FanWorld& world, const std::string& call, Dice dice, int rarity, bo
     if (rarity == 0 || !dice.oneIn(rarity)) {
         return Fault::none;
     }
+    using Value = std::optional<double>;
     WorldFan& fan =
         world.fan[static_cast<std::size_t>(dice.below(static_cast<int>(world.fan.size())))];
-    switch (dice.below(14)) {
-        case 0:
-            return Fault::refused;
-        case 1:
-            return dice.pick({Fault::unexpected, apple ? Fault::refused : Fault::unknown});
-        case 2:
-            return dice.pick({Fault::unconfirmed, Fault::lost});
-        case 3:
-            world.cancelled = true;
-            break;
-        case 4:
-            world.clock += dice.pick({0.5, 1.0, 4.0, 300.0, -0.5, -2000.0, kNaN});
-            break;
-        case 5:
-        case 6:
-            fan.mode = dice.pick<std::optional<double>>({0, 1, 2, 3, 1, kNaN, std::nullopt});
-            break;
-        case 7:
-            fan.target = fan.target.value_or(2000) +
-                         dice.pick({1.75, -1.75, 2.0, -2.0, 2.75, -2.75, 3.0, -3.0, 40.0});
-            break;
-        case 8:
-            fan.target = dice.pick<std::optional<double>>({kNaN, kInfinity, std::nullopt});
-            break;
-        case 9:
-            fan.listed = !fan.listed;
-            break;
-        case 10:
-            fan.modeUnwritable = !fan.modeUnwritable;
-            break;
-        case 11:
-            fan.targetUnwritable = !fan.targetUnwritable;
-            break;
-        case 12:
-            world.unlockUnwritable = !world.unlockUnwritable;
-            break;
-        default:
-            world.unlock = dice.pick<std::optional<double>>({0, 1, -0.0, std::nullopt});
-    }
-    return Fault::none;
+    const int what = dice.below(15);
+    const auto toggle = [&](bool& flag, int when) { flag = flag != (what == when); };
+    const auto change = [&](Value& value, int when, std::initializer_list<Value> values) {
+        value = what == when ? dice.pick(values) : value;
+    };
+    toggle(fan.listed, 0);
+    toggle(fan.modeUnwritable, 1);
+    toggle(fan.targetUnwritable, 2);
+    toggle(world.unlockUnwritable, 3);
+    change(fan.mode, 4, {0, 1, 2, 3});
+    change(fan.mode, 5, {1, kNaN, std::nullopt});
+    change(fan.target, 6, {kNaN, kInfinity, std::nullopt});
+    change(world.unlock, 7, {0, 1, -0.0, std::nullopt});
+    const double drift = dice.pick({1.75, 2.0, 2.75, 3.0, 40.0});
+    change(fan.target, 8, {fan.target.value_or(2000) + drift, fan.target.value_or(0) - drift});
+    change(fan.target, 9, {fan.target.value_or(2000) + drift, fan.target.value_or(0) - drift});
+    world.cancelled = world.cancelled || what == 10;
+    world.clock += what == 11 ? dice.pick({0.5, 1.0, 4.0, 300.0, -0.5, -2000.0, kNaN}) : 0;
+    const Fault foreign = apple ? Fault::refused : Fault::unknown;
+    return what == 12   ? Fault::refused
+           : what == 13 ? dice.pick({Fault::unexpected, foreign})
+           : what == 14 ? dice.pick({Fault::unconfirmed, Fault::lost})
+                        : Fault::none;
 }
 
+// Fit for a lease, but for something odd in one value of so many.
 void furnish(WorldFan& fan, Dice& dice, int oddness) {
-    const double low = *(fan.minimum = dice.pick({2000.0, 1000.0, 1.0}));
-    const double high = *(fan.maximum = low + dice.pick({3000.0, 4000.0, 2997.0, 5200.0}));
-    fan.target = dice.pick({low, high, low + 500});
-    fan.mode = dice.pick({0.0, 3.0});
-    if (!dice.oneIn(oddness)) {
-        return;
-    }
     using Value = std::optional<double>;
-    switch (dice.below(8)) {
-        case 0:
-            fan.controllable = false;
-            break;
-        case 1:
-            fan.mode = dice.pick<Value>({1, 2, -1, kNaN, std::nullopt});
-            break;
-        case 2:
-        case 3:
-            fan.maximum = dice.pick<Value>(
-                {12000, 12001, 0, -1, kNaN, kInfinity, low, low - 1, std::nullopt});
-            break;
-        case 4:
-        case 5:
-            fan.minimum =
-                dice.pick<Value>({0, -0.0, -1, kNaN, -kInfinity, high, high + 1, std::nullopt});
-            fan.target = dice.pick<Value>({fan.minimum, high});
-            break;
-        default:
-            fan.target = dice.pick<Value>(
-                {low - 0.25, high + 0.25, kNaN, kInfinity, -kInfinity, std::nullopt});
-    }
+    const double low = dice.pick({2000.0, 1000.0, 1.0});
+    const double high = low + dice.pick({3000.0, 4000.0, 2997.0, 5200.0});
+    const auto draw = [&](std::initializer_list<Value> usual, std::initializer_list<Value> odd) {
+        return dice.oneIn(oddness) ? dice.pick(odd) : dice.pick(usual);
+    };
+    fan.mode = draw({0, 3}, {1, 2, -1, kNaN, std::nullopt});
+    fan.maximum = draw({high}, {12000, 12001, 0, -1, kNaN, kInfinity, low, low - 1, std::nullopt});
+    fan.minimum = draw({low}, {0, -0.0, -1, kNaN, -kInfinity, high, high + 1, std::nullopt});
+    fan.target = draw({low, high, low + 500, fan.minimum},
+                      {low - 0.25, high + 0.25, kNaN, kInfinity, -kInfinity, std::nullopt});
+    fan.controllable = !dice.oneIn(oddness);
+    fan.listed = !dice.oneIn(oddness);
 }
 
 struct Case {
@@ -178,12 +146,11 @@ Case furnish(FanWorld& world, std::uint64_t seed) {
     it.apple = dice.oneIn(2);
     it.cooling = dice.oneIn(2);
     it.rarity = dice.pick({0, 300, 60, 60, 60, 15, 6});
-    const int oddness = dice.pick({3, 30, 100, 100});
+    const int oddness = dice.pick({8, 60, 300, 300});
     world.fan.resize(static_cast<std::size_t>(1 + dice.below(3)));
     for (WorldFan& fan : world.fan) {
         furnish(fan, dice, oddness);
         fan.modeName = it.apple && dice.oneIn(4) ? "md" : "Md";
-        fan.listed = !dice.oneIn(oddness * 2);
     }
     if (it.apple) {
         world.unlock = dice.pick<std::optional<double>>({0, 0, 0, 0, 0, 0, -0.0, 1, std::nullopt});
