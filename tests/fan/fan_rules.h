@@ -19,29 +19,24 @@ namespace ferovane::rules {
 
 using testing::FanWorld;
 
-inline std::optional<double> tryRead(FanWorld& world, const std::string& key) {
+template <class Act>
+std::exception_ptr attempt(Act act) {
     try {
-        return world.read(key);
-    } catch (const std::exception&) {
-        return std::nullopt;
-    }
-}
-
-inline std::optional<double> tryTarget(FanWorld& world, int fan) {
-    try {
-        return world.target(fan);
-    } catch (const std::exception&) {
-        return std::nullopt;
-    }
-}
-
-inline std::exception_ptr tryWrite(FanWorld& world, const std::string& key, double value) {
-    try {
-        world.write(key, value);
+        act();
         return nullptr;
     } catch (const std::exception&) {
         return std::current_exception();
     }
+}
+
+inline std::optional<double> tryRead(FanWorld& world, const std::string& key) {
+    std::optional<double> value;
+    attempt([&] { value = world.read(key); });
+    return value;
+}
+
+inline std::exception_ptr tryWrite(FanWorld& world, const std::string& key, double value) {
+    return attempt([&] { world.write(key, value); });
 }
 
 // Apple Silicon: how a fan leaves and rejoins system control.
@@ -73,11 +68,8 @@ private:
         if (mode != 0.0 && mode != 3.0) {
             throw FanRefusal("风扇未处于系统自动，请先退出其他风扇控制程序");
         }
-        if (held_.empty()) {
-            const auto unlock = tryRead(world_, "Ftst");
-            if (unlock && *unlock != 0) {
-                throw FanRefusal("风扇控制交接已被占用，请先恢复系统自动");
-            }
+        if (held_.empty() && tryRead(world_, "Ftst").value_or(0) != 0) {
+            throw FanRefusal("风扇控制交接已被占用，请先恢复系统自动");
         }
         held_[fan] = {key, *mode};
         try {
@@ -99,22 +91,20 @@ private:
             return;
         }
         const double unlock = world_.read("Ftst");
-        if (!unlocked_ && unlock != 0) {
-            std::rethrow_exception(error);
-        }
-        if (!unlocked_) {
+        if (!unlocked_ && unlock == 0) {
             unlocked_ = unlock;
             world_.write("Ftst", 1);
+        } else if (!unlocked_) {
+            std::rethrow_exception(error);
         }
         const double deadline = world_.now() + 4.0;
-        for (int round = 1; round <= 40 && world_.now() < deadline; ++round) {
+        for (int round = 1; error && round <= 40 && world_.now() < deadline; ++round) {
             world_.retry();
             error = tryWrite(world_, key, 1);
-            if (!error) {
-                return;
-            }
         }
-        std::rethrow_exception(error);
+        if (error) {
+            std::rethrow_exception(error);
+        }
     }
 
     void giveBack(int fan, std::string key) {
@@ -127,19 +117,14 @@ private:
             unlocked_ = lockError ? unlocked_ : std::nullopt;
         }
         const auto mode = tryRead(world_, key);
-        bool done = mode == 0.0 || mode == 3.0;
-        if (!others) {
-            const auto unlock = tryRead(world_, "Ftst");
-            if (unlock && unlock == unlocked_) {
-                unlocked_.reset();  // locked as it was found, whatever the write said
-            }
-            done = done && (!unlock || *unlock == 0) && !unlocked_;
+        const auto unlock = others ? 0 : tryRead(world_, "Ftst");
+        if (!others && unlock && unlock == unlocked_) {
+            unlocked_.reset();  // locked as it was found, whatever the write said
         }
-        if (!done && error) {
-            std::rethrow_exception(error);
-        }
-        if (!done) {
-            throw ScopeError("未能确认风扇恢复系统自动");
+        const bool locked = others || (unlock.value_or(0) == 0 && !unlocked_);
+        if (!locked || (mode != 0.0 && mode != 3.0)) {
+            std::rethrow_exception(
+                error ? error : std::make_exception_ptr(ScopeError("未能确认风扇恢复系统自动")));
         }
         held_.erase(fan);
     }
@@ -186,6 +171,12 @@ inline bool within(std::optional<double> value, double low, double high) {
     return value && std::isfinite(*value) && low <= *value && *value <= high;
 }
 
+inline std::optional<double> targetOf(int fan, FanWorld& world) {
+    std::optional<double> target;
+    attempt([&] { target = world.target(fan); });
+    return target;
+}
+
 // The fans a lease takes; a curve has to know every rating, and takes no minimum of 0.
 inline std::vector<FanReading> admitted(FanWorld& world, bool curve) {
     const std::vector<FanReading> fans = world.fans();
@@ -205,7 +196,7 @@ inline std::vector<FanReading> admitted(FanWorld& world, bool curve) {
         throw ScopeError(curve ? "无法验证风扇额定范围" : "风扇额定转速无法验证，已拒绝控制");
     }
     for (const FanReading& fan : fans) {
-        inRange = inRange && within(tryTarget(world, fan.id), *fan.minimum, *fan.maximum);
+        inRange = inRange && within(targetOf(fan.id, world), *fan.minimum, *fan.maximum);
     }
     if (!inRange) {
         throw ScopeError("风扇当前目标转速无法验证，已拒绝切换手动模式");
@@ -216,15 +207,13 @@ inline std::vector<FanReading> admitted(FanWorld& world, bool curve) {
 inline bool allHeld(const std::vector<FanReading>& plan, const std::map<int, double>& written,
                     double tolerance, FanWorld& world) {
     std::map<int, bool> manual;
-    try {
+    attempt([&] {
         for (const FanReading& fan : world.fans()) {
             manual.emplace(fan.id, fan.manual == true);
         }
-    } catch (const std::exception&) {
-        return false;
-    }
+    });
     for (const FanReading& fan : plan) {
-        const auto target = manual[fan.id] ? tryTarget(world, fan.id) : std::nullopt;
+        const auto target = manual[fan.id] ? targetOf(fan.id, world) : std::nullopt;
         if (!target || !(std::abs(*target - written.at(fan.id)) < tolerance)) {
             return false;
         }
@@ -295,15 +284,13 @@ inline bool isHot(const Snapshot& snapshot) {
 }
 
 inline bool isHotAndSlow(const Snapshot& snapshot) {
+    bool slow = isHot(snapshot) && !snapshot.fans.empty();
     for (const FanReading& fan : snapshot.fans) {
-        if (!fan.rpm || !fan.minimum || !fan.maximum || !std::isfinite(*fan.rpm) ||
-            !std::isfinite(*fan.minimum) || !std::isfinite(*fan.maximum) || *fan.rpm < 0 ||
-            *fan.minimum < 0 || *fan.maximum <= *fan.minimum ||
-            *fan.rpm > *fan.minimum + 0.1 * (*fan.maximum - *fan.minimum)) {
-            return false;
-        }
+        slow = slow && within(fan.minimum, 0, 1e300) && within(fan.maximum, 0, 1e300) &&
+               *fan.maximum > *fan.minimum &&
+               within(fan.rpm, 0, *fan.minimum + 0.1 * (*fan.maximum - *fan.minimum));
     }
-    return isHot(snapshot) && !snapshot.fans.empty();
+    return slow;
 }
 
 inline void validate(const std::vector<CurvePoint>& points) {
@@ -328,11 +315,8 @@ inline double percent(const std::vector<CurvePoint>& points, double celsius) {
     if (points.empty() || !std::isfinite(celsius)) {
         return 100;
     }
-    if (celsius <= points.front().temperature) {
-        return points.front().percent;
-    }
-    if (celsius >= points.back().temperature) {
-        return points.back().percent;
+    if (celsius <= points.front().temperature || celsius >= points.back().temperature) {
+        return (celsius <= points.front().temperature ? points.front() : points.back()).percent;
     }
     std::size_t i = 1;
     while (points[i].temperature < celsius) {
@@ -341,6 +325,19 @@ inline double percent(const std::vector<CurvePoint>& points, double celsius) {
     const CurvePoint &from = points[i - 1], &to = points[i];
     return from.percent + (to.percent - from.percent) * (celsius - from.temperature) /
                               (to.temperature - from.temperature);
+}
+
+inline FanCurve manual(double percent) {
+    const double held = std::isfinite(percent) ? std::fmin(std::fmax(percent, 0), 100) : 100;
+    return {{{30, held}, {80, held}, {90, 100}}, CurveSensor::hottest};
+}
+
+inline double percent(double rpm, double minimum, double maximum) {
+    if (!std::isfinite(rpm) || !std::isfinite(minimum) || !std::isfinite(maximum) ||
+        !(minimum < maximum)) {
+        return 0;
+    }
+    return std::fmin(std::fmax((rpm - minimum) / (maximum - minimum) * 100, 0), 100);
 }
 
 inline void follow(FanWorld& world, const FanCurve& curve, double duration) {

@@ -1,8 +1,6 @@
 // A few leases and hand-overs to learn from; every other case is fan_rules_test's.
 #include <gtest/gtest.h>
 
-#include <limits>
-
 #include "core/fan/profile.h"
 #include "core/model/json_codec.h"
 #include "tests/support/failure_text.h"
@@ -23,15 +21,6 @@ TEST(CoolingLeaseTest, HoldsEveryFanAtItsMaximumForExactlyItsTime) {
     EXPECT_EQ(world.clock, 1005);
 }
 
-TEST(CoolingLeaseTest, FansThatCannotBeListedAreNoLongerHeld) {
-    FanWorld world;
-    world.befall = [&](const std::string& call) {
-        return call == "fans" && world.clock > 1000 ? Fault::refused : Fault::none;
-    };
-    EXPECT_EQ(failureOf([&] { world.cool(5); }), "检测到风扇状态改变或无法读取，散热会话已停止");
-    EXPECT_TRUE(world.allAutomatic());
-}
-
 TEST(CurveLeaseTest, RisesAtOnceFallsSlowlyAndSkipsSmallChanges) {
     FanWorld world(1);
     world.fan[0].maximum = 3000;  // 1 % is 10 rpm, and 1 °C is 2 %
@@ -43,16 +32,6 @@ TEST(CurveLeaseTest, RisesAtOnceFallsSlowlyAndSkipsSmallChanges) {
     EXPECT_EQ(world.writes,
               "F0Md=1 F0Tg=2800 F0Tg=2760 F0Tg=2720 F0Tg=2680 F0Tg=2640 F0Tg=2600 F0Tg=2560 "
               "F0Tg=2520 F0Tg=2480 F0Tg=2440 F0Tg=2400 F0Md=0");
-}
-
-TEST(CurveLeaseTest, AnInfiniteCpuTemperatureMeansFullSpeedWhereTheGpuIsFollowed) {
-    FanWorld world(1);
-    world.snapshot.sensors = {{"TC0P", "", std::numeric_limits<double>::infinity()},
-                              {"TG0P", "", 40}};
-    FanCurve curve = FanCurve::balanced();
-    curve.sensor = CurveSensor::gpu;
-    world.follow(curve, 1);
-    EXPECT_EQ(world.writes, "F0Md=1 F0Tg=6000 F0Md=0");
 }
 
 TEST(AppleSiliconFanControlTest, UnlocksOnceAndTheLastFanLocksAgain) {
