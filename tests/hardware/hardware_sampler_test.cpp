@@ -3,16 +3,15 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <bit>
 #include <cctype>
 #include <cmath>
-#include <cstdlib>
+#include <cstdint>
 #include <cstring>
-#include <iterator>
 #include <map>
 #include <optional>
 #include <random>
 #include <string>
-#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -37,176 +36,165 @@ HardwareSampler datedSampler() {
 // ---------------------------------------------------
 
 struct Machine {
-    std::vector<std::string> names, values;  // values as bytes in hexadecimal
-    std::string_view type;
+    bool apple;
+    std::vector<std::string> names;
+    std::vector<double> values;
 };
+const Machine kMachines[] = {
+    {false,
+     {"TC0P", "TC0p", "TC1C", "TH0A", "TH0a", "TA0P", "TA0p", "TG0P", "TG0p", "TM0P", "PSTR",
+      "IZAP", "VD0R", "F0Ac", "TC0G", "Te05", "TC0E", "TC0e"},
+     {-127, -128, -127.5, 127, 127.5, 0, 0.125, 35, 35, 55, 55.125, 40, 8, -20, 10}},
+    {true,
+     {"TCMb", "TCMz", "TCDX", "TC10", "TCHP", "Te05", "Tp01", "Tp0o", "Tg0K", "Tm0p", "TH0T",
+      "TH0x", "TaLP", "TB0T", "PSTR", "Tp0a", "F0Ac"},
+     {40, 40, 0, -4, 8.5, 10, 10.5, 35.25, 129.875, 130, 127, std::nan("")}}};
 
-const Machine kIntel{{"TC0P", "TC0p", "TC1C", "TH0A", "TH0a", "TA0P", "TA0p", "TG0P", "TG0p",
-                      "TM0P", "PSTR", "IZAP", "VD0R", "F0Ac", "TC0G", "Te05", "TC0E", "TC0e"},
-                     {"8100", "8000", "8001", "7F00", "0000", "0001", "2300", "3700", "3701",
-                      "2800", "0800", "EC00", "F600", "0A00"},
-                     "sp78"};
-const Machine kAppleSilicon{
-    {"TCMb", "TCMz", "TCDX", "TC10", "TCHP", "Te05", "Tp01", "Tp0o", "Tg0K", "Tm0p", "TH0T", "TH0x",
-     "TaLP", "TB0T", "PSTR", "Tp0a", "F0Ac"},
-    {"00002042", "00002042", "00000000", "000080C0", "9A990741", "00002041", "00002841", "CDCC0C42",
-     "66E60143", "00000243", "0000C07F", "0000807F"},  // 40 40 0 -4 8.475 10 10.5 35.2 129.9 130 …
-    "flt "};
+constexpr std::uint32_t kFlt = 0x666C7420, kSp78 = 0x73703738;
 
 class SamplerRules {
 public:
     SamplerRules(simulator::SimulatedMac& mac, const Machine& machine)
-        : mac_(mac), machine_(machine), apple_(machine.type == "flt ") {}
+        : mac_(mac), machine_(machine) {}
 
-    // Whether the next search for sensors fails, for the count of keys cannot be read.
-    bool countRefused = false;
+    bool countRefused = false;  // the next reading of the number of keys fails
+    int version = 14;           // of the system
+    bool listed = false;
+    int turn = 0;  // samples since the turbo driver was to be asked for
 
     Snapshot sample() {
         Snapshot snapshot;
-        if (!listed_) {
+        if (!listed) {
             list();
         }
-        snapshot.additionalSensors.emplace();
+        auto& others = snapshot.additionalSensors.emplace();
         for (const auto& [key, kind] : known_) {
-            const auto value = read(key);
+            const auto value = mac_.number(key);
+            const std::string label = SensorInventory::label(key, kind);
             if (!value || !SensorInventory::valid(kind, *value) || isOff(key, *value)) {
                 continue;
             }
-            const std::string label = SensorInventory::label(key, kind);
             if (kind == Kind::temperature) {
                 snapshot.sensors.push_back({key, label, *value});
             } else {
-                snapshot.additionalSensors->push_back({key, label, kind, *value});
+                others.push_back({key, label, kind, *value});
             }
         }
-        if (turn_++ % 5 == 0) {
-            const bool answers = mac_.value(Property::kExtensionAnswers) == 1;
-            const bool loaded = mac_.value(Property::kExtensionLoaded) == 1;
-            turbo_ = !answers ? TurboState::unknown
-                     : loaded ? TurboState::disabledDriverLoaded
-                              : TurboState::driverNotLoaded;
+        if (turn++ % 5 == 0) {
+            turbo_ = is(Property::kExtensionAnswers) != 1  ? TurboState::unknown
+                     : is(Property::kExtensionLoaded) == 1 ? TurboState::disabledDriverLoaded
+                                                           : TurboState::driverNotLoaded;
         }
-        snapshot.turbo = turbo_;
-        snapshot.speedLimit = within(Property::kSpeedLimit, 0, 100);
-        snapshot.schedulerLimit = within(Property::kSchedulerLimit, 0, 100);
-        snapshot.availableCPUs = within(Property::kAvailableCpus, 0, 1000);
-        snapshot.thermalWarning = within(Property::kThermalWarning, 0, 1000);
-        if (const auto ac = mac_.value(Property::kAcPower)) {
-            snapshot.acPower = *ac == 1;
-        }
-        snapshot.lowPower = version >= 12 && mac_.value(Property::kLowPowerFlag) == 1;
-        snapshot.thermalState = static_cast<int>(*mac_.value(Property::kThermalState));
-        snapshot.totalCPUs = static_cast<int>(*mac_.value(Property::kProcessors));
-        snapshot.memoryPressure =
-            fromRawValue<MemoryPressure>(static_cast<int>(*mac_.value(Property::kMemoryPressure)));
-        snapshot.smcAvailable = true;
         snapshot.date = kDate;
+        snapshot.smcAvailable = true;
+        snapshot.turbo = turbo_;
+        snapshot.speedLimit = within(Property::kSpeedLimit, 100);
+        snapshot.schedulerLimit = within(Property::kSchedulerLimit, 100);
+        snapshot.availableCPUs = within(Property::kAvailableCpus, 1000);
+        snapshot.thermalWarning = within(Property::kThermalWarning, 1000);
+        if (const auto power = is(Property::kAcPower)) {
+            snapshot.acPower = *power == 1;
+        }
+        snapshot.lowPower = version >= 12 && is(Property::kLowPowerFlag) == 1;
+        snapshot.thermalState = is(Property::kThermalState).value();
+        snapshot.totalCPUs = is(Property::kProcessors).value();
+        snapshot.memoryPressure =
+            fromRawValue<MemoryPressure>(is(Property::kMemoryPressure).value());
         return snapshot;
     }
-    void reset() { listed_ = false; }
-    void refreshTurbo() { turn_ = 0; }
-    int version = 14;
 
 private:
-    std::optional<double> read(const std::string& key) { return mac_.number(key); }
-
-    std::optional<int> within(Property property, int least, int most) {
+    std::optional<int> is(Property property) {
         const auto value = mac_.value(property);
-        return value && *value >= least && *value <= most ? std::optional(static_cast<int>(*value))
-                                                          : std::nullopt;
+        return value ? std::optional(static_cast<int>(*value)) : std::nullopt;
     }
-
+    std::optional<int> within(Property property, int most) {
+        const auto value = is(property);
+        return value && *value >= 0 && *value <= most ? value : std::nullopt;
+    }
     void list() {
         known_.clear();
-        listed_ = !std::exchange(countRefused, false);
         for (const std::string& key : machine_.names) {
-            const auto kind = SensorInventory::smcKind(key, code(key), apple_ ? 4 : 2);
-            if (listed_ && kind && read(key) && isWorthListing(key, *kind) && !isSpare(key)) {
+            const auto kind = SensorInventory::smcKind(key, machine_.apple ? kFlt : kSp78,
+                                                       machine_.apple ? 4 : 2);
+            if (!countRefused && kind && mac_.number(key) && isWorthListing(key, *kind)) {
                 known_[key] = *kind;
             }
         }
-        listed_ = !known_.empty();
-        for (char core = '0'; !listed_ && core <= '9'; ++core) {
+        countRefused = false;
+        listed = !known_.empty();
+        for (char core = '0'; !listed && core <= '9'; ++core) {
             known_[std::string("TC") + core + 'C'] = Kind::temperature;
         }
     }
-    std::uint32_t code(const std::string& key) const {
-        const std::string_view type = key[0] == 'F' && !apple_ ? "fpe2" : machine_.type;
-        std::uint32_t packed = 0;
-        for (const char c : type) {
-            packed = packed << 8 | static_cast<unsigned char>(c);
+    bool isWorthListing(std::string key, Kind kind) {
+        const double value = *mac_.number(key);
+        if (isOnChip(key) && std::fabs(value) <= 10) {
+            return true;
         }
-        return packed;
-    }
-    bool isWorthListing(const std::string& key, Kind kind) {
-        const double value = *read(key);
-        const bool sentinel = value == -127 || value == -128 ||
-                              (kind == Kind::temperature && value >= 127 && value <= 129 &&
-                               value == std::floor(value));
-        return (isOnChip(key) && std::fabs(value) <= 10) ||
-               (SensorInventory::valid(kind, value) && !(sentinel && kind != Kind::fan));
-    }
-    // Intel's raw twin of a key, when the key itself tells as much.
-    bool isSpare(std::string key) {
-        if (apple_ || key[0] != 'T' || std::islower(key[3]) == 0) {
+        const bool atEdge = value == -127 || value == -128;
+        if (!SensorInventory::valid(kind, value) || atEdge ||
+            (kind == Kind::temperature && value == 127)) {
             return false;
         }
-        const double value = *read(key);
+        // Intel's raw twin of a key, when the key itself tells as much.
+        if (machine_.apple || key[0] != 'T' || std::islower(key[3]) == 0) {
+            return true;
+        }
         key[3] = static_cast<char>(std::toupper(key[3]));
-        const auto twin = read(key);
-        return twin && (*twin == -127 || *twin == -128 || (*twin > 0 && *twin == value) ||
-                        (key[1] == 'A' && *twin > 0 && std::fabs(*twin - value) == 20));
+        const double twin = mac_.number(key).value_or(0);
+        const double distance = std::fabs(twin - value);
+        return twin != -127 && twin != -128 &&
+               !(twin > 0 && (distance == 0 || (key[1] == 'A' && distance == 20)));
     }
     bool isOnChip(const std::string& key) const {
-        return apple_ && key[0] == 'T' &&
-               (std::strchr("egmps", key[1]) != nullptr ||
-                (key[1] == 'C' && std::strchr("0123456789AMD", key[2]) != nullptr));
+        const bool processor = key[1] == 'C' && std::strchr("0123456789AMD", key[2]) != nullptr;
+        return machine_.apple && key[0] == 'T' &&
+               (std::strchr("egmps", key[1]) != nullptr || processor);
     }
     bool isOff(const std::string& key, double value) {
         const auto suspect = [](double celsius) { return celsius == 40 || celsius <= 10; };
-        return isOnChip(key) && suspect(value) &&
-               std::any_of(known_.begin(), known_.end(), [&](const auto& other) {
-                   const auto reading = read(other.first);
+        return isOnChip(key) && suspect(value) && std::ranges::any_of(known_, [&](auto& other) {
+                   const double neighbour = mac_.number(other.first).value_or(0);
                    return isOnChip(other.first) && (key[1] != 'C' || other.first[1] == 'C') &&
-                          reading && *reading > 0 && *reading < 130 && !suspect(*reading);
+                          neighbour < 130 && !suspect(neighbour);
                });
     }
 
     simulator::SimulatedMac& mac_;
     const Machine& machine_;
-    bool apple_;
     std::map<std::string, Kind> known_;
-    bool listed_ = false;
-    int turn_ = 0;
     TurboState turbo_ = TurboState::unknown;
 };
 
 class SampledMachine {
 public:
-    explicit SampledMachine(unsigned seed)
-        : random_(seed), machine_(oneOf(std::vector{kIntel, kAppleSilicon})), mac_(made()) {
-        mac_.setAppleSilicon(machine_.type == "flt ");
+    explicit SampledMachine(unsigned seed) : random_(seed), machine_(kMachines[seed % 2]) {
+        mac_.setAppleSilicon(machine_.apple);
+        for (const std::string& name : machine_.names) {
+            setAnew(name);
+        }
         changeTheSystem();
     }
 
     void run() {
+        const auto attached = mac_.attach();
         auto sampler = datedSampler();
         bool hasPrevious = false;
         for (int step = 0; step < 14; ++step) {
             change();
             if (chance(6)) {
                 sampler.reset();
-                rules_.reset();
-                hasPrevious = false;
+                rules_.listed = hasPrevious = false;
             }
             if (chance(5)) {
                 sampler.refreshTurbo();
-                rules_.refreshTurbo();
+                rules_.turn = 0;
             }
             Snapshot taken = sampler.sample();
             ASSERT_EQ(taken.cpuUsage.has_value(), hasPrevious);
+            ASSERT_TRUE(!hasPrevious || (*taken.cpuUsage >= 0 && *taken.cpuUsage <= 100));
             hasPrevious = true;
-            ASSERT_TRUE(!taken.cpuUsage || (*taken.cpuUsage >= 0 && *taken.cpuUsage <= 100));
             taken.cpuUsage.reset();
             ASSERT_EQ(encodeJson(taken), encodeJson(rules_.sample())) << "step " << step;
         }
@@ -214,39 +202,30 @@ public:
 
 private:
     bool chance(unsigned in) { return random_() % in == 0; }
-    template <class T>
-    T oneOf(const std::vector<T>& values) {
-        return values[random_() % values.size()];
-    }
+    double oneOf(const std::vector<double>& values) { return values[random_() % values.size()]; }
 
-    simulator::SimulatedMac made() {
-        std::string dump = "key,type,size,attributes,bytes,result\n";
-        for (const std::string& name : machine_.names) {
-            const bool fan = name[0] == 'F' && machine_.type == "sp78";
-            const std::string value = oneOf(machine_.values);
-            dump += name + "," + (fan ? "fpe2" : std::string(machine_.type)) + "," +
-                    std::to_string(value.size() / 2) + ",80," + value + ",00\n";
+    void setAnew(const std::string& name) {
+        const double number = oneOf(machine_.values);
+        const auto bits = machine_.apple ? std::bit_cast<std::uint32_t>(static_cast<float>(number))
+                                         : static_cast<std::uint32_t>(number * 256);
+        std::vector<std::uint8_t> bytes;
+        for (const unsigned shift :
+             machine_.apple ? std::vector{0U, 8U, 16U, 24U} : std::vector{8U, 0U}) {
+            bytes.push_back(static_cast<std::uint8_t>(bits >> shift));
         }
-        return simulator::macFromKeyDump(dump);
+        mac_.setKey(name, machine_.apple ? "flt " : "sp78", bytes);
     }
     void change() {
         for (const std::string& name : machine_.names) {
             if (chance(3)) {
-                const std::string hex = oneOf(machine_.values);
-                std::vector<std::uint8_t> bytes;
-                for (std::size_t at = 0; at < hex.size(); at += 2) {
-                    bytes.push_back(
-                        static_cast<std::uint8_t>(std::stoi(hex.substr(at, 2), nullptr, 16)));
-                }
-                const bool fan = name[0] == 'F' && machine_.type == "sp78";
-                mac_.setKey(name, fan ? "fpe2" : machine_.type, bytes);
+                setAnew(name);
             }
             if (chance(20)) {
                 mac_.setUnreadable(name);
             }
         }
-        mac_.set(Property::kExtensionLoaded, oneOf<double>({0, 1}));
-        mac_.set(Property::kExtensionAnswers, chance(4) ? 0 : 1);
+        mac_.set(Property::kExtensionLoaded, oneOf({0, 1}));
+        mac_.set(Property::kExtensionAnswers, oneOf({0, 1, 1, 1}));
         if (chance(3)) {
             changeTheSystem();
         }
@@ -256,31 +235,36 @@ private:
         }
     }
     void changeTheSystem() {
-        for (const Property limit :
-             {Property::kSpeedLimit, Property::kSchedulerLimit, Property::kAvailableCpus}) {
-            mac_.set(limit, oneOf<double>({-2, -1, 0, 57, 100, 101}));
-            if (chance(6)) {
-                mac_.setAbsent(limit);
+        const struct {
+            Property property;
+            bool mayBeAbsent;
+            std::vector<double> values;
+        } system[] = {
+            {Property::kSpeedLimit, true, {-2, -1, 0, 57, 100, 101}},
+            {Property::kSchedulerLimit, true, {-2, -1, 0, 57, 100, 101}},
+            {Property::kAvailableCpus, true, {-2, -1, 0, 8}},
+            {Property::kThermalWarning, true, {0, 5, 110}},
+            {Property::kAcPower, true, {0, 1}},
+            {Property::kLowPowerFlag, true, {0, 1}},
+            {Property::kThermalState, false, {0, 1, 2, 3}},
+            {Property::kMemoryPressure, false, {0, 1, 2, 3, 4, 5}},
+            {Property::kProcessors, false, {1, 8, 12}},
+        };
+        for (const auto& [property, mayBeAbsent, values] : system) {
+            mac_.set(property, oneOf(values));
+            if (mayBeAbsent && chance(6)) {
+                mac_.setAbsent(property);
             }
         }
-        mac_.set(Property::kThermalWarning, oneOf<double>({0, 5, 110}));
-        mac_.set(Property::kAcPower, oneOf<double>({0, 1}));
-        if (chance(4)) {
-            mac_.setAbsent(chance(2) ? Property::kAcPower : Property::kThermalWarning);
-        }
-        mac_.set(Property::kLowPowerFlag, oneOf<double>({0, 1}));
-        mac_.set(Property::kThermalState, oneOf<double>({0, 1, 2, 3}));
-        mac_.set(Property::kMemoryPressure, oneOf<double>({0, 1, 2, 3, 4, 5}));
-        mac_.set(Property::kProcessors, oneOf<double>({1, 8, 12}));
-        rules_.version = oneOf<int>({11, 12, 14});
+        rules_.version = static_cast<int>(oneOf({11, 12, 14}));
         mac_.setSystemVersion(std::to_string(rules_.version) + (chance(2) ? ".0" : ".7.10"));
     }
 
     std::mt19937 random_;
-    const Machine machine_;
-    simulator::SimulatedMac mac_;
+    const Machine& machine_;
+    simulator::SimulatedMac mac_ = simulator::macFromKeyDump(
+        "key,type,size,attributes,bytes,result\n#KEY,ui32,4,80,00000000,00\n");
     SamplerRules rules_{mac_, machine_};
-    simulator::Attachment attached_ = mac_.attach();
 };
 
 TEST(HardwareSamplerTest, EverySampleFollowsTheRules) {
@@ -334,8 +318,7 @@ TEST(HardwareSamplerTest, ServesThreadsOneAfterTheOther) {
     auto mac = simulator::intelMac(2);
     const auto attached = mac.attach();
     auto sampler = datedSampler();
-    const auto sensors = [&] { return encodeJson(sampler.sample().sensors); };
-    const std::string expected = sensors();
+    const std::string expected = encodeJson(sampler.sample().sensors);
     std::thread other([&] {
         for (int turn = 0; turn < 50; ++turn) {
             sampler.reset();
@@ -343,10 +326,9 @@ TEST(HardwareSamplerTest, ServesThreadsOneAfterTheOther) {
         }
     });
     for (int turn = 0; turn < 50; ++turn) {
-        EXPECT_EQ(sensors(), expected);
+        EXPECT_EQ(encodeJson(sampler.sample().sensors), expected);
     }
     other.join();
-    EXPECT_EQ(mac.ports().connections, 1);
 }
 
 }  // namespace

@@ -2,8 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
+#include <cstdint>
 #include <iterator>
 #include <limits>
+#include <map>
 #include <optional>
 #include <sstream>
 #include <string>
@@ -71,119 +74,81 @@ TEST(SensorInventoryTest, NamesAndForms) {
 }
 
 TEST(SensorInventoryTest, OnlyNumericFormsAreSensors) {
-    const struct {
-        std::string_view key, type;
-        std::uint32_t size;
-        std::optional<Kind> kind;
-    } cases[] = {
-        {"TC0P", "sp78", 2, Kind::temperature},
-        {"TC0P", "fp88", 2, Kind::temperature},
-        {"TC0P", "fp79", 2, Kind::temperature},
-        {"TC0P", "spf0", 2, Kind::temperature},
-        {"TC0P", "sp0f", 2, Kind::temperature},
-        {"TC0P", "spa5", 2, Kind::temperature},
-        {"TC0P", "flt ", 4, Kind::temperature},
-        {"TC0P", "flt\0"sv, 4, Kind::temperature},
-        {"TC0P", "flt ", 2, {}},
-        {"TC0P", "sp78", 4, {}},
-        {"TC0P", "sp79", 2, {}},
-        {"TC0P", "fp78", 2, {}},
-        {"TC0P", "sp7G", 2, {}},
-        {"TC0P", "spF0", 2, {}},
-        {"TC0P", "spg0", 2, {}},
-        {"TC0P", "sp/0", 2, {}},
-        {"TC0P", "xp88", 2, {}},
-        {"TC0P", "sq78", 2, {}},
-        {"TC0P", "ui8 ", 1, {}},
-        {"TC0P", "ui16", 2, {}},
-        {"TC0P", "flag", 1, {}},
-        {"TC0P", "    ", 4, {}},
-        {"TR0Z", "ioft", 8, {}},  // on Apple Silicon a constant 51.8
-        {"F0Ac", "fpe2", 2, Kind::fan},
-        {"F0Ac", "ui16", 2, Kind::fan},
-        {"F0Ac", "ui16", 4, {}},
-        {"F0Ac", "ui8 ", 1, {}},
-        {"PSTR", "ui16", 2, {}},
-    };
-    for (const auto& c : cases) {
-        EXPECT_EQ(kindOf(c.key, c.type, c.size), c.kind) << c.key << " " << c.type << "/" << c.size;
+    // "ioft" is the battery gauge and a constant 51.8 on Apple Silicon.
+    for (const auto type :
+         {"sp78"sv,  "fp88"sv, "fp79"sv, "spf0"sv, "sp0f"sv, "spa5"sv, "flt "sv,
+          "flt\0"sv, "sp79"sv, "fp78"sv, "sp7G"sv, "spF0"sv, "spg0"sv, "sp/0"sv,
+          "xp88"sv,  "sq78"sv, "ui8 "sv, "ui16"sv, "flag"sv, "    "sv, "ioft"sv}) {
+        const std::string_view numbers = "sp78 fp88 fp79 spf0 sp0f spa5";
+        const bool fixed = numbers.find(type) != std::string_view::npos;
+        const bool floating = type.starts_with("flt");
+        for (const std::uint32_t size : {1U, 2U, 4U, 8U}) {
+            const bool fits = (fixed && size == 2) || (floating && size == 4);
+            EXPECT_EQ(kindOf("TC0P", type, size).has_value(), fits) << type << "/" << size;
+            EXPECT_EQ(kindOf("PSTR", type, size).has_value(), fits) << type << "/" << size;
+            EXPECT_EQ(kindOf("F0Ac", type, size).has_value(), fits || (type == "ui16" && size == 2))
+                << type << "/" << size;
+        }
     }
 }
 
 TEST(SensorInventoryTest, RangesOfTheKinds) {
-    constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
     constexpr double kInfinity = std::numeric_limits<double>::infinity();
     const struct {
         Kind kind;
-        std::vector<double> inside, outside;
-    } cases[] = {
-        {Kind::fan, {0, 20000}, {-0.5, 20000.5}},
-        {Kind::temperature, {0.001, 129.9}, {0, -127, 130, 1000}},
-        {Kind::power, {-10000, 0, 10000}, {-10000.5, 10000.5}},
-        {Kind::voltage, {0, 1000}, {-0.001, 1000.5}},
-        {Kind::current, {-1000, 0, 1000}, {-1000.5, 1000.5}},
-    };
+        double least, most, below, above;
+    } cases[] = {{Kind::fan, 0, 20000, -0.5, 20000.5},
+                 {Kind::temperature, 0.001, 129.9, 0, 130},
+                 {Kind::power, -10000, 10000, -10000.5, 10000.5},
+                 {Kind::voltage, 0, 1000, -0.001, 1000.5},
+                 {Kind::current, -1000, 1000, -1000.5, 1000.5}};
     for (const auto& c : cases) {
-        for (const double inside : c.inside) {
-            EXPECT_TRUE(SensorInventory::valid(c.kind, inside)) << inside;
-        }
-        for (const double outside : c.outside) {
+        EXPECT_TRUE(SensorInventory::valid(c.kind, c.least)) << c.least;
+        EXPECT_TRUE(SensorInventory::valid(c.kind, c.most)) << c.most;
+        for (const double outside : {c.below, c.above, kInfinity, -kInfinity, std::nan("")}) {
             EXPECT_FALSE(SensorInventory::valid(c.kind, outside)) << outside;
-        }
-        for (const double never : {kNaN, kInfinity, -kInfinity}) {
-            EXPECT_FALSE(SensorInventory::valid(c.kind, never)) << rawValue(c.kind);
         }
     }
 }
 
 TEST(SensorInventoryTest, SentinelsInOtherForms) {
+    constexpr std::uint32_t kFp88 = 0x66703838, kSp5a = 0x73703561, kFpe2 = 0x66706532;
     const struct {
         Kind kind;
-        std::string_view type;
-        std::uint8_t high, low;
+        FVValue value;
         bool listed;
     } cases[] = {
-        {Kind::temperature, "fp88", 0x80, 0x00, false},  // 128
-        {Kind::temperature, "fp88", 0x81, 0x00, false},  // 129: the edge read without its sign
-        {Kind::temperature, "fp88", 0x81, 0x01, true},
-        {Kind::power, "fp88", 0x81, 0x00, true},  // unsigned: really 129 W
-        {Kind::current, "sp5a", 0x81, 0x00, false},
-        {Kind::current, "sp5a", 0x80, 0x00, false},
-        {Kind::current, "sp5a", 0x81, 0x01, true},  // a large but real current
-        {Kind::fan, "fpe2", 0x80, 0x00, true},      // 8192 rpm
+        {Kind::temperature, {2, kFp88, {0x80, 0x00}}, false},  // 128
+        {Kind::temperature, {2, kFp88, {0x81, 0x00}}, false},  // 129: read without its sign
+        {Kind::temperature, {2, kFp88, {0x81, 0x01}}, true},
+        {Kind::power, {2, kFp88, {0x81, 0x00}}, true},  // unsigned: really 129 W
+        {Kind::current, {2, kSp5a, {0x81, 0x00}}, false},
+        {Kind::current, {2, kSp5a, {0x81, 0x01}}, true},  // a large but real current
+        {Kind::fan, {2, kFpe2, {0x80, 0x00}}, true},      // 8192 rpm
     };
     for (const auto& c : cases) {
-        FVValue value{2, 0, {c.high, c.low}};
-        for (const char character : c.type) {
-            value.data_type = value.data_type << 8 | static_cast<unsigned char>(character);
-        }
-        EXPECT_EQ(SensorInventory::worthListing(c.kind, value, false), c.listed) << c.type;
+        EXPECT_EQ(SensorInventory::worthListing(c.kind, c.value, false), c.listed)
+            << rawValue(c.kind) << " " << fv_decode(&c.value);
     }
 }
 
 TEST(SensorInventoryTest, LabelsForUsers) {
-    const struct {
-        std::string_view key;
-        Kind kind;
-        std::string_view label;
-    } cases[] = {
-        {"F0Ac", Kind::fan, "风扇 1"},
-        {"F9Ac", Kind::fan, "风扇 10"},
-        {"TC0C", Kind::temperature, "CPU core sensor 0"},
-        {"TC9C", Kind::temperature, "CPU core sensor 9"},
-        {"TC0P", Kind::temperature, "CPU · TC0P"},
-        {"TG0P", Kind::temperature, "GPU · TG0P"},
-        {"TH0x", Kind::temperature, "存储 · TH0x"},
-        {"TB0T", Kind::temperature, "电池 · TB0T"},
-        {"Tp09", Kind::temperature, "其他 · Tp09"},
-        {"PSTR", Kind::power, "整机功耗 · PSTR"},
-        {"PZ0F", Kind::power, "功耗 · PZ0F"},
-        {"VD0R", Kind::voltage, "直流输入电压 · VD0R"},
-        {"VC0C", Kind::voltage, "电压 · VC0C"},
-        {"IC0R", Kind::current, "电流 · IC0R"},
-    };
-    for (const auto& c : cases) {
-        EXPECT_EQ(SensorInventory::label(c.key, c.kind), c.label);
+    const std::map<std::string_view, std::string_view> labels{{"F0Ac", "风扇 1"},
+                                                              {"F9Ac", "风扇 10"},
+                                                              {"TC0C", "CPU core sensor 0"},
+                                                              {"TC9C", "CPU core sensor 9"},
+                                                              {"TC0P", "CPU · TC0P"},
+                                                              {"TG0P", "GPU · TG0P"},
+                                                              {"TH0x", "存储 · TH0x"},
+                                                              {"TB0T", "电池 · TB0T"},
+                                                              {"Tp09", "其他 · Tp09"},
+                                                              {"PSTR", "整机功耗 · PSTR"},
+                                                              {"PZ0F", "功耗 · PZ0F"},
+                                                              {"VD0R", "直流输入电压 · VD0R"},
+                                                              {"VC0C", "电压 · VC0C"},
+                                                              {"IC0R", "电流 · IC0R"}};
+    for (const auto& [key, label] : labels) {
+        EXPECT_EQ(SensorInventory::label(key, kindOf(key, "flt ", 4).value()), label);
     }
 }
 

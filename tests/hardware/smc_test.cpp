@@ -27,9 +27,14 @@ using testing::failureOf;
 
 constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
 
-SMC::Surroundings surroundings(SimulatedMac& mac, double slept = 1) {
+// Sleeps that last so many times as long as they should, and looks at the clock that last so long.
+SMC::Surroundings surroundings(SimulatedMac& mac, double slept = 1, double looked = 0) {
     auto surroundings = SMC::Surroundings::ofThisMachine();
     surroundings.sleep = [&mac, slept](double seconds) { mac.advance(seconds * slept); };
+    surroundings.now = [&mac, looked] {
+        mac.advance(looked);
+        return mac.now();
+    };
     return surroundings;
 }
 
@@ -39,7 +44,7 @@ SMC::Surroundings surroundings(SimulatedMac& mac, double slept = 1) {
 // What SMC does, in plain steps and with its own memory; every operation gives its failure's text.
 struct Rules {
     SimulatedMac& mac;
-    double slept;
+    SMC::Surroundings around;
     std::uint32_t connection = fv_smc_open();
     std::map<std::string, FVValue> forms = {};
     std::map<int, std::string> takenBy = {};
@@ -73,19 +78,19 @@ struct Rules {
         if (const int code = fv_smc_write(connection, key.c_str(), &value); code != 0) {
             return "SMC " + key + " 写入失败（" + std::to_string(code) + "）；此机型可能不支持控制";
         }
-        const double deadline = fv_uptime_seconds() + 2;
+        const double deadline = around.now() + 2;
         std::string last = "无";
-        for (int round = 0, row = 0; round < 45 && fv_uptime_seconds() <= deadline; ++round) {
+        for (int round = 0, row = 0; round < 45 && around.now() <= deadline; ++round) {
             const auto reading = this->number(key);
             last = reading ? fixed2(*reading) : last;
             row = reading && std::fabs(*reading - number) < 1 ? row + 1 : 0;
             if (row == 2) {
                 return {};
             }
-            if (fv_uptime_seconds() >= deadline) {
+            if (around.now() >= deadline) {
                 break;
             }
-            mac.advance(0.05 * slept);
+            around.sleep(0.05);
         }
         return "SMC " + key + " 回读不一致，操作未确认（目标" + fixed2(number) + "，读回 " + last +
                "；已等待最多 2 秒）";
@@ -163,17 +168,13 @@ public:
 
     void run() {
         const double slept = oneOf<double>({1, 1, 0.1, 30});
-        const double callSeconds = oneOf<double>({0, 0, 0.03, 0.8});
-        for (SimulatedMac* mac : {&first_, &second_}) {
-            mac->setAppleSilicon(false);
-            mac->setCallDuration(callSeconds);
-        }
+        const double looked = oneOf<double>({0, 0, 0, 0.03, 0.8, 2.5});
         std::optional<simulator::Attachment> attached;
         attached.emplace(second_.machine());
-        Rules rules{second_, slept};
+        Rules rules{second_, surroundings(second_, slept, looked)};
         attached.reset();
         attached.emplace(first_.machine());
-        SMC smc(surroundings(first_, slept));
+        SMC smc(surroundings(first_, slept, looked));
         for (int step = 0; step < 25; ++step) {
             befall();
             const auto [code, rule] = operation();
@@ -190,9 +191,6 @@ public:
     }
 
 private:
-    using Act = std::function<std::string(SMC&)>;
-    using Rule = std::function<std::string(Rules&)>;
-
     bool chance(unsigned in) { return random_() % in == 0; }
     template <class T>
     T oneOf(const std::vector<T>& values) {
@@ -200,99 +198,67 @@ private:
     }
 
     std::string dump() {
-        std::string rows = "key,type,size,attributes,bytes,result\n";
-        rows += oneOf<std::string>({"FNum,ui8 ,1,80,02,00\n", "FNum,ui8 ,1,80,03,00\n",
-                                    "FNum,ui8 ,1,80,0A,00\n", "FNum,ui8 ,1,80,0B,00\n",
-                                    "FNum,sp78,2,80,FF00,00\n", ""});
-        rows += oneOf<std::string>({"FS! ,ui16,2,C0,0000,00\n", "FS! ,ui16,2,C0,0400,00\n",
-                                    "FS! ,ui32,4,C0,00010000,00\n", "FS! ,flt ,4,C0,0000C07F,00\n",
-                                    "", ""});
+        const auto row = [](std::string key, std::string form, std::string bytes) {
+            return bytes.empty() ? "" : key + "," + form + ",D0," + bytes + ",00\n";
+        };
+        std::string rows = "key,type,size,attributes,bytes,result\nTC0P,sp78,2,C0,3200,00\n";
+        rows += row("FNum", "ui8 ,1", oneOf<std::string>({"02", "03", "0A", "0B", ""}));
+        rows += row("FS! ", "ui16,2", oneOf<std::string>({"0000", "0000", "0400", "", ""}));
+        rows += chance(9) ? row("FS! ", "ui32,4", "00010000") : "";
         for (const std::string fan : {"F0", "F1", "F2"}) {
-            rows += oneOf<std::string>({fan + "Md,ui8 ,1,D0,00,00\n", fan + "Md,ui8 ,1,D0,00,00\n",
-                                        fan + "Md,ui16,2,D0,0003,00\n",
-                                        fan + "Md,hex_,1,D0,00,00\n", ""});
-            const bool fixed = chance(2);
-            for (const std::string key : {"Ac", "Tg", "Mn", "Mx"}) {
-                // 2000, 5000, 12000, 12001, 0, not a number
-                rows +=
-                    fan + key + (fixed ? ",fpe2,2,D0," : ",flt ,4,D0,") +
-                    (fixed ? oneOf<std::string>({"1F40", "1F40", "4E20", "BB80", "BB84", "0000"})
-                           : oneOf<std::string>({"0000FA44", "00409C45", "00803B46", "00843B46",
-                                                 "00000000", "0000C07F"})) +
-                    ",00\n";
+            rows += row(fan + "Md", "ui8 ,1", oneOf<std::string>({"00", "00", "03", "02", ""}));
+            for (const std::string key : {"Ac", "Tg", "Mn", "Mx"}) {  // 2000, 12000, 12001, 0
+                const auto fixed = oneOf<std::string>({"1F40", "BB80", "BB84", "0000", ""});
+                rows += fixed.empty() ? row(fan + key, "flt ,4", "0000C07F")  // not a number
+                                      : row(fan + key, "fpe2,2", fixed);
             }
         }
-        return rows + "TC0P,sp78,2,C0,3200,00\n";
+        return rows;
     }
 
     // The same to both machines.
     void befall() {
-        if (!chance(3)) {
-            return;
-        }
-        const auto key = oneOf<std::string>({"", "", "F0Md", "F1Md", "FS! ", "F0Tg", "F1Tg"});
+        const auto key = oneOf<std::string>({"", "", "F0Md", "F1Md", "FS! ", "F0Tg"});
+        const std::string named = key.empty() ? "FS! " : key;
         const auto code = oneOf<int>({0x82, 0x84, 0x85, -536870207});
-        const auto times =
-            oneOf<int>({simulator::kOnce, simulator::kOnce, 2, 3, simulator::kForGood});
+        const auto times = oneOf<int>({1, 1, 2, 3, simulator::kForGood});
         const auto call = oneOf<std::uint64_t>({1, 2, 3, 5, 8, 13});
         const auto delay = oneOf<double>({0.3, 1.9, 2.1, 5});
-        const auto kind = random_() % 12;
-        for (SimulatedMac* mac : {&first_, &second_}) {
-            switch (kind) {
-                case 0:
-                    mac->refuseReads(key, code, times);
-                    break;
-                case 1:
-                    mac->refuseWrites(key, code, times);
-                    break;
-                case 2:
-                    mac->ignoreWrites(key, times);
-                    break;
-                case 3:
-                    mac->delayWrites(key, delay, times);
-                    break;
-                case 4:
-                    mac->readZeros(key, times);
-                    break;
-                case 5:
-                    mac->freezeReads(key.empty() ? "FS! " : key, times);
-                    break;
-                case 6:
-                    mac->atCall(call).refuseReads(key, code, times);
-                    break;
-                case 7:
-                    mac->atCall(call).refuseCalls(code, times);
-                    break;
-                case 8:
-                    mac->otherTakesFan(static_cast<int>(call % 3));
-                    break;
-                case 9:
-                    mac->wrongKeySize(key, 33, times);
-                    break;
-                default:
-                    mac->clearFaults();
-                    break;
-            }
+        const std::vector<std::function<void(SimulatedMac&)>> faults{
+            [&](auto& mac) { mac.refuseReads(key, code, times); },
+            [&](auto& mac) { mac.refuseWrites(key, code, times); },
+            [&](auto& mac) { mac.ignoreWrites(key, times); },
+            [&](auto& mac) { mac.delayWrites(key, delay, times); },
+            [&](auto& mac) { mac.readZeros(key, times); },
+            [&](auto& mac) { mac.freezeReads(named, times); },
+            [&](auto& mac) { mac.atCall(call).refuseReads(key, code, times); },
+            [&](auto& mac) { mac.atCall(call).refuseCalls(code, times); },
+            [&](auto& mac) { mac.otherTakesFan(static_cast<int>(call % 3)); },
+            [](auto& mac) { mac.clearFaults(); },
+            [](auto& mac) { mac.clearFaults(); }};
+        if (chance(3)) {
+            const auto fault = oneOf(faults);
+            fault(first_);
+            fault(second_);
         }
     }
 
-    std::pair<Act, Rule> operation() {
-        const auto key =
-            oneOf<std::string>({"F0Tg", "F1Tg", "F0Md", "F0Mx", "FNum", "TC0P", "ZZZZ"});
+    // The code's act and the rules' own.
+    std::pair<std::function<std::string(SMC&)>, std::function<std::string(Rules&)>> operation() {
+        const auto key = oneOf<std::string>({"F0Tg", "F1Tg", "F0Md", "F0Mx", "TC0P", "ZZZZ"});
         const auto number = oneOf<double>({0, 1, 2000.4, 3000.126, 16384, -1, kNaN});
         const auto fan = oneOf<int>({0, 0, 1, 1, 2, 9, 10, -1});
         const bool manual = chance(2);
-        switch (random_() % 6) {
-            case 0:
-                return {[=](SMC& smc) { return failureOf([&] { smc.write(key, number); }); },
-                        [=](Rules& rules) { return rules.write(key, number, false, false); }};
-            case 1:
-                return {[](SMC& smc) { return encodeJson(smc.fans()); },
-                        [](Rules& rules) { return encodeJson(rules.fans()); }};
-            default:
-                return {[=](SMC& smc) { return failureOf([&] { smc.setManual(fan, manual); }); },
-                        [=](Rules& rules) { return rules.setManual(fan, manual); }};
+        if (chance(5)) {
+            return {[=](auto& smc) { return failureOf([&] { smc.write(key, number); }); },
+                    [=](auto& rules) { return rules.write(key, number, false, false); }};
         }
+        if (chance(4)) {
+            return {[](auto& smc) { return encodeJson(smc.fans()); },
+                    [](auto& rules) { return encodeJson(rules.fans()); }};
+        }
+        return {[=](auto& smc) { return failureOf([&] { smc.setManual(fan, manual); }); },
+                [=](auto& rules) { return rules.setManual(fan, manual); }};
     }
 
     std::mt19937 random_;
@@ -316,27 +282,26 @@ TEST(SMCTest, DoesWhatTheRulesSay) {
 
 TEST(ManualStateTest, FollowsModeKeyThenMaskThenHandOver) {
     using Number = std::optional<double>;
-    constexpr double kInfinity = std::numeric_limits<double>::infinity();
-    for (const Number local : {Number{}, Number{0}, Number{-0.0}, Number{1}, Number{2}, Number{3},
-                               Number{0.5}, Number{kNaN}}) {
-        for (const Number flags : {Number{}, Number{0}, Number{4}, Number{4.9}, Number{65535},
-                                   Number{65535.5}, Number{-1}, Number{kNaN}, Number{kInfinity}}) {
+    const std::vector<Number> numbers{{},  0,   -0.0,  1,       2,    3,    0.5,
+                                      4.0, 4.9, 65535, 65535.5, -1.0, kNaN, HUGE_VAL};
+    const auto check = [](Number local, Number flags, int id, Number handoff) {
+        const bool mask = flags && *flags >= 0 && *flags <= 65535 && id >= 0 && id < 10;
+        const bool bit = mask && (static_cast<int>(*flags) >> id) % 2 == 1;
+        const bool free = local ? *local == 0 || *local == 3 : mask && !bit;
+        const bool sure = local ? *local == 1 : bit;
+        EXPECT_EQ(SMCVerification::manualState(local, flags, id, handoff),
+                  sure                                  ? std::optional(true)
+                  : free && (!handoff || *handoff == 0) ? std::optional(false)
+                                                        : std::nullopt)
+            << local.value_or(-9) << " " << flags.value_or(-9) << " " << id;
+    };
+    for (const Number& local : numbers) {
+        for (const Number& flags : numbers) {
             for (const int id : {-1, 0, 1, 2, 9, 10, 64}) {
-                for (const Number handoff :
-                     {Number{}, Number{0}, Number{-0.0}, Number{1}, Number{kNaN}}) {
-                    const bool mask = flags && *flags >= 0 && *flags <= 65535 && id >= 0 && id < 10;
-                    const bool bit = mask && (static_cast<int>(*flags) >> id) % 2 == 1;
-                    const bool free = local ? *local == 0 || *local == 3 : mask && !bit;
-                    std::optional<bool> expected;
-                    if (local ? *local == 1 : bit) {
-                        expected = true;
-                    } else if (free && (!handoff || *handoff == 0)) {
-                        expected = false;
-                    }
-                    EXPECT_EQ(SMCVerification::manualState(local, flags, id, handoff), expected)
-                        << local.value_or(-9) << " " << flags.value_or(-9) << " " << id << " "
-                        << handoff.value_or(-9);
-                }
+                check(local, flags, id, {});
+                check(local, flags, id, 0);
+                check(local, flags, id, 1);
+                check(local, flags, id, kNaN);
             }
         }
     }
@@ -345,46 +310,34 @@ TEST(ManualStateTest, FollowsModeKeyThenMaskThenHandOver) {
 // ---- Every kind of machine
 // -----------------------------------------------------------------------
 
-SimulatedMac machineOfKind(int kind) {
-    using Options = simulator::AppleSiliconOptions;
-    switch (kind) {
-        case 0:
-            return simulator::intelMac(2);
-        case 1:
-            return simulator::intelMacWithMaskOnly(2);
-        case 2:
-            return simulator::appleSiliconMac(2);
-        case 3:
-            return simulator::appleSiliconMac(2, Options{.lowerCaseModeKey = true});
-        default: {
-            auto mac = simulator::intelMac(2);  // with a mask that drives nothing
-            mac.setKey("FS! ", "ui16", {0, 0});
-            return mac;
-        }
-    }
-}
-
 TEST(SMCTest, GivesFansBackThatCannotBeReadAndSaysSo) {
-    const std::vector<std::string> drivers{"F0Md", "FS! ", "F0Md", "F0md", "F0Md"};
+    const struct {
+        std::string driver;
+        std::function<SimulatedMac()> made;
+    } kinds[] = {{"F0Md", [] { return simulator::intelMac(2); }},
+                 {"FS! ", [] { return simulator::intelMacWithMaskOnly(2); }},
+                 {"F0Md", [] { return simulator::appleSiliconMac(2); }},
+                 {"F0md", [] { return simulator::appleSiliconMac(2, {.lowerCaseModeKey = true}); }},
+                 {"F0Md", [] {  // with a mask that drives nothing
+                      auto mac = simulator::intelMac(2);
+                      mac.setKey("FS! ", "ui16", {0, 0});
+                      return mac;
+                  }}};
     for (const std::string unreadable : {"", "F0Md", "F0md", "FS! "}) {
-        for (int kind = 0; kind < 5; ++kind) {
-            auto mac = machineOfKind(kind);
+        for (const auto& [driver, made] : kinds) {
+            auto mac = made();
             const auto attached = mac.attach();
             SMC smc(surroundings(mac));
             smc.setManual(0, true);
             smc.setManual(1, true);
-            ASSERT_TRUE(mac.fanManual(0) && mac.fanManual(1)) << kind;
+            ASSERT_TRUE(mac.fanManual(0) && mac.fanManual(1)) << driver;
             mac.refuseReads(unreadable, simulator::kNotReadable);
-            std::string told;
-            for (const int fan : {0, 1}) {
-                told += failureOf([&] { smc.setManual(fan, false); });
-            }
-            EXPECT_TRUE(mac.allFansAutomatic()) << kind << " " << unreadable;
-            const bool concerned =
-                unreadable.empty() || unreadable == drivers[static_cast<std::size_t>(kind)];
-            EXPECT_NE(told.empty(), concerned) << kind << " " << unreadable << told;
+            const std::string told = failureOf([&] { smc.setManual(0, false); }) +
+                                     failureOf([&] { smc.setManual(1, false); });
+            EXPECT_TRUE(mac.allFansAutomatic()) << driver << " " << unreadable;
+            EXPECT_EQ(told.empty(), !unreadable.empty() && unreadable != driver) << told;
             mac.clearFaults();
-            EXPECT_EQ(failureOf([&] { smc.setManual(0, false); }), "") << kind << unreadable;
+            EXPECT_EQ(failureOf([&] { smc.setManual(0, false); }), "") << driver;
         }
     }
 }
@@ -405,16 +358,6 @@ TEST(SMCTest, AppleSiliconIsHandedOver) {
               "此风扇没有可识别的 Apple Silicon 模式接口");
 }
 
-TEST(SMCTest, WithoutControllerNothingIsInvented) {
-    auto mac = simulator::macWithoutController();
-    const auto attached = mac.attach();
-    SMC smc(surroundings(mac));
-    EXPECT_FALSE(smc.available());
-    EXPECT_TRUE(smc.fans().empty());
-    EXPECT_TRUE(smc.sensorKeys().empty());
-    EXPECT_EQ(failureOf([&] { smc.raw("FNum"); }), "SMC FNum 读取失败（-1）");
-}
-
 TEST(SMCTest, GivesEveryConnectionBack) {
     auto mac = simulator::intelMac(1);
     const auto attached = mac.attach();
@@ -425,6 +368,8 @@ TEST(SMCTest, GivesEveryConnectionBack) {
         mac.refuseOpening(-536870212, simulator::kOnce);
         smc.reopen();
         EXPECT_FALSE(smc.available());
+        EXPECT_EQ(failureOf([&] { smc.raw("FNum"); }), "SMC FNum 读取失败（-1）");
+        EXPECT_TRUE(smc.fans().empty() && smc.sensorKeys().empty());
     }
     EXPECT_EQ(mac.ports(), simulator::PortCounts{});
 }

@@ -235,40 +235,43 @@ TEST_F(ForeignAnswersTest, AFailedOpenOrALongerReplyIsNotTrusted) {
 
 // ---- Power sources -----------------------------------------------------------------------------
 
-Owned battery(const Owned& current, const Owned& maximum, const Owned& charging, bool present) {
-    return dictionary(text("Type"), text("InternalBattery"), text("Current Capacity"), current,
-                      text("Max Capacity"), maximum, text("Is Charging"), charging,
-                      text("Is Present"), boolean(present));
-}
-
 TEST_F(ForeignAnswersTest, TakesTheFirstInternalBatteryThatIsThere) {
-    const Owned ups = dictionary(text("Type"), text("UPS"), text("Current Capacity"), number(9),
-                                 text("Max Capacity"), number(100));
-    const Owned emptyBay = battery(number(1), number(100), boolean(true), false);
-    const Owned first = battery(number(3000), number(4000), boolean(true), true);
-    const Owned second = battery(number(50), number(100), boolean(false), true);
-    platform.powerSources =
-        array(text("no description"), dictionary(), ups, emptyBay, first, second);
-    EXPECT_EQ(fv_battery().percent, 75.0);
-    EXPECT_EQ(fv_battery().charging, 1);
-
-    // Not every source says whether it is there.
-    platform.powerSources =
-        array(dictionary(text("Type"), text("InternalBattery"), text("Current Capacity"), number(1),
-                         text("Max Capacity"), number(8)));
-    EXPECT_EQ(fv_battery().percent, 12.5);
-
+    const auto source = [](const char* type, const Owned& current, const Owned& maximum,
+                           const Owned& charging, const Owned& present) {
+        return dictionary(text("Type"), text(type), text("Current Capacity"), current,
+                          text("Max Capacity"), maximum, text("Is Charging"), charging,
+                          text("Is Present"), present);
+    };
+    const char* internal = "InternalBattery";
+    const Owned yes = boolean(true), no = boolean(false), none = text("?");
+    const struct {
+        Owned sources;
+        double percent;
+        int charging;
+    } cases[] = {
+        {array(text("no description"), dictionary(),
+               source("UPS", number(9), number(100), yes, yes),
+               source(internal, number(1), number(100), yes, no),
+               source(internal, number(3000), number(4000), yes, yes),
+               source(internal, number(50), number(100), no, yes)),
+         75, 1},
+        // Not every source says whether it is there.
+        {array(source(internal, number(1), number(8), no, none)), 12.5, 0},
+        {array(source(internal, number(50), number(0), number(1), yes)), NAN, -1},
+        {array(source(internal, text("50"), number(100), no, yes)), NAN, 0},
+        {array(source(internal, number(50), none, yes, yes)), NAN, 1},
+        {array(), NAN, -1},
+    };
+    for (const auto& c : cases) {
+        platform.powerSources = Owned(CFRetain(c.sources.get()));
+        const FVBattery battery = fv_battery();
+        EXPECT_EQ(std::isnan(battery.percent), std::isnan(c.percent));
+        EXPECT_TRUE(std::isnan(c.percent) || battery.percent == c.percent) << c.percent;
+        EXPECT_EQ(battery.charging, c.charging) << c.percent;
+    }
+    platform.powerSources = Owned(CFRetain(cases[0].sources.get()));
     platform.hasList = false;
     EXPECT_TRUE(std::isnan(fv_battery().percent));
-}
-
-TEST_F(ForeignAnswersTest, UnusableBatteryValuesStayUnknown) {
-    platform.powerSources = array(battery(number(50), number(0), number(1), true));
-    EXPECT_TRUE(std::isnan(fv_battery().percent));
-    EXPECT_EQ(fv_battery().charging, -1);
-    platform.powerSources = array(battery(text("50"), number(100), boolean(false), true));
-    EXPECT_TRUE(std::isnan(fv_battery().percent));
-    EXPECT_EQ(fv_battery().charging, 0);
 
     // A discharge current as drivers publish it: an unsigned number that has wrapped around.
     platform.gauge = {{"Amperage", static_cast<std::int64_t>(18446744073709550116u)},
@@ -292,21 +295,19 @@ TEST_F(ForeignAnswersTest, AcPowerNeedsAnswerAndType) {
 // ---- Power management --------------------------------------------------------------------------
 
 TEST_F(ForeignAnswersTest, CpuLimitsMustBeWholeNumbersOfTheirWidth) {
+    const auto status = [] {
+        const FVPowerStatus s = fv_power_status();
+        return std::vector<int>{s.speed_limit, s.scheduler_limit, s.available_cpus,
+                                s.thermal_warning};
+    };
     platform.cpuLimits = dictionary(text("CPU_Speed_Limit"), number(std::int64_t{1} << 32),
                                     text("CPU_Scheduler_Limit"), fraction(99.5),
                                     text("CPU_Available_CPUs"), number(8));
     platform.thermalLevel = 0x80000000u;
-    FVPowerStatus status = fv_power_status();
-    EXPECT_EQ(status.speed_limit, -1);
-    EXPECT_EQ(status.scheduler_limit, -1);
-    EXPECT_EQ(status.available_cpus, 8);
-    EXPECT_EQ(status.thermal_warning, -1);
-
+    EXPECT_THAT(status(), ElementsAre(-1, -1, 8, -1));
     platform.cpuLimits = Owned();  // success, and nothing handed out
     platform.thermalLevel = 110;
-    status = fv_power_status();
-    EXPECT_EQ(status.available_cpus, -1);
-    EXPECT_EQ(status.thermal_warning, 110);
+    EXPECT_THAT(status(), ElementsAre(-1, -1, -1, 110));
 }
 
 TEST_F(ForeignAnswersTest, AssertionsSkipWhatIsNoneAndKeepWhatIsIncomplete) {
@@ -316,27 +317,16 @@ TEST_F(ForeignAnswersTest, AssertionsSkipWhatIsNoneAndKeepWhatIsIncomplete) {
     platform.assertions =
         dictionary(text("not a pid"), array(bare), number(std::int64_t{1} << 40), array(bare),
                    number(5), bare, number(42), array(boolean(false), bare, text("?"), mistyped));
-    std::vector<FVPowerAssertion> seen;
-    EXPECT_EQ(fv_power_assertions(
-                  [](void* context, const FVPowerAssertion* assertion) {
-                      static_cast<std::vector<FVPowerAssertion>*>(context)->push_back(*assertion);
-                  },
-                  &seen),
-              0);
-    ASSERT_EQ(seen.size(), 2u);
-    for (const FVPowerAssertion& assertion : seen) {
-        EXPECT_EQ(assertion.pid, 42);
-        EXPECT_EQ(assertion.level, 0);
-        EXPECT_EQ(assertion.type, nullptr);
-        EXPECT_EQ(assertion.reason, nullptr);
-        EXPECT_EQ(assertion.process_name, nullptr);
-        EXPECT_TRUE(std::isnan(assertion.since));
-    }
-}
-
-// A visitor that fails must not leak what was copied for it.
-TEST_F(ForeignAnswersTest, AnExceptionOfTheVisitorPasses) {
-    platform.assertions = dictionary(number(1), array(dictionary(text("AssertType"), text("x"))));
+    int seen = 0;
+    const auto visit = [](void* context, const FVPowerAssertion* assertion) {
+        ++*static_cast<int*>(context);
+        EXPECT_TRUE(assertion->pid == 42 && assertion->level == 0 && !assertion->type &&
+                    !assertion->reason && !assertion->process_name);
+        EXPECT_TRUE(std::isnan(assertion->since));
+    };
+    EXPECT_EQ(fv_power_assertions(visit, &seen), 0);
+    EXPECT_EQ(seen, 2);
+    // A visitor that fails must not leak what was copied for it.
     EXPECT_THROW(fv_power_assertions([](void*, const FVPowerAssertion*) { throw 1; }, nullptr),
                  int);
 }
