@@ -1,8 +1,10 @@
 #include "helper/probe_commands.h"
 
-#include <array>
 #include <map>
+#include <string>
+#include <vector>
 
+#include "core/fan/fan_keys.h"
 #include "core/model/json_codec.h"
 #include "helper/standard_streams.h"
 
@@ -11,8 +13,17 @@ namespace {
 
 constexpr double kProbeIntervalSeconds = 0.25;
 
-constexpr std::array<const char*, 9> kFanKeys{"FNum", "F0Md", "F0md", "F0Tg", "F0Ac",
-                                              "F0Mn", "F0Mx", "Ftst", "FS! "};
+// What tells whether and how the first fan can be controlled.
+std::vector<std::string> fanKeys() {
+    std::vector<const char*> names(FanKeys::kModes.begin(), FanKeys::kModes.end());
+    names.insert(names.end(),
+                 {FanKeys::kTarget, FanKeys::kSpeed, FanKeys::kMinimum, FanKeys::kMaximum});
+    std::vector<std::string> keys{FanKeys::kCount, FanKeys::kUnlock, FanKeys::kForcedMask};
+    for (const char* name : names) {
+        keys.push_back(FanKeys::of(0, name));
+    }
+    return keys;
+}
 
 }  // namespace
 
@@ -27,7 +38,7 @@ void printSnapshot(const HelperEnvironment& environment) {
 void printFanKeys(const HelperEnvironment& environment) {
     const auto smc = environment.makeSMC();
     std::map<std::string, double> values;
-    for (const char* key : kFanKeys) {
+    for (const std::string& key : fanKeys()) {
         if (const auto value = smc->number(key)) {
             values.emplace(key, *value);
         }

@@ -10,7 +10,6 @@
 #include <cstdlib>
 #include <initializer_list>
 #include <iterator>
-#include <limits>
 
 #include "core/fan/curve_policy.h"
 #include "core/fan/lease_obstacles.h"
@@ -20,12 +19,12 @@ namespace {
 
 using testing::FanWorld;
 using testing::Fault;
+using testing::kInfinity;
+using testing::kNaN;
 using testing::WorldFan;
 
-constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
 constexpr std::initializer_list<CurveSensor> kSensors{CurveSensor::cpu, CurveSensor::gpu,
                                                       CurveSensor::hottest};
-constexpr double kInfinity = std::numeric_limits<double>::infinity();
 
 // The same numbers for the same seed, on every platform.
 class Dice {
@@ -83,14 +82,15 @@ Fault befall(FanWorld& world, const std::string& call, Dice dice, int rarity, bo
     using Value = std::optional<double>;
     WorldFan& fan = dice.oneOf(world.fan);
     const int what = dice.below(15);
-    const auto toggle = [&](bool& flag, int when) { flag = flag != (what == when); };
     const auto change = [&](Value& value, int when, std::initializer_list<Value> values) {
         value = what == when ? dice.pick(values) : value;
     };
-    toggle(fan.listed, 0);
-    toggle(fan.modeUnwritable, 1);
-    toggle(fan.targetUnwritable, 2);
-    toggle(world.unlockUnwritable, 3);
+    fan.listed = fan.listed != (what == 0);
+    const std::string key =
+        dice.pick<std::string>({"F0Tg", "F1Tg", "F0Md", "F1Md", "F0md", "Ftst"});
+    if (what <= 3 && what > 0 && world.unwritable.erase(key) == 0) {
+        world.unwritable.insert(key);
+    }
     change(fan.mode, 4, {0, 1, 2, 3});
     change(fan.mode, 5, {1, kNaN, std::nullopt});
     change(fan.target, 6, {kNaN, kInfinity, std::nullopt});
@@ -147,7 +147,7 @@ Case furnish(FanWorld& world, std::uint64_t seed) {
     }
     if (it.apple) {
         world.unlock = dice.pick<std::optional<double>>({0, 0, 0, 0, 0, 0, -0.0, 1, std::nullopt});
-        world.unlockUnwritable = dice.oneIn(5);
+        world.unwritable = dice.oneIn(5) ? std::set<std::string>{"Ftst"} : std::set<std::string>{};
         world.locked = dice.oneIn(2);
         world.refusalsAfterUnlock = dice.pick({0, 1, 2, 5, 1000});
         world.retrySeconds = dice.pick({0.125, 1.0, 0.0625, 5.0, 0.75});

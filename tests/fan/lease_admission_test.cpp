@@ -1,8 +1,6 @@
 // What both leases refuse before they touch a fan, and what is told of it beforehand.
 #include <gtest/gtest.h>
 
-#include <limits>
-
 #include "core/fan/lease_obstacles.h"
 #include "tests/support/failure_text.h"
 #include "tests/support/fan_world.h"
@@ -11,9 +9,9 @@ namespace ferovane {
 namespace {
 
 using testing::FanWorld;
+using testing::kInfinity;
 using Kind = LeaseObstacleKind;
 
-constexpr double kInfinity = std::numeric_limits<double>::infinity();
 constexpr std::nullopt_t kNone = std::nullopt;
 
 struct Texts {

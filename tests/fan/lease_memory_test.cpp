@@ -12,6 +12,7 @@ namespace {
 using testing::FailingMemory;
 using testing::FanWorld;
 using testing::InProduct;
+using testing::OutsideProduct;
 
 // The last one's first fan stays manual once it is.
 enum class Machine { intel, open, locked, refusing, stuck };
@@ -24,7 +25,9 @@ bool runWithAllocations(long allocations, bool failForGood, Machine machine, boo
     world.recording = false;
     world.locked = machine == Machine::locked || machine == Machine::refusing;
     world.refusalsAfterUnlock = 2;
-    world.unlockUnwritable = machine == Machine::refusing;
+    if (machine == Machine::refusing) {
+        world.unwritable = {"Ftst"};
+    }
     AppleSiliconFanControl handOver = world.handOver();
     if (machine != Machine::intel && machine != Machine::stuck) {
         world.switchFan = [&](int fan, bool enabled) { handOver.setManual(fan, enabled); };
@@ -32,7 +35,10 @@ bool runWithAllocations(long allocations, bool failForGood, Machine machine, boo
     bool taken = false;
     world.befall = [&](const std::string& call) {
         taken = taken || world.fan[0].mode == 1.0;
-        world.fan[0].modeUnwritable = taken && machine == Machine::stuck;
+        if (taken && machine == Machine::stuck && world.unwritable.empty()) {
+            const OutsideProduct noneOfThis;
+            world.unwritable = {"F0Md"};
+        }
         world.snapshot.sensors[0].celsius = world.clock > 1000 ? 65 : 50;
         return call.empty() ? testing::Fault::lost : testing::Fault::none;
     };
@@ -52,7 +58,7 @@ bool runWithAllocations(long allocations, bool failForGood, Machine machine, boo
     }
     FailingMemory::relent();
     const bool struck = FailingMemory::failures() > 0;
-    const bool isStuck = world.fan[0].modeUnwritable;
+    const bool isStuck = world.unwritable.count("F0Md") > 0;
     world.fan[0].mode = isStuck ? 0 : world.fan[0].mode;
     EXPECT_TRUE(world.allAutomatic() && (failed || !isStuck))
         << (cooling ? "cooling" : "curve") << (failForGood ? " for good" : " once") << " after "

@@ -4,7 +4,9 @@
 #include <algorithm>
 #include <cstdio>
 #include <functional>
+#include <limits>
 #include <optional>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -12,14 +14,17 @@
 #include "core/fan/apple_silicon_fan_control.h"
 #include "core/fan/cooling_lease.h"
 #include "core/fan/curve_lease.h"
+#include "core/fan/fan_keys.h"
 
 namespace ferovane::testing {
+
+inline constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
+inline constexpr double kInfinity = std::numeric_limits<double>::infinity();
 
 struct WorldFan {
     std::optional<double> mode = 0;  // an absent value cannot be read
     std::optional<double> minimum = 2000, maximum = 6000, target = 2000;
     bool controllable = true, listed = true;
-    bool modeUnwritable = false, targetUnwritable = false;
     const char* modeName = "Md";
 };
 
@@ -39,9 +44,9 @@ class FanWorld : public CoolingHardware {
 public:
     std::vector<WorldFan> fan;
     std::optional<double> unlock = 0;  // "Ftst"
-    bool unlockUnwritable = false;
-    bool locked = false;          // no mode key takes 1 while "Ftst" is 0
-    int refusalsAfterUnlock = 0;  // how often the thermal daemon still wins after that
+    std::set<std::string> unwritable;  // keys
+    bool locked = false;               // no mode key takes 1 while "Ftst" is 0
+    int refusalsAfterUnlock = 0;       // how often the thermal daemon still wins after that
     double clock = 1000;
     double roundSeconds = 1, retrySeconds = 0.1;
     bool cancelled = false;
@@ -84,7 +89,7 @@ public:
     void write(const std::string& key, double value) {
         const Fault fault = begin(key, "=" + (recording ? text(value) : std::string()));
         std::optional<double>* slot = find(key);
-        if (slot == nullptr || isUnwritable(key) || isRefusedByLock(key, value)) {
+        if (slot == nullptr || unwritable.count(key) > 0 || isRefusedByLock(key, value)) {
             fail(key);
         }
         if (fault != Fault::lost) {
@@ -107,28 +112,25 @@ public:
         for (std::size_t i = 0; i < fan.size(); ++i) {
             const WorldFan& it = fan[i];
             const bool known = it.mode == 0.0 || it.mode == 1.0 || it.mode == 3.0;
+            const auto manual = known ? std::optional(it.mode == 1.0) : std::nullopt;
+            const int id = static_cast<int>(i);
             if (it.listed) {
-                list.push_back({static_cast<int>(i),
-                                {},
-                                it.minimum,
-                                it.maximum,
-                                known ? std::optional(it.mode == 1.0) : std::nullopt,
-                                it.controllable});
+                list.push_back({id, {}, it.minimum, it.maximum, manual, it.controllable});
             }
         }
         editReadings(list);
         return list;
     }
     std::optional<double> target(int id) override {
-        begin(key(id, "Tg"), "?");
+        begin(FanKeys::of(id, "Tg"), "?");
         return fan.at(static_cast<std::size_t>(id)).target;
     }
-    void setTarget(int id, double rpm) override { write(key(id, "Tg"), rpm); }
+    void setTarget(int id, double rpm) override { write(FanKeys::of(id, "Tg"), rpm); }
     void setManual(int id, bool enabled) override {
         if (switchFan) {
             switchFan(id, enabled);
         } else {
-            write(key(id, "Md"), enabled ? 1 : 0);
+            write(FanKeys::of(id, "Md"), enabled ? 1 : 0);
         }
     }
 
@@ -163,7 +165,6 @@ public:
             [this] { applied(); });
     }
 
-    static std::string key(int id, const char* name) { return "F" + std::to_string(id) + name; }
     static std::string text(double number) {
         char buffer[32];
         return {buffer, static_cast<std::size_t>(snprintf(buffer, sizeof buffer, "%.15g", number))};
@@ -198,28 +199,17 @@ private:
 
     std::optional<double> nothing_;
 
-    WorldFan* fanOf(const std::string& key) {
-        const std::size_t id = static_cast<std::size_t>(key[1] - '0');
-        return key[0] == 'F' && id < fan.size() ? &fan[id] : nullptr;
-    }
     std::optional<double>* find(const std::string& key) {
-        if (key == "Ftst") {
-            return &unlock;
+        const auto id = static_cast<std::size_t>(key[1] - '0');
+        if (key[0] != 'F' || id >= fan.size()) {
+            return key == "Ftst" ? &unlock : nullptr;
         }
-        WorldFan* it = fanOf(key);
-        const auto named = [&](const char* name) {
-            return it != nullptr && key.compare(2, 2, name) == 0;
-        };
-        return named("Tg")                            ? &it->target
-               : named("Mn")                          ? &it->minimum
-               : named("Mx")                          ? &it->maximum
-               : it != nullptr && named(it->modeName) ? &it->mode
-                                                      : nullptr;
-    }
-    bool isUnwritable(const std::string& key) {
-        return key == "Ftst"                  ? unlockUnwritable
-               : key.compare(2, 2, "Tg") == 0 ? fanOf(key)->targetUnwritable
-                                              : fanOf(key)->modeUnwritable;
+        const auto is = [&](const char* name) { return key.compare(2, 2, name) == 0; };
+        return is("Tg")               ? &fan[id].target
+               : is("Mn")             ? &fan[id].minimum
+               : is("Mx")             ? &fan[id].maximum
+               : is(fan[id].modeName) ? &fan[id].mode
+                                      : nullptr;
     }
     bool isRefusedByLock(const std::string& key, double value) {
         return locked && key.compare(2, 2, "Tg") != 0 && key != "Ftst" && value == 1 &&
