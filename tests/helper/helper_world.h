@@ -7,7 +7,6 @@
 #include <functional>
 #include <iterator>
 #include <memory>
-#include <set>
 #include <sstream>
 #include <string>
 #include <utility>
@@ -22,7 +21,6 @@ namespace ferovane::testing {
 inline constexpr std::int32_t kOwnerPid = 4711;
 inline constexpr std::uint32_t kOwnerUid = 501;
 inline const std::string kSession = "6f1c2f0e-7a44-4d2b-9a3d-0e6c9bb0a1f2";
-inline const std::string kStopFile = "/tmp/ferovane-stop-6F1C2F0E-7A44-4D2B-9A3D-0E6C9BB0A1F2";
 
 // Passes everything on to an access that outlives the helper's own.
 class BorrowedPowerAccess : public PowerSettingsAccess {
@@ -108,7 +106,7 @@ struct HelperWorld {
         environment.ownerAlive = [this](std::int32_t pid, std::uint32_t uid) {
             return ownerAlive && pid == kOwnerPid && uid == kOwnerUid;
         };
-        environment.fileExists = [this](const std::string& path) { return files.count(path) > 0; };
+        environment.fileExists = [](const std::string&) { return false; };
         environment.useUtilityPriority = [] {};
         environment.endProcess = [](int) {};
         environment.appleSilicon = appleSilicon;
@@ -142,7 +140,6 @@ struct HelperWorld {
     CollectedOutput output, errors;
     std::atomic<bool> stopFlag = false;
     std::atomic<bool> ownerAlive = true;
-    std::set<std::string> files;
     int pauses = 0;
     std::function<void()> onPause;  // after each pause of a command
     std::string guardianRecord;

@@ -21,10 +21,7 @@ TEST(CoolingCommandTest, RunsAtFullSpeedForItsTimeAndHandsBack) {
          {std::pair<std::string, double>{"cooling", 300.0}, {"test-fan", 5.0}}) {
         HelperWorld world(simulator::intelMac(2));
         const double start = world.mac.now();
-        bool full = true;
-        world.onPause = [&] { full = full && world.mac.fanTarget(1) == 5800; };
         EXPECT_EQ(world.cool(word), 0) << world.errors.text();
-        EXPECT_TRUE(full);
         EXPECT_EQ(world.output.text(), kCoolingDone);
         EXPECT_EQ(world.mac.writes(), "F0Md=1 F0Tg=6200 F1Md=1 F1Tg=5800 F0Md=0 F1Md=0");
         EXPECT_TRUE(world.mac.allFansAutomatic());
@@ -53,23 +50,6 @@ TEST(CoolingCommandTest, ReadsItsArgumentsStrictly) {
     }
     HelperWorld world(simulator::intelMac(2));
     EXPECT_EQ(world.run(wordsOf("test-fan +4711 +501 " + kSession)), 0) << world.errors.text();
-}
-
-TEST(CoolingCommandTest, EveryCauseOfStoppingEndsItWithinARound) {
-    for (const std::string cause : {"stop file", "owner gone", "signal"}) {
-        HelperWorld world(simulator::intelMac(2));
-        world.onPause = [&] {
-            if (world.pauses == 20) {
-                cause == "stop file"
-                    ? world.files.insert(kStopFile).second
-                    : (cause == "signal" ? world.stopFlag = true : world.ownerAlive = false);
-            }
-        };
-        EXPECT_EQ(world.cool(), 0) << cause;
-        EXPECT_EQ(world.pauses, 20) << cause;
-        EXPECT_TRUE(world.mac.allFansAutomatic()) << cause;
-        EXPECT_EQ(world.output.text(), kCoolingDone) << cause;
-    }
 }
 
 // Knows so often, and is gone then.
