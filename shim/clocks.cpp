@@ -7,10 +7,9 @@
 
 namespace {
 
-constexpr double kNanosecondsPerSecond = 1e9;
-
 double secondsOf(std::uint64_t ticks) {
-    return static_cast<double>(ferovane::shim::nanosecondsOf(ticks)) / kNanosecondsPerSecond;
+    return static_cast<double>(ferovane::shim::nanosecondsOf(ticks)) /
+           ferovane::shim::kNanosecondsPerSecond;
 }
 
 }  // namespace

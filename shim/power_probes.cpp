@@ -16,10 +16,10 @@ using ferovane::shim::OwnedRef;
 
 namespace {
 
-constexpr int kUnknown = -1;
+constexpr int kNoValue = -1;
 
 std::int32_t limitIn(CFDictionaryRef limits, CFStringRef key) {
-    return ferovane::shim::int32Of(CFDictionaryGetValue(limits, key)).value_or(kUnknown);
+    return ferovane::shim::int32Of(CFDictionaryGetValue(limits, key)).value_or(kNoValue);
 }
 
 // Both queries answer "not found" until a first value has been published, which some machines never
@@ -45,7 +45,7 @@ void readThermalWarning(FVPowerStatus& status) {
 }  // namespace
 
 FVPowerStatus fv_power_status(void) {
-    FVPowerStatus status{kUnknown, kUnknown, kUnknown, kUnknown};
+    FVPowerStatus status{kNoValue, kNoValue, kNoValue, kNoValue};
     readCpuLimits(status);
     readThermalWarning(status);
     return status;
@@ -54,11 +54,11 @@ FVPowerStatus fv_power_status(void) {
 int fv_ac_power(void) {
     const OwnedRef<CFTypeRef> sources(IOPSCopyPowerSourcesInfo());
     if (!sources) {
-        return kUnknown;
+        return kNoValue;
     }
     const CFStringRef providing = IOPSGetProvidingPowerSourceType(sources.get());
     if (providing == nullptr) {
-        return kUnknown;
+        return kNoValue;
     }
     return ferovane::shim::isText(providing, CFSTR(kIOPMACPowerKey)) ? 1 : 0;
 }

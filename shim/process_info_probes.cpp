@@ -7,7 +7,7 @@
 
 namespace {
 
-constexpr int kUnknown = -1;
+constexpr int kNoAnswer = -1;
 constexpr long kCriticalThermalState = 3;
 
 // The one process-information object; nobody owns it. Null when Foundation is not loaded.
@@ -35,21 +35,21 @@ bool ask(const char* selectorName, Result& result) {
 }  // namespace
 
 int fv_thermal_state(void) {
-    long state = kUnknown;
+    long state = kNoAnswer;
     const bool known = ask("thermalState", state) && state >= 0 && state <= kCriticalThermalState;
-    return known ? static_cast<int>(state) : kUnknown;
+    return known ? static_cast<int>(state) : kNoAnswer;
 }
 
 int fv_processor_count(void) {
     unsigned long count = 0;
     const bool known = ask("processorCount", count) && count >= 1 && count <= INT_MAX;
-    return known ? static_cast<int>(count) : kUnknown;
+    return known ? static_cast<int>(count) : kNoAnswer;
 }
 
 int fv_low_power_mode(void) {
     BOOL on = 0;
     if (!ask("isLowPowerModeEnabled", on)) {
-        return kUnknown;
+        return kNoAnswer;
     }
     return on != 0 ? 1 : 0;
 }

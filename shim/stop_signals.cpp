@@ -7,12 +7,12 @@
 #include <chrono>
 
 #include "shim/fv.h"
+#include "shim/time_base.h"
 
 namespace {
 
 // The longest a stop signal that arrives between the check and the sleep can go unnoticed.
 constexpr double kPauseSliceSeconds = 0.2;
-constexpr double kNanosecondsPerSecond = 1e9;
 
 constexpr int kStopSignals[] = {SIGTERM, SIGINT, SIGHUP};
 
@@ -25,7 +25,7 @@ extern "C" void noteStopSignal(int /*signal*/) {
 }
 
 timespec timespecOf(double seconds) {
-    const auto nanoseconds = static_cast<long>(seconds * kNanosecondsPerSecond);
+    const auto nanoseconds = static_cast<long>(seconds * ferovane::shim::kNanosecondsPerSecond);
     return {.tv_sec = 0, .tv_nsec = nanoseconds};
 }
 

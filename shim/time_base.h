@@ -5,6 +5,8 @@
 
 namespace ferovane::shim {
 
+inline constexpr double kNanosecondsPerSecond = 1e9;
+
 // ticks * numerator / denominator, rounded down and exact; the largest value when that does not
 // fit. A denominator of 0 counts as 1.
 std::uint64_t scaledTicks(std::uint64_t ticks, std::uint32_t numerator, std::uint32_t denominator);

@@ -8,7 +8,7 @@
 
 namespace {
 
-constexpr double kNotANumber = std::numeric_limits<double>::quiet_NaN();
+constexpr double kUndecodable = std::numeric_limits<double>::quiet_NaN();
 
 constexpr std::uint32_t typeCode(const char (&text)[5]) {
     std::uint32_t code = 0;
@@ -127,12 +127,12 @@ constexpr Encoding kEncodings[] = {
 
 double fv_decode(const FVValue* value) {
     if (value == nullptr) {
-        return kNotANumber;
+        return kUndecodable;
     }
     const std::uint32_t type = value->data_type;
     const std::uint32_t size = value->data_size;
     if (const std::optional<FixedPoint> format = fixedPoint(type)) {
-        return size == 2 ? decodeFixedPoint(*value, *format) : kNotANumber;
+        return size == 2 ? decodeFixedPoint(*value, *format) : kUndecodable;
     }
     if (type == kUnsigned8 && size == 1) {
         return value->data[0];
@@ -146,7 +146,7 @@ double fv_decode(const FVValue* value) {
     if (type == kFloat && size == 4) {
         return std::bit_cast<float>(littleEndian(*value));
     }
-    return kNotANumber;
+    return kUndecodable;
 }
 
 int fv_encode(FVValue* value, double number) {

@@ -38,7 +38,7 @@ struct RealMachine {
 
 // Counted by another program than ours. The Apple Silicon tables hold temperature keys alone;
 // graphics keys are named "Tg…" there, which is no category of its own.
-const RealMachine kMachines[] = {
+const RealMachine kRealMachines[] = {
     {"MacBook10_1", 0, 22, 32, 25, 4, {"TC0F", 59.13}, {}, {"TH0A", 38.38}},
     {"MacBook7_1", 1, 6, 7, 16, 3, {"TC0D", 58.38}, {}, {"TH0P", 30.75}},
     {"MacBookAir7_2", 1, 19, 25, 24, 6, {"TC1C", 54.00}, {}, {"THSP", 31.38}},
@@ -69,7 +69,7 @@ const std::set<std::string> kLookAlikes{
     "PD0K", "PSHC", "PFHC", "ID2A", "ID2J", "IDTA", "IPBT", "VP0u", "VP0d"};
 
 TEST(RealControllersTest, MeasurementsOnly) {
-    for (const auto& machine : kMachines) {
+    for (const auto& machine : kRealMachines) {
         SCOPED_TRACE(machine.name);
         auto mac = simulator::macFromKeyDump(keyDump(machine.name));
         const auto attached = mac.attach();

@@ -203,8 +203,9 @@ private:
         };
         std::string rows = "key,type,size,attributes,bytes,result\nTC0P,sp78,2,C0,3200,00\n";
         rows += row("FNum", "ui8 ,1", oneOf<std::string>({"02", "03", "0A", "0B", ""}));
-        rows += row("FS! ", "ui16,2", oneOf<std::string>({"0000", "0000", "0400", "", ""}));
-        rows += chance(9) ? row("FS! ", "ui32,4", "00010000") : "";
+        rows += chance(9)
+                    ? row("FS! ", "ui32,4", "00010000")
+                    : row("FS! ", "ui16,2", oneOf<std::string>({"0000", "0000", "0400", "", ""}));
         for (const std::string fan : {"F0", "F1", "F2"}) {
             rows += row(fan + "Md", "ui8 ,1", oneOf<std::string>({"00", "00", "03", "02", ""}));
             for (const std::string key : {"Ac", "Tg", "Mn", "Mx"}) {  // 2000, 12000, 12001, 0
