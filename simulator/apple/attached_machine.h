@@ -11,13 +11,14 @@ class AttachedMachine {
 public:
     virtual ~AttachedMachine() = default;
 
+    // Nothing, or an empty text, where the machine does not publish it.
     virtual std::string cpuBrand() = 0;       // "machdep.cpu.brand_string"
     virtual bool appleSilicon() = 0;          // "hw.optional.arm64" exists
     virtual std::string systemVersion() = 0;  // "kern.osproductversion", such as "14.2.1"
-    virtual int processorCount() = 0;
-    virtual int thermalState() = 0;  // 0 to 3
-    virtual std::optional<bool> lowPowerMode() = 0;
-    virtual int memoryPressureLevel() = 0;  // "kern.memorystatus_vm_pressure_level"
+    virtual std::optional<double> processorCount() = 0;
+    virtual std::optional<double> thermalState() = 0;  // 0 to 3
+    virtual std::optional<double> lowPowerMode() = 0;  // 0 or 1
+    virtual std::optional<double> memoryPressureLevel() = 0;
 
     // The machine's clocks in seconds, given the host's: equal to the host's plus what the machine
     // has slept, or the machine's own virtual time.

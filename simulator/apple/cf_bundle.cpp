@@ -60,14 +60,6 @@ CFURLRef CFURLCreateFromFileSystemRepresentation(CFAllocatorRef, const UInt8* pa
         std::string(reinterpret_cast<const char*>(path), static_cast<std::size_t>(byteCount)));
 }
 
-CFURLRef CFURLCreateWithFileSystemPath(CFAllocatorRef, CFStringRef path, CFURLPathStyle style,
-                                       Boolean) {
-    if (style != kCFURLPOSIXPathStyle) {
-        simulator::cf::fail("only POSIX paths are there", __func__);
-    }
-    return simulator::cf::make<__CFURL>(checked(path).utf8);
-}
-
 CFBundleRef CFBundleCreate(CFAllocatorRef, CFURLRef url) {
     const std::filesystem::path path = simulator::pathOnHost(checked(url).path);
     std::error_code ignored;

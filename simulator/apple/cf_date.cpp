@@ -1,11 +1,8 @@
 #include <CoreFoundation/CFDate.h>
 
-#include <chrono>
 #include <functional>
 
 #include "simulator/apple/cf_object.h"
-
-const CFTimeInterval kCFAbsoluteTimeIntervalSince1970 = 978307200.0;
 
 struct __CFDate final : simulator::cf::Object {
     static constexpr simulator::cf::TypeId kTypeId = simulator::cf::kDateTypeId;
@@ -18,12 +15,6 @@ struct __CFDate final : simulator::cf::Object {
 
     const CFAbsoluteTime at;
 };
-
-CFAbsoluteTime CFAbsoluteTimeGetCurrent(void) {
-    const std::chrono::duration<double> since1970 =
-        std::chrono::system_clock::now().time_since_epoch();
-    return since1970.count() - kCFAbsoluteTimeIntervalSince1970;
-}
 
 CFTypeID CFDateGetTypeID(void) {
     return __CFDate::kTypeId;

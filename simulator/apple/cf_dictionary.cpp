@@ -61,11 +61,10 @@ struct __CFDictionary final : simulator::cf::Object {
     static constexpr simulator::cf::TypeId kTypeId = simulator::cf::kDictionaryTypeId;
 
     __CFDictionary(const CFDictionaryKeyCallBacks* keysOrNull,
-                   const CFDictionaryValueCallBacks* valuesOrNull, bool isMutable)
+                   const CFDictionaryValueCallBacks* valuesOrNull)
         : Object(kTypeId),
           keyCallBacks(keysOrNull != nullptr ? *keysOrNull : CFDictionaryKeyCallBacks{}),
           valueCallBacks(valuesOrNull != nullptr ? *valuesOrNull : CFDictionaryValueCallBacks{}),
-          changeable(isMutable),
           entries(0, KeyHash{keyCallBacks.hash}, KeyEqual{keyCallBacks}) {}
 
     void set(const void* key, const void* value) {
@@ -96,7 +95,6 @@ struct __CFDictionary final : simulator::cf::Object {
 
     const CFDictionaryKeyCallBacks keyCallBacks;
     const CFDictionaryValueCallBacks valueCallBacks;
-    const bool changeable;
     Entries entries;
 
 protected:
@@ -115,41 +113,19 @@ private:
     }
 };
 
-namespace {
-
-__CFDictionary& checkedMutable(CFMutableDictionaryRef dictionary,
-                               const char* caller = __builtin_FUNCTION()) {
-    if (!checked(dictionary, caller).changeable) {
-        simulator::cf::fail("the dictionary is immutable", caller);
-    }
-    return *dictionary;
-}
-
-}  // namespace
-
 CFTypeID CFDictionaryGetTypeID(void) {
     return __CFDictionary::kTypeId;
-}
-
-CFDictionaryRef CFDictionaryCreate(CFAllocatorRef, const void** keys, const void** values,
-                                   CFIndex count, const CFDictionaryKeyCallBacks* keyCallBacks,
-                                   const CFDictionaryValueCallBacks* valueCallBacks) {
-    auto* dictionary = simulator::cf::make<__CFDictionary>(keyCallBacks, valueCallBacks, false);
-    for (CFIndex i = 0; i < count; ++i) {
-        dictionary->set(keys[i], values[i]);
-    }
-    return dictionary;
 }
 
 // The capacity is a hint, as on macOS.
 CFMutableDictionaryRef CFDictionaryCreateMutable(CFAllocatorRef, CFIndex,
                                                  const CFDictionaryKeyCallBacks* keyCallBacks,
                                                  const CFDictionaryValueCallBacks* valueCallBacks) {
-    return simulator::cf::make<__CFDictionary>(keyCallBacks, valueCallBacks, true);
+    return simulator::cf::make<__CFDictionary>(keyCallBacks, valueCallBacks);
 }
 
 void CFDictionarySetValue(CFMutableDictionaryRef dictionary, const void* key, const void* value) {
-    checkedMutable(dictionary).set(key, value);
+    checked(dictionary).set(key, value);
 }
 
 CFIndex CFDictionaryGetCount(CFDictionaryRef dictionary) {
@@ -188,12 +164,5 @@ void CFDictionaryGetKeysAndValues(CFDictionaryRef dictionary, const void** keys,
         if (values != nullptr) {
             *values++ = value;
         }
-    }
-}
-
-void CFDictionaryApplyFunction(CFDictionaryRef dictionary, CFDictionaryApplierFunction applier,
-                               void* context) {
-    for (const auto& [key, value] : checked(dictionary).entries) {
-        applier(key, value, context);
     }
 }

@@ -14,30 +14,6 @@ namespace {
 using simulator::cf::checked;
 using Value = std::variant<std::int64_t, double>;
 
-// The type of fixed width that a named type stands for.
-CFNumberType fixedWidth(CFNumberType type) {
-    switch (type) {
-        case kCFNumberCharType:
-            return kCFNumberSInt8Type;
-        case kCFNumberShortType:
-            return kCFNumberSInt16Type;
-        case kCFNumberIntType:
-            return kCFNumberSInt32Type;
-        case kCFNumberLongType:
-        case kCFNumberLongLongType:
-        case kCFNumberCFIndexType:
-        case kCFNumberNSIntegerType:
-            return kCFNumberSInt64Type;
-        case kCFNumberFloatType:
-            return kCFNumberFloat32Type;
-        case kCFNumberDoubleType:
-        case kCFNumberCGFloatType:
-            return kCFNumberFloat64Type;
-        default:
-            return type;
-    }
-}
-
 template <class T>
 T load(const void* source) {
     T value{};
@@ -84,20 +60,12 @@ bool storeInteger(const Value& value, void* target) {
     return exact;
 }
 
-template <class T>
-bool storeFloat(const Value& value, void* target) {
-    T result{};
-    bool exact = false;
-    if (const auto* integer = std::get_if<std::int64_t>(&value)) {
-        result = static_cast<T>(*integer);
-        exact = wholeNumber(static_cast<double>(result)) == *integer;
-    } else {
-        const double number = std::get<double>(value);
-        result = static_cast<T>(number);
-        exact = std::isnan(number) || static_cast<double>(result) == number;
-    }
+bool storeDouble(const Value& value, void* target) {
+    const auto* integer = std::get_if<std::int64_t>(&value);
+    const double result =
+        integer != nullptr ? static_cast<double>(*integer) : std::get<double>(value);
     std::memcpy(target, &result, sizeof result);
-    return exact;
+    return integer == nullptr || wholeNumber(result) == *integer;
 }
 
 }  // namespace
@@ -110,8 +78,7 @@ struct __CFBoolean final : simulator::cf::Object {
 
 struct __CFNumber final : simulator::cf::Object {
     static constexpr simulator::cf::TypeId kTypeId = simulator::cf::kNumberTypeId;
-    __CFNumber(CFNumberType fixedType, Value stored)
-        : Object(kTypeId), type(fixedType), value(stored) {}
+    explicit __CFNumber(Value stored) : Object(kTypeId), value(stored) {}
 
     // By value, whatever the types: 5 equals 5.0.
     bool equals(const Object& other) const override {
@@ -137,7 +104,6 @@ struct __CFNumber final : simulator::cf::Object {
         return stored != nullptr ? *stored : wholeNumber(std::get<double>(value));
     }
 
-    const CFNumberType type;
     const Value value;
 };
 
@@ -154,16 +120,10 @@ constinit ImmortalBoolean falseObject(false);
 
 std::optional<Value> loadValue(CFNumberType type, const void* source) {
     switch (type) {
-        case kCFNumberSInt8Type:
-            return load<std::int8_t>(source);
-        case kCFNumberSInt16Type:
-            return load<std::int16_t>(source);
         case kCFNumberSInt32Type:
             return load<std::int32_t>(source);
         case kCFNumberSInt64Type:
             return load<std::int64_t>(source);
-        case kCFNumberFloat32Type:
-            return static_cast<double>(load<float>(source));
         case kCFNumberFloat64Type:
             return load<double>(source);
         default:
@@ -189,39 +149,23 @@ CFTypeID CFNumberGetTypeID(void) {
 }
 
 CFNumberRef CFNumberCreate(CFAllocatorRef, CFNumberType type, const void* value) {
-    const CFNumberType fixedType = fixedWidth(type);
-    const std::optional<Value> loaded =
-        value != nullptr ? loadValue(fixedType, value) : std::nullopt;
+    const std::optional<Value> loaded = value != nullptr ? loadValue(type, value) : std::nullopt;
     if (!loaded) {
-        simulator::cf::fail("no value, or no such number type", __func__);
+        simulator::cf::fail("no value, or a number type that is not there", __func__);
     }
-    return simulator::cf::make<__CFNumber>(fixedType, *loaded);
-}
-
-CFNumberType CFNumberGetType(CFNumberRef number) {
-    return checked(number).type;
-}
-
-Boolean CFNumberIsFloatType(CFNumberRef number) {
-    return std::holds_alternative<double>(checked(number).value);
+    return simulator::cf::make<__CFNumber>(*loaded);
 }
 
 Boolean CFNumberGetValue(CFNumberRef number, CFNumberType type, void* value) {
     const Value& stored = checked(number).value;
-    switch (fixedWidth(type)) {
-        case kCFNumberSInt8Type:
-            return storeInteger<std::int8_t>(stored, value);
-        case kCFNumberSInt16Type:
-            return storeInteger<std::int16_t>(stored, value);
+    switch (type) {
         case kCFNumberSInt32Type:
             return storeInteger<std::int32_t>(stored, value);
         case kCFNumberSInt64Type:
             return storeInteger<std::int64_t>(stored, value);
-        case kCFNumberFloat32Type:
-            return storeFloat<float>(stored, value);
         case kCFNumberFloat64Type:
-            return storeFloat<double>(stored, value);
+            return storeDouble(stored, value);
         default:
-            simulator::cf::fail("no such number type", __func__);
+            simulator::cf::fail("a number type that is not there", __func__);
     }
 }

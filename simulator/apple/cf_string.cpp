@@ -13,11 +13,6 @@ using simulator::cf::checked;
 
 constexpr unsigned kFirstNonAscii = 0x80;
 
-bool isAscii(std::string_view text) {
-    return std::all_of(text.begin(), text.end(),
-                       [](char c) { return static_cast<unsigned char>(c) < kFirstNonAscii; });
-}
-
 bool isContinuation(unsigned char byte) {
     return (byte & 0xC0u) == 0x80u;
 }
@@ -97,18 +92,11 @@ CFStringRef CFStringCreateWithCString(CFAllocatorRef allocator, const char* text
 }
 
 CFStringRef CFStringCreateWithBytes(CFAllocatorRef, const UInt8* bytes, CFIndex count,
-                                    CFStringEncoding encoding, Boolean isExternalRepresentation) {
-    constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
-    if (count < 0) {
-        return nullptr;
-    }
-    std::string_view text(reinterpret_cast<const char*>(bytes), static_cast<std::size_t>(count));
-    if (isExternalRepresentation != 0 && text.starts_with(kByteOrderMark)) {
-        text.remove_prefix(kByteOrderMark.size());
-    }
-    const bool readable =
-        encoding == kCFStringEncodingUTF8 || (encoding == kCFStringEncodingASCII && isAscii(text));
-    return readable ? simulator::cf::makeString(text) : nullptr;
+                                    CFStringEncoding encoding, Boolean) {
+    const bool readable = count >= 0 && encoding == kCFStringEncodingUTF8;
+    return readable ? simulator::cf::makeString(
+                          {reinterpret_cast<const char*>(bytes), static_cast<std::size_t>(count)})
+                    : nullptr;
 }
 
 CFIndex CFStringGetLength(CFStringRef string) {
@@ -118,44 +106,20 @@ CFIndex CFStringGetLength(CFStringRef string) {
 CFIndex CFStringGetMaximumSizeForEncoding(CFIndex length, CFStringEncoding encoding) {
     constexpr CFIndex kNotFound = -1;
     constexpr CFIndex kUtf8BytesPerUnit = 3;  // a pair of units takes four bytes
-    switch (encoding) {
-        case kCFStringEncodingASCII:
-            return length;
-        case kCFStringEncodingUTF8:
-            return length <= INT64_MAX / kUtf8BytesPerUnit ? length * kUtf8BytesPerUnit : kNotFound;
-        default:
-            return kNotFound;
-    }
+    return encoding == kCFStringEncodingUTF8 && length <= INT64_MAX / kUtf8BytesPerUnit
+               ? length * kUtf8BytesPerUnit
+               : kNotFound;
 }
 
 Boolean CFStringGetCString(CFStringRef string, char* buffer, CFIndex bufferSize,
                            CFStringEncoding encoding) {
     const std::string& text = checked(string).utf8;
-    const bool writable =
-        encoding == kCFStringEncodingUTF8 || (encoding == kCFStringEncodingASCII && isAscii(text));
-    if (!writable || buffer == nullptr || bufferSize <= static_cast<CFIndex>(text.size())) {
+    if (encoding != kCFStringEncodingUTF8 || buffer == nullptr ||
+        bufferSize <= static_cast<CFIndex>(text.size())) {
         return 0;
     }
     std::memcpy(buffer, text.c_str(), text.size() + 1);
     return 1;
-}
-
-// The platform may answer null for any string at any time, so this one always does.
-const char* CFStringGetCStringPtr(CFStringRef string, CFStringEncoding) {
-    checked(string);
-    return nullptr;
-}
-
-CFComparisonResult CFStringCompare(CFStringRef first, CFStringRef second,
-                                   CFStringCompareFlags options) {
-    if (options != 0) {
-        simulator::cf::fail("only the literal comparison is there", __func__);
-    }
-    const int order = checked(first).utf8.compare(checked(second).utf8);
-    if (order == 0) {
-        return kCFCompareEqualTo;
-    }
-    return order < 0 ? kCFCompareLessThan : kCFCompareGreaterThan;
 }
 
 CFStringRef __CFStringMakeConstantString(const char* text) {

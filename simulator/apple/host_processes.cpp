@@ -1,3 +1,5 @@
+// Processes of the host, as /proc shows them, in the kernel's own records. Only what the shim reads
+// of these is filled; the rest stays zero.
 #include <libproc.h>
 #include <unistd.h>
 
@@ -5,49 +7,141 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
 
 #include "simulator/apple/host_files.h"
-#include "simulator/apple/process_files.h"
-#include "simulator/apple/recent_process.h"
 
 namespace {
 
-using simulator::ProcessFiles;
+using simulator::takeLine;
+using simulator::takeNumber;
+using simulator::takeWord;
+using Buffer = std::array<char, 4096>;  // the files of a process are at most half as long
 
 constexpr std::uint64_t kNanosecondsPerSecond = 1'000'000'000;
 constexpr std::uint64_t kBytesPerKilobyte = 1024;
 
-// States of a process in the kernel's numbering.
-enum : std::uint32_t { kRunning = 2, kSleeping = 3, kStopped = 4, kZombie = 5 };
+struct ProcessFiles {
+    std::string command;                 // at most 15 characters, as the kernel keeps it
+    char state = '?';                    // R, S, D, I, T, t, Z, X
+    std::uint32_t parent = 0, user = 0;  // user: the effective one
+    std::uint64_t userTicks = 0, systemTicks = 0, startTicks = 0;  // start: since the host's
+    std::uint64_t anonymousKilobytes = 0, swappedKilobytes = 0;
+
+    bool zombie() const { return state == 'Z' || state == 'X'; }
+};
+
+std::string processPath(int pid, const char* file) {
+    return "/proc/" + std::to_string(pid) + "/" + file;
+}
+
+std::string_view readProcessFile(int pid, const char* file, Buffer& buffer) {
+    return simulator::readHostFile(processPath(pid, file).c_str(), buffer);
+}
+
+// False when the text holds no number there; the target keeps its value.
+template <class Integer>
+bool take(std::string_view& text, Integer& target) {
+    const std::optional<Integer> number = takeNumber<Integer>(text);
+    target = number.value_or(target);
+    return number.has_value();
+}
+
+void skipWords(std::string_view& text, int count) {
+    for (; count > 0; --count) {
+        takeWord(text);
+    }
+}
+
+// "pid (command) state …": the command may itself hold spaces and parentheses, so the last closing
+// one ends it.
+bool readStat(int pid, ProcessFiles& process) {
+    Buffer buffer;
+    const std::string_view line = readProcessFile(pid, "stat", buffer);
+    const std::size_t open = line.find('(');
+    const std::size_t close = line.rfind(')');
+    if (open == std::string_view::npos || close == std::string_view::npos) {
+        return false;
+    }
+    process.command = line.substr(open + 1, close - open - 1);
+    std::string_view rest = line.substr(close + 1);
+    const std::string_view state = takeWord(rest);
+    process.state = state.empty() ? '?' : state.front();
+    bool whole = take(rest, process.parent);
+    skipWords(rest, 9);  // from the group to the major faults of its children
+    whole = whole && take(rest, process.userTicks) && take(rest, process.systemTicks);
+    skipWords(rest, 6);  // from the ticks of its children to the timer
+    return whole && take(rest, process.startTicks);
+}
+
+// The user and memory sizes; false for a thread that is not its process's first.
+bool readStatus(int pid, ProcessFiles& process) {
+    Buffer buffer;
+    bool isProcess = false;
+    for (std::string_view rest = readProcessFile(pid, "status", buffer); !rest.empty();) {
+        std::string_view line = takeLine(rest);
+        const std::string_view name = takeWord(line);
+        if (name == "Tgid:") {
+            isProcess = takeNumber<std::int32_t>(line) == pid;
+        } else if (name == "Uid:") {
+            take(line, process.user) && take(line, process.user);  // the second one
+        } else if (name == "RssAnon:") {
+            take(line, process.anonymousKilobytes);
+        } else if (name == "VmSwap:") {
+            take(line, process.swappedKilobytes);
+        }
+    }
+    return isProcess;
+}
+
+// Nothing when there is no such process, or when the id is that of a mere thread.
+std::optional<ProcessFiles> readProcess(int pid) {
+    ProcessFiles process;
+    const bool found = pid >= 1 && readStat(pid, process) && readStatus(pid, process);
+    return found ? std::optional(process) : std::nullopt;
+}
+
+// The name of the program file; the command when the file cannot be seen or the process has since
+// renamed itself.
+std::string programName(int pid, const std::string& command) {
+    Buffer target;
+    const ssize_t length =
+        ::readlink(processPath(pid, "exe").c_str(), target.data(), target.size());
+    const std::string_view path(target.data(), static_cast<std::size_t>(length < 0 ? 0 : length));
+    const std::string_view program = path.substr(path.rfind('/') + 1);
+    return std::string(program.starts_with(command) ? program : command);
+}
+
+void readDiskBytes(int pid, rusage_info_v2& record) {
+    Buffer buffer;
+    for (std::string_view rest = readProcessFile(pid, "io", buffer); !rest.empty();) {
+        std::string_view line = takeLine(rest);
+        const std::string_view name = takeWord(line);
+        if (name == "read_bytes:") {
+            take(line, record.ri_diskio_bytesread);
+        } else if (name == "write_bytes:") {
+            take(line, record.ri_diskio_byteswritten);
+        }
+    }
+}
 
 int failWith(int error, int result) {
     errno = error;
     return result;
 }
 
-std::uint32_t kernelState(char state) {
-    switch (state) {
-        case 'R':
-            return kRunning;
-        case 'T':
-        case 't':
-            return kStopped;
-        case 'Z':
-        case 'X':
-            return kZombie;
-        default:
-            return kSleeping;
-    }
-}
-
 // Absolute-time units are nanoseconds here.
 std::uint64_t absoluteTime(std::uint64_t ticks) {
-    return ticks * (kNanosecondsPerSecond / simulator::ticksPerSecond());
+    return ticks * (kNanosecondsPerSecond / static_cast<std::uint64_t>(sysconf(_SC_CLK_TCK)));
 }
 
 // Shorter texts leave the rest of the zeroed field alone, so a NUL always ends it.
 template <std::size_t size>
-void copyText(char (&field)[size], const std::string& text) {
+void copyCut(char (&field)[size], const std::string& text) {
     std::memcpy(field, text.data(), std::min(text.size(), size - 1));
 }
 
@@ -57,49 +151,7 @@ int accessError(const std::optional<ProcessFiles>& process) {
         return ESRCH;
     }
     const uid_t caller = geteuid();
-    return caller == 0 || caller == process->effectiveUserId ? 0 : EPERM;
-}
-
-proc_bsdinfo basicRecord(int pid, const ProcessFiles& process) {
-    const std::uint64_t tick = simulator::ticksPerSecond();
-    proc_bsdinfo record{};
-    record.pbi_status = kernelState(process.state);
-    record.pbi_pid = static_cast<std::uint32_t>(pid);
-    record.pbi_ppid = static_cast<std::uint32_t>(process.parent);
-    record.pbi_uid = process.effectiveUserId;
-    record.pbi_gid = process.effectiveGroupId;
-    record.pbi_ruid = process.userId;
-    record.pbi_rgid = process.groupId;
-    record.pbi_svuid = process.savedUserId;
-    record.pbi_svgid = process.savedGroupId;
-    copyText(record.pbi_comm, process.command);
-    copyText(record.pbi_name, simulator::programName(pid, process.command));
-    record.pbi_pgid = static_cast<std::uint32_t>(process.group);
-    record.e_tdev = static_cast<std::uint32_t>(process.terminal);
-    record.e_tpgid = static_cast<std::uint32_t>(process.terminalGroup);
-    record.pbi_nice = process.niceness;
-    record.pbi_start_tvsec = simulator::bootTimeSeconds() + process.startTicks / tick;
-    record.pbi_start_tvusec = process.startTicks % tick * (1'000'000 / tick);
-    return record;
-}
-
-rusage_info_v2 usageRecord(int pid, const ProcessFiles& process) {
-    rusage_info_v2 record{};
-    record.ri_user_time = absoluteTime(process.userTicks);
-    record.ri_system_time = absoluteTime(process.systemTicks);
-    record.ri_child_user_time = absoluteTime(process.childUserTicks);
-    record.ri_child_system_time = absoluteTime(process.childSystemTicks);
-    record.ri_pageins = process.majorFaults;
-    record.ri_wired_size = process.lockedKilobytes * kBytesPerKilobyte;
-    record.ri_resident_size = process.residentPages * simulator::pageBytes();
-    record.ri_phys_footprint =
-        (process.anonymousKilobytes + process.swappedKilobytes) * kBytesPerKilobyte;
-    record.ri_proc_start_abstime = absoluteTime(process.startTicks);
-    if (const auto disk = simulator::readDiskBytes(pid)) {
-        record.ri_diskio_bytesread = disk->read;
-        record.ri_diskio_byteswritten = disk->written;
-    }
-    return record;
+    return caller == 0 || caller == process->user ? 0 : EPERM;
 }
 
 }  // namespace
@@ -109,7 +161,15 @@ int proc_listpids(std::uint32_t type, std::uint32_t, void* buffer, int size) {
     if (type != PROC_ALL_PIDS) {
         return failWith(EINVAL, 0);
     }
-    const std::vector<int> pids = simulator::listProcesses();
+    std::vector<int> pids;
+    std::error_code error;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc", error)) {
+        const std::string name = entry.path().filename().string();
+        std::string_view word = name;
+        if (const auto pid = takeNumber<std::int32_t>(word)) {
+            pids.push_back(*pid);
+        }
+    }
     if (buffer == nullptr) {
         return static_cast<int>((pids.size() + kSpareEntries) * sizeof(int));
     }
@@ -129,36 +189,39 @@ int proc_pidinfo(int pid, int flavor, std::uint64_t arg, void* buffer, int size)
     if (size < kRecordSize) {
         return failWith(ENOMEM, 0);
     }
-    thread_local simulator::RecentProcess recent;
-    if (const proc_bsdinfo* record = recent.recall(pid)) {
-        std::memcpy(buffer, record, sizeof *record);
-        return kRecordSize;
-    }
-    const std::optional<ProcessFiles> process = simulator::readProcess(pid);
+    const std::optional<ProcessFiles> process = readProcess(pid);
     if (process && process->zombie() && arg == 0) {
         return failWith(ESRCH, 0);
     }
     if (const int error = accessError(process)) {
         return failWith(error, 0);
     }
-    const proc_bsdinfo record = basicRecord(pid, *process);
-    recent.remember(pid, record);
+    proc_bsdinfo record{};
+    record.pbi_pid = static_cast<std::uint32_t>(pid);
+    record.pbi_ppid = process->parent;
+    record.pbi_uid = process->user;
+    copyCut(record.pbi_comm, process->command);
+    copyCut(record.pbi_name, programName(pid, process->command));
     std::memcpy(buffer, &record, sizeof record);
     return kRecordSize;
 }
 
 int proc_pid_rusage(int pid, int flavor, rusage_info_t* buffer) {
-    // Each version of the record is the beginning of the next.
-    constexpr std::array<std::size_t, 3> kSizes{96, 144, sizeof(rusage_info_v2)};
-    if (flavor < RUSAGE_INFO_V0 || flavor > RUSAGE_INFO_V2) {
+    if (flavor != RUSAGE_INFO_V2) {
         return failWith(EINVAL, -1);
     }
-    const std::optional<ProcessFiles> process = simulator::readProcess(pid);
+    const std::optional<ProcessFiles> process = readProcess(pid);
     if (const int error = accessError(process)) {
         return failWith(error, -1);
     }
-    const rusage_info_v2 record = usageRecord(pid, *process);
-    std::memcpy(static_cast<void*>(buffer), &record, kSizes[static_cast<std::size_t>(flavor)]);
+    rusage_info_v2 record{};
+    record.ri_user_time = absoluteTime(process->userTicks);
+    record.ri_system_time = absoluteTime(process->systemTicks);
+    record.ri_phys_footprint =
+        (process->anonymousKilobytes + process->swappedKilobytes) * kBytesPerKilobyte;
+    record.ri_proc_start_abstime = absoluteTime(process->startTicks);
+    readDiskBytes(pid, record);
+    std::memcpy(static_cast<void*>(buffer), &record, sizeof record);
     return 0;
 }
 
@@ -170,16 +233,13 @@ int proc_name(int pid, void* buffer, std::uint32_t size) {
     if (proc_pidinfo(pid, PROC_PIDTBSDINFO, 0, &record, sizeof record) <= 0) {
         return 0;
     }
-    const char* name = record.pbi_name[0] != '\0' ? record.pbi_name : record.pbi_comm;
-    const std::size_t length = std::strlen(name);
-    std::memcpy(buffer, name, length + 1);
-    return static_cast<int>(length);
+    std::memcpy(buffer, record.pbi_name, sizeof record.pbi_name);
+    return static_cast<int>(std::strlen(record.pbi_name));
 }
 
 int proc_pidpath(int pid, void* buffer, std::uint32_t size) {
-    const std::string link = "/proc/" + std::to_string(pid) + "/exe";
     auto* const path = static_cast<char*>(buffer);
-    const ssize_t length = ::readlink(link.c_str(), path, size);
+    const ssize_t length = ::readlink(processPath(pid, "exe").c_str(), path, size);
     if (length <= 0) {
         return 0;
     }

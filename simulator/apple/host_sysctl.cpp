@@ -30,13 +30,15 @@ Bytes integerBytes(Integer value) {
     return std::string(reinterpret_cast<const char*>(&value), sizeof value);
 }
 
+// What the machine publishes; nothing for an empty text.
 Bytes textBytes(const std::string& text) {
-    return std::string(text.c_str(), text.size() + 1);
+    return text.empty() ? std::nullopt : Bytes(std::string(text.c_str(), text.size() + 1));
 }
 
 Bytes pressureLevel(AttachedMachine* machine) {
     if (machine != nullptr) {
-        return integerBytes<std::int32_t>(machine->memoryPressureLevel());
+        const auto level = machine->memoryPressureLevel();
+        return level ? integerBytes(static_cast<std::int32_t>(*level)) : std::nullopt;
     }
     const auto memory = simulator::readMemoryInfo();
     if (!memory) {
@@ -81,18 +83,6 @@ Bytes memorySize(AttachedMachine*) {
                         simulator::pageBytes());
 }
 
-Bytes configuredProcessors(AttachedMachine* machine) {
-    return integerBytes<std::int32_t>(machine != nullptr
-                                          ? machine->processorCount()
-                                          : static_cast<int>(sysconf(_SC_NPROCESSORS_CONF)));
-}
-
-Bytes activeProcessors(AttachedMachine* machine) {
-    return integerBytes<std::int32_t>(machine != nullptr
-                                          ? machine->processorCount()
-                                          : static_cast<int>(sysconf(_SC_NPROCESSORS_ONLN)));
-}
-
 Bytes valueOf(std::string_view name) {
     using Reader = Bytes (*)(AttachedMachine*);
     static const std::map<std::string_view, Reader> readers{
@@ -100,10 +90,7 @@ Bytes valueOf(std::string_view name) {
         {"machdep.cpu.brand_string", brandString},
         {"kern.osproductversion", productVersion},
         {"hw.optional.arm64", arm64},
-        {"hw.memsize", memorySize},
-        {"hw.ncpu", configuredProcessors},
-        {"hw.logicalcpu", configuredProcessors},
-        {"hw.activecpu", activeProcessors}};
+        {"hw.memsize", memorySize}};
     const auto reader = readers.find(name);
     return reader != readers.end() ? reader->second(simulator::attachedMachine()) : std::nullopt;
 }

@@ -72,13 +72,10 @@ bool readVmStatistics(vm_statistics64_data_t& statistics) {
     };
     statistics = {};
     statistics.free_count = pages(memory->kilobytes("MemFree"));
-    statistics.active_count = pages(memory->kilobytes("Active"));
-    statistics.inactive_count = pages(memory->kilobytes("Inactive"));
     statistics.wire_count = pages(total - std::min(total, known));
     statistics.external_page_count = pages(external);
     statistics.internal_page_count = pages(internal);
     statistics.compressor_page_count = pages(compressor);
-    statistics.total_uncompressed_pages_in_compressor = pages(memory->kilobytes("Zswapped"));
     return true;
 }
 

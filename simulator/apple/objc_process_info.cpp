@@ -34,23 +34,23 @@ Answer sharedInstance(AttachedMachine*) {
     return reinterpret_cast<std::intptr_t>(&processInfo);
 }
 
-Answer processorCount(AttachedMachine* machine) {
-    return machine != nullptr ? machine->processorCount() : sysconf(_SC_NPROCESSORS_CONF);
+Answer published(const std::optional<double>& number) {
+    return number ? Answer(static_cast<std::intptr_t>(*number)) : std::nullopt;
 }
 
-Answer activeProcessorCount(AttachedMachine* machine) {
-    return machine != nullptr ? machine->processorCount() : sysconf(_SC_NPROCESSORS_ONLN);
+Answer processorCount(AttachedMachine* machine) {
+    return machine != nullptr ? published(machine->processorCount())
+                              : Answer(sysconf(_SC_NPROCESSORS_CONF));
 }
 
 Answer thermalState(AttachedMachine* machine) {
     constexpr std::intptr_t kNominal = 0;
-    return machine != nullptr ? machine->thermalState() : kNominal;
+    return machine != nullptr ? published(machine->thermalState()) : Answer(kNominal);
 }
 
 // Systems before 12.0 have no such method, and neither has a host without a machine.
 Answer lowPowerMode(AttachedMachine* machine) {
-    const std::optional<bool> on = machine != nullptr ? machine->lowPowerMode() : std::nullopt;
-    return on ? Answer(*on) : std::nullopt;
+    return machine != nullptr ? published(machine->lowPowerMode()) : std::nullopt;
 }
 
 struct Method {
@@ -59,10 +59,9 @@ struct Method {
     Answer (*answer)(AttachedMachine*);
 };
 
-constexpr std::array<Method, 5> kMethods{
+constexpr std::array<Method, 4> kMethods{
     {{&metaclass, "processInfo", sharedInstance},
      {&processInfoClass, "processorCount", processorCount},
-     {&processInfoClass, "activeProcessorCount", activeProcessorCount},
      {&processInfoClass, "thermalState", thermalState},
      {&processInfoClass, "isLowPowerModeEnabled", lowPowerMode}}};
 

@@ -40,7 +40,9 @@ OwnedCF<CFMutableDictionaryRef> battery(World& world) {
     cfSet(source.get(), kIOPSNameKey, "InternalBattery-0");
     cfSet(source.get(), kIOPSTransportTypeKey, kIOPSInternalType);
     cfSet(source.get(), kIOPSCurrentCapacityKey, world.property(Property::kBatteryPercent));
-    cfSet(source.get(), kIOPSIsChargingKey, boolean(PowerKeys::batteryCharging(world)));
+    if (world.property(Property::kBatteryCharging).form != PropertyForm::kAbsent) {
+        cfSet(source.get(), kIOPSIsChargingKey, boolean(PowerKeys::batteryCharging(world)));
+    }
     return source;
 }
 

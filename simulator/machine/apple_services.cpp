@@ -43,7 +43,7 @@ OwnedCF<CFMutableDictionaryRef> batteryProperties(Machine& machine) {
         cfSet(into, "Voltage", world.property(Property::kBatteryMillivolts));
         cfSet(into, "CycleCount", world.property(Property::kBatteryCycles));
         PropertyValue current = world.property(Property::kBatteryMilliamps);
-        if (current.form == PropertyForm::kAbsent) {
+        if (current.form == PropertyForm::kFollows) {
             current = {PowerKeys::batteryMilliamps(world), PropertyForm::kNumber, 0};
         }
         cfSet(into, "Amperage", current);

@@ -1,17 +1,12 @@
 #include "simulator/machine/fans.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <limits>
 
-#include "simulator/machine/automatic_fan.h"
-
 namespace simulator::Fans {
 namespace {
-
-constexpr std::uint32_t kModeAutomatic = 0;
-constexpr std::uint32_t kModeManual = 1;
-constexpr std::uint32_t kModeSystem = 3;
 
 constexpr int kOk = 0;
 constexpr int kBadParameter = 0x83;
@@ -27,8 +22,13 @@ void noteSystem(World& world, std::size_t fan, std::uint32_t mode) {
     world.note(kSystemItself, text);
 }
 
+ManualModeRule manualModeRule(const WorldState& state) {
+    const auto number = state.properties[static_cast<std::size_t>(Property::kManualMode)].number;
+    return static_cast<ManualModeRule>(static_cast<std::uint32_t>(number));
+}
+
 bool locks(const WorldState& state) {
-    return state.manualModeRule == ManualModeRule::kRefusedUntilUnlocked;
+    return manualModeRule(state) == ManualModeRule::kRefusedUntilUnlocked;
 }
 
 // A fan that is out of the system's hands without the unlock is taken back before long.
@@ -46,7 +46,7 @@ int writeMode(WorldState& state, const KeyRecord& key, double number) {
     if (!known) {
         return kBadParameter;
     }
-    if (mode == kModeManual && state.manualModeRule == ManualModeRule::kWithoutEffect) {
+    if (mode == kModeManual && manualModeRule(state) == ManualModeRule::kWithoutEffect) {
         return kOk;
     }
     if (mode == kModeManual && fan.mode == kModeSystem && locks(state)) {
@@ -108,6 +108,79 @@ void retake(World& world) {
     recordHolder(state, 0);
 }
 
+// The automatic control asks for full speed here, and for the minimum up to kQuietUntil.
+constexpr double kFullSpeedAt = 95;         // °C
+constexpr double kFullSpeedAboveRest = 10;  // K, for machines that are hot already at rest
+constexpr double kQuietUntil = 60;
+constexpr double kQuietAboveRest = 8;
+constexpr double kStartAbove = 55;   // °C: where resting fans start again
+constexpr double kRestingBand = 10;  // K below that they rest
+constexpr double kRestMargin = 5;    // K more than in the dump, where they still rest
+
+// A target moves only by at least this much; one that is closer to the minimum is the minimum.
+constexpr double kDeadBandRpm = 10;
+
+// From standstill to 5000 rpm in four seconds, on to 7000 in about as many, down in one.
+constexpr double kMotorSeconds = 0.5;
+constexpr double kStartRpmPerSecond = 1500;
+constexpr double kSlowdownPerRpm = 0.13;
+constexpr double kBrakeRpmPerSecond = 7000;
+constexpr double kSettledRpm = 0.01;
+// Apple Silicon fans stay 200 to 300 rpm below a high target, Intel ones within 0.2 percent.
+constexpr double kSlipAboveMinimum = 0.045;
+constexpr double kIntelSlip = 0.0014;
+
+double automaticFraction(const WorldState& state, const FanRecord& fan) {
+    const double rest = state.heat.rest[static_cast<std::size_t>(HeatNode::kDie)];
+    const double full = std::max(kFullSpeedAt, rest + kFullSpeedAboveRest);
+    const double from =
+        fan.restFraction > 0 ? rest : std::min(std::max(kQuietUntil, rest + kQuietAboveRest), full);
+    const double part = (state.heat.controlTemperature - from) / std::max(full - from, 1.0);
+    return std::clamp(fan.restFraction + (1 - fan.restFraction) * part, 0.0, 1.0);
+}
+
+double automaticTarget(const WorldState& state, FanRecord& fan) {
+    const double heat = state.heat.controlTemperature;
+    const bool mayRest = fan.restTarget < fan.minimum && fan.mode == state.automaticMode;
+    if (!mayRest || heat > fan.startAbove) {
+        fan.resting = 0;
+    } else if (heat < fan.startAbove - kRestingBand) {
+        fan.resting = 1;
+    }
+    return fan.resting != 0
+               ? fan.restTarget
+               : fan.minimum + automaticFraction(state, fan) * (fan.maximum - fan.minimum);
+}
+
+// Writes the target that the present heat asks for.
+void control(const WorldState& state, FanRecord& fan) {
+    const double target = automaticTarget(state, fan);
+    const bool atLimit = target <= fan.minimum || target >= fan.maximum;
+    const bool outside = fan.target < fan.minimum || fan.target > fan.maximum;
+    if (std::abs(target - fan.target) >= kDeadBandRpm || atLimit || outside) {
+        fan.target = target;
+    }
+}
+
+// The speed at which the motor settles with the present target.
+double steadyRpm(const WorldState& state, const FanRecord& fan) {
+    const double slip = state.appleSilicon != 0
+                            ? kSlipAboveMinimum * std::max(fan.target - fan.minimum, 0.0)
+                            : kIntelSlip * fan.target;
+    return std::min(fan.target - slip, fan.reachable);
+}
+
+// Lets the motor turn for dt seconds; dt is short.
+void turn(const WorldState& state, FanRecord& fan, double dt) {
+    const double goal = steadyRpm(state, fan);
+    const double wanted = (goal - fan.rpm) * (1 - std::exp(-dt / kMotorSeconds));
+    const double faster = std::max(kStartRpmPerSecond - kSlowdownPerRpm * fan.rpm, 100.0) * dt;
+    fan.rpm += std::clamp(wanted, -kBrakeRpmPerSecond * dt, faster);
+    if (std::abs(goal - fan.rpm) < kSettledRpm) {
+        fan.rpm = goal;
+    }
+}
+
 bool isDue(double time, double now) {
     return time > 0 && time <= now;
 }
@@ -135,9 +208,9 @@ void step(World& world, double dt) {
     for (std::uint32_t i = 0; i < state.fanCount; ++i) {
         FanRecord& fan = state.fans[i];
         if (fan.mode != kModeManual) {
-            AutomaticFan::control(state, fan);
+            control(state, fan);
         }
-        AutomaticFan::turn(state, fan, dt);
+        turn(state, fan, dt);
     }
 }
 
@@ -211,15 +284,21 @@ bool allAutomatic(const WorldState& state) {
     });
 }
 
-void calibrate(World& world) {
+void calibrate(World& world, bool fansStop) {
     WorldState& state = world.state();
+    const double die = state.heat.rest[static_cast<std::size_t>(HeatNode::kDie)];
     for (std::uint32_t i = 0; i < state.fanCount; ++i) {
         FanRecord& fan = state.fans[i];
+        const bool resting = fan.mode != kModeManual && fan.target < fan.minimum;
+        const double target = fan.mode != kModeManual ? fan.target : fan.minimum;
         const double range = std::max(fan.maximum - fan.minimum, 1.0);
-        const double fraction = std::clamp((fan.target - fan.minimum) / range, 0.0, 1.0);
+        const double fraction = std::clamp((target - fan.minimum) / range, 0.0, 1.0);
         // A target within the dead band of the minimum is the minimum.
-        fan.restFraction = fraction * range < AutomaticFan::kDeadBandRpm ? 0 : fraction;
-        fan.resting = state.fansMayRest != 0 && fan.target == 0 ? 1 : 0;
+        fan.restFraction = fraction * range < kDeadBandRpm ? 0 : fraction;
+        fan.restTarget = resting ? fan.target : fansStop ? 0 : fan.minimum;
+        fan.startAbove =
+            resting ? std::max(kStartAbove, die + kRestMargin + kRestingBand) : kStartAbove;
+        fan.resting = resting ? 1 : 0;
     }
 }
 

@@ -6,7 +6,13 @@
 #include "simulator/machine/key_table.h"
 #include "simulator/machine/world.h"
 
-namespace simulator::Fans {
+namespace simulator {
+
+inline constexpr std::uint32_t kModeAutomatic = 0;
+inline constexpr std::uint32_t kModeManual = 1;
+inline constexpr std::uint32_t kModeSystem = 3;  // Apple Silicon's
+
+namespace Fans {
 
 // A write to a fan's mode or target, to the forced mask or the unlock key, with the controller's
 // own rules. Returns the result byte; bytes are stored only when it is 0.
@@ -28,7 +34,10 @@ void recordHolder(WorldState& state, std::int32_t process);
 bool manual(const WorldState& state, std::size_t fan);
 bool allAutomatic(const WorldState& state);
 
-// Makes the present targets those of rest, which the automatic control returns to.
-void calibrate(World& world);
+// Makes the present targets those of rest, which the automatic control returns to: a fan that is
+// below its minimum rests there until the die is hotter than now. fansStop: the others rest, too,
+// while the machine is cool.
+void calibrate(World& world, bool fansStop);
 
-}  // namespace simulator::Fans
+}  // namespace Fans
+}  // namespace simulator

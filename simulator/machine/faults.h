@@ -2,51 +2,16 @@
 #pragma once
 
 #include <cstdint>
-#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "simulator/machine/world.h"
 
-namespace simulator {
+namespace simulator::Faults {
 
-enum class FaultKind : std::uint32_t {
-    // Lasting: they wait for a controller call or a tool to strike.
-    kRefuseWrite,
-    kRefuseRead,
-    kRefuseCall,
-    kIgnoreWrite,
-    kDelayWrite,
-    kGarbage,
-    kZero,
-    kFreeze,
-    kKeySize,
-    kOutputSize,
-    kRefuseOpen,
-    kToolFails,
-    kToolHangs,
-    kToolIgnoresSigterm,
-    kToolGarbage,
-    kToolMegabyte,
-    kToolNoEffect,
-    // Momentary: they happen once.
-    kVanishFan,
-    kOtherWrites,
-    kTakeFan,
-    kReleaseFan,
-    kDriftTarget,
-    kHoldUnlock,
-    kKeepTarget,
-    kSet,
-    kSleep,
-    kClearFaults,
-    kCount
-};
-
-namespace Faults {
-
-bool isLasting(FaultKind kind);
+// The record of a happening at a moment. Throws std::runtime_error when a text is too long.
+FaultRecord record(const Happening& happening, const Moment& moment);
 
 // One line as the tool's "fault" takes it and its "fault list" prints it, such as
 // "refuse-write key=F0Md code=0x82 times=1 call=3". parse throws std::runtime_error with an English
@@ -67,7 +32,5 @@ FaultRecord* strike(World& world, FaultKind kind, std::uint32_t key);
 FaultRecord* strikeTool(World& world, FaultKind kind, std::string_view tool);
 
 std::vector<FaultRecord> pending(World& world);  // waiting and active
-void clear(World& world);
 
-}  // namespace Faults
-}  // namespace simulator
+}  // namespace simulator::Faults

@@ -196,7 +196,7 @@ std::optional<double> number(World& world, const KeyRecord& key) {
         case KeyRole::kUnlock:
             return state.unlock;
         case KeyRole::kKeyCount:
-            return state.keyCount;
+            return state.keyCount + state.hiddenKeys;
         default:
             return PowerKeys::number(world, key);
     }

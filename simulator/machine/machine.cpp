@@ -163,10 +163,6 @@ void Machine::catchUp() {
 
 ControllerAnswer Machine::call(const ControllerBlock& in, ControllerBlock& out) {
     const Hold hold(*this);
-    WorldState& state = store_->state();
-    if (state.callDuration > 0 && state.clockMode == ClockMode::kVirtual) {
-        passTime(world_, state.callDuration);
-    }
     const bool privileged = in.command != kWriteCommand ||
                             world_.number(Property::kPrivileged, ::geteuid() == 0 ? 1 : 0) != 0;
     return Controller::call(world_, in, out, privileged);
@@ -210,28 +206,28 @@ std::string Machine::systemVersion() {
     return locked([](World& world) { return std::string(world.state().systemVersion); });
 }
 
-int Machine::processorCount() {
-    return locked(
-        [](World& world) { return static_cast<int>(world.number(Property::kProcessors, 1)); });
+std::optional<double> Machine::published(Property property) {
+    return locked([property](World& world) { return world.number(property); });
 }
 
-int Machine::thermalState() {
-    return locked([](World& world) {
-        return static_cast<int>(
-            world.number(Property::kThermalState, Heat::thermalState(world.state().heat)));
+std::optional<double> Machine::processorCount() {
+    return published(Property::kProcessors);
+}
+
+std::optional<double> Machine::thermalState() {
+    return locked([](World& world) -> std::optional<double> {
+        return world.property(Property::kThermalState).form == PropertyForm::kFollows
+                   ? Heat::thermalState(world.state().heat)
+                   : world.number(Property::kThermalState);
     });
 }
 
-std::optional<bool> Machine::lowPowerMode() {
-    return locked([](World& world) -> std::optional<bool> {
-        const auto flag = world.number(Property::kLowPowerFlag);
-        return flag ? std::optional(*flag != 0) : std::nullopt;
-    });
+std::optional<double> Machine::lowPowerMode() {
+    return published(Property::kLowPowerFlag);
 }
 
-int Machine::memoryPressureLevel() {
-    return locked(
-        [](World& world) { return static_cast<int>(world.number(Property::kMemoryPressure, 1)); });
+std::optional<double> Machine::memoryPressureLevel() {
+    return published(Property::kMemoryPressure);
 }
 
 }  // namespace simulator

@@ -36,10 +36,10 @@ public:
     std::string cpuBrand() override;
     bool appleSilicon() override;
     std::string systemVersion() override;
-    int processorCount() override;
-    int thermalState() override;
-    std::optional<bool> lowPowerMode() override;
-    int memoryPressureLevel() override;
+    std::optional<double> processorCount() override;
+    std::optional<double> thermalState() override;
+    std::optional<double> lowPowerMode() override;
+    std::optional<double> memoryPressureLevel() override;
     double continuousSeconds(double hostSeconds) override;
     double uptimeSeconds(double hostSeconds) override;
     std::string root() override { return root_; }
@@ -57,6 +57,7 @@ private:
     };
 
     void catchUp();
+    std::optional<double> published(Property property);
 
     std::unique_ptr<StateStore> store_;
     std::unique_ptr<Journal> journal_;

@@ -100,88 +100,31 @@ void placeRoot(const fs::path& directory) {
     placeTool(root, directory, "kmutil");
 }
 
-void placeJournal(const fs::path& journal) {
-    writeFile(journal, "");
-    ::chmod(journal.c_str(), 0666);  // processes of any user attach, and are heard
-}
-
-// Makes the directory unless it is there, and keeps every other creation out of it: two at once
-// would take each other's files for their own. A process that dies lets go of it.
+// Keeps every other creation out of the directory: two at once would take each other's files for
+// their own. A process that dies lets go of it.
 class OnlyCreation {
 public:
-    explicit OnlyCreation(const fs::path& directory) {
-        struct stat held = {};
-        struct stat named = {};
-        do {
-            release();
-            fs::create_directories(directory);
-            descriptor_ = ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-            while (::flock(descriptor_, LOCK_EX) != 0 && errno == EINTR) {
-            }
-            // Whoever held it before may have failed and removed it.
-        } while (::fstat(descriptor_, &held) == 0 &&
-                 (::stat(directory.c_str(), &named) != 0 || held.st_ino != named.st_ino));
+    explicit OnlyCreation(const fs::path& directory)
+        : descriptor_(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
+        while (::flock(descriptor_, LOCK_EX) != 0 && errno == EINTR) {
+        }
     }
-    ~OnlyCreation() { release(); }
+    ~OnlyCreation() { ::close(descriptor_); }
     OnlyCreation(const OnlyCreation&) = delete;
     OnlyCreation& operator=(const OnlyCreation&) = delete;
 
 private:
-    void release() {
-        if (descriptor_ >= 0) {
-            ::close(descriptor_);
-        }
-    }
-
-    int descriptor_ = -1;
+    int descriptor_;
 };
 
-// Removes what a creation made when it is not completed, and first what one that was killed left.
-class Unfinished {
-public:
-    Unfinished(fs::path directory, bool wasThere)
-        : directory_(std::move(directory)), wasThere_(wasThere) {
-        removeParts();
-    }
-    ~Unfinished() {
-        if (done_) {
-            return;
-        }
-        removeParts();
-        if (!wasThere_) {
-            std::error_code ignored;
-            fs::remove(directory_, ignored);
-        }
-    }
-    Unfinished(const Unfinished&) = delete;
-    Unfinished& operator=(const Unfinished&) = delete;
-    void done() { done_ = true; }
-
-private:
-    void removeParts() {
-        std::error_code ignored;
-        for (const char* part : {"journal", "root", kUnfinishedState}) {
-            fs::remove_all(directory_ / part, ignored);
-        }
-    }
-
-    fs::path directory_;
-    bool wasThere_;
-    bool done_ = false;
-};
-
-// Nothing that is not a machine's own is ever written over or removed.
-void checkEmpty(const fs::path& directory) {
-    if (fs::exists(directory / "state")) {
-        throw std::runtime_error("there is a simulated Mac in " + directory.string() + " already");
-    }
-    const bool leftByCreation = fs::exists(directory / kUnfinishedState);
-    if (fs::exists(directory) && !fs::is_empty(directory) && !leftByCreation) {
-        throw std::runtime_error(directory.string() + " is not empty");
+void removeParts(const fs::path& directory) {
+    std::error_code ignored;
+    for (const char* part : {"journal", "root", kUnfinishedState}) {
+        fs::remove_all(directory / part, ignored);
     }
 }
 
-void checkFree(const fs::path& directory) {
+void checkPlace(const fs::path& directory) {
     const fs::path parent = fs::absolute(directory).lexically_normal().parent_path();
     if (!fs::exists(parent)) {
         throw std::runtime_error("there is no directory " + parent.string());
@@ -189,24 +132,34 @@ void checkFree(const fs::path& directory) {
     if (fs::exists(directory) && !fs::is_directory(directory)) {
         throw std::runtime_error(directory.string() + " is not a directory");
     }
-    checkEmpty(directory);
 }
 
-std::unique_ptr<Machine> build(const fs::path& directory, const MachinePlan& plan,
-                               const std::vector<KeyDefinition>& keys, double startLoad) {
+// Nothing that is not a machine's own is ever written over or removed.
+void checkEmpty(const fs::path& directory) {
+    if (fs::exists(directory / "state")) {
+        throw std::runtime_error("there is a simulated Mac in " + directory.string() + " already");
+    }
+    const bool leftByCreation = fs::exists(directory / kUnfinishedState);
+    if (!fs::is_empty(directory) && !leftByCreation) {
+        throw std::runtime_error(directory.string() + " is not empty");
+    }
+}
+
+std::unique_ptr<Machine> build(const fs::path& directory, const Model& model,
+                               const std::vector<KeyDefinition>& keys) {
     // First: it tells what is beside it from anything else when the creation is killed.
     auto store =
         FileStore::create((directory / kUnfinishedState).string(), keys.size() + kSpareKeys);
     placeRoot(directory);
-    placeJournal(directory / "journal");
+    writeFile(directory / "journal", "");
+    ::chmod((directory / "journal").c_str(), 0666);  // processes of any user attach, and are heard
     StateStore& state = *store;
     auto machine = std::make_unique<Machine>(
         std::move(store), std::make_unique<FileJournal>((directory / "journal").string()),
         (directory / "root").string());
     machine->locked([&](World& world) {
-        furnish(world, plan, keys);
-        startAt(world, startLoad);
-        world.note(kOutsideWorld, "created " + std::string(plan.name));
+        furnish(world, model, keys);
+        world.note(kOutsideWorld, "created " + std::string(model.name));
         placeTurboExtension((directory / "root").string(),
                             static_cast<unsigned>(world.number(Property::kTurboApplications, 0)));
         state.state().clockMode = ClockMode::kHost;
@@ -228,17 +181,22 @@ std::string absolute(const std::string& path) {
 
 }  // namespace
 
-std::unique_ptr<Machine> create(const std::string& directory, const MachinePlan& plan,
-                                const std::vector<KeyDefinition>& keys, double startLoad) {
+std::unique_ptr<Machine> create(const std::string& directory, const Model& model,
+                                const std::vector<KeyDefinition>& keys) {
     try {
-        checkFree(directory);
-        const bool wasThere = fs::exists(directory);
+        checkPlace(directory);
+        const bool made = fs::create_directory(directory);
         const OnlyCreation only(directory);
         checkEmpty(directory);
-        Unfinished unfinished(directory, wasThere);
-        auto machine = build(directory, plan, keys, startLoad);
-        unfinished.done();
-        return machine;
+        removeParts(directory);
+        try {
+            return build(directory, model, keys);
+        } catch (...) {
+            removeParts(directory);
+            std::error_code ignored;
+            made&& fs::remove(directory, ignored);
+            throw;
+        }
     } catch (const fs::filesystem_error& error) {
         throw std::runtime_error("cannot create a machine in " + directory + ": " +
                                  error.code().message());

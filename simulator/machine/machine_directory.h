@@ -17,8 +17,8 @@ namespace simulator::MachineDirectory {
 
 // Makes a machine; the directory may exist, but not hold a machine yet. Nothing is left of one that
 // could not be completed. Throws std::runtime_error.
-std::unique_ptr<Machine> create(const std::string& directory, const MachinePlan& plan,
-                                const std::vector<KeyDefinition>& keys, double startLoad);
+std::unique_ptr<Machine> create(const std::string& directory, const Model& model,
+                                const std::vector<KeyDefinition>& keys);
 // Throws std::runtime_error when there is no machine, or one of another version.
 std::unique_ptr<Machine> open(const std::string& directory);
 

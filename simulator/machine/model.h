@@ -1,55 +1,44 @@
 // Machines as data: what a model adds to its table of keys.
 #pragma once
 
+#include <string>
 #include <string_view>
 #include <vector>
 
 #include "simulator/machine/heat.h"
-#include "simulator/machine/world.h"
+#include "simulator/machine/key_table.h"
 
 namespace simulator {
 
-struct KeyDefinition;
-
-// Everything that a key dump does not tell.
-struct MachinePlan {
+struct Model {
     std::string_view name;
+    std::string_view description;  // one line; "" for a machine that is not built in
     std::string_view brand;
     std::string_view systemVersion;
-    std::string_view powerSettings;  // in the power tool's own print layout, or ""
     ControllerKind controller = ControllerKind::kNone;
-    ManualModeRule manualModeRule = ManualModeRule::kAcceptedAtOnce;
-    int processors = 8;
-    bool appleSilicon = false;
-    bool raisesLowTargets = false;
-    bool fansMayRest = false;  // stopped by the system while the machine is cool
+    int processors = 8;                   // logical
+    std::string_view keyDumps[2] = {};    // names of embedded tables, joined; unused ones are ""
+    std::string_view powerSettings = "";  // an embedded print of the power tool, or ""
     bool battery = false;
-    bool cpuLimits = false;        // speed limit and its like are published
-    bool lowPowerFlag = true;      // the system has one (macOS 12)
+    bool cpuLimits = false;     // speed limit and its like are published
+    bool lowPowerFlag = false;  // the system has one (macOS 12)
+    bool fansStop = false;      // while the machine is cool, whatever its table says
+    bool raisesLowTargets = false;
+    ManualModeRule manualModeRule = ManualModeRule::kAcceptedAtOnce;
+    double startLoad = -1;         // percent; below 0: as in the table
     double reachableShare = 1.04;  // of the rated maximum, that a fan can do
-    Heat::Figures figures;
+    Heat::Figures figures = {};
+    std::uint32_t hiddenKeys = 0;  // that "#KEY" counts and the table does not have
 };
 
-// The machine of a plan with these keys, at rest as in the dump.
-void furnish(World& world, const MachinePlan& plan, const std::vector<KeyDefinition>& keys);
+const std::vector<Model>& builtInModelTable();
+const Model& builtInModelNamed(std::string_view name);  // throws std::runtime_error
+std::vector<KeyDefinition> keysOf(const Model& model);
 
-// Puts the machine under a load (percent) in which it has settled; below 0: leaves it as it is.
-void startAt(World& world, double load);
+// A model for somebody's machine, from what its keys tell.
+Model modelFromKeys(const std::vector<KeyDefinition>& keys);
 
-// A plan for somebody's machine, from what its keys tell.
-MachinePlan planFromKeys(const std::vector<KeyDefinition>& keys);
-
-struct BuiltInModel {
-    MachinePlan plan;
-    std::string_view description;
-    std::vector<std::string_view> keyDumps;  // names of embedded tables, joined
-    double startLoad = -1;                   // percent; below 0: as in the dump
-};
-const std::vector<BuiltInModel>& builtInModelTable();
-const BuiltInModel& builtInModelNamed(std::string_view name);  // throws std::runtime_error
-std::vector<KeyDefinition> keysOf(const BuiltInModel& model);
-
-// Power settings from the power tool's print ("AC Power:" and lines " sleep  10").
-void readPowerSettings(World& world, std::string_view print);
+// The machine of a model with these keys, settled in its starting load.
+void furnish(World& world, const Model& model, const std::vector<KeyDefinition>& keys);
 
 }  // namespace simulator

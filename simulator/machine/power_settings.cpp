@@ -1,21 +1,9 @@
 #include "simulator/machine/power_settings.h"
 
-#include <cstring>
 #include <stdexcept>
 
-#include "simulator/machine/model.h"
-
-namespace simulator {
+namespace simulator::PowerSettings {
 namespace {
-
-template <std::size_t kSize>
-void copyText(std::string_view text, char (&into)[kSize]) {
-    if (text.size() >= kSize) {
-        throw std::runtime_error("too long for a power setting: " + std::string(text));
-    }
-    std::memcpy(into, text.data(), text.size());
-    into[text.size()] = '\0';
-}
 
 std::string_view trimmed(std::string_view text) {
     const std::size_t first = text.find_first_not_of(' ');
@@ -25,8 +13,6 @@ std::string_view trimmed(std::string_view text) {
 
 }  // namespace
 
-namespace PowerSettings {
-
 PowerSettingRecord* find(World& world, std::string_view source, std::string_view name) {
     for (PowerSettingRecord& setting : world.state().powerSettings) {
         if (setting.used != 0 && source == setting.source && name == setting.name) {
@@ -34,15 +20,6 @@ PowerSettingRecord* find(World& world, std::string_view source, std::string_view
         }
     }
     return nullptr;
-}
-
-bool hasSource(World& world, std::string_view source) {
-    for (const PowerSettingRecord& setting : world.state().powerSettings) {
-        if (setting.used != 0 && source == setting.source) {
-            return true;
-        }
-    }
-    return false;
 }
 
 void set(World& world, std::string_view source, std::string_view name, std::string_view value) {
@@ -78,9 +55,7 @@ std::vector<const PowerSettingRecord*> all(World& world) {
     return found;
 }
 
-}  // namespace PowerSettings
-
-void readPowerSettings(World& world, std::string_view print) {
+void read(World& world, std::string_view print) {
     std::string_view source;
     while (!print.empty()) {
         const std::size_t feed = print.find('\n');
@@ -92,9 +67,9 @@ void readPowerSettings(World& world, std::string_view print) {
             source = line.substr(0, line.size() - 1);
         } else if (gap != std::string_view::npos) {
             // A name may hold blanks; the value is the last word.
-            PowerSettings::set(world, source, trimmed(text.substr(0, gap)), text.substr(gap + 1));
+            set(world, source, trimmed(text.substr(0, gap)), text.substr(gap + 1));
         }
     }
 }
 
-}  // namespace simulator
+}  // namespace simulator::PowerSettings

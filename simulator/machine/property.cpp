@@ -28,6 +28,7 @@ constexpr std::array<std::string_view, static_cast<std::size_t>(Property::kCount
     "low-power",
     "memory-pressure",
     "processors",
+    "manual-mode",
     "privileged",
     "extension",
     "extension-approval",
@@ -35,6 +36,8 @@ constexpr std::array<std::string_view, static_cast<std::size_t>(Property::kCount
     "assertions-answer",
     "turbo-applications",
 };
+
+constexpr std::array<std::string_view, 4> kFormNames = {"follow", "", "text", "absent"};
 
 constexpr double kLargest = 1e9;  // thirty years in seconds
 
@@ -50,6 +53,17 @@ std::optional<Property> propertyNamed(std::string_view name) {
         return std::nullopt;
     }
     return static_cast<Property>(found - kNames.begin());
+}
+
+std::string_view formName(PropertyForm form) {
+    return kFormNames[static_cast<std::size_t>(form)];
+}
+
+PropertyForm formNamed(std::string_view name) {
+    const auto* found = std::find(kFormNames.begin(), kFormNames.end(), name);
+    return found == kFormNames.end() || name.empty()
+               ? PropertyForm::kNumber
+               : static_cast<PropertyForm>(found - kFormNames.begin());
 }
 
 std::optional<double> worldNumber(const std::string& text) {

@@ -1,12 +1,12 @@
 #include "simulator/machine/simulated_mac.h"
 
 #include <algorithm>
-#include <stdexcept>
+#include <filesystem>
 
-#include "simulator/machine/fans.h"
 #include "simulator/machine/faults.h"
 #include "simulator/machine/four_characters.h"
 #include "simulator/machine/machine.h"
+#include "simulator/machine/machine_directory.h"
 
 namespace simulator {
 namespace {
@@ -34,6 +34,17 @@ std::string writeIn(const std::string& line) {
 
 }  // namespace
 
+void Happenings::befall(const Happening& happening) {
+    const FaultRecord fault = Faults::record(happening, moment_);
+    machine_->locked([&fault](World& world) { Faults::befall(world, fault); });
+    std::error_code none;
+    if (happening.kind == FaultKind::kSet && happening.property == Property::kTurboApplications &&
+        std::filesystem::exists(machine_->root(), none)) {
+        MachineDirectory::placeTurboExtension(machine_->root(),
+                                              static_cast<unsigned>(happening.number));
+    }
+}
+
 SimulatedMac::SimulatedMac(std::unique_ptr<Machine> machine)
     : Happenings(*machine, Moment{}), owned_(std::move(machine)) {}
 
@@ -50,10 +61,6 @@ double SimulatedMac::now() {
 
 void SimulatedMac::advance(double seconds) {
     owned_->advance(seconds);
-}
-
-void SimulatedMac::setCallDuration(double seconds) {
-    owned_->locked([seconds](World& world) { world.state().callDuration = seconds; });
 }
 
 void SimulatedMac::followHostClock() {

@@ -63,6 +63,7 @@ public:
 
 class SimulatedMac : public Happenings {
 public:
+    explicit SimulatedMac(std::unique_ptr<Machine> machine);
     ~SimulatedMac();
     SimulatedMac(SimulatedMac&& other) noexcept;
     SimulatedMac& operator=(SimulatedMac&&) = delete;
@@ -74,8 +75,6 @@ public:
     double now();                  // machine seconds since it was made, sleep included
     void advance(double seconds);  // virtual clock only; what is due on the way happens in order
 
-    // Every controller call takes this long on the virtual clock; 0 at first.
-    void setCallDuration(double seconds);
     // The machine follows the host's clock from here on, as one in a directory does.
     void followHostClock();
 
@@ -127,7 +126,8 @@ public:
     // ---- The world -------------------------------------------------------------------------
 
     std::optional<double> value(Property property);
-    void setCpuBrand(std::string_view text);
+    void setModelName(std::string_view text);  // as simulated-mac shows it
+    void setCpuBrand(std::string_view text);   // "": not published
     void setSystemVersion(std::string_view text);
     void setAppleSilicon(bool appleSilicon);
     void setRoot(std::string_view directory);  // where tools and bundles are looked up
@@ -156,9 +156,6 @@ public:
     Machine& machine() { return *owned_; }
 
 private:
-    friend SimulatedMac makeMac(std::unique_ptr<Machine> machine);
-    explicit SimulatedMac(std::unique_ptr<Machine> machine);
-
     std::unique_ptr<Machine> owned_;
 };
 
@@ -179,11 +176,7 @@ SimulatedMac intelMac(int fans);
 SimulatedMac intelMacWithMaskOnly(int fans);
 
 struct AppleSiliconOptions {
-    enum class ManualMode {
-        kAcceptedAtOnce,        // like M1 Pro
-        kRefusedUntilUnlocked,  // like M4 Max: 0x82 in mode 3 until "Ftst" is 1
-        kWithoutEffect,         // answered 0, but nothing happens
-    };
+    using ManualMode = ManualModeRule;
     ManualMode manualMode = ManualMode::kAcceptedAtOnce;
     bool lowerCaseModeKey = false;  // "F0md" instead of "F0Md"
     bool unlockKey = true;          // "Ftst" exists

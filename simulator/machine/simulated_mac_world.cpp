@@ -1,5 +1,4 @@
 // The world of a SimulatedMac: properties, assertions, power settings.
-#include <cstring>
 #include <stdexcept>
 #include <string>
 
@@ -8,21 +7,12 @@
 #include "simulator/machine/simulated_mac.h"
 
 namespace simulator {
-namespace {
-
-template <std::size_t kSize>
-void copyText(std::string_view text, char (&into)[kSize]) {
-    if (text.size() >= kSize) {
-        throw std::runtime_error("too long: " + std::string(text));
-    }
-    std::memcpy(into, text.data(), text.size());
-    into[text.size()] = '\0';
-}
-
-}  // namespace
-
 std::optional<double> SimulatedMac::value(Property property) {
     return owned_->locked([property](World& world) { return world.number(property); });
+}
+
+void SimulatedMac::setModelName(std::string_view text) {
+    owned_->locked([text](World& world) { copyText(text, world.state().model); });
 }
 
 void SimulatedMac::setCpuBrand(std::string_view text) {

@@ -7,7 +7,11 @@
 
 #include <pthread.h>
 
+#include <algorithm>
 #include <cstdint>
+#include <stdexcept>
+#include <string>
+#include <string_view>
 #include <type_traits>
 
 #include "simulator/machine/happenings.h"
@@ -93,12 +97,6 @@ inline constexpr std::int32_t kHeldByOther = -1;
 
 enum class ControllerKind : std::uint32_t { kNone, kForcedMask, kT2, kAppleSilicon };
 
-enum class ManualModeRule : std::uint32_t {
-    kAcceptedAtOnce,
-    kRefusedUntilUnlocked,
-    kWithoutEffect
-};
-
 struct FanRecord {
     double rpm;
     double target;
@@ -106,6 +104,8 @@ struct FanRecord {
     double maximum;
     double reachable;     // rpm the motor can do, whatever the target
     double restFraction;  // what the automatic control asks for at the dump's heat, 0 to 1
+    double restTarget;    // where the fan rests while the machine is cool, if below the minimum
+    double startAbove;    // °C of the die: where a resting fan starts again
     double rivalTarget;   // another program's, written every rivalPeriod seconds
     double rivalPeriod;   // 0: no rival
     double rivalNextTime;
@@ -113,7 +113,7 @@ struct FanRecord {
     std::uint32_t mode;     // 0 automatic, 1 manual, 3 held by the system
     std::uint32_t modeChangeTo;
     std::uint32_t vanished;
-    std::uint32_t resting;  // stopped by the system because the machine is cool
+    std::uint32_t resting;  // stopped or slowed by the system because the machine is cool
     std::int32_t holder;    // process that took it: its id, kHeldByOther, or 0 for the system
     std::uint32_t unused;
 };
@@ -139,8 +139,6 @@ struct HeatState {
     double stillAirShare;    // of sinkConductance without any air flow
 };
 
-enum class PropertyForm : std::uint32_t { kAbsent, kNumber, kNotANumber };
-
 struct PropertyValue {
     double number;
     PropertyForm form;
@@ -149,7 +147,7 @@ struct PropertyValue {
 
 enum class FaultPhase : std::uint32_t { kFree, kWaiting, kActive };
 
-// A fault or a happening to come; `kind` indexes the table in faults.h.
+// A fault or a happening to come; `kind` indexes the table in faults.cpp.
 struct FaultRecord {
     FaultPhase phase;
     std::uint32_t kind;
@@ -228,11 +226,10 @@ struct WorldState {
     char brand[64];
     char systemVersion[16];
     ControllerKind controller;
-    ManualModeRule manualModeRule;
+    std::uint32_t hiddenKeys;  // that "#KEY" counts and no index lists
     std::uint32_t appleSilicon;
     std::uint32_t automaticMode;  // mode of a fan under the system's control: 0 or 3
     std::uint32_t raisesLowTargets;
-    std::uint32_t fansMayRest;
     std::uint32_t fanCount;
     std::uint32_t forcedMask;
     std::uint32_t unlock;        // "Ftst"
@@ -247,8 +244,7 @@ struct WorldState {
     double sleptSeconds;
     double hostSeconds;   // of the host's clock, when time was last caught up
     double nextHostWork;  // host time from which on catching up is worth it
-    double callDuration;
-    double nextDue;  // machine time of the earliest waiting happening, or infinity
+    double nextDue;       // machine time of the earliest waiting happening, or infinity
 
     std::uint64_t calls[16];  // by command
     std::uint64_t totalCalls;
@@ -276,6 +272,15 @@ struct WorldState {
     std::uint32_t unused3;
     char openLine[kJournalLineSize];
 };
+
+// Fills a field of the state; the rest of it becomes zeros. Throws std::runtime_error.
+template <std::size_t kSize>
+void copyText(std::string_view text, char (&field)[kSize]) {
+    if (text.size() >= kSize) {
+        throw std::runtime_error("too long: " + std::string(text));
+    }
+    std::fill(std::copy(text.begin(), text.end(), field), field + kSize, '\0');
+}
 
 static_assert(std::is_trivially_copyable_v<WorldState> && std::is_standard_layout_v<WorldState>);
 static_assert(std::is_trivially_copyable_v<KeyRecord> && sizeof(KeyRecord) == 60);

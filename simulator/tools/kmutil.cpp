@@ -53,7 +53,7 @@ Target targetIn(MachineTool& tool) {
     const std::string root = tool.mac().machine().root();
     Target target;
     target.place = words[2];
-    if (words[1] == "-p" || words[1] == "--bundle-path") {
+    if (words[1] == "-p") {
         target.identifier = identifierAt(root + words[2]);
         target.found = !target.identifier.empty();
     } else {
@@ -108,14 +108,6 @@ int unload(MachineTool& tool, const Target& target) {
     return 0;
 }
 
-int showLoaded(MachineTool& tool) {
-    std::puts("No variant specified, falling back to release");
-    if (tool.mac().value(Property::kExtensionLoaded).value_or(0) != 0) {
-        std::printf("%s (1.0)\n", kTurboExtension);
-    }
-    return 0;
-}
-
 int usage() {
     std::fputs("Usage: kmutil load|unload -b IDENTIFIER | -p PATH\n", stderr);
     return kUsage;
@@ -123,11 +115,7 @@ int usage() {
 
 int act(MachineTool& tool) {
     const Words& words = tool.arguments();
-    if (words.size() == 1 && words[0] == "showloaded") {
-        return showLoaded(tool);
-    }
-    const bool named =
-        words.size() == 3 && (words[1] == "-b" || words[1] == "-p" || words[1] == "--bundle-path");
+    const bool named = words.size() == 3 && (words[1] == "-b" || words[1] == "-p");
     if (!named || (words[0] != "load" && words[0] != "unload")) {
         return usage();
     }

@@ -24,9 +24,9 @@ struct Command {
 
 constexpr std::array kCommands = {
     Command{"models", listModels, "models", "the built-in machines, name first"},
-    Command{"create", create, "create DIR --model NAME | --keys FILE.csv",
-            "make a machine; a key dump has the header\n"
-            "key,type,size,attributes,bytes,result"},
+    Command{"create", create, "create DIR --model NAME | --keys FILE.csv [NAME=VALUE …]",
+            "make a machine; a key dump has the header key,type,size,attributes,bytes,result;\n"
+            "the settings are those of \"set\", such as model=, brand=, processors="},
     Command{"show", show, "show DIR [--json] [--keys]", "keys, fans, who holds them, heat, power"},
     Command{"watch", watch, "watch DIR [--for SECONDS]", "the same, live, until interrupted"},
     Command{"set", set, "set DIR NAME=VALUE …", "change the world: \"set --help\" lists the names"},

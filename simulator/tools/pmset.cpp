@@ -1,12 +1,14 @@
-// The power tool of a simulated Mac.
+// The power tool of a simulated Mac, as far as programs use it: "-g custom", and changes of one
+// source's settings or of all.
 #include <algorithm>
+#include <array>
 #include <cstdio>
-#include <ctime>
+#include <cstdlib>
+#include <map>
 
 #include "simulator/machine/machine.h"
 #include "simulator/machine/power_settings.h"
 #include "simulator/tools/machine_tool.h"
-#include "simulator/tools/pmset_print.h"
 
 namespace simulator::tools {
 namespace {
@@ -14,41 +16,20 @@ namespace {
 constexpr int kRefused = 1;
 constexpr long kHighestPowerMode = 2;
 
+// What can be set somewhere; a name that this machine does not list is taken and forgotten.
+constexpr std::string_view kSettingNames =
+    " sleep displaysleep disksleep womp ring powernap proximitywake autorestart lidwake acwake "
+    "lessbright halfdim sms hibernatemode ttyskeepawake networkoversleep standby standbydelay "
+    "standbydelayhigh standbydelaylow autopoweroff autopoweroffdelay tcpkeepalive gpuswitch "
+    "lowpowermode powermode highstandbythreshold ";
+
 int usage() {
     std::puts("Usage: pmset <options>\nSee pmset(1) for details: 'man pmset'");
     return kRefused;
 }
 
-// What can be set somewhere; a name that this machine does not list is taken and forgotten.
 bool isSettingName(const std::string& name) {
-    static const std::vector<std::string> known = {"sleep",
-                                                   "displaysleep",
-                                                   "disksleep",
-                                                   "womp",
-                                                   "ring",
-                                                   "powernap",
-                                                   "proximitywake",
-                                                   "autorestart",
-                                                   "lidwake",
-                                                   "acwake",
-                                                   "lessbright",
-                                                   "halfdim",
-                                                   "sms",
-                                                   "hibernatemode",
-                                                   "ttyskeepawake",
-                                                   "networkoversleep",
-                                                   "standby",
-                                                   "standbydelay",
-                                                   "standbydelayhigh",
-                                                   "standbydelaylow",
-                                                   "autopoweroff",
-                                                   "autopoweroffdelay",
-                                                   "tcpkeepalive",
-                                                   "gpuswitch",
-                                                   "lowpowermode",
-                                                   "powermode",
-                                                   "highstandbythreshold"};
-    return std::find(known.begin(), known.end(), name) != known.end();
+    return kSettingNames.find(" " + name + " ") != std::string_view::npos;
 }
 
 bool isWholeNumber(const std::string& text) {
@@ -58,25 +39,19 @@ bool isWholeNumber(const std::string& text) {
 
 using Sources = std::vector<std::string_view>;
 
+// Settings of a source that the machine does not have are kept nowhere.
 Sources sourcesFor(SimulatedMac& mac, const std::string& option) {
     Sources wanted;
-    if (option == "-c" || option == "-a") {
-        wanted.push_back(PowerSettings::kMains);
+    for (const std::string_view source : {PowerSettings::kMains, PowerSettings::kBattery}) {
+        const std::string_view own = source == PowerSettings::kMains ? "-c" : "-b";
+        const auto settings = mac.powerSettings();
+        const bool has = std::any_of(
+            settings.begin(), settings.end(),
+            [source](const PowerSettingValue& known) { return known.source == source; });
+        if (has && (option == own || option == "-a")) {
+            wanted.push_back(source);
+        }
     }
-    if (option == "-b" || option == "-a") {
-        wanted.push_back(PowerSettings::kBattery);
-    }
-    if (option == "-u" || option == "-a") {
-        wanted.push_back(PowerSettings::kUps);
-    }
-    // Settings of a source that the machine does not have are kept nowhere.
-    mac.machine().locked([&wanted](World& world) {
-        wanted.erase(std::remove_if(wanted.begin(), wanted.end(),
-                                    [&world](std::string_view source) {
-                                        return !PowerSettings::hasSource(world, source);
-                                    }),
-                     wanted.end());
-    });
     return wanted;
 }
 
@@ -147,10 +122,7 @@ void updateLowPowerFlag(SimulatedMac& mac) {
 
 int change(MachineTool& tool) {
     const Words& words = tool.arguments();
-    const bool hasSource =
-        words[0] == "-a" || words[0] == "-b" || words[0] == "-c" || words[0] == "-u";
-    const std::size_t first = hasSource ? 1 : 0;
-    if (words.size() == first || (words.size() - first) % 2 != 0) {
+    if (words.size() < 3 || words.size() % 2 == 0) {
         return usage();
     }
     if (!tool.privileged()) {
@@ -158,8 +130,8 @@ int change(MachineTool& tool) {
         return kRefused;
     }
     SimulatedMac& mac = tool.mac();
-    const Sources sources = sourcesFor(mac, hasSource ? words[0] : "-a");
-    for (std::size_t i = first; i < words.size(); i += 2) {
+    const Sources sources = sourcesFor(mac, words[0]);
+    for (std::size_t i = 1; i < words.size(); i += 2) {
         for (const std::string_view source : sources) {
             if (const int status = checkValue(mac, source, words[i], words[i + 1])) {
                 return status;
@@ -168,7 +140,7 @@ int change(MachineTool& tool) {
     }
     const bool keep = tool.withoutEffect();
     for (const std::string_view source : sources) {
-        for (std::size_t i = first; i < words.size() && !keep; i += 2) {
+        for (std::size_t i = 1; i < words.size() && !keep; i += 2) {
             const std::string name = keptName(mac, source, words[i]);
             if (mac.powerSetting(source, name)) {
                 mac.setPowerSetting(source, name, words[i + 1]);
@@ -180,29 +152,47 @@ int change(MachineTool& tool) {
     return 0;
 }
 
-int get(MachineTool& tool) {
-    const Words& words = tool.arguments();
-    const std::string what = words.size() > 1 ? words[1] : "live";
-    if (what == "custom") {
-        printCustom(tool.mac());
-    } else if (what == "live") {
-        printLive(tool.mac());
-    } else if (what == "assertions") {
-        printAssertions(tool.mac());
-    } else if (what == "therm") {
-        printThermal(tool.mac());
-    } else {
-        return usage();
+template <typename List>
+void rotate(List& list, std::size_t by) {
+    if (!list.empty()) {
+        std::rotate(list.begin(), list.begin() + static_cast<std::ptrdiff_t>(by % list.size()),
+                    list.end());
+    }
+}
+
+// Sections and lines stand in another order every time, as the real tool fixes none: it changes
+// with everything that happens to the machine, and is the same for the same history.
+int printCustom(SimulatedMac& mac) {
+    const auto turn = mac.machine().locked(
+        [](World& world) { return static_cast<std::size_t>(world.state().journalLines); });
+    std::map<std::string, std::vector<std::string>> lines;
+    for (const PowerSettingValue& setting : mac.powerSettings()) {
+        std::string name = " " + setting.name;
+        name.resize(std::max<std::size_t>(name.size(), 21), ' ');
+        lines[setting.source].push_back(name + " " + setting.value);
+    }
+    std::vector<std::string> sources;
+    for (const auto& section : lines) {
+        sources.push_back(section.first);
+    }
+    rotate(sources, turn);
+    for (const std::string& source : sources) {
+        std::printf("%s:\n", source.c_str());
+        rotate(lines[source], turn * 7);
+        for (const std::string& line : lines[source]) {
+            std::puts(line.c_str());
+        }
     }
     return 0;
 }
 
 int act(MachineTool& tool) {
     const Words& words = tool.arguments();
-    if (words.empty()) {
-        return usage();
+    if (words.size() == 2 && words[0] == "-g" && words[1] == "custom") {
+        return printCustom(tool.mac());
     }
-    return words[0] == "-g" ? get(tool) : change(tool);
+    const bool known = !words.empty() && (words[0] == "-a" || words[0] == "-b" || words[0] == "-c");
+    return known ? change(tool) : usage();
 }
 
 }  // namespace

@@ -8,19 +8,12 @@ typedef unsigned char Boolean;
 typedef unsigned char UInt8;
 
 typedef unsigned long CFTypeID;
-typedef unsigned long CFOptionFlags;
 typedef unsigned long CFHashCode;
 typedef long CFIndex;
 typedef const void* CFTypeRef;
 
 typedef const struct __CFString* CFStringRef;
 typedef const struct __CFAllocator* CFAllocatorRef;
-
-enum CFComparisonResult : CFIndex {
-    kCFCompareLessThan = -1,
-    kCFCompareEqualTo = 0,
-    kCFCompareGreaterThan = 1
-};
 
 extern "C" {
 

@@ -8,9 +8,6 @@ typedef const struct __CFDate* CFDateRef;
 
 extern "C" {
 
-extern const CFTimeInterval kCFAbsoluteTimeIntervalSince1970;
-
-CFAbsoluteTime CFAbsoluteTimeGetCurrent(void);
 CFTypeID CFDateGetTypeID(void);
 CFDateRef CFDateCreate(CFAllocatorRef allocator, CFAbsoluteTime at);
 CFAbsoluteTime CFDateGetAbsoluteTime(CFDateRef date);

@@ -14,6 +14,5 @@
 #define kIOPSUPSType "UPS"
 #define kIOPSInternalType "Internal"
 
-#define kIOPSOffLineValue "Off Line"
 #define kIOPSACPowerValue "AC Power"
 #define kIOPSBatteryPowerValue "Battery Power"

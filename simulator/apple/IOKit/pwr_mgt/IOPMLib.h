@@ -5,16 +5,12 @@
 #include <CoreFoundation/CFString.h>
 #include <IOKit/IOReturn.h>
 
-enum { kIOPMAssertionLevelOff = 0, kIOPMAssertionLevelOn = 255 };
+enum { kIOPMAssertionLevelOff = 0 };
 
 // These are CFStrings already.
 #define kIOPMAssertionTypeKey CFSTR("AssertType")
 #define kIOPMAssertionLevelKey CFSTR("AssertLevel")
 #define kIOPMAssertionNameKey CFSTR("AssertName")
-
-#define kIOPMAssertionTypePreventUserIdleSystemSleep CFSTR("PreventUserIdleSystemSleep")
-#define kIOPMAssertionTypePreventUserIdleDisplaySleep CFSTR("PreventUserIdleDisplaySleep")
-#define kIOPMAssertionTypePreventSystemSleep CFSTR("PreventSystemSleep")
 
 extern "C" {
 

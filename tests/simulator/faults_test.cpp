@@ -3,9 +3,12 @@
 
 #include <gtest/gtest.h>
 
+#include <iterator>
+#include <sstream>
+
 #include "simulator/machine/machine.h"
 #include "simulator/machine/simulated_mac.h"
-#include "tests/simulator/machine/connection.h"
+#include "tests/simulator/machine_fixture.h"
 
 namespace {
 
@@ -33,6 +36,7 @@ TEST_F(FaultsTest, ReadsFail) {
         {[](SimulatedMac& mac) { mac.wrongKeySize("F0Ac", 2); }, kSizeMismatch},
         {[](SimulatedMac& mac) { mac.wrongOutputSize(79); }, -1},
         {[](SimulatedMac& mac) { mac.vanishFan(0); }, kKeyNotFound},
+        {[](SimulatedMac& mac) { mac.refuseOpening(-536870207, kOnce); }, 0},
     };
     for (const auto& wanted : cases) {
         wanted.strike(mac_);
@@ -74,14 +78,6 @@ TEST_F(FaultsTest, WritesFailOrDoNothingOrComeLate) {
     EXPECT_EQ(mac_.writes(), "F0Md=1!82 F1Md=1 F1Tg=5000 F1Tg=5000");
 }
 
-TEST_F(FaultsTest, StrikeAsOftenAsTheyAreTold) {
-    mac_.refuseWrites("F0Tg", 1, 3);
-    for (int i = 0; i < 3; ++i) {
-        EXPECT_EQ(smc_.write("F0Tg", 3000), 1);
-    }
-    EXPECT_EQ(smc_.write("F0Tg", 3000), 0);
-}
-
 TEST_F(FaultsTest, StrikeTheVeryCallThatIsNamed) {
     const auto sequence = [this] {
         std::string codes;
@@ -119,60 +115,30 @@ TEST_F(FaultsTest, HappenInTheOrderOfTheirMoments) {
     EXPECT_EQ(mac_.writes(), "") << "none of them by an attached process";
 }
 
-TEST_F(FaultsTest, AServiceThatCannotBeOpened) {
-    mac_.refuseOpening(-536870207, kOnce);
-    EXPECT_EQ(fv_smc_open(), 0U);
-    const std::uint32_t connection = fv_smc_open();
-    EXPECT_NE(connection, 0U);
-    fv_smc_close(connection);
-}
-
-TEST_F(FaultsTest, FansVanishFromTheCountFromTheEnd) {
-    mac_.vanishFan(0);
-    EXPECT_EQ(smc_.read("FNum"), 2) << "fan 1 is still there";
-    mac_.vanishFan(1);
-    EXPECT_EQ(smc_.read("FNum"), 0);
-}
-
 TEST_F(FaultsTest, CanBeWrittenAsText) {
-    const auto parsed = [this](const std::vector<std::string>& words) {
-        return mac_.machine().locked([&words](World& world) {
-            const FaultRecord fault = Faults::parse(world, words);
+    const auto parsed = [this](const std::string& line) {
+        std::istringstream words(line);
+        const std::vector<std::string> all(std::istream_iterator<std::string>(words), {});
+        return mac_.machine().locked([&all](World& world) {
+            const FaultRecord fault = Faults::parse(world, all);
             Faults::befall(world, fault);
             return Faults::text(fault);
         });
     };
-    EXPECT_EQ(parsed({"refuse-write", "key=F0Md", "code=0x82", "times=2"}),
-              "refuse-write key=F0Md code=0x82 times=2");
+    for (const char* line : {"refuse-write key=F0Md code=0x82 times=2", "drift-target fan=1 rpm=3",
+                             "tool-fails code=0x07 tool=pmset", "keep-target fan=0 rpm=1 seconds=0",
+                             "set property=load value=5 at=60", "sleep seconds=3 at=60"}) {
+        EXPECT_EQ(parsed(line), line);
+    }
     EXPECT_EQ(smc_.write("F0Md", 1), kBadCommand);
-    EXPECT_EQ(parsed({"drift-target", "fan=1", "rpm=3", "at=60"}),
-              "drift-target fan=1 rpm=3 at=60");
-    mac_.advance(60.5);
-    EXPECT_NE(mac_.journal().back().find("other write F1Tg=1953"), std::string::npos);
-    for (const auto& wrong :
-         std::vector<std::vector<std::string>>{{},
-                                               {"no-such-fault"},
-                                               {"zero", "code=1"},
-                                               {"refuse-write", "key=F0Md", "code=x"},
-                                               {"freeze"},
-                                               {"garbage", "key=F0Mdd"},
-                                               {"set", "property=weather", "value=1"},
-                                               {"take-fan", "times=2"},
-                                               {"sleep", "seconds"},
-                                               {"sleep", "seconds=nan"},
-                                               {"sleep", "seconds=1e300"},
-                                               {"sleep", "seconds=-1"}}) {
-        EXPECT_THROW(parsed(wrong), std::runtime_error) << (wrong.empty() ? "" : wrong.front());
+    EXPECT_EQ(smc_.write("F0Md", 1), kBadCommand);
+    EXPECT_EQ(smc_.write("F0Md", 1), 0) << "as often as it was told";
+    for (const char* wrong :
+         {"", "no-such-fault", "zero code=1", "refuse-write key=F0Md code=x", "freeze",
+          "garbage key=F0Mdd", "set property=weather value=1", "take-fan times=2", "sleep seconds",
+          "sleep seconds=nan", "sleep seconds=1e300", "sleep seconds=-1"}) {
+        EXPECT_THROW(parsed(wrong), std::runtime_error) << wrong;
     }
-}
-
-TEST_F(FaultsTest, MoreThanTheMachineCanKeepAreRefused) {
-    for (std::size_t i = 0; i < kMaxFaults; ++i) {
-        mac_.at(1e6).set(Property::kLoad, 1);
-    }
-    EXPECT_THROW(mac_.at(1e6).set(Property::kLoad, 1), std::runtime_error);
-    mac_.clearFaults();
-    mac_.at(1e6).set(Property::kLoad, 1);
 }
 
 }  // namespace

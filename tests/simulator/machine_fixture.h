@@ -1,8 +1,12 @@
-// A connection to the attached machine's controller through the shim.
+// A connection to the attached machine's controller through the shim, and a directory that is gone
+// after the test.
 #pragma once
 
 #include <cmath>
 #include <cstdint>
+#include <cstdlib>
+#include <filesystem>
+#include <string>
 
 #include "shim/fv.h"
 
@@ -33,4 +37,22 @@ public:
 
 private:
     std::uint32_t handle_;
+};
+
+class ScratchDirectory {
+public:
+    ScratchDirectory() {
+        std::string path = (std::filesystem::temp_directory_path() / "mac-XXXXXX").string();
+        path_ = ::mkdtemp(path.data()) != nullptr ? path : "";
+    }
+    ~ScratchDirectory() {
+        std::error_code ignored;
+        std::filesystem::remove_all(path_, ignored);
+    }
+    ScratchDirectory(const ScratchDirectory&) = delete;
+    ScratchDirectory& operator=(const ScratchDirectory&) = delete;
+    std::string path(const std::string& name) const { return path_ + "/" + name; }
+
+private:
+    std::string path_;
 };

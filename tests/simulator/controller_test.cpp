@@ -7,14 +7,12 @@
 #include "simulator/machine/controller.h"
 #include "simulator/machine/four_characters.h"
 #include "simulator/machine/simulated_mac.h"
-#include "tests/simulator/machine/connection.h"
+#include "tests/simulator/machine_fixture.h"
 
 namespace {
 
 using namespace simulator;
 
-constexpr int kNotPrivileged = static_cast<int>(0xE00002C1);
-constexpr int kBadArgument = static_cast<int>(0xE00002C2);
 constexpr int kUnknownKeyWritten = static_cast<int>(0xE00002BC);
 constexpr int kInvalidDestination = 0x10000003;
 
@@ -67,66 +65,8 @@ TEST(ControllerTest, AnswersEachRequestWithItsOwnCode) {
     }
 }
 
-TEST(ControllerTest, TakesOnlyWholeRequestsOnLiveConnections) {
-    SimulatedMac mac = intelMac(1);
-    const auto attached = mac.attach();
-    const Connection smc;
-    const ControllerBlock in = blockFor(9, "FNum");
-    ControllerBlock out = {};
-    std::size_t size = sizeof out;
-    EXPECT_EQ(IOConnectCallStructMethod(smc.handle(), 2, &in, 79, &out, &size), kBadArgument);
-    EXPECT_EQ(IOConnectCallStructMethod(smc.handle(), 1, &in, 80, &out, &size), kBadArgument);
-    size = 79;
-    EXPECT_EQ(IOConnectCallStructMethod(smc.handle(), 2, &in, 80, &out, &size), kBadArgument);
-    EXPECT_EQ(call(0, in, out), kInvalidDestination);
-    EXPECT_EQ(call(smc.handle() + 1, in, out), kInvalidDestination);
-}
-
-TEST(ControllerTest, OnlyPrivilegedProcessesWrite) {
-    SimulatedMac mac = intelMac(1);
-    const auto attached = mac.attach();
-    const Connection smc;
-    mac.set(Property::kPrivileged, 0);
-    EXPECT_EQ(smc.write("F0Md", 1), kNotPrivileged);
-    EXPECT_EQ(smc.read("F0Md"), 0);
-    mac.set(Property::kPrivileged, 1);
-    EXPECT_EQ(smc.write("F0Md", 1), 0);
-    EXPECT_EQ(mac.writes(), "F0Md=1!E00002C1 F0Md=1");
-}
-
-TEST(ControllerTest, ListsEveryKeyOnceAndReadsBackEachName) {
-    SimulatedMac mac = builtInMac("MacPro7,1");
-    const auto attached = mac.attach();
-    const Connection smc;
-    ASSERT_EQ(smc.read("#KEY"), static_cast<double>(mac.keyCount()));
-    std::vector<std::string> names;
-    for (std::uint32_t i = 0; i < mac.keyCount(); ++i) {
-        char name[5] = {};
-        ASSERT_EQ(fv_smc_key_at_index(smc.handle(), i, name), 0);
-        ASSERT_TRUE(mac.hasKey(name)) << name;
-        names.emplace_back(name);
-    }
-    std::sort(names.begin(), names.end());
-    EXPECT_EQ(std::unique(names.begin(), names.end()), names.end());
-    EXPECT_EQ(mac.calls().names, mac.keyCount());
-}
-
-TEST(ControllerTest, KeysThatAreAddedAndRemovedAreFoundAndMissed) {
-    SimulatedMac mac = intelMac(2);
-    const std::size_t before = mac.keyCount();
-    mac.addTemperatureKeys(300);
-    mac.setKey("TC9C", "sp78", {0x35, 0x80});
-    mac.removeKey("TG0P");
-    const auto attached = mac.attach();
-    const Connection smc;
-    EXPECT_EQ(mac.keyCount(), before + 300);
-    EXPECT_EQ(smc.read("TC9C"), 53.5);
-    EXPECT_EQ(smc.readCode("TG0P"), kKeyNotFound);
-    EXPECT_EQ(smc.read("T08B"), 35 + 299 % 25 + 0.5);
-    EXPECT_EQ(smc.read("F1Mx"), 5800) << "the others stay where they were";
-}
-
 TEST(ControllerTest, CountsWhatAProgramStillHolds) {
+    EXPECT_EQ(fv_smc_open(), 0U) << "without a machine";
     SimulatedMac mac = intelMac(0);
     const auto attached = mac.attach();
     const io_service_t service =
@@ -140,14 +80,6 @@ TEST(ControllerTest, CountsWhatAProgramStillHolds) {
     EXPECT_EQ(IOObjectRelease(service), kInvalidDestination);
     EXPECT_EQ(IOServiceClose(connection), KERN_SUCCESS);
     EXPECT_EQ(mac.ports(), (PortCounts{0, 0, 2}));
-}
-
-TEST(ControllerTest, IsNotThereWithoutAMachineOrWithoutAController) {
-    EXPECT_EQ(fv_smc_open(), 0U);
-    SimulatedMac mac = macWithoutController();
-    const auto attached = mac.attach();
-    EXPECT_EQ(fv_smc_open(), 0U);
-    EXPECT_EQ(mac.ports(), PortCounts{});
 }
 
 }  // namespace

@@ -1,0 +1,91 @@
+// Heat and fans as physics, and the tables of the built-in machines.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "simulator/machine/four_characters.h"
+#include "simulator/machine/model.h"
+#include "simulator/machine/simulated_mac.h"
+
+namespace {
+
+using namespace simulator;
+
+constexpr double kHour = 3600;
+
+TEST(ModelTest, EveryMachineShowsItsDumpToTheByteAndStaysPlausibleUnderLoad) {
+    for (const Model& model : builtInModelTable()) {
+        const std::string name(model.name);
+        SimulatedMac mac = builtInMac(name);
+        int live = 0;
+        const auto keys = keysOf(model);
+        for (const KeyDefinition& key : keys) {
+            const std::string code = unpacked(key.code);
+            // Adapter and battery keys show the present source; "#KEY" what can be listed.
+            const bool ofItsOwn = code == "#KEY" || code == "B0AC" || code == "PDTR" ||
+                                  code == "ID0R" || code == "VD0R";
+            if (key.readResult == 0 && !ofItsOwn && model.startLoad < 0) {
+                std::vector<std::uint8_t> dumped = key.bytes;
+                dumped.resize(std::min<std::size_t>(dumped.size(), 32));
+                EXPECT_EQ(mac.bytes(code), dumped) << name << code;
+            }
+        }
+        mac.set(Property::kLoad, 100);
+        mac.set(Property::kGraphicsLoad, 100);
+        SimulatedMac cool = builtInMac(name);
+        cool.set(Property::kLoad, 0);
+        mac.settle();
+        cool.settle();
+        EXPECT_LT(mac.dieTemperature(), 106) << "it throttles";
+        for (const KeyDefinition& key : keys) {
+            const std::string code = unpacked(key.code);
+            const auto now = mac.number(code);
+            if (code.front() == 'T' && now && now != cool.number(code)) {
+                EXPECT_GT(*now, *cool.number(code)) << name << code;
+                EXPECT_LT(*now, 115) << name << code;
+                ++live;
+            }
+        }
+        EXPECT_GT(live, keys.empty() ? -1 : 20) << name;
+    }
+}
+
+TEST(HeatTest, ALoadHeatsTheDieFirstAndTheFansFollow) {
+    SimulatedMac mac = builtInMac("MacBookPro11,4");
+    const double die = mac.dieTemperature();
+    const double sink = mac.heatSinkTemperature();
+    const double atRest = *mac.number("PSTR");
+    mac.advance(kHour);
+    EXPECT_NEAR(mac.dieTemperature(), die, 0.1) << "rest is a steady state";
+    mac.set(Property::kLoad, 100);
+    mac.advance(3);
+    EXPECT_GT(mac.dieTemperature() - die, 3 * (mac.heatSinkTemperature() - sink));
+    EXPECT_GT(*mac.number("PSTR"), atRest + 20);
+    mac.advance(300);
+    EXPECT_GT(mac.fanRpm(0), 3000);
+    EXPECT_EQ(mac.writes(), "") << "nobody wrote";
+    mac.set(Property::kAcPower, 0);
+    EXPECT_EQ(mac.number("PDTR"), 0);
+    EXPECT_LT(*mac.number("B0AC"), -2000);
+    const double hot = mac.dieTemperature();
+    mac.otherTakesFan(0);
+    mac.otherTakesFan(1);
+    mac.advance(300);
+    EXPECT_LT(mac.dieTemperature(), hot - 1) << "more air cools";
+}
+
+TEST(HeatTest, SpeedMultipliesHeatAndNotTheClocksAndStepsDoNotMatter) {
+    SimulatedMac slow = intelMac(2);
+    SimulatedMac fast = intelMac(2);
+    slow.set(Property::kLoad, 70);
+    fast.set(Property::kLoad, 70);
+    fast.set(Property::kSpeed, 20);
+    slow.advance(200);
+    for (int i = 0; i < 100; ++i) {
+        fast.advance(0.1);
+    }
+    EXPECT_NEAR(fast.dieTemperature(), slow.dieTemperature(), 0.5);
+    EXPECT_NEAR(fast.now(), 10, 1e-9);
+}
+
+}  // namespace
