@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <limits>
+#include <span>
 #include <stdexcept>
 
 #include "simulator/machine/fans.h"
@@ -179,6 +180,11 @@ std::string_view nameOf(const FaultForm& form, char letter) {
 
 // ---- Moments ------------------------------------------------------------------------------------
 
+// Those that may hold a fault: every controller call looks through them.
+std::span<FaultRecord> usedSlots(WorldState& state) {
+    return {state.faults, state.faultSlots};
+}
+
 constexpr std::uint64_t kNever = std::numeric_limits<std::uint64_t>::max();
 
 bool hasCome(const WorldState& state, const FaultRecord& fault) {
@@ -199,7 +205,7 @@ void findNextDue(WorldState& state) {
     state.nextDue = std::numeric_limits<double>::infinity();
     state.nextCallDue = kNever;
     state.nextWriteDue = kNever;
-    for (const FaultRecord& fault : state.faults) {
+    for (const FaultRecord& fault : usedSlots(state)) {
         if (fault.phase != FaultPhase::kWaiting) {
             continue;
         }
@@ -227,9 +233,10 @@ void release(WorldState& state, FaultRecord& fault) {
 
 void clearFaults(World& world, const FaultRecord&) {
     WorldState& state = world.state();
-    for (FaultRecord& fault : state.faults) {
+    for (FaultRecord& fault : usedSlots(state)) {
         release(state, fault);
     }
+    state.faultSlots = 0;
     for (FanRecord& fan : state.fans) {
         fan.rivalPeriod = 0;
         fan.rivalNextTime = 0;
@@ -277,7 +284,7 @@ FaultRecord* used(World& world, FaultRecord& fault) {
 // The earliest waiting record that is due: happenings keep their order in time.
 FaultRecord* nextToHappen(WorldState& state) {
     FaultRecord* next = nullptr;
-    for (FaultRecord& fault : state.faults) {
+    for (FaultRecord& fault : usedSlots(state)) {
         if (fault.phase == FaultPhase::kWaiting && hasCome(state, fault) &&
             (next == nullptr || fault.momentSeconds < next->momentSeconds)) {
             next = &fault;
@@ -532,6 +539,8 @@ void befall(World& world, const FaultRecord& fault) {
         throw std::runtime_error("more than " + std::to_string(kMaxFaults) +
                                  " faults are pending on this machine");
     }
+    state.faultSlots =
+        std::max(state.faultSlots, static_cast<std::uint32_t>(slot - state.faults) + 1);
     *slot = fault;
     slot->phase = FaultPhase::kWaiting;
     if (hasCome(state, fault)) {
@@ -553,7 +562,7 @@ FaultRecord* strike(World& world, FaultKind kind, std::uint32_t key) {
     if (state.activeFaults == 0) {
         return nullptr;
     }
-    for (FaultRecord& fault : state.faults) {
+    for (FaultRecord& fault : usedSlots(state)) {
         if (fault.phase == FaultPhase::kActive && fault.kind == static_cast<std::uint32_t>(kind) &&
             (fault.key == 0 || fault.key == key)) {
             return used(world, fault);
@@ -563,7 +572,7 @@ FaultRecord* strike(World& world, FaultKind kind, std::uint32_t key) {
 }
 
 FaultRecord* strikeTool(World& world, FaultKind kind, std::string_view tool) {
-    for (FaultRecord& fault : world.state().faults) {
+    for (FaultRecord& fault : usedSlots(world.state())) {
         const std::string_view only(fault.tool);
         if (fault.phase == FaultPhase::kActive && fault.kind == static_cast<std::uint32_t>(kind) &&
             (only.empty() || only == tool)) {

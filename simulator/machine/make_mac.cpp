@@ -49,9 +49,20 @@ SimulatedMac inMemory(const Model& model, const std::vector<KeyDefinition>& keys
     return SimulatedMac(std::move(machine));
 }
 
+// Read once: tests make hundreds of thousands of machines.
+const std::vector<KeyDefinition>& intelSensors() {
+    static const auto sensors = parseKeyDump(embeddedData("small-intel.csv"));
+    return sensors;
+}
+
+const std::vector<KeyDefinition>& appleSiliconSensors() {
+    static const auto sensors = parseKeyDump(embeddedData("small-apple-silicon.csv"));
+    return sensors;
+}
+
 // What a small machine is, beside its sensors.
 struct SmallMac {
-    std::string_view sensors;  // an embedded key dump
+    const std::vector<KeyDefinition>& sensors;
     std::string_view fanType;
     std::uint32_t fanTypeSize;
     std::string_view modeSuffix;  // "Md", "md", or "" for a forced mask
@@ -89,8 +100,7 @@ std::vector<KeyDefinition> keysOf(const SmallMac& mac, int fans) {
     if (mac.unlockKey) {
         keys.push_back(numberKey("Ftst", "ui8 ", 1, 0, kReadWrite));
     }
-    const auto sensors = parseKeyDump(embeddedData(mac.sensors));
-    keys.insert(keys.end(), sensors.begin(), sensors.end());
+    keys.insert(keys.end(), mac.sensors.begin(), mac.sensors.end());
     return keys;
 }
 
@@ -106,13 +116,13 @@ constexpr Model kSmallIntel = {.name = "small Intel machine",
 }  // namespace
 
 SimulatedMac intelMac(int fans) {
-    return inMemory(kSmallIntel, keysOf({"small-intel.csv", "flt ", 4, "Md"}, fans));
+    return inMemory(kSmallIntel, keysOf({intelSensors(), "flt ", 4, "Md"}, fans));
 }
 
 SimulatedMac intelMacWithMaskOnly(int fans) {
     Model model = kSmallIntel;
     model.controller = ControllerKind::kForcedMask;
-    return inMemory(model, keysOf({.sensors = "small-intel.csv",
+    return inMemory(model, keysOf({.sensors = intelSensors(),
                                    .fanType = "fpe2",
                                    .fanTypeSize = 2,
                                    .modeSuffix = "",
@@ -129,7 +139,7 @@ SimulatedMac appleSiliconMac(int fans, const AppleSiliconOptions& options) {
     model.raisesLowTargets = options.raisesLowTargets;
     model.manualModeRule = options.manualMode;
     const bool locked = options.manualMode == ManualModeRule::kRefusedUntilUnlocked;
-    return inMemory(model, keysOf({.sensors = "small-apple-silicon.csv",
+    return inMemory(model, keysOf({.sensors = appleSiliconSensors(),
                                    .fanType = "flt ",
                                    .fanTypeSize = 4,
                                    .modeSuffix = options.lowerCaseModeKey ? "md" : "Md",

@@ -37,6 +37,7 @@ void repairCounts(WorldState& state) {
     state.pendingWrites = static_cast<std::uint32_t>(
         std::count_if(std::begin(state.pending), std::end(state.pending),
                       [](const PendingWrite& pending) { return pending.time > 0; }));
+    state.faultSlots = kMaxFaults;
     state.nextDue = 0;
     state.nextCallDue = 0;
     state.nextWriteDue = 0;

@@ -254,7 +254,9 @@ struct WorldState {
     std::uint64_t journalLines;
     std::uint64_t journalLost;  // lines that did not fit on the disk
     std::uint32_t activeFaults;
+    std::uint32_t faultSlots;  // how many of `faults` may be in use
     std::uint32_t pendingWrites;
+    std::uint32_t unused4;
 
     PropertyValue properties[static_cast<std::size_t>(Property::kCount)];
     FanRecord fans[kMaxFans];
