@@ -2,11 +2,14 @@
 // instead of the system's, and none at all without a machine. Elsewhere the stand-in of posix_spawn
 // does this.
 #include <dlfcn.h>
+#include <libproc.h>
 #include <spawn.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <string>
+#include <string_view>
 
 #include "simulator/machine/machine.h"
 
@@ -30,6 +33,10 @@ extern "C" int posix_spawn(pid_t* pid, const char* path, const posix_spawn_file_
     if (machine == nullptr) {
         return ENOENT;
     }
-    const std::string place = path[0] == '/' ? machine->root() + path : path;
+    // What is simulated lives below the machine's root; the process itself is the host's.
+    std::array<char, PROC_PIDPATHINFO_MAXSIZE> own{};
+    const bool isOwn = ::proc_pidpath(::getpid(), own.data(), own.size()) > 0 &&
+                       own.data() == std::string_view(path);
+    const std::string place = path[0] == '/' && !isOwn ? machine->root() + path : path;
     return systemSpawn()(pid, place.c_str(), actions, attributes, arguments, environment);
 }
