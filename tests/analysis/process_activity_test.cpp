@@ -1,252 +1,284 @@
 #include "core/analysis/process_activity.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
-#include <functional>
-#include <random>
-#include <set>
+#include <map>
+#include <numeric>
 #include <string>
 #include <vector>
 
-#include "core/analysis/diagnostic_engine.h"
+#include "core/analysis/process_list.h"
 #include "tests/analysis/unremarkable.h"
+#include "tests/support/dice.h"
 
 namespace ferovane {
 namespace {
 
-using ::testing::IsEmpty;
+using testing::Dice;
 using testing::kStart;
-using testing::unremarkable;
 
 using List = std::vector<ProcessSample>;
 
-constexpr double kMiB = 1024 * 1024;
-
-// Started in the order of its pid unless said otherwise.
-ProcessSample process(std::int32_t pid, std::int32_t parent, double cpuSeconds,
-                      double diskMiB = 0) {
-    return {pid,
-            parent,
-            static_cast<std::uint64_t>(pid),
-            static_cast<std::uint64_t>(cpuSeconds * 1e9),
-            static_cast<std::uint64_t>(diskMiB * kMiB / 4),
-            static_cast<std::uint64_t>(diskMiB * kMiB * 3 / 4),
-            "p" + std::to_string(pid)};
-}
-
-// The list `at` gives for each second up to and including `last`.
-void follow(ProcessActivity& activity, int first, int last, const std::function<List(int)>& at) {
-    for (int second = first; second <= last; ++second) {
-        activity.add(kStart + second, at(second));
-    }
-}
-
-const DiagnosticSource* find(const std::vector<DiagnosticSource>& sources, const std::string& id) {
-    const auto found = std::ranges::find(sources, id, &DiagnosticSource::id);
-    return found == sources.end() ? nullptr : &*found;
-}
-
-TEST(ProcessActivityTest, AveragesOverTheLastMinuteAndTellsTheLastInterval) {
-    ProcessActivity activity;
-    EXPECT_EQ(activity.windowSeconds(), std::nullopt);
-    // 50 % of a core at first, two cores and 8 MiB/s after 30 s.
-    const auto at = [](int second) -> List {
-        const double busy = std::max(0, second - 30);
-        return {process(100, 1, 0.5 * second + 1.5 * busy, 8 * busy)};
-    };
-    follow(activity, 0, 0, at);
-    EXPECT_EQ(activity.windowSeconds(), 0);
-    EXPECT_THAT(activity.sources(), IsEmpty());
-    follow(activity, 1, 40, at);
-    EXPECT_EQ(activity.windowSeconds(), 40);
-    auto sources = activity.sources();
-    ASSERT_EQ(sources.size(), 1);
-    EXPECT_EQ(sources[0].id, "100-100");
-    EXPECT_EQ(sources[0].name, "p100");
-    EXPECT_NEAR(sources[0].averageCPU, 100 * (0.5 * 40 + 15) / 40, 1e-6);
-    EXPECT_NEAR(sources[0].currentCPU, 200, 1e-6);
-    EXPECT_NEAR(*sources[0].averageDiskRate, 2 * kMiB, 1);
-    EXPECT_NEAR(*sources[0].currentDiskRate, 8 * kMiB, 1);
-    EXPECT_EQ(sources[0].diskSeconds, 40);
-
-    follow(activity, 41, 200, at);
-    EXPECT_GE(activity.windowSeconds(), 55);
-    EXPECT_LE(activity.windowSeconds(), 60);
-    sources = activity.sources();
-    EXPECT_NEAR(sources[0].averageCPU, 200, 1e-6) << "what lies before the window is forgotten";
-    EXPECT_NEAR(*sources[0].averageDiskRate, 8 * kMiB, 1);
-}
-
-TEST(ProcessActivityTest, KeepsAWindowLongEnoughForAVerdictAtEveryPaceOfLists) {
-    for (const double pace : {0.1, 0.9, 1.0, 4.9, 5.0, 7.0, 10.0, 12.4, 14.9, 15.0}) {
-        ProcessActivity activity;
-        for (int i = 0; i * pace <= 300; ++i) {
-            activity.add(kStart + i * pace, List{process(100, 1, i * pace)});
-            if (i * pace > 75) {
-                ASSERT_GE(activity.windowSeconds(), 45) << pace;
-                ASSERT_LE(activity.windowSeconds(), 60) << pace;
-                ASSERT_NEAR(activity.sources().at(0).averageCPU, 100, 1e-3) << pace;
-            }
-        }
-    }
-}
-
+// A program and its helper, a second apart: their use counts for the program.
 TEST(ProcessActivityTest, FoldsHelpersIntoTheirApplication) {
     ProcessActivity activity;
-    follow(activity, 0, 10, [](int second) -> List {
-        ProcessSample reused = process(400, 300, second);  // 300 is a later process: not its parent
-        reused.started = 250;
-        return {process(103, 102, second),  // helper of a helper, listed before them
-                process(102, 100, second), process(100, 1, second),  // the application
-                process(201, 200, second),  // its parent belongs to another user
-                process(300, 1, 0, 0),     reused,
-                process(1, 0, second)};  // the system's first process, for itself
-    });
-    auto sources = activity.sources();
-    ASSERT_EQ(sources.size(), 5);
-    EXPECT_EQ(sources[0].id, "100-100");
-    EXPECT_NEAR(sources[0].averageCPU, 300, 1e-6);
-    EXPECT_EQ(sources[1].id, "201-201");
-    EXPECT_EQ(find(sources, "300-300")->averageCPU, 0);
-    EXPECT_NE(find(sources, "400-250"), nullptr) << "started before the process that has 300 now";
-
-    // Lists that contradict themselves: circles, own parents, a pid listed twice.
-    follow(activity, 11, 14, [](int second) -> List {
-        ProcessSample first = process(500, 501, second), second_ = process(501, 500, second);
-        first.started = second_.started = 500;
-        return {first, second_, process(502, 502, second), process(503, 1, second),
-                process(503, 1, second)};
-    });
-    sources = activity.sources();
-    std::set<std::string> ids;
-    for (const auto& source : sources) {
-        EXPECT_TRUE(ids.insert(source.id).second) << source.id;
-        EXPECT_LE(source.currentCPU, 201) << "nothing is counted twice";
+    for (std::uint64_t second = 0; second <= 40; ++second) {
+        activity.add(kStart + static_cast<double>(second),
+                     List{{100, 1, 5, second * 500'000'000, 0, 0, "editor"},
+                          {101, 100, 6, second * 250'000'000, 0, second * 4096, "helper"}});
     }
+    EXPECT_EQ(activity.windowSeconds(), 40);
+    EXPECT_EQ(activity.date(), kStart + 40);
+    EXPECT_EQ(activity.sources(),
+              (std::vector<DiagnosticSource>{{"100-5", "editor", 75, 75, 4096, 4096, 40}}));
 }
 
-TEST(ProcessActivityTest, InventsNothingForProcessesThatComeGoOrAreReplaced) {
-    ProcessActivity activity;
-    const auto base = [](int second) { return process(100, 1, second); };
-    follow(activity, 0, 10, [&](int second) -> List {
-        // A helper that had used an hour before it could be read.
-        return second < 5 ? List{base(second)}
-                          : List{base(second), process(101, 100, 3600 + second)};
-    });
-    EXPECT_NEAR(find(activity.sources(), "100-100")->averageCPU, 100 * 15 / 10.0, 1e-6);
+struct Use {
+    double cpuSeconds = 0, diskBytes = 0, cpuObserved = 0, diskObserved = 0;
+};
 
-    // It ends: what it used stays counted, and counts for nothing now.
-    follow(activity, 11, 12, [&](int second) -> List { return {base(second)}; });
-    EXPECT_NEAR(find(activity.sources(), "100-100")->averageCPU, 100 * 17 / 12.0, 1e-6);
-    EXPECT_NEAR(find(activity.sources(), "100-100")->currentCPU, 100, 1e-6);
-
-    // Another process gets the application's pid: another application.
-    follow(activity, 13, 14, [](int second) -> List {
-        ProcessSample other = process(100, 1, 5000 + second);
-        other.started = 900;
-        return {other};
-    });
-    const auto sources = activity.sources();
-    ASSERT_EQ(sources.size(), 1);
-    EXPECT_EQ(sources[0].id, "100-900");
-    EXPECT_NEAR(sources[0].averageCPU, 100 * 1 / 14.0, 1e-6);
-
-    follow(activity, 15, 15, [](int) -> List { return {}; });
-    EXPECT_THAT(activity.sources(), IsEmpty());
-}
-
-TEST(ProcessActivityTest, CountsNothingForAnIntervalInWhichACounterWentBack) {
-    ProcessActivity activity;
-    const auto at = [](int second) -> List {
-        auto jumpy = process(100, 1, second == 5 ? 1 : second, second == 8 ? 0 : second);
-        jumpy.diskReadBytes += static_cast<std::uint64_t>(second * kMiB);  // this one never does
-        return {jumpy};
-    };
-    follow(activity, 0, 5, at);
-    EXPECT_THAT(activity.sources(), IsEmpty()) << "nothing is known of its last second";
-    follow(activity, 6, 8, at);
-    auto source = activity.sources().at(0);
-    // 4 s before the reset, then from 1 to 6 s of CPU time, then two plain seconds.
-    EXPECT_NEAR(source.averageCPU, 100 * (4 + 5 + 2) / 8.0, 1e-6);
-    EXPECT_EQ(source.currentDiskRate, std::nullopt);
-    EXPECT_EQ(source.diskSeconds, 7);
-    EXPECT_NEAR(*source.averageDiskRate, 2 * kMiB, 1);
-    follow(activity, 9, 10, at);
-    EXPECT_EQ(activity.sources().at(0).diskSeconds, 9);
-}
-
-TEST(ProcessActivityTest, BeginsAnewAfterAGapOrAClockSetBack) {
-    for (const double next : {60 + 15.001, 60.0, 30.0}) {
-        ProcessActivity activity;
-        const auto at = [](int second) -> List { return {process(100, 1, second, 9 * second)}; };
-        follow(activity, 0, 60, at);
-        activity.add(kStart + next, List{process(100, 1, 90, 900)});
-        EXPECT_EQ(activity.windowSeconds(), 0) << next;
-        EXPECT_THAT(activity.sources(), IsEmpty()) << next;
-        activity.add(kStart + next + 2, List{process(100, 1, 91, 900)});
-        EXPECT_EQ(activity.windowSeconds(), 2);
-        EXPECT_NEAR(activity.sources().at(0).averageCPU, 50, 1e-6);
-        EXPECT_EQ(activity.sources().at(0).diskSeconds, 2);
-    }
-    ProcessActivity activity;
-    activity.add(kStart, List{process(100, 1, 0)});
-    activity.add(kStart + 15, List{process(100, 1, 15)});
-    EXPECT_EQ(activity.windowSeconds(), 15) << "15 s are no gap yet";
-}
-
-TEST(ProcessActivityTest, FeedsTheEngineUntilItNamesTheBusyApplication) {
-    ProcessActivity activity;
-    DiagnosticEngine engine;
-    for (int second = 0; second <= 60; ++second) {
-        activity.add(kStart + second,
-                     List{process(100, 1, second * 0.1), process(101, 100, second * 1.5)});
-        auto input = unremarkable(second);
-        input.sources = activity.sources();
-        input.processDate = activity.date();
-        input.processSeconds = activity.windowSeconds();
-        const auto report = engine.evaluate(input);
-        EXPECT_EQ(report.findings.size(), second < 45 ? 0 : 1) << second;
-        if (second >= 45) {
-            EXPECT_EQ(report.findings[0].id, "cpu:100-100");
-            EXPECT_NEAR(*report.findings[0].value, 160, 1e-6);
+// The same from plain lists and maps, by walking and adding up everything each time.
+class Model {
+public:
+    void add(Date date, const List& all) {
+        const double dt = date_ ? date - *date_ : 0;
+        interval_ = dt > 0 && dt <= 15 ? dt : 0;
+        if (interval_ == 0) {
+            slots_.clear();
+            uses_.clear();
+            before_.clear();
+            led_.clear();
         }
-    }
-}
-
-// Random lists: no application used more than its processes could have, none more than once.
-TEST(ProcessActivityTest, NeverCountsMoreThanWasUsed) {
-    for (unsigned seed = 0; seed < 50; ++seed) {
-        std::mt19937 random(seed);
-        ProcessActivity activity;
-        std::vector<ProcessSample> alive;
-        std::int32_t nextPid = 2;
-        for (int second = 0; second < 150; ++second) {
-            std::erase_if(alive, [&](const auto&) { return random() % 30 == 0; });
-            while (alive.size() < 20) {
-                const std::int32_t parent =
-                    alive.empty() || random() % 3 == 0 ? 1 : alive[random() % alive.size()].pid;
-                alive.push_back(process(nextPid++, parent, static_cast<double>(random() % 1000)));
+        date_ = date;
+        // A slot takes in intervals until it is 5 s long; the window has as many as make a minute.
+        if (interval_ > 0) {
+            if (slots_.empty() || slots_.back().seconds >= 5) {
+                slots_.push_back({++slotNumber_, 0});
             }
-            for (auto& one : alive) {
-                one.cpuNanoseconds += random() % 1000000000;  // at most one core each
-                if (random() % 50 == 0) {
-                    one.cpuNanoseconds = 0;
+            slots_.back().seconds += interval_;
+            while (slots_.size() > 1 && window() > 60) {
+                slots_.erase(slots_.begin());
+            }
+        }
+        const auto leaders = leadersOf(all);
+        std::map<std::string, std::vector<std::pair<int, Use>>> uses;
+        latest_.clear();
+        for (const ProcessSample& one : all) {
+            if (find(all, one.pid) != &one) {
+                continue;  // of two entries with one pid the first counts
+            }
+            const ProcessSample* leader = leaders.at(&one);
+            const std::string id =
+                std::to_string(leader->pid) + "-" + std::to_string(leader->started);
+            if (leader == &one) {
+                order_.push_back({id, one.name});
+            }
+            if (!uses.contains(id)) {
+                uses[id] = led_.contains(id) ? uses_[id] : decltype(uses_)::mapped_type();
+            }
+            const ProcessSample* was = find(before_, one.pid);
+            if (interval_ > 0 && was != nullptr && was->started == one.started) {
+                addUse(*was, one, latest_[id]);
+            }
+        }
+        names_ = std::exchange(order_, {});
+        for (auto& [id, use] : latest_) {
+            uses[id].emplace_back(slotNumber_, use);
+        }
+        uses_ = uses;
+        led_.clear();
+        for (const auto& [id, name] : names_) {
+            led_[id] = true;
+        }
+        before_ = all;
+    }
+
+    std::vector<DiagnosticSource> sources() {
+        std::vector<DiagnosticSource> sources;
+        for (const auto& [id, name] : names_) {
+            const Use last = latest_[id];
+            if (last.cpuObserved == 0) {
+                continue;
+            }
+            Use sum;
+            for (const auto& [slot, use] : uses_[id]) {
+                if (slot >= slots_.front().number) {
+                    sum.cpuSeconds += use.cpuSeconds;
+                    sum.diskBytes += use.diskBytes;
+                    sum.diskObserved += use.diskObserved;
                 }
             }
-            std::ranges::shuffle(alive, random);
-            activity.add(kStart + second, alive);
-            double current = 0;
-            for (const auto& source : activity.sources()) {
-                current += source.currentCPU;
-                EXPECT_GE(source.averageCPU, 0);
-                EXPECT_LE(source.averageCPU, 100.0 * 20);
+            sources.push_back({id, name, 100 * sum.cpuSeconds / window(),
+                               100 * last.cpuSeconds / interval_, rate(sum), rate(last),
+                               sum.diskObserved});
+        }
+        return sources;
+    }
+
+    double window() const {
+        double seconds = 0;
+        for (const Slot& slot : slots_) {
+            seconds += slot.seconds;
+        }
+        return seconds;
+    }
+
+private:
+    struct Slot {
+        int number;
+        double seconds;
+    };
+
+    static const ProcessSample* find(const List& list, std::int32_t pid) {
+        const auto found = std::ranges::find(list, pid, &ProcessSample::pid);
+        return found == list.end() ? nullptr : &*found;
+    }
+
+    // Up to a process that nobody in the list started; in a circle to where it was entered.
+    static std::map<const ProcessSample*, const ProcessSample*> leadersOf(const List& list) {
+        std::map<const ProcessSample*, const ProcessSample*> leaders;
+        for (const ProcessSample& start : list) {
+            std::vector<const ProcessSample*> path;
+            const ProcessSample* at = &start;
+            while (std::ranges::find(path, at) == path.end() && !leaders.contains(at)) {
+                path.push_back(at);
+                const ProcessSample* parent =
+                    at->parentPid > 1 ? find(list, at->parentPid) : nullptr;
+                at = parent != nullptr && parent->started <= at->started ? parent : at;
             }
-            EXPECT_LE(current, 100.0 * 20);
-            ASSERT_FALSE(HasFailure()) << "seed " << seed << ", second " << second;
+            const ProcessSample* leader = leaders.contains(at) ? leaders[at] : at;
+            for (const ProcessSample* one : path) {
+                leaders[one] = leader;
+            }
+        }
+        return leaders;
+    }
+
+    void addUse(const ProcessSample& was, const ProcessSample& is, Use& use) const {
+        if (is.cpuNanoseconds >= was.cpuNanoseconds) {
+            use.cpuSeconds += static_cast<double>(is.cpuNanoseconds - was.cpuNanoseconds) / 1e9;
+            use.cpuObserved = interval_;
+        }
+        if (is.diskReadBytes >= was.diskReadBytes && is.diskWriteBytes >= was.diskWriteBytes) {
+            use.diskBytes += static_cast<double>(is.diskReadBytes - was.diskReadBytes) +
+                             static_cast<double>(is.diskWriteBytes - was.diskWriteBytes);
+            use.diskObserved = interval_;
         }
     }
+
+    static std::optional<double> rate(const Use& use) {
+        return use.diskObserved > 0 ? std::optional(use.diskBytes / use.diskObserved)
+                                    : std::nullopt;
+    }
+
+    std::optional<Date> date_;
+    double interval_ = 0;
+    int slotNumber_ = 0;
+    std::vector<Slot> slots_;
+    std::map<std::string, std::vector<std::pair<int, Use>>> uses_;
+    std::map<std::string, Use> latest_;
+    std::map<std::string, bool> led_;
+    std::vector<std::pair<std::string, std::string>> names_, order_;
+    List before_;
+};
+
+// Few pids and start times, so that many meet, repeat, and are each other's parents.
+void change(List& list, Dice& dice) {
+    std::erase_if(list, [&](const auto&) { return dice.oneIn(30); });
+    while (list.size() < 14) {
+        list.push_back({dice.upTo(20), dice.upTo(20), dice.bits() % 3, dice.bits() % 1000, 0,
+                        dice.bits() % 1000, "p" + std::to_string(dice.upTo(9))});
+    }
+    for (ProcessSample& one : list) {
+        one.cpuNanoseconds += dice.bits() % 1'000'000'000;
+        one.diskReadBytes += dice.bits() % 100'000;
+        one.diskWriteBytes += dice.oneIn(2) ? dice.bits() % 100'000 : 0;
+        (dice.oneIn(2) ? one.cpuNanoseconds : one.diskWriteBytes) *= dice.oneIn(40) ? 0U : 1U;
+        one.parentPid = dice.oneIn(60) ? dice.upTo(20) : one.parentPid;
+    }
+    if (dice.oneIn(4)) {
+        std::ranges::shuffle(list, dice.engine());
+    }
+}
+
+TEST(ProcessActivityTest, AddsUpWhatThePlainWayAddsUp) {
+    std::size_t told = 0;
+    for (unsigned seed = 0; seed < 60; ++seed) {
+        Dice dice(seed);
+        ProcessActivity activity;
+        Model model;
+        List list;
+        Date date = kStart;
+        ASSERT_EQ(activity.windowSeconds(), std::nullopt);
+        const double pace = dice.pick({0.5, 1, 4.75, 5, 7, 12.5, 15});
+        for (int i = 0; i < 250; ++i) {
+            date = date + (dice.oneIn(80) ? dice.pick({15.001, 0, -2}) : pace);
+            change(list, dice);
+            activity.add(date, list);
+            model.add(date, list);
+            ASSERT_NEAR(*activity.windowSeconds(), model.window(), 1e-9) << seed << ", " << i;
+            const auto sources = activity.sources(), expected = model.sources();
+            ASSERT_EQ(sources.size(), expected.size()) << "seed " << seed << ", list " << i;
+            told += sources.size();
+            for (std::size_t at = 0; at < sources.size(); ++at) {
+                const DiagnosticSource &one = sources[at], &other = expected[at];
+                ASSERT_EQ(std::pair(one.id, one.name), std::pair(other.id, other.name)) << seed;
+                const auto near = [](std::optional<double> a, std::optional<double> b) {
+                    return a.has_value() == b.has_value() && (!a || std::abs(*a - *b) <= 1e-6 * *b);
+                };
+                ASSERT_TRUE(near(one.averageCPU, other.averageCPU) &&
+                            near(one.currentCPU, other.currentCPU) &&
+                            near(one.diskSeconds, other.diskSeconds) &&
+                            near(one.averageDiskRate, other.averageDiskRate) &&
+                            near(one.currentDiskRate, other.currentDiskRate))
+                    << "seed " << seed << ", list " << i << ", " << one.id;
+            }
+        }
+    }
+    EXPECT_GT(told, 20000);
+}
+
+// On the machine that the tests run on: a child that works is folded into its parent.
+TEST(ProcessListTest, ShowsARealChildAtWork) {
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        for (volatile bool work = true; work;) {
+        }
+    }
+    ProcessList list;
+    ProcessActivity activity;
+    std::uint64_t before = 0, after = 0;
+    // Its processor time is counted in ticks of some milliseconds; look until one has passed.
+    for (int look = 0; look < 1000 && after <= before; ++look) {
+        const auto processes = list.read();
+        ASSERT_TRUE(processes);
+        const auto worker = std::ranges::find(*processes, child, &ProcessSample::pid);
+        const auto self = std::ranges::find(*processes, getpid(), &ProcessSample::pid);
+        ASSERT_TRUE(worker != processes->end() && self != processes->end());
+        EXPECT_EQ(worker->parentPid, getpid());
+        EXPECT_GE(worker->started, self->started);
+        EXPECT_EQ(worker->name, self->name);
+        EXPECT_NE(worker->name, "");
+        (look == 0 ? before : after) = worker->cpuNanoseconds;
+        activity.add(Date{look * 0.1}, *processes);
+    }
+    EXPECT_GT(after, before);
+    EXPECT_GE(list.inaccessible(), 0);
+    double used = 0;
+    for (const auto& source : activity.sources()) {
+        used += source.averageCPU;
+        EXPECT_FALSE(source.id.starts_with(std::to_string(child) + "-")) << "it leads nothing";
+    }
+    EXPECT_GT(used, 0);
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
+    const auto left = list.read();
+    EXPECT_EQ(std::ranges::find(*left, child, &ProcessSample::pid), left->end());
 }
 
 }  // namespace

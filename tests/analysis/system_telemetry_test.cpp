@@ -51,7 +51,6 @@ TEST(SystemTelemetryTest, CountsMemoryAsUsersKnowIt) {
     EXPECT_EQ(telemetry.memoryUsed, 8 * kGiB);
     EXPECT_EQ(telemetry.memoryTotal, 16 * kGiB);
     EXPECT_EQ(telemetry.memoryPercent(), 50.0);
-    EXPECT_EQ(telemetry.id(), telemetry.date);
 
     FVMemory inconsistent = memory;
     inconsistent.purgeable_pages = 400001;
@@ -77,35 +76,25 @@ TEST(SystemTelemetryTest, ReadsThisMachine) {
     mac.set(Property::kBatteryMilliamps, -2000);
     mac.set(Property::kBatteryCharging, 0);
     mac.set(Property::kBatteryCycles, 321);
-    const auto telemetry = SystemTelemetry::read();
-    EXPECT_EQ(telemetry.batteryPercent, 64);
-    EXPECT_EQ(telemetry.batteryWatts, -22.8);
-    EXPECT_EQ(telemetry.charging, false);
-    EXPECT_EQ(telemetry.cycles, 321);
+    auto telemetry = SystemTelemetry::read();
     // Memory answers from the machine that the tests run on.
-    EXPECT_GT(telemetry.memoryPercent(), 0);
-    EXPECT_LT(telemetry.memoryPercent(), 100);
+    EXPECT_TRUE(telemetry.memoryPercent() > 0 && telemetry.memoryPercent() < 100);
     EXPECT_LT(std::abs(Date::now() - telemetry.date), 60);
-
-    mac.setAbsent(Property::kBatteryMilliamps);
-    mac.setAbsent(Property::kBatteryCycles);
-    EXPECT_EQ(SystemTelemetry::read().cycles, std::nullopt);
-    mac.set(Property::kBatteryPresent, 0);
-    const auto desktop = SystemTelemetry::read();
-    EXPECT_EQ(desktop.batteryPercent, std::nullopt);
-    EXPECT_EQ(desktop.batteryWatts, std::nullopt);
-    EXPECT_EQ(desktop.charging, std::nullopt);
-    EXPECT_EQ(desktop.cycles, std::nullopt);
-}
-
-TEST(SystemTelemetryTest, LeavesAbsentMembersOutOfItsJson) {
-    const SystemTelemetry full{Date{10}, 64, -22.8, false, 321, 8 * kGiB, 16 * kGiB};
+    telemetry.date = Date{10};
+    telemetry.memoryUsed = 8 * kGiB;
+    telemetry.memoryTotal = 16 * kGiB;
     const std::string text =
         R"({"date":10,"batteryPercent":64,"batteryWatts":-22.8,"charging":false,"cycles":321,)"
         R"("memoryUsed":8589934592,"memoryTotal":17179869184})";
-    EXPECT_EQ(encodeJson(full), text);
-    EXPECT_EQ(decodeJson<SystemTelemetry>(text), full);
-    const SystemTelemetry desktop{Date{10}, {}, {}, {}, {}, {}, 16 * kGiB};
+    EXPECT_EQ(encodeJson(telemetry), text);
+    EXPECT_EQ(decodeJson<SystemTelemetry>(text), telemetry);
+    EXPECT_EQ(telemetry.id(), telemetry.date);
+
+    mac.set(Property::kBatteryPresent, 0);
+    auto desktop = SystemTelemetry::read();
+    desktop.date = Date{10};
+    desktop.memoryUsed.reset();
+    desktop.memoryTotal = 16 * kGiB;
     EXPECT_EQ(encodeJson(desktop), R"({"date":10,"memoryTotal":17179869184})");
     EXPECT_EQ(decodeJson<SystemTelemetry>(encodeJson(desktop)), desktop);
 }

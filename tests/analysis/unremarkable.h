@@ -24,28 +24,4 @@ inline DiagnosticInput unremarkable(double seconds) {
     return input;
 }
 
-inline DiagnosticInput withHeat(DiagnosticInput input, double cpu, double gpu = 45) {
-    input.snapshot.sensors[0].celsius = cpu;
-    input.snapshot.sensors[1].celsius = gpu;
-    return input;
-}
-
-inline DiagnosticSource busyProgram(std::string id, double average = 150, double current = 80) {
-    DiagnosticSource source;
-    source.name = "App " + id;
-    source.id = std::move(id);
-    source.averageCPU = average;
-    source.currentCPU = current;
-    return source;
-}
-
-inline DiagnosticSource diskProgram(std::string id, double average, double current,
-                                    double seconds) {
-    DiagnosticSource source = busyProgram(std::move(id), 0, 0);
-    source.averageDiskRate = average;
-    source.currentDiskRate = current;
-    source.diskSeconds = seconds;
-    return source;
-}
-
 }  // namespace ferovane::testing

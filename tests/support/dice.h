@@ -1,0 +1,33 @@
+// Random choices for tests that compare code with a model. The seed says everything.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <initializer_list>
+#include <optional>
+#include <random>
+
+namespace ferovane::testing {
+
+class Dice {
+public:
+    explicit Dice(unsigned seed) : random_(seed) {}
+
+    std::uint64_t bits() { return random_(); }
+    // 0 to `most`, both included.
+    int upTo(int most) { return static_cast<int>(random_() % (std::uint64_t(most) + 1)); }
+    bool oneIn(int times) { return upTo(times - 1) == 0; }
+    double pick(std::initializer_list<double> values) {
+        return values.begin()[random_() % values.size()];
+    }
+    template <class Value>
+    std::optional<Value> maybe(int absentOneIn, Value value) {
+        return oneIn(absentOneIn) ? std::nullopt : std::optional<Value>(value);
+    }
+    std::mt19937_64& engine() { return random_; }
+
+private:
+    std::mt19937_64 random_;
+};
+
+}  // namespace ferovane::testing
