@@ -1,11 +1,10 @@
 // Lines over a pipe that come in whatever pieces the input chooses.
 //
 // The input: how many pieces the rest names, their sizes, where a stretch of filling that
-// makes lines long stands and how long it is, how the channel's clock runs, and then what is sent.
+// makes lines long stands and how long it is, and then what is sent.
 //
-// A reader that runs out of time tells it by an exception, which costs as much as everything else
-// together. So most inputs are read with patience: whenever the reader looks at its clock, the next
-// piece has arrived.
+// Whenever the reader looks at its clock, the next piece has arrived: a time-out is an exception,
+// which costs as much as everything else together.
 #include <unistd.h>
 
 #include <array>
@@ -26,7 +25,6 @@ constexpr std::size_t kMostFilling = 40000;  // more than two lines, less than a
 constexpr std::uint8_t kFilledFrom = 0xE0;   // seldom: long lines cost time; the rest is where
 constexpr std::size_t kMostPieces = 48;      // of one stream
 constexpr double kTimeout = 1e-4;            // seconds: a poll with it does not wait
-constexpr std::array<double, 4> kClockSteps{0, 2e-5, 4e-5, 8e-5};  // per look at the clock
 
 class Pipe {
 public:
@@ -55,8 +53,6 @@ private:
 
 struct Stream {
     std::vector<std::uint8_t> pieces;
-    double clockStep = 0;
-    bool shortWaits = false;
     std::string bytes;
 
     explicit Stream(fuzzing::Input input) {
@@ -67,9 +63,9 @@ struct Stream {
         const std::uint8_t place = input.take<std::uint8_t>();
         const std::size_t filling =
             place < kFilledFrom ? 0 : input.take<std::uint16_t>() % kMostFilling;
-        clockStep = kClockSteps[input.take<std::uint8_t>() % kClockSteps.size()];
-        // With a clock that stands still, a wait made of short ones would never end.
-        shortWaits = clockStep > 0 && input.choose();
+        if (input.take<std::uint8_t>() % 4 != 0) {
+            input.take<std::uint8_t>();  // two bytes that chose a clock when the seeds were made
+        }
         bytes = input.rest();
         if (filling > 0) {
             bytes.insert(std::min<std::size_t>(place - kFilledFrom, bytes.size()), filling, 'x');
@@ -108,23 +104,7 @@ Received expectedOf(std::string_view bytes) {
     }
 }
 
-// Reads until nothing more has arrived; false once there is nothing to be had any more.
-bool drain(ControlChannel& channel, Received& received) {
-    try {
-        while (auto line = channel.readLine(kTimeout)) {
-            received.lines.push_back(std::move(*line));
-        }
-        received.ended = true;
-    } catch (const ScopeError& error) {
-        const std::string& text = error.message();
-        received.tooLong = text == "控制消息过长";
-        require(received.tooLong || text == "辅助进程响应超时" || text == "辅助进程通信中断或超时",
-                "a pipe only ends, holds too long a line, or has nothing yet");
-    }
-    return !received.ended && !received.tooLong;
-}
-
-Received receivedPatiently(const Stream& stream) {
+Received receivedFrom(const Stream& stream) {
     Pipe pipe;
     std::string_view rest = stream.bytes;
     const auto uptime = [&, piece = std::size_t{0}]() mutable {
@@ -135,29 +115,14 @@ Received receivedPatiently(const Stream& stream) {
     };
     ControlChannel channel(pipe.reader(), uptime);
     Received received;
-    drain(channel, received);
-    return received;
-}
-
-Received receivedHastily(const Stream& stream) {
-    Pipe pipe;
-    double seconds = 0;
-    const auto uptime = [&] { return seconds += stream.clockStep; };
-    ControlChannel channel(pipe.reader(), uptime,
-                           stream.shortWaits ? kTimeout / 4 : kLongestControlWaitSeconds);
-    Received received;
-    std::string_view rest = stream.bytes;
-    for (std::size_t piece = 0; !rest.empty(); ++piece) {
-        const std::string_view sent = rest.substr(0, stream.pieceSize(piece));
-        pipe.send(sent);
-        rest.remove_prefix(sent.size());
-        if (!drain(channel, received)) {
-            return received;
+    try {
+        while (auto line = channel.readLine(kTimeout)) {
+            received.lines.push_back(std::move(*line));
         }
-    }
-    pipe.closeWriter();
-    // Each attempt reads at least once, 4 KiB at a time.
-    for (int attempt = 0; attempt < 32 && drain(channel, received); ++attempt) {
+        received.ended = true;
+    } catch (const ScopeError& error) {
+        require(error.message() == "控制消息过长", "a pipe only ends, or holds too long a line");
+        received.tooLong = true;
     }
     return received;
 }
@@ -165,14 +130,9 @@ Received receivedHastily(const Stream& stream) {
 }  // namespace
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    const std::string_view input = fuzzing::textOf(data, size);
-    const Stream stream{fuzzing::Input(input)};
+    const Stream stream{fuzzing::Input(fuzzing::textOf(data, size))};
     const Received expected = expectedOf(stream.bytes);
-    require(receivedPatiently(stream) == expected,
+    require(receivedFrom(stream) == expected,
             "exactly the lines that were sent arrive, whatever the pieces");
-    constexpr std::size_t kHastyShare = 16;
-    if (fuzzing::sampled(input, kHastyShare)) {
-        require(receivedHastily(stream) == expected, "running out of time loses nothing");
-    }
     return 0;
 }

@@ -40,7 +40,7 @@ RESERVED = [
 ]
 
 # In core/analysis only these may reach the platform.
-SHIM_USERS_IN_ANALYSIS = ("system_telemetry", "sensor_naming_platform", "process_list")
+SHIM_USERS_IN_ANALYSIS = ("system_telemetry", "sensor_catalog", "process_list")
 
 INCLUDE = re.compile(r'^\s*#\s*(?:include|import)\s*([<"])([^">]+)[">]')
 

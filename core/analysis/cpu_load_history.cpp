@@ -1,10 +1,43 @@
 #include "core/analysis/cpu_load_history.h"
 
 #include <algorithm>
+#include <cmath>
 
 #include "core/analysis/observation_gap.h"
 
 namespace ferovane {
+
+std::optional<CpuLoadBand> cpuLoadBand(std::optional<double> usage) {
+    if (!usage || !std::isfinite(*usage)) {
+        return std::nullopt;
+    }
+    if (*usage >= kSaturatedLoadPercent) {
+        return CpuLoadBand::saturated;
+    }
+    if (*usage >= kHeavyLoadPercent) {
+        return CpuLoadBand::heavy;
+    }
+    if (*usage >= kModerateLoadPercent) {
+        return CpuLoadBand::moderate;
+    }
+    return *usage >= kLightLoadPercent ? CpuLoadBand::light : CpuLoadBand::idle;
+}
+
+std::string_view title(CpuLoadBand band) {
+    switch (band) {
+        case CpuLoadBand::idle:
+            return "空闲";
+        case CpuLoadBand::light:
+            return "轻度负载";
+        case CpuLoadBand::moderate:
+            return "中度负载";
+        case CpuLoadBand::heavy:
+            return "高负载";
+        case CpuLoadBand::saturated:
+            return "满负载";
+    }
+    return {};
+}
 
 void CpuLoadHistory::append(Date date, std::optional<double> usage) {
     if (last_ && date < *last_) {

@@ -3,7 +3,6 @@
 #include <utility>
 
 #include "core/analysis/observation_gap.h"
-#include "core/analysis/process_groups.h"
 
 namespace ferovane {
 namespace {

@@ -10,7 +10,7 @@
 
 #include "core/analysis/activity_window.h"
 #include "core/analysis/diagnostic_input.h"
-#include "core/analysis/process_index.h"
+#include "core/analysis/process_groups.h"
 #include "core/analysis/process_sample.h"
 #include "core/model/date.h"
 

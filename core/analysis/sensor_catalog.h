@@ -5,17 +5,67 @@
 // about its use, and several processor probes are not several cores.
 #pragma once
 
+#include <array>
+#include <cstddef>
 #include <optional>
 #include <span>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include "core/analysis/sensor_component.h"
-#include "core/analysis/sensor_naming_platform.h"
 #include "core/model/hardware_sensor.h"
+#include "core/model/raw_enum.h"
 
 namespace ferovane {
+
+// ---- Families of machines that name their sensor keys alike
+// --------------------------------------
+
+enum class SensorNamingPlatform {
+    generic,       // every machine not listed below
+    appleM4,       // Apple M4
+    appleM4ProMax  // Apple M4 Pro and M4 Max
+};
+
+// From a processor's brand string; white space around it does not count, upper and lower case do.
+SensorNamingPlatform detectNamingPlatform(std::string_view cpuBrand);
+
+// This machine's, found out at the first call and kept. Generic when the kernel does not tell.
+// Any thread.
+SensorNamingPlatform currentNamingPlatform();
+
+// ---- The parts of a machine that a sensor can belong to
+// ------------------------------------------
+
+enum class SensorComponent { cpu, gpu, memory, storage, battery, wireless, fan, power, unknown };
+
+std::string_view title(SensorComponent component);
+
+template <>
+struct RawEnum<SensorComponent> {
+    static constexpr std::array<RawCase<SensorComponent>, 9> cases{{
+        {SensorComponent::cpu, "cpu"},
+        {SensorComponent::gpu, "gpu"},
+        {SensorComponent::memory, "memory"},
+        {SensorComponent::storage, "storage"},
+        {SensorComponent::battery, "battery"},
+        {SensorComponent::wireless, "wireless"},
+        {SensorComponent::fan, "fan"},
+        {SensorComponent::power, "power"},
+        {SensorComponent::unknown, "unknown"},
+    }};
+};
+
+// In the order in which a view lists them. A component's id is its raw value.
+inline constexpr auto kAllSensorComponents = [] {
+    std::array<SensorComponent, RawEnum<SensorComponent>::cases.size()> all{};
+    for (std::size_t i = 0; i < all.size(); ++i) {
+        all[i] = RawEnum<SensorComponent>::cases[i].value;
+    }
+    return all;
+}();
+
+// ---- The catalogue ----------------------------------------------------------------------------
 
 // The texts are part of the program and never go away.
 struct SensorMeaning {

@@ -17,6 +17,8 @@ namespace ferovane {
 namespace {
 
 using testing::Dice;
+using testing::kInfinity;
+using testing::kNaN;
 using testing::kStart;
 using testing::unremarkable;
 
@@ -25,16 +27,13 @@ using Confidence = DiagnosticConfidence;
 using Kind = DiagnosticKind;
 using Severity = DiagnosticSeverity;
 using State = DiagnosticState;
-
-constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
-constexpr double kInfinity = std::numeric_limits<double>::infinity();
 constexpr auto kTold = Severity::information;
 constexpr auto kWarning = Severity::warning;
 constexpr auto kCritical = Severity::critical;
 constexpr double kMiB = 1024 * 1024;
 
 // The rules as they are described, one after the other.
-class Model {
+class DiagnosticModel {
 public:
     DiagnosticReport evaluate(const DiagnosticInput& input) {
         const Snapshot& s = input.snapshot;
@@ -284,7 +283,7 @@ TEST(DiagnosticEngineTest, SaysWhatTheRulesSay) {
     for (unsigned seed = 0; seed < 150; ++seed) {
         RandomMachine machine(seed);
         DiagnosticEngine engine;
-        Model model;
+        DiagnosticModel model;
         for (int i = 0; i < 300; ++i) {
             const DiagnosticInput input = machine.next();
             const DiagnosticReport report = engine.evaluate(input);

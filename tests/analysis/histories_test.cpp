@@ -22,10 +22,9 @@ namespace {
 using testing::Dice;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
+using testing::kNaN;
 using testing::kStart;
 using testing::unremarkable;
-
-constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
 constexpr double kHuge = std::numeric_limits<double>::max();
 
 struct Sample {

@@ -8,13 +8,13 @@
 #include <random>
 
 #include "tests/analysis/unremarkable.h"
+#include "tests/support/dice.h"
 
 namespace ferovane {
 namespace {
 
+using testing::kInfinity;
 using testing::kStart;
-
-constexpr double kInfinity = std::numeric_limits<double>::infinity();
 
 MetricBucket at(double seconds, double low, double high, bool afterGap = false) {
     return {kStart + seconds, kStart + seconds, low, (low + high) / 2, high, 1, afterGap};

@@ -42,7 +42,7 @@ struct Use {
 };
 
 // The same from plain lists and maps, by walking and adding up everything each time.
-class Model {
+class ActivityModel {
 public:
     void add(Date date, const List& all) {
         const double dt = date_ ? date - *date_ : 0;
@@ -210,7 +210,7 @@ TEST(ProcessActivityTest, AddsUpWhatThePlainWayAddsUp) {
     for (unsigned seed = 0; seed < 60; ++seed) {
         Dice dice(seed);
         ProcessActivity activity;
-        Model model;
+        ActivityModel model;
         List list;
         Date date = kStart;
         ASSERT_EQ(activity.windowSeconds(), std::nullopt);

@@ -14,7 +14,7 @@ namespace ferovane {
 namespace {
 
 using Component = SensorComponent;
-using Kind = HardwareSensorKind;
+using SensorKind = HardwareSensorKind;
 using Platform = SensorNamingPlatform;
 using ::testing::ElementsAre;
 
@@ -23,7 +23,7 @@ constexpr auto kM4 = Platform::appleM4;
 constexpr auto kM4Max = Platform::appleM4ProMax;
 
 // "component title explanation", or "" for a key without a meaning.
-std::string meaning(const std::string& key, Kind kind, Platform platform) {
+std::string meaning(const std::string& key, SensorKind kind, Platform platform) {
     const auto found = SensorCatalog::meaning({key, "", kind, 1}, platform);
     return found ? std::string(rawValue(found->component)) + " " + std::string(found->title) + " " +
                        std::string(found->explanation)
@@ -38,30 +38,30 @@ TEST(SensorCatalogTest, NamesWhatIsKnownAndGuessesNothing) {
     const std::string fan = "fan 风扇转速 风扇每分钟实际转动的次数，转速越高通常噪声也越大。";
     const std::string memory = "memory 内存附近温度探头 反映内存附近的温度，并非内存使用率。";
     const struct {
-        Kind kind;
+        SensorKind kind;
         std::string key, generic, m4, m4Max;
     } rows[] = {
-        {Kind::fan, "anything", fan, fan, fan},    // the kind alone decides
-        {Kind::temperature, "TC", cpu, cpu, cpu},  // a prefix, however little follows
-        {Kind::temperature, "TCMz", cpu, cpu, cpu},
-        {Kind::temperature, "T", "", "", ""},
-        {Kind::temperature, "tC0P", "", "", ""},     // case counts
-        {Kind::temperature, "TG0P", gpu, gpu, gpu},  // a prefix on every machine
-        {Kind::temperature, "Tg0K", "", gpu, gpu},   // and in lower case on M4 chips alone
-        {Kind::temperature, "Tg0G", "", gpu, ""},    // of which each has some of its own
-        {Kind::temperature, "Tg1U", "", "", gpu},
-        {Kind::temperature, "Tg0M", "", "", ""},
-        {Kind::temperature, "Te05", "", cpu, cpu},     // the first of a set
-        {Kind::temperature, "Tp0e", "", cpu, cpu},     // and the last
-        {Kind::temperature, "Tp02", "", "", ""},       // not in it
-        {Kind::temperature, "Tp0", "", "", ""},        // a key in part
-        {Kind::temperature, "Te05 Te0S", "", "", ""},  // and more than one
-        {Kind::temperature, "Tm2p", "", memory, memory},
-        {Kind::temperature, "PCPC", "", "", ""},  // another kind's key
-        {Kind::power, "PCPX", "", "", ""},
-        {Kind::power, "", "", "", ""},
-        {Kind::voltage, "ID0R", "", "", ""},
-        {Kind::current, "VD0R", "", "", ""},
+        {SensorKind::fan, "anything", fan, fan, fan},    // the kind alone decides
+        {SensorKind::temperature, "TC", cpu, cpu, cpu},  // a prefix, however little follows
+        {SensorKind::temperature, "TCMz", cpu, cpu, cpu},
+        {SensorKind::temperature, "T", "", "", ""},
+        {SensorKind::temperature, "tC0P", "", "", ""},     // case counts
+        {SensorKind::temperature, "TG0P", gpu, gpu, gpu},  // a prefix on every machine
+        {SensorKind::temperature, "Tg0K", "", gpu, gpu},   // and in lower case on M4 chips alone
+        {SensorKind::temperature, "Tg0G", "", gpu, ""},    // of which each has some of its own
+        {SensorKind::temperature, "Tg1U", "", "", gpu},
+        {SensorKind::temperature, "Tg0M", "", "", ""},
+        {SensorKind::temperature, "Te05", "", cpu, cpu},     // the first of a set
+        {SensorKind::temperature, "Tp0e", "", cpu, cpu},     // and the last
+        {SensorKind::temperature, "Tp02", "", "", ""},       // not in it
+        {SensorKind::temperature, "Tp0", "", "", ""},        // a key in part
+        {SensorKind::temperature, "Te05 Te0S", "", "", ""},  // and more than one
+        {SensorKind::temperature, "Tm2p", "", memory, memory},
+        {SensorKind::temperature, "PCPC", "", "", ""},  // another kind's key
+        {SensorKind::power, "PCPX", "", "", ""},
+        {SensorKind::power, "", "", "", ""},
+        {SensorKind::voltage, "ID0R", "", "", ""},
+        {SensorKind::current, "VD0R", "", "", ""},
     };
     for (const auto& row : rows) {
         EXPECT_EQ(meaning(row.key, row.kind, kGeneric), row.generic) << row.key;
@@ -69,22 +69,25 @@ TEST(SensorCatalogTest, NamesWhatIsKnownAndGuessesNothing) {
         EXPECT_EQ(meaning(row.key, row.kind, kM4Max), row.m4Max) << row.key;
     }
     const struct {
-        Kind kind;
+        SensorKind kind;
         const char *key, *meaning;
     } whole[] = {
         // the same on every machine
-        {Kind::temperature, "TH0A", "storage 存储温度探头 反映固态硬盘或存储相关位置的温度。"},
-        {Kind::temperature, "TB0T", "battery 电池温度探头 反映电池相关位置的温度。"},
-        {Kind::temperature, "TW0P", "wireless 无线模块温度 反映无线网络模块附近的温度。"},
-        {Kind::temperature, "TW1P", ""},
-        {Kind::power, "PSTR", "power 整机功耗 设备内部报告的总功率，单位为瓦；不等同于插座功耗。"},
-        {Kind::power, "PDTR",
+        {SensorKind::temperature, "TH0A",
+         "storage 存储温度探头 反映固态硬盘或存储相关位置的温度。"},
+        {SensorKind::temperature, "TB0T", "battery 电池温度探头 反映电池相关位置的温度。"},
+        {SensorKind::temperature, "TW0P", "wireless 无线模块温度 反映无线网络模块附近的温度。"},
+        {SensorKind::temperature, "TW1P", ""},
+        {SensorKind::power, "PSTR",
+         "power 整机功耗 设备内部报告的总功率，单位为瓦；不等同于插座功耗。"},
+        {SensorKind::power, "PDTR",
          "power 直流输入功耗 设备直流输入侧的功率，单位为瓦；不等同于插座功耗。"},
-        {Kind::power, "PCPR", "cpu 处理器功耗 处理器相关电路报告的瞬时功率，单位为瓦。"},
-        {Kind::power, "PG1R", "gpu 图形处理器功耗 图形处理器相关电路报告的瞬时功率，单位为瓦。"},
-        {Kind::power, "PMTR", "memory 内存功耗 内存相关电路报告的瞬时功率，单位为瓦。"},
-        {Kind::voltage, "VD0R", "power 直流输入电压 设备直流输入侧的电压，单位为伏。"},
-        {Kind::current, "ID0R", "power 直流输入电流 设备直流输入侧的电流，单位为安。"},
+        {SensorKind::power, "PCPR", "cpu 处理器功耗 处理器相关电路报告的瞬时功率，单位为瓦。"},
+        {SensorKind::power, "PG1R",
+         "gpu 图形处理器功耗 图形处理器相关电路报告的瞬时功率，单位为瓦。"},
+        {SensorKind::power, "PMTR", "memory 内存功耗 内存相关电路报告的瞬时功率，单位为瓦。"},
+        {SensorKind::voltage, "VD0R", "power 直流输入电压 设备直流输入侧的电压，单位为伏。"},
+        {SensorKind::current, "ID0R", "power 直流输入电流 设备直流输入侧的电流，单位为安。"},
     };
     for (const auto& row : whole) {
         EXPECT_EQ(meaning(row.key, row.kind, kGeneric), row.meaning) << row.key;
@@ -116,21 +119,21 @@ std::vector<std::string> shown(const std::vector<HardwareSensorReading>& reading
 TEST(SensorCatalogTest, FoldsReadingsIntoAShortList) {
     const double none = std::numeric_limits<double>::quiet_NaN();
     const auto celsius = [](const char* key, double value) {
-        return HardwareSensorReading{key, key, Kind::temperature, value};
+        return HardwareSensorReading{key, key, SensorKind::temperature, value};
     };
     const std::vector<HardwareSensorReading> readings{
-        {"PDTR", "输入", Kind::power, 40},
-        {"F1Ac", "风扇 2", Kind::fan, 2100},
+        {"PDTR", "输入", SensorKind::power, 40},
+        {"F1Ac", "风扇 2", SensorKind::fan, 2100},
         celsius("TH0A", 33),
         celsius("Tp09", 71),
         celsius("TB0T", 30),
         celsius("TC0P", 64),
         celsius("TC1P", none),
-        {"PSTR", "整机", Kind::power, none},
-        {"F0Ac", "风扇 1", Kind::fan, none},
+        {"PSTR", "整机", SensorKind::power, none},
+        {"F0Ac", "风扇 1", SensorKind::fan, none},
         celsius("Tm1p", 48),
         celsius("TG0P", none),
-        {"PSTR", "整机", Kind::power, 55},
+        {"PSTR", "整机", SensorKind::power, 55},
     };
     EXPECT_THAT(
         shown(readings, kM4),
@@ -143,7 +146,8 @@ TEST(SensorCatalogTest, FoldsReadingsIntoAShortList) {
             "power:PSTR 整机功耗 设备内部报告的总功率，单位为瓦；不等同于插座功耗。 2 55 PSTR"));
     // Without the better key the other; graphics of an M4 mean nothing elsewhere.
     EXPECT_THAT(
-        shown({celsius("Tg0K", 50), celsius("TG0P", 60), {"PDTR", "", Kind::power, 40}}, kGeneric),
+        shown({celsius("Tg0K", 50), celsius("TG0P", 60), {"PDTR", "", SensorKind::power, 40}},
+              kGeneric),
         ElementsAre("gpu 图形处理器温度 反映图形处理器运行时的发热情况。 1 60 TG0P",
                     "power:PDTR 直流输入功耗 设备直流输入侧的功率，单位为瓦；不等同于插座功耗。 2 "
                     "40 PDTR"));

@@ -8,13 +8,13 @@
 #include "core/analysis/system_telemetry_readings.h"
 #include "core/model/json_codec.h"
 #include "simulator/machine/simulated_mac.h"
+#include "tests/support/dice.h"
 
 namespace ferovane {
 namespace {
 
 using simulator::Property;
-
-constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
+using testing::kNaN;
 constexpr double kGiB = 1024.0 * 1024 * 1024;
 constexpr FVBattery kNoBattery{kNaN, kNaN, kNaN, -1, -1};
 

@@ -7,6 +7,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <csignal>
@@ -15,9 +16,12 @@
 #include <thread>
 
 #include "core/model/scope_error.h"
+#include "tests/support/dice.h"
 
 namespace ferovane {
 namespace {
+
+using testing::Dice;
 
 constexpr double kNotLong = 5;  // seconds; only a failing test waits for it
 constexpr double kShort = 0.02;
@@ -35,7 +39,7 @@ Dictionary ofSize(std::size_t bytes) {
 }
 
 // What the channel reads is written to `peer`, and the other way round.
-class ControlChannelTest : public testing::Test {
+class ControlChannelTest : public ::testing::Test {
 protected:
     void SetUp() override {
         int ends[2];
@@ -80,87 +84,95 @@ protected:
         pollfd waiting{peer_, POLLIN, 0};
         return poll(&waiting, 1, 0) != 0;
     }
-    std::string readError(ControlChannel& channel, double timeout) const {
-        try {
-            channel.readLine(timeout);
-            return "";
-        } catch (const ScopeError& error) {
-            return error.message();
-        }
-    }
 
     int own_ = -1;
     int peer_ = -1;
 };
 
-TEST_F(ControlChannelTest, ReturnsLinesHoweverTheyArrive) {
-    ControlChannel channel(own_, uptime);
-    write("first\nsecond\n\nfour");
-    EXPECT_EQ(channel.readLine(kNotLong), "first");
-    EXPECT_EQ(channel.readLine(0), "second");  // without waiting
-    EXPECT_EQ(channel.readLine(-1), "");
-    std::thread slow([&] {
-        for (const std::string_view part : {"t", "h", "\nfi", "fth\n"}) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(2));
-            write(part);
+// What readLine gives or says, from the bytes that arrived and nothing else.
+struct ChannelModel {
+    std::string arrived, taken;  // by the system; by the channel
+    bool closed = false;
+
+    std::string read(bool mayWait) {
+        while (true) {
+            const std::size_t end = taken.find('\n');
+            if (std::min(end, taken.size()) > 16383) {
+                return "error 控制消息过长";
+            }
+            if (end != taken.npos) {
+                const std::string line = taken.substr(0, end);
+                taken.erase(0, end + 1);
+                return "line " + line;
+            }
+            if (!mayWait) {
+                return "error 辅助进程响应超时";
+            }
+            if (arrived.empty()) {
+                return closed ? "end" : "error 辅助进程通信中断或超时";
+            }
+            taken += arrived.substr(0, 4096);
+            arrived.erase(0, 4096);
         }
-    });
-    EXPECT_EQ(channel.readLine(kNotLong), "fourth");
-    EXPECT_EQ(channel.readLine(kNotLong), "fifth");
-    slow.join();
+    }
+};
+
+std::string outcome(ControlChannel& channel, double timeout) {
+    try {
+        const auto line = channel.readLine(timeout);
+        return line ? "line " + *line : "end";
+    } catch (const ScopeError& error) {
+        return "error " + error.message();
+    }
 }
 
-TEST_F(ControlChannelTest, TheEndOfTheStreamIsNoLine) {
-    ControlChannel channel(own_, uptime);
-    write("whole\nhalf");
-    closePeer();
-    EXPECT_EQ(channel.readLine(kNotLong), "whole");
-    EXPECT_EQ(channel.readLine(kNotLong), std::nullopt);
-    EXPECT_EQ(channel.readLine(kNotLong), std::nullopt);
+TEST_F(ControlChannelTest, GivesTheLinesThatArrivedHoweverTheyWereSplit) {
+    int lines = 0;
+    for (unsigned seed = 0; seed < 120; ++seed) {
+        Dice dice(seed);
+        SetUp();
+        ControlChannel channel(own_, uptime);
+        ChannelModel model;
+        for (int step = 0; step < 60; ++step) {
+            if (dice.oneIn(2) && !model.closed) {
+                std::string bytes;
+                for (int parts = dice.upTo(3); parts >= 0; --parts) {
+                    const bool long_ = seed % 4 == 0 && dice.oneIn(5);
+                    bytes.append(long_ ? 16380 + dice.bits() % 5 : dice.bits() % 9,
+                                 static_cast<char>('a' + parts));
+                    bytes.append(dice.oneIn(3) ? "" : "\n");
+                }
+                const ssize_t sent = send(peer_, bytes.data(), bytes.size(), MSG_DONTWAIT);
+                model.arrived.append(bytes, 0,
+                                     static_cast<std::size_t>(std::max<ssize_t>(sent, 0)));
+            }
+            if (dice.oneIn(200)) {
+                model.closed = true;
+                closePeer();
+            }
+            const bool mayWait = !dice.oneIn(3);
+            const std::string expected = model.read(mayWait);
+            ASSERT_EQ(outcome(channel, mayWait ? 0.002 : dice.pick({0, -3})), expected)
+                << "seed " << seed << ", step " << step;
+            lines += expected.starts_with("line");
+        }
+        TearDown();
+    }
+    SetUp();
+    EXPECT_GT(lines, 1000);
 }
 
-TEST_F(ControlChannelTest, ALineHasALimit) {
-    const std::string longest(kMaxControlLineBytes, 'a');
+TEST_F(ControlChannelTest, ADeadlineStaysWhereItIs) {
     ControlChannel channel(own_, uptime);
-    write(longest + "\nnext\n");
-    EXPECT_EQ(channel.readLine(kNotLong), longest);
-    EXPECT_EQ(channel.readLine(kNotLong), "next");
-
-    // No line feed has to come for the line to be too long, and none makes it shorter.
-    write(longest + "a");
-    EXPECT_EQ(readError(channel, kNotLong), "控制消息过长");
-    write("\nlater\n");
-    EXPECT_EQ(readError(channel, kNotLong), "控制消息过长");
-}
-
-TEST_F(ControlChannelTest, TheLimitDoesNotDependOnHowALineIsSplit) {
-    ControlChannel channel(own_, uptime);
-    write("a");
-    EXPECT_EQ(readError(channel, kShort), "辅助进程通信中断或超时");
-    write(std::string(kMaxControlLineBytes, 'a') + "\n");
-    EXPECT_EQ(readError(channel, kNotLong), "控制消息过长");
-}
-
-TEST_F(ControlChannelTest, SaysWhyNoLineCame) {
-    ControlChannel channel(own_, uptime);
-    EXPECT_EQ(readError(channel, 0), "辅助进程响应超时");
-    EXPECT_EQ(readError(channel, -3), "辅助进程响应超时");
-    EXPECT_EQ(readError(channel, std::numeric_limits<double>::quiet_NaN()), "辅助进程响应超时");
+    EXPECT_EQ(outcome(channel, std::numeric_limits<double>::quiet_NaN()), "error 辅助进程响应超时");
     const double before = uptime();
-    EXPECT_EQ(readError(channel, kShort), "辅助进程通信中断或超时");
+    EXPECT_EQ(outcome(channel, kShort), "error 辅助进程通信中断或超时");
     EXPECT_GE(uptime() - before, kShort - 0.002);
-
-    // Half a line is kept across a time-out.
-    write("ha");
-    EXPECT_EQ(readError(channel, kShort), "辅助进程通信中断或超时");
-    write("lf\n");
-    EXPECT_EQ(channel.readLine(kNotLong), "half");
-
-    // A peer that sends a byte now and then does not move the deadline.
+    // A peer that sends a byte now and then does not move it.
     double clock = 0;
     ControlChannel dripped(own_, [&] { return clock += 1; });
     write("d");
-    EXPECT_EQ(readError(dripped, 1.5), "辅助进程响应超时");
+    EXPECT_EQ(outcome(dripped, 1.5), "error 辅助进程响应超时");
 }
 
 // A session that is asked nothing for hours must not end for it.
@@ -179,11 +191,11 @@ TEST_F(ControlChannelTest, ALongTimeOutIsMadeOfSeveralWaits) {
 
 TEST_F(ControlChannelTest, DescriptorFailuresAreTold) {
     ControlChannel noDescriptor(-1, uptime);  // poll passes over it
-    EXPECT_EQ(readError(noDescriptor, kShort), "辅助进程通信中断或超时");
+    EXPECT_EQ(outcome(noDescriptor, kShort), "error 辅助进程通信中断或超时");
     const int closed = dup(own_);
     close(closed);
     ControlChannel gone(closed, uptime);
-    EXPECT_EQ(readError(gone, kNotLong), "辅助进程读取失败");
+    EXPECT_EQ(outcome(gone, kNotLong), "error 辅助进程读取失败");
     EXPECT_THROW(gone.send(Dictionary{}), ScopeError);
 
     ControlChannel channel(own_, uptime);
@@ -198,25 +210,16 @@ TEST_F(ControlChannelTest, DescriptorFailuresAreTold) {
 
 TEST_F(ControlChannelTest, SendsOneLineOrNothing) {
     ControlChannel channel(own_, uptime);
-    channel.send(Dictionary{{"F0Ac", 1834.5}});
-    const std::string line = "{\"F0Ac\":1834.5}\n";
-    EXPECT_EQ(readAtPeer(line.size()), line);
-
-    std::thread reader([&] {
-        const std::string longest = readAtPeer(kMaxControlLineBytes + 1);
-        EXPECT_EQ(longest.size(), kMaxControlLineBytes + 1);
-        EXPECT_TRUE(longest.ends_with("k\":1}\n"));
-    });
-    channel.send(ofSize(kMaxControlLineBytes));
-    reader.join();
-
-    try {
-        channel.send(ofSize(kMaxControlLineBytes + 1));
-        ADD_FAILURE();
-    } catch (const ScopeError& error) {
-        EXPECT_EQ(error.message(), "控制消息过长");
+    for (const std::size_t bytes : {7U, 100U, 4096U, 16382U, 16383U, 16384U, 20000U}) {
+        const Dictionary value = ofSize(bytes);
+        if (bytes <= 16383) {
+            channel.send(value);
+            EXPECT_EQ(readAtPeer(bytes + 1), encodeJson(value) + "\n");
+        } else {
+            EXPECT_THROW(channel.send(value), ScopeError) << bytes;
+        }
+        EXPECT_FALSE(peerHasBytes());
     }
-    EXPECT_FALSE(peerHasBytes());
 }
 
 // Signals keep arriving, without SA_RESTART, while a channel waits, reads and writes more than the

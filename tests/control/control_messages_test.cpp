@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <limits>
+#include <map>
 
 #include "core/control/control_channel.h"
 #include "core/control/control_reply.h"
@@ -8,19 +9,13 @@
 #include "core/model/json_codec.h"
 #include "core/model/scope_error.h"
 #include "core/model/utf8.h"
+#include "tests/support/dice.h"
 
 namespace ferovane {
 namespace {
 
-// "" when the request is valid.
-std::string refusal(const ControlRequest& request) {
-    try {
-        request.validate();
-        return "";
-    } catch (const ScopeError& error) {
-        return error.message();
-    }
-}
+using testing::Dice;
+using testing::kNaN;
 
 std::string decodingRefusal(const std::string& line) {
     try {
@@ -39,97 +34,93 @@ std::string repeated(std::string_view text, int times) {
     return all;
 }
 
-PowerOptimizationPlan validPlan() {
-    return {.source = PowerSource::battery, .displayMinutes = 5, .disableTurbo = false};
-}
-
-PowerBackup validBackup() {
-    PowerBackup backup;
-    backup.edits = {{PowerSource::battery, PowerSetting::displaySleep, 10, 5}};
-    return backup;
-}
-
-TEST(ControlRequestTest, KnowsTenCommands) {
-    for (const char* word :
-         {"hello", "status", "auto", "turbo-disable", "turbo-enable", "test-fans", "shutdown"}) {
-        EXPECT_EQ(refusal({.command = word}), "") << word;
+// The rules of a request in their order; the first that is broken speaks.
+std::string firstBrokenRule(const ControlRequest& request) {
+    const std::string& command = request.command;
+    const auto isOne = [](const std::string& word, const std::string& words) {
+        return word.find(' ') == word.npos && !word.empty() &&
+               (" " + words + " ").find(" " + word + " ") != words.npos;
+    };
+    if (!isOne(command,
+               "hello status profile auto turbo-disable turbo-enable test-fans shutdown "
+               "power-optimize power-restore")) {
+        return "未知控制命令";
     }
-    for (const char* word : {"", "Hello", "status ", "cooling", "automatic", "power", "test-fan"}) {
-        EXPECT_EQ(refusal({.command = word}), "未知控制命令") << word;
+    if (command == "power-optimize" && !request.powerPlan) {
+        return "缺少优化方案";
     }
-    EXPECT_EQ(RawEnum<ControlCommand>::cases.size(), 10U);
-}
-
-TEST(ControlRequestTest, PowerRecordsGoWithTheirCommands) {
-    EXPECT_EQ(refusal({.command = "power-optimize"}), "缺少优化方案");
-    EXPECT_EQ(refusal({.command = "power-restore"}), "缺少恢复记录");
-    EXPECT_EQ(refusal({.command = "power-optimize", .powerPlan = validPlan()}), "");
-    EXPECT_EQ(refusal({.command = "power-restore", .powerBackup = validBackup()}), "");
-    EXPECT_EQ(refusal({.command = "status", .powerPlan = validPlan()}), "电源方案命令不匹配");
-    EXPECT_EQ(refusal({.command = "status", .powerBackup = validBackup()}), "恢复记录命令不匹配");
-
-    PowerOptimizationPlan badPlan = validPlan();
-    badPlan.displayMinutes = 3;
-    PowerBackup badBackup = validBackup();
-    badBackup.edits[0].after = 300;
-    EXPECT_EQ(refusal({.command = "power-optimize", .powerPlan = badPlan}), "无效的显示器休眠时间");
-    EXPECT_EQ(refusal({.command = "power-restore", .powerBackup = badBackup}), "恢复记录无效");
+    if (command == "power-optimize" && request.powerPlan->displayMinutes == 3) {
+        return "无效的显示器休眠时间";
+    }
+    if (command == "power-restore" && !request.powerBackup) {
+        return "缺少恢复记录";
+    }
+    if (command == "power-restore" && request.powerBackup->edits[0].after == 300) {
+        return "恢复记录无效";
+    }
+    if (request.powerPlan && command != "power-optimize") {
+        return "电源方案命令不匹配";
+    }
+    if (request.powerBackup && command != "power-restore") {
+        return "恢复记录命令不匹配";
+    }
+    const std::string profile = request.profile.value_or("none");
+    if (command == "profile" &&
+        !isOne(profile, "automatic eco performance balanced quiet custom")) {
+        return "无效模式";
+    }
+    if (command == "profile" && profile == "custom" && !request.curve) {
+        return "缺少曲线";
+    }
+    if (command == "profile" && profile == "custom" && request.curve->points.empty()) {
+        return "曲线需要 2 至 8 个控制点";
+    }
+    if (request.duration && !(*request.duration > 0 && *request.duration <= 1800)) {
+        return "无效控制时长";
+    }
+    return request.label && request.label->size() > 80 ? "模式名称过长" : "";
 }
 
 TEST(ControlRequestTest, TheFirstBrokenRuleSpeaks) {
-    PowerOptimizationPlan badPlan = validPlan();
-    badPlan.idleMinutes = 2;
-    const FanCurve emptyCurve{};
-    const struct {
-        ControlRequest request;
-        const char* message;
-    } cases[] = {
-        {{.command = "x", .duration = 0.0, .powerPlan = validPlan()}, "未知控制命令"},
-        {{.command = "power-optimize", .powerPlan = badPlan, .powerBackup = validBackup()},
-         "无效的系统休眠时间"},
-        {{.command = "power-optimize", .powerPlan = validPlan(), .powerBackup = validBackup()},
-         "恢复记录命令不匹配"},
-        {{.command = "power-restore", .powerPlan = validPlan(), .powerBackup = validBackup()},
-         "电源方案命令不匹配"},
-        {{.command = "profile", .profile = "x", .powerPlan = validPlan()}, "电源方案命令不匹配"},
-        {{.command = "profile", .profile = "x", .duration = 0.0}, "无效模式"},
-        {{.command = "profile", .profile = "custom", .curve = emptyCurve, .duration = 0.0},
-         "曲线需要 2 至 8 个控制点"},
-        {{.command = "status", .duration = 0.0, .label = std::string(81, 'a')}, "无效控制时长"},
-    };
-    for (const auto& c : cases) {
-        EXPECT_EQ(refusal(c.request), c.message);
+    const char* const commands[] = {
+        "hello",     "status",       "profile",        "profile",       "auto",     "turbo-disable",
+        "test-fans", "turbo-enable", "power-optimize", "power-restore", "shutdown", "Hello",
+        "",          "status ",      "cooling",        "test-fan"};
+    const char* const profiles[] = {"automatic", "eco",    "performance", "balanced", "quiet",
+                                    "custom",    "custom", "Custom",      "静音",     ""};
+    const std::string labels[] = {std::string(80, 'a'), std::string(81, 'a'), repeated("风", 26),
+                                  repeated("风", 27), ""};
+    std::map<std::string, int> said;
+    Dice dice(1);
+    for (int i = 0; i < 20000; ++i) {
+        ControlRequest request{.command = commands[dice.upTo(15)]};
+        request.profile = dice.maybe(9, std::string(profiles[dice.upTo(9)]));
+        request.curve = dice.maybe(3, dice.oneIn(3) ? FanCurve{} : FanCurve::quiet());
+        request.duration =
+            dice.oneIn(3) ? std::nullopt
+                          : std::optional(dice.pick({300, 1800, 0.001, 1800.0001, 0, -0.0, -5, kNaN,
+                                                     std::numeric_limits<double>::infinity()}));
+        request.label = dice.maybe(2, labels[dice.upTo(4)]);
+        if (dice.oneIn(request.command.starts_with("power") ? 2 : 9)) {
+            request.powerPlan = {.source = PowerSource::battery,
+                                 .displayMinutes = dice.oneIn(3) ? 3 : 5,
+                                 .disableTurbo = false};
+        }
+        if (dice.oneIn(request.command.starts_with("power") ? 2 : 9)) {
+            request.powerBackup.emplace().edits = {
+                {PowerSource::battery, PowerSetting::displaySleep, 10, dice.oneIn(3) ? 300 : 5}};
+        }
+        std::string message;
+        try {
+            request.validate();
+            EXPECT_EQ(rawValue(request.knownCommand()), request.command);
+        } catch (const ScopeError& error) {
+            message = error.message();
+        }
+        ASSERT_EQ(message, firstBrokenRule(request)) << request.command << " " << i;
+        ++said[message];
     }
-}
-
-TEST(ControlRequestTest, ProfilesAreTheirCommandWords) {
-    for (const char* word : {"automatic", "eco", "performance", "balanced", "quiet"}) {
-        EXPECT_EQ(refusal({.command = "profile", .profile = word}), "") << word;
-    }
-    EXPECT_EQ(refusal({.command = "profile", .profile = "custom", .curve = FanCurve::quiet()}), "");
-    EXPECT_EQ(refusal({.command = "profile", .profile = "custom"}), "缺少曲线");
-    EXPECT_EQ(refusal({.command = "profile"}), "无效模式");
-    for (const char* word : {"", "Custom", "静音", "turbo", "quiet "}) {
-        EXPECT_EQ(refusal({.command = "profile", .profile = word}), "无效模式") << word;
-    }
-    // Not looked at where they are not used.
-    EXPECT_EQ(refusal({.command = "status", .profile = "x", .curve = FanCurve{}}), "");
-    EXPECT_EQ(refusal({.command = "profile", .profile = "quiet", .curve = FanCurve{}}), "");
-}
-
-TEST(ControlRequestTest, DurationAndLabelHaveLimitsOnEveryCommand) {
-    constexpr double infinity = std::numeric_limits<double>::infinity();
-    for (const double good : {1800.0, 0.001, 300.0}) {
-        EXPECT_EQ(refusal({.command = "status", .duration = good}), "") << good;
-    }
-    for (const double bad : {1800.0001, 0.0, -0.0, -5.0, infinity, -infinity,
-                             std::numeric_limits<double>::quiet_NaN()}) {
-        EXPECT_EQ(refusal({.command = "status", .duration = bad}), "无效控制时长") << bad;
-    }
-    EXPECT_EQ(refusal({.command = "auto", .label = std::string(80, 'a')}), "");
-    EXPECT_EQ(refusal({.command = "auto", .label = std::string(81, 'a')}), "模式名称过长");
-    EXPECT_EQ(refusal({.command = "auto", .label = repeated("风", 26)}), "");
-    EXPECT_EQ(refusal({.command = "auto", .label = repeated("风", 27)}), "模式名称过长");
+    EXPECT_EQ(said.size(), 13U);  // every rule, and none
 }
 
 TEST(ControlRequestTest, ReadsTheLinesOfAMonitor) {
@@ -169,20 +160,10 @@ TEST(ControlRequestTest, RefusesMalformedLinesByMember) {
         const char* line;
         const char* message;
     } cases[] = {
-        {"", "JSON 内容格式错误（第 1 字节）"},
         {"{}", "JSON 成员 command 缺失"},
-        {R"({"command":5})", "JSON 成员 command 应为文本"},
         {R"({"command":"status","duration":"5"})", "JSON 成员 duration 应为数字"},
-        {R"({"command":"status","duration":1e999})", "JSON 成员 duration 超出数值范围"},
-        {R"({"command":"status","duration":NaN})", "JSON 成员 duration 附近格式错误（第 32 字节）"},
         {R"({"command":"status","curve":{"points":[{"temperature":30}],"sensor":"CPU"}})",
          "JSON 成员 curve.points[0].percent 缺失"},
-        {R"({"command":"status","curve":{"points":[],"sensor":"cpu"}})",
-         "JSON 成员 curve.sensor 的取值无法识别"},
-        {R"({"command":"power-optimize","powerPlan":{"source":"usb"}})",
-         "JSON 成员 powerPlan.source 的取值无法识别"},
-        {R"({"command":"power-optimize","powerPlan":{"expected":{"profiles":["ac",["sleep"]]}}})",
-         "JSON 成员 powerPlan.expected.profiles.ac 的最后一个键没有值"},
         {R"({"command":"power-optimize","powerPlan":{"expected":{"profiles":["ac",["Sleep",1]]}}})",
          "JSON 成员 powerPlan.expected.profiles.ac[0] 的取值无法识别"},
         {R"({"command":"power-restore","powerBackup":{"id":"0123ABCDEF456789ABCDEF0123456789"}})",

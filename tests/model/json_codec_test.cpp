@@ -3,14 +3,18 @@
 
 #include <gtest/gtest.h>
 
+#include <bit>
 #include <cmath>
 
 #include "core/model/fan_target.h"
 #include "core/model/scope_error.h"
 #include "core/model/snapshot.h"
+#include "tests/support/dice.h"
 
 namespace ferovane {
 namespace {
+
+using testing::Dice;
 
 enum class Source { mains, battery };
 enum class Setting { sleep, display };
@@ -97,92 +101,69 @@ TEST(JsonCodecTest, EveryKindOfMemberBothWays) {
     EXPECT_EQ(decodeJson<Everything>(kSampleText), sample());
 }
 
-TEST(JsonCodecTest, AbsentMembersAreLeftOut) {
+std::string randomText(Dice& dice) {
+    std::string text;
+    for (int length = dice.upTo(9); length > 0; --length) {
+        const char* pieces[] = {"a",  "\"",         "\\", "\n",   "\x01",
+                                "风", "\U0001F600", "/",  "\x1F", " "};
+        text += pieces[dice.upTo(9)];
+    }
+    return text;
+}
+
+double randomNumber(Dice& dice) {
+    const double any = std::bit_cast<double>(dice.bits());
+    return dice.oneIn(3) && std::isfinite(any) ? any : dice.upTo(2000) / 8.0 - 100;
+}
+
+Everything randomRecord(Dice& dice) {
     Everything record;
-    record.list.emplace();
-    EXPECT_EQ(encodeJson(record),
-              R"({"flag":false,"narrow":0,"wide":0,"number":0,"text":"","date":0,)"
-              R"("id":"00000000-0000-0000-0000-000000000000","source":"ac","pressure":1,)"
-              R"("list":[],"dictionary":{},"profiles":[]})");
-    EXPECT_EQ(decodeJson<Everything>(encodeJson(record)), record);
+    record.flag = dice.oneIn(2);
+    record.narrow = static_cast<std::int32_t>(dice.bits());
+    record.wide = static_cast<std::int64_t>(dice.bits());
+    record.number = randomNumber(dice);
+    record.text = randomText(dice);
+    record.date = Date{static_cast<double>(dice.upTo(1 << 30))};
+    record.id = Uuid::random();
+    record.source = static_cast<Source>(dice.upTo(1));
+    record.pressure = static_cast<MemoryPressure>(1 << dice.upTo(2));
+    record.list =
+        dice.maybe(3, std::vector<std::int64_t>(static_cast<std::size_t>(dice.upTo(3)), -7));
+    record.target = dice.maybe(3, FanTarget{dice.upTo(9), randomNumber(dice)});
+    for (int i = dice.upTo(3); i > 0; --i) {
+        record.dictionary[randomText(dice)] = randomNumber(dice);
+        record.profiles[static_cast<Source>(dice.upTo(1))][static_cast<Setting>(dice.upTo(1))] = i;
+    }
+    return record;
+}
+
+TEST(JsonCodecTest, WhatIsWrittenReadsBackInEveryStyle) {
+    for (unsigned seed = 0; seed < 3000; ++seed) {
+        Dice dice(seed);
+        const Everything record = randomRecord(dice);
+        const JsonStyle style{
+            .dates = dice.oneIn(2) ? JsonDates::iso8601 : JsonDates::secondsSinceReference,
+            .pretty = dice.oneIn(2),
+            .sortedKeys = dice.oneIn(2)};
+        const std::string text = encodeJson(record, style);
+        ASSERT_EQ(decodeJson<Everything>(text, style.dates), record) << "seed " << seed << text;
+        ASSERT_EQ(text.find(R"("list")") != text.npos, record.list.has_value()) << text;
+        ASSERT_EQ(text.find('\n') != text.npos, style.pretty);
+    }
 }
 
 TEST(JsonCodecTest, PrettyAndSorted) {
     const JsonStyle style{.dates = JsonDates::iso8601, .pretty = true, .sortedKeys = true};
-    EXPECT_EQ(encodeJson(sample(), style), R"({
-  "date": "2024-04-30T12:29:59Z",
-  "dictionary": {
-    "#KEY": 300,
-    "F0Ac": 1834.5
-  },
-  "flag": true,
-  "id": "0123ABCD-EF45-6789-ABCD-EF0123456789",
-  "list": [
-    -1,
-    0,
-    9
-  ],
-  "narrow": -2147483648,
-  "number": 0.1,
-  "pressure": 4,
-  "profiles": [
-    "ac",
-    [],
-    "battery",
-    [
-      "sleep",
-      10,
-      "displaysleep",
-      5
-    ]
-  ],
-  "source": "battery",
-  "target": {
-    "id": 1,
-    "rpm": 2000
-  },
-  "text": "引号\" 反斜\\ 换行\n 铃\u0007 零\u0001 /",
-  "wide": 9223372036854775807
-})");
+    EXPECT_EQ(encodeJson(std::vector{FanTarget{1, 2000}}, style),
+              "[\n  {\n    \"id\": 1,\n    \"rpm\": 2000\n  }\n]");
+    EXPECT_EQ(encodeJson(sample().profiles, style),
+              "[\n  \"ac\",\n  [],\n  \"battery\",\n  [\n    \"sleep\",\n    10,\n    "
+              "\"displaysleep\",\n    5\n  ]\n]");
     EXPECT_EQ(encodeJson(std::map<std::string, double>{}, style), "{}");
-    Everything whole = sample();
-    whole.date = Date{736172999};
-    EXPECT_EQ(decodeJson<Everything>(encodeJson(whole, style), JsonDates::iso8601), whole);
-}
-
-TEST(JsonCodecTest, AFirstSnapshot) {
-    Snapshot snapshot;
-    snapshot.date = parseIso8601("2024-05-01T12:30:00Z");
-    snapshot.sensors = {{"TC0P", "处理器附近", 61.5}};
-    snapshot.fans = {{0, 1834.25, 1200, 6200, false, true}, {1, {}, {}, {}, {}, false}};
-    snapshot.totalCPUs = 8;
-    snapshot.turbo = TurboState::driverNotLoaded;
-    snapshot.smcAvailable = true;
-    EXPECT_EQ(
-        encodeJson(snapshot),
-        R"({"date":736259400,"sensors":[{"key":"TC0P","label":"处理器附近","celsius":61.5}],)"
-        R"("fans":[{"id":0,"rpm":1834.25,"minimum":1200,"maximum":6200,"manual":false,)"
-        R"("controllable":true},{"id":1,"controllable":false}],"totalCPUs":8,"thermalState":0,)"
-        R"("turbo":"driverNotLoaded","lowPower":false,"smcAvailable":true})");
-    EXPECT_EQ(decodeJson<Snapshot>(encodeJson(snapshot)), snapshot);
-
-    snapshot.cpuUsage = 12.5;
-    snapshot.speedLimit = 100;
-    snapshot.schedulerLimit = 100;
-    snapshot.availableCPUs = 8;
-    snapshot.thermalWarning = 5;
-    snapshot.acPower = true;
-    snapshot.memoryPressure = MemoryPressure::warning;
-    snapshot.additionalSensors = {{"PSTR", "整机功耗 · PSTR", HardwareSensorKind::power, 35.5}};
-    EXPECT_EQ(encodeJson(snapshot, {.dates = JsonDates::iso8601}),
-              R"({"date":"2024-05-01T12:30:00Z","cpuUsage":12.5,)"
-              R"("sensors":[{"key":"TC0P","label":"处理器附近","celsius":61.5}],)"
-              R"("fans":[{"id":0,"rpm":1834.25,"minimum":1200,"maximum":6200,"manual":false,)"
-              R"("controllable":true},{"id":1,"controllable":false}],"speedLimit":100,)"
-              R"("schedulerLimit":100,"availableCPUs":8,"totalCPUs":8,"thermalState":0,)"
-              R"("thermalWarning":5,"turbo":"driverNotLoaded","acPower":true,"lowPower":false,)"
-              R"("smcAvailable":true,"memoryPressure":2,"additionalSensors":[{"key":"PSTR",)"
-              R"("label":"整机功耗 · PSTR","kind":"power","value":35.5}]})");
+    const std::string text = encodeJson(sample(), style);
+    EXPECT_TRUE(text.starts_with("{\n  \"date\": \"2024-04-30T12:29:59Z\",\n  \"dictionary\": {"));
+    EXPECT_LT(text.find("\"target\""), text.find("\"text\""));
+    EXPECT_TRUE(text.ends_with(",\n  \"wide\": 9223372036854775807\n}"));
 }
 
 TEST(JsonCodecTest, AcceptsWhatStandardEncodersWrite) {
@@ -202,13 +183,6 @@ TEST(JsonCodecTest, AcceptsWhatStandardEncodersWrite) {
     EXPECT_EQ(record.pressure, MemoryPressure::warning);
     EXPECT_EQ(record.source, Source::mains);
     EXPECT_EQ(record.target, std::nullopt);
-}
-
-TEST(JsonCodecTest, NumbersKeepEveryBit) {
-    for (const double value : {0.1 + 0.2, 1e-300, 1.7976931348623157e308, 5e-324,
-                               -45.123456789012345, 736172999.1234567}) {
-        EXPECT_EQ((decodeJson<FanTarget>(encodeJson(FanTarget{0, value})).rpm), value);
-    }
 }
 
 TEST(JsonCodecTest, NeverWritesWhatIsNotJson) {

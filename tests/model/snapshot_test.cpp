@@ -3,134 +3,99 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <limits>
 #include <new>
 #include <stdexcept>
 
 #include "core/model/scope_error.h"
+#include "tests/support/dice.h"
 
 namespace ferovane {
 namespace {
 
-Snapshot withLimits(std::optional<int> speed, std::optional<int> scheduler,
-                    std::optional<int> available, int total = 8) {
-    Snapshot snapshot;
-    snapshot.speedLimit = speed;
-    snapshot.schedulerLimit = scheduler;
-    snapshot.availableCPUs = available;
-    snapshot.totalCPUs = total;
-    return snapshot;
-}
+using testing::Dice;
 
-TEST(SnapshotTest, LimitsAreJudgedByWhatIsKnown) {
-    const struct {
-        std::optional<int> speed, scheduler, available;
-        bool limited;
-        const char* title;
-    } cases[] = {
-        {100, 100, 8, false, "未检测到系统限速"}, {99, 100, 8, true, "系统正在限制性能"},
-        {100, 99, 8, true, "系统正在限制性能"},   {100, 100, 7, true, "系统正在限制性能"},
-        {120, 100, 9, false, "未检测到系统限速"}, {{}, 100, 8, false, "限速信息不完整"},
-        {100, {}, 8, false, "限速信息不完整"},    {100, 100, {}, false, "限速信息不完整"},
-        {{}, {}, 7, true, "系统正在限制性能"},    {{}, {}, {}, false, "限速信息不完整"},
-    };
-    for (const auto& c : cases) {
-        const Snapshot snapshot = withLimits(c.speed, c.scheduler, c.available);
-        EXPECT_EQ(snapshot.limited(), c.limited);
-        EXPECT_EQ(snapshot.limitTitle(), c.title);
+// Every mixture of limits and heat, judged as the rules are described.
+TEST(SnapshotTest, JudgesLimitsByWhatIsKnown) {
+    const std::optional<int> percents[] = {{}, 99, 100, 120}, cpus[] = {{}, 7, 8, 9};
+    const std::optional<int> warnings[] = {{}, 0, 4, 5, 6, 10, 11, 99, 100, 110, 111};
+    Snapshot s;
+    s.totalCPUs = 8;
+    for (int i = 0; i < 4 * 4 * 4 * 6 * 11; ++i) {
+        s.speedLimit = percents[i % 4];
+        s.schedulerLimit = percents[i / 4 % 4];
+        s.availableCPUs = cpus[i / 16 % 4];
+        s.thermalState = i / 64 % 6 - 1;
+        s.thermalWarning = warnings[i / 384];
+        const bool limited = s.speedLimit == 99 || s.schedulerLimit == 99 || s.availableCPUs == 7;
+        const bool known = s.speedLimit && s.schedulerLimit && s.availableCPUs;
+        const int warning = s.thermalWarning.value_or(0);
+        const bool heat = s.thermalState == 2 || s.thermalState == 3 || warning == 5 ||
+                          warning == 10 || warning == 100 || warning == 110;
+        ASSERT_EQ(std::pair(s.limited(), s.limitKnown()), std::pair(limited, known)) << i;
+        ASSERT_EQ(s.limitTitle(), limited ? "系统正在限制性能"
+                                  : known ? "未检测到系统限速"
+                                          : "限速信息不完整");
+        ASSERT_EQ(s.assessment(),
+                  limited && heat ? "系统性能上限下降，同时存在热压力信号；温控可能参与了限制。"
+                                    "无法仅凭这些指标确定具体进程或硬件原因。"
+                  : limited ? "系统报告了性能限制，但没有足够的热压力证据。供电、传感器或其他平台"
+                              "策略仍需排查，不能据此认定为过热或挖矿。"
+                  : known ? "目前没有检测到系统上限下降。睿频禁用状态单独显示；100% "
+                            "上限不代表睿频一定开启。"
+                          : "系统未提供完整限速数据，缺失值不能当作正常。");
     }
-}
-
-TEST(SnapshotTest, AssessmentFollowsLimitsThenHeat) {
-    const std::string_view heat =
-        "系统性能上限下降，同时存在热压力信号；温控可能参与了限制。无法仅凭这些指标确定具体进程或硬"
-        "件"
-        "原因。";
-    const std::string_view noHeat =
-        "系统报告了性能限制，但没有足够的热压力证据。供电、传感器或其他平台策略仍需排查，不能据此认"
-        "定"
-        "为过热或挖矿。";
-    const std::string_view unlimited =
-        "目前没有检测到系统上限下降。睿频禁用状态单独显示；100% 上限不代表睿频一定开启。";
-    const std::string_view incomplete = "系统未提供完整限速数据，缺失值不能当作正常。";
-
-    Snapshot limited = withLimits(50, {}, {});
-    for (const int state : {-1, 0, 1, 2, 3, 4}) {
-        limited.thermalState = state;
-        EXPECT_EQ(limited.assessment(), state == 2 || state == 3 ? heat : noHeat) << state;
-    }
-    limited.thermalState = 0;
-    for (const int warning : {0, 4, 5, 6, 10, 11, 99, 100, 110, 111}) {
-        limited.thermalWarning = warning;
-        const bool counts = warning == 5 || warning == 10 || warning == 100 || warning == 110;
-        EXPECT_EQ(limited.assessment(), counts ? heat : noHeat) << warning;
-    }
-    Snapshot free = withLimits(100, 100, 8);
-    free.thermalState = 3;
-    EXPECT_EQ(free.assessment(), unlimited);
-    free.availableCPUs.reset();
-    EXPECT_EQ(free.assessment(), incomplete);
 }
 
 TEST(SnapshotTest, TitlesAreToTheCharacter) {
-    const char* const thermal[] = {"未知", "正常", "升温", "较高", "严重", "未知"};
-    for (int state = -1; state <= 4; ++state) {
-        Snapshot snapshot;
-        snapshot.thermalState = state;
-        EXPECT_EQ(snapshot.thermalTitle(), thermal[state + 1]);
+    std::string all;
+    Snapshot snapshot;
+    for (snapshot.thermalState = -1; snapshot.thermalState <= 4; ++snapshot.thermalState) {
+        all.append(snapshot.thermalTitle()).append(" ");
     }
-    EXPECT_EQ(title(TurboState::disabledDriverLoaded), "禁用驱动已加载");
-    EXPECT_EQ(title(TurboState::driverNotLoaded), "禁用驱动未加载");
-    EXPECT_EQ(title(TurboState::unknown), "状态无法读取");
-    EXPECT_EQ(title(TurboState::unsupported), "不支持此处理器");
-    EXPECT_EQ(title(MemoryPressure::normal), "正常");
-    EXPECT_EQ(title(MemoryPressure::warning), "偏高");
-    EXPECT_EQ(title(MemoryPressure::critical), "严重");
-    EXPECT_EQ(unit(HardwareSensorKind::fan), "RPM");
-    EXPECT_EQ(unit(HardwareSensorKind::temperature), "°C");
-}
-
-TEST(SnapshotTest, CategoriesFollowTheKey) {
-    const struct {
-        const char* key;
-        SensorCategory category;
-    } cases[] = {
-        {"TC0P", SensorCategory::cpu},     {"TG0D", SensorCategory::gpu},
-        {"TH0A", SensorCategory::storage}, {"TB0T", SensorCategory::battery},
-        {"Ts0P", SensorCategory::other},   {"Tc0P", SensorCategory::other},
-        {"T", SensorCategory::other},      {"", SensorCategory::other},
-        {"TC", SensorCategory::cpu},
-    };
-    for (const auto& c : cases) {
-        EXPECT_EQ(sensorCategory(c.key), c.category) << c.key;
+    for (const auto& [state, raw] : RawEnum<TurboState>::cases) {
+        all.append(raw).append(title(state)).append(" ");
     }
-    EXPECT_EQ(rawValue(SensorCategory::storage), "存储");
-    EXPECT_EQ(fromRawValue<MemoryPressure>(4), MemoryPressure::critical);
+    for (const auto& [pressure, raw] : RawEnum<MemoryPressure>::cases) {
+        all.append(std::to_string(raw)).append(title(pressure)).append(" ");
+    }
+    for (const auto& [kind, raw] : RawEnum<HardwareSensorKind>::cases) {
+        all.append(raw).append(unit(kind)).append(" ");
+    }
+    for (const char* key : {"TC0P", "TC", "TG0D", "TH0A", "TB0T", "Ts0P", "Tc0P", "T", ""}) {
+        all.append(rawValue(sensorCategory(key))).append(" ");
+    }
+    EXPECT_EQ(all,
+              "未知 正常 升温 较高 严重 未知 disabledDriverLoaded禁用驱动已加载 "
+              "driverNotLoaded禁用驱动未加载 unknown状态无法读取 unsupported不支持此处理器 "
+              "1正常 2偏高 4严重 fanRPM temperature°C powerW voltageV currentA "
+              "CPU CPU GPU 存储 电池 其他 其他 其他 其他 ");
     EXPECT_EQ(fromRawValue<MemoryPressure>(3), std::nullopt);
-    EXPECT_EQ(fromRawValue<MemoryPressure>(0), std::nullopt);
 }
 
 TEST(SnapshotTest, HottestReadingOfACategory) {
     Snapshot snapshot;
-    snapshot.sensors = {{"TG0D", "显卡", 90}, {"Ts0P", "掌托", 99}};
+    snapshot.sensors = {{"TG0D", "显卡", 90}, {"Ts0P", "掌托", 99}, {"TC0P", "", std::nan("")}};
     EXPECT_EQ(snapshot.cpuTemperature(), std::nullopt);
     EXPECT_EQ(snapshot.temperature(SensorCategory::gpu), 90);
-    snapshot.sensors.push_back({"TC0P", "", std::nan("")});
-    EXPECT_EQ(snapshot.cpuTemperature(), std::nullopt);
-    snapshot.sensors.push_back({"TC1C", "", -3});
-    EXPECT_EQ(snapshot.cpuTemperature(), -3);
-    snapshot.sensors.push_back({"TC2C", "", 61.5});
-    snapshot.sensors.push_back({"TC3C", "", 40});
-    EXPECT_EQ(snapshot.cpuTemperature(), 61.5);
+    for (const auto& [celsius, hottest] : {std::pair(-3.0, -3.0), {61.5, 61.5}, {40.0, 61.5}}) {
+        snapshot.sensors.push_back({"TC1C", "", celsius});
+        EXPECT_EQ(snapshot.cpuTemperature(), hottest);
+    }
 }
 
 TEST(SnapshotTest, UsageIsRightAcrossAWrap) {
-    const CPUCounters start{.user = 100, .system = 50, .idle = 1000, .nice = 0};
-    EXPECT_EQ(start.usage(start), 0);
-    EXPECT_EQ((CPUCounters{110, 60, 1070, 10}.usage(start)), 30);
-    const CPUCounters nearEnd{0xFFFFFFF0U, 0, 0xFFFFFFFFU, 0};
-    EXPECT_EQ((CPUCounters{0x10, 0, 0x1F, 0}.usage(nearEnd)), 50);
-    const CPUCounters zero;
-    EXPECT_EQ((CPUCounters{0xFFFFFFFFU, 0xFFFFFFFFU, 0, 0xFFFFFFFFU}.usage(zero)), 100);
+    Dice dice(1);
+    const auto ticks = [&] { return static_cast<std::uint32_t>(dice.bits() >> 32); };
+    for (int i = 0; i < 1000; ++i) {
+        const CPUCounters start{ticks(), ticks(), ticks(), ticks()},
+            more{ticks(), ticks(), ticks(), ticks()};
+        const auto busy = static_cast<double>(std::uint64_t{more.user} + more.system + more.nice);
+        const CPUCounters now{start.user + more.user, start.system + more.system,
+                              start.idle + more.idle, start.nice + more.nice};
+        ASSERT_NEAR(now.usage(start), 100 * busy / (busy + more.idle), 1e-9);
+        ASSERT_EQ(now.usage(now), 0);
+    }
 }
 
 TEST(ScopeErrorTest, ShowsItsTextAlone) {
@@ -140,7 +105,6 @@ TEST(ScopeErrorTest, ShowsItsTextAlone) {
     EXPECT_EQ(describe(std::runtime_error("disk")), "内部错误，操作未完成");
     EXPECT_EQ(describe(std::bad_alloc()), "内存不足，操作未完成");
     EXPECT_EQ(joinFailures({}), "");
-    EXPECT_EQ(joinFailures({"甲"}), "甲");
     EXPECT_EQ(joinFailures({"甲", "乙", "丙"}), "甲；乙；丙");
 }
 
