@@ -9,6 +9,7 @@ import re
 import shutil
 import signal
 import socket
+import statistics
 import subprocess
 import tempfile
 import time
@@ -16,7 +17,8 @@ import unittest
 import uuid
 
 from conversation import CONFIRMED, CURVE
-from process_figures import ProcessFigures, children_of, processes_attached, wake_ups
+from process_figures import (ProcessFigures, children_of, processes_attached,
+                             uses_sanitizer, wake_ups)
 from session_process_test import session_on
 from simulated import BIN, HELPER, OWNER_UID, Mac, Owner, eventually, finish, needs_root
 
@@ -93,8 +95,11 @@ class Case:
             self.helper.stdin.flush()
 
     def kill_guardian(self):
-        for guardian in guardians_of(self.helper.pid):
+        """Returns how many there were."""
+        guardians = guardians_of(self.helper.pid)
+        for guardian in guardians:
             os.kill(guardian, signal.SIGKILL)
+        return len(guardians)
 
     def kill_helper(self, by_name):
         for pid in named(self.name) if by_name else [self.helper.pid]:
@@ -102,14 +107,15 @@ class Case:
         self.helper.wait()
 
     def judge(self):
-        """What is wrong after the helper's death, as a text."""
+        """What is wrong after the helper's death, as a text, and how long the fans were held."""
         began = time.monotonic()
-        if not eventually(self.mac.automatic, GIVES_UP_SECONDS / 2):
-            return f"held for good: {self.mac.journal()[-20:]}"
+        automatic = eventually(self.mac.automatic, GIVES_UP_SECONDS / 2)
         took = time.monotonic() - began
+        if not automatic or took > AUTOMATIC_SECONDS:
+            return f"held for {took:.1f} s: {self.mac.journal()[-20:]}", took
         if not eventually(lambda: not processes_attached(self.mac.path), AUTOMATIC_SECONDS):
-            return f"left over: {processes_attached(self.mac.path)}"
-        return "" if took < AUTOMATIC_SECONDS else f"automatic only after {took:.1f} s"
+            return f"left over: {processes_attached(self.mac.path)}", took
+        return "", took
 
     def close(self):
         self.helper.kill()
@@ -119,28 +125,29 @@ class Case:
 
 
 def attack(seed):
-    """Kills and deeds at random moments; tells what is wrong."""
+    """Kills and deeds at random moments. What is wrong, guardians killed, seconds of held fans."""
     dice = random.Random(seed)
     model, kind = dice.choice(sorted(MACHINES)), dice.choice(KINDS)
     deed = dice.choice(sorted(DEEDS))
+    killed = 0
     with Owner() as owner:
         case = Case(model, kind, owner)
         try:
             time.sleep(dice.uniform(0, 1.2))
-            if dice.random() < 0.5:
-                case.kill_guardian()
+            if dice.random() < 0.75:
+                killed += case.kill_guardian()
                 time.sleep(dice.uniform(REPLACED_SECONDS, 2.5))
             DEEDS[deed](case.file)
-            if dice.random() < 0.3:
-                case.kill_guardian()  # and there may be no other
+            if dice.random() < 0.25:
+                killed += case.kill_guardian()  # and there may be no other
                 time.sleep(dice.uniform(LEASE_ENDS_SECONDS, LEASE_ENDS_SECONDS + 1))
             if dice.random() < 0.3:
                 owner.kill()
             case.kill_helper(by_name=dice.random() < 0.5)
-            wrong = case.judge()
+            wrong, took = case.judge()
         finally:
             case.close()
-    return wrong and f"seed {seed}, {model}, {kind}, file {deed}: {wrong}"
+    return wrong and f"seed {seed}, {model}, {kind}, file {deed}: {wrong}", killed, took
 
 
 @needs_root
@@ -149,8 +156,10 @@ class GuardianTest(unittest.TestCase):
         first = int(os.environ.get("FEROVANE_SEED", random.randrange(1 << 30)))
         print(f"FEROVANE_SEED={first}", flush=True)
         with concurrent.futures.ProcessPoolExecutor(AT_ONCE) as pool:
-            wrong = [text for text in pool.map(attack, range(first, first + KILLS)) if text]
-        self.assertEqual(wrong, [])
+            wrong, killed, took = zip(*pool.map(attack, range(first, first + KILLS)))
+        print(f"{KILLS} helpers and {sum(killed)} guardians killed; fans held for "
+              f"{statistics.median(took):.2f} s, at most {max(took):.2f} s")
+        self.assertEqual([text for text in wrong if text], [])
 
     def test_without_a_guardian_the_lease_ends_and_says_so(self):
         with Owner() as owner:
@@ -185,7 +194,7 @@ class GuardianTest(unittest.TestCase):
                 os.kill(guardian, getattr(signal, "SIG" + name))
             self.assertEqual(as_user(case.helper.pid), 0)
             case.helper.wait()
-            self.assertEqual(case.judge(), "")
+            self.assertEqual(case.judge()[0], "")
             case.close()
 
     def test_a_stop_longer_than_the_lease_is_no_death_and_the_guardian_sleeps_through_it(self):
@@ -202,7 +211,8 @@ class GuardianTest(unittest.TestCase):
             figures = ProcessFigures(guardian)
             print(f"guardian: resident {figures.resident} KiB, proportional "
                   f"{figures.proportional}, private {figures.private}")
-            self.assertLess(figures.private, PRIVATE_KIB)
+            if not uses_sanitizer(guardian):
+                self.assertLess(figures.private, PRIVATE_KIB)
             session.process.send_signal(signal.SIGCONT)
             self.assertTrue(eventually(mac.automatic, AUTOMATIC_SECONDS), mac.journal())
             session.request("profile", profile="custom", curve=CURVE)
