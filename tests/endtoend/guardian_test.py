@@ -166,6 +166,9 @@ class GuardianTest(unittest.TestCase):
             for kind in KINDS:
                 with self.subTest(kind):
                     case = Case("MacBookPro16,1", kind, owner)
+                    if kind == "session":  # the replies to both requests
+                        self.assertIn(CONFIRMED, case.helper.stdout.readline())
+                        self.assertIn(CONFIRMED, case.helper.stdout.readline())
                     self.assertTrue(eventually(case.mac.held))
                     os.unlink(case.file)
                     case.kill_guardian()
