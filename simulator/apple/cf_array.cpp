@@ -8,13 +8,8 @@
 namespace {
 
 using simulator::cf::checked;
-
-const void* retainObject(CFAllocatorRef, const void* value) {
-    return CFRetain(value);
-}
-void releaseObject(CFAllocatorRef, const void* value) {
-    CFRelease(value);
-}
+using simulator::cf::releaseObject;
+using simulator::cf::retainObject;
 
 }  // namespace
 

@@ -9,13 +9,8 @@
 namespace {
 
 using simulator::cf::checked;
-
-const void* retainObject(CFAllocatorRef, const void* value) {
-    return CFRetain(value);
-}
-void releaseObject(CFAllocatorRef, const void* value) {
-    CFRelease(value);
-}
+using simulator::cf::releaseObject;
+using simulator::cf::retainObject;
 
 template <class CallBacks>
 const void* retained(const CallBacks& callBacks, const void* value) {
@@ -34,21 +29,6 @@ bool equal(const CallBacks& callBacks, const void* first, const void* second) {
     return first == second || (callBacks.equal != nullptr && callBacks.equal(first, second) != 0);
 }
 
-// Without callbacks a key is its address.
-struct KeyHash {
-    CFDictionaryHashCallBack hash;
-    std::size_t operator()(const void* key) const {
-        return hash != nullptr ? hash(key) : std::hash<const void*>{}(key);
-    }
-};
-
-struct KeyEqual {
-    CFDictionaryKeyCallBacks callBacks;
-    bool operator()(const void* first, const void* second) const {
-        return equal(callBacks, first, second);
-    }
-};
-
 }  // namespace
 
 const CFDictionaryKeyCallBacks kCFTypeDictionaryKeyCallBacks = {
@@ -57,6 +37,21 @@ const CFDictionaryValueCallBacks kCFTypeDictionaryValueCallBacks = {0, retainObj
                                                                     nullptr, CFEqual};
 
 struct __CFDictionary final : simulator::cf::Object {
+    // Without callbacks a key is its address.
+    struct KeyHash {
+        CFDictionaryHashCallBack hash;
+        std::size_t operator()(const void* key) const {
+            return hash != nullptr ? hash(key) : std::hash<const void*>{}(key);
+        }
+    };
+
+    struct KeyEqual {
+        CFDictionaryKeyCallBacks callBacks;
+        bool operator()(const void* first, const void* second) const {
+            return equal(callBacks, first, second);
+        }
+    };
+
     using Entries = std::unordered_map<const void*, const void*, KeyHash, KeyEqual>;
     static constexpr simulator::cf::TypeId kTypeId = simulator::cf::kDictionaryTypeId;
 

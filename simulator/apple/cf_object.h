@@ -66,6 +66,10 @@ T* make(Arguments&&... arguments) {
     return object;
 }
 
+// What collections of objects call for each of them.
+const void* retainObject(CFAllocatorRef, const void* object);
+void releaseObject(CFAllocatorRef, const void* object);
+
 // The object behind a reference that must not be null nor released to nothing.
 const Object& checkedObject(CFTypeRef reference, const char* caller);
 void checkType(const Object& object, CFTypeID wanted, const char* caller);

@@ -79,6 +79,14 @@ CFHashCode Object::hash() const {
     return std::hash<const Object*>{}(this);
 }
 
+const void* retainObject(CFAllocatorRef, const void* object) {
+    return CFRetain(object);
+}
+
+void releaseObject(CFAllocatorRef, const void* object) {
+    CFRelease(object);
+}
+
 const Object& checkedObject(CFTypeRef reference, const char* caller) {
     if (reference == nullptr) {
         fail("null is not an object", caller);

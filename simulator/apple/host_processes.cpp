@@ -22,7 +22,6 @@ using simulator::takeNumber;
 using simulator::takeWord;
 using Buffer = std::array<char, 4096>;  // the files of a process are at most half as long
 
-constexpr std::uint64_t kNanosecondsPerSecond = 1'000'000'000;
 constexpr std::uint64_t kBytesPerKilobyte = 1024;
 
 struct ProcessFiles {
@@ -136,7 +135,8 @@ int failWith(int error, int result) {
 
 // Absolute-time units are nanoseconds here.
 std::uint64_t absoluteTime(std::uint64_t ticks) {
-    return ticks * (kNanosecondsPerSecond / static_cast<std::uint64_t>(sysconf(_SC_CLK_TCK)));
+    constexpr std::uint64_t kUnitsPerSecond = 1'000'000'000;
+    return ticks * (kUnitsPerSecond / static_cast<std::uint64_t>(sysconf(_SC_CLK_TCK)));
 }
 
 // Shorter texts leave the rest of the zeroed field alone, so a NUL always ends it.

@@ -23,7 +23,7 @@ constexpr std::string_view kSettingNames =
     "standbydelayhigh standbydelaylow autopoweroff autopoweroffdelay tcpkeepalive gpuswitch "
     "lowpowermode powermode highstandbythreshold ";
 
-int usage() {
+int refuseUsage() {
     std::puts("Usage: pmset <options>\nSee pmset(1) for details: 'man pmset'");
     return kRefused;
 }
@@ -67,7 +67,7 @@ std::string keptName(SimulatedMac& mac, std::string_view source, const std::stri
 int checkValue(SimulatedMac& mac, std::string_view source, const std::string& name,
                const std::string& value) {
     if (!isSettingName(name) || !isWholeNumber(value)) {
-        return usage();
+        return refuseUsage();
     }
     const std::string kept = keptName(mac, source, name);
     if (kept == "powermode" && std::stol(value) > kHighestPowerMode) {
@@ -79,7 +79,7 @@ int checkValue(SimulatedMac& mac, std::string_view source, const std::string& na
         std::printf("<%s> not supported on <%s>\n",
                     kept == "powermode" ? "PowerMode" : "LowPowerMode",
                     std::string(source).c_str());
-        return usage();
+        return refuseUsage();
     }
     return 0;
 }
@@ -123,7 +123,7 @@ void updateLowPowerFlag(SimulatedMac& mac) {
 int change(MachineTool& tool) {
     const Words& words = tool.arguments();
     if (words.size() < 3 || words.size() % 2 == 0) {
-        return usage();
+        return refuseUsage();
     }
     if (!tool.privileged()) {
         std::puts("'pmset' must be run as root...");
@@ -186,20 +186,20 @@ int printCustom(SimulatedMac& mac) {
     return 0;
 }
 
-int act(MachineTool& tool) {
+int perform(MachineTool& tool) {
     const Words& words = tool.arguments();
     if (words.size() == 2 && words[0] == "-g" && words[1] == "custom") {
         return printCustom(tool.mac());
     }
     const bool known = !words.empty() && (words[0] == "-a" || words[0] == "-b" || words[0] == "-c");
-    return known ? change(tool) : usage();
+    return known ? change(tool) : refuseUsage();
 }
 
 }  // namespace
 
 int pmset(const Words& words) {
     MachineTool tool("pmset", words);
-    return tool.finish(act(tool));
+    return tool.finish(perform(tool));
 }
 
 }  // namespace simulator::tools
