@@ -191,10 +191,8 @@ bool satisfies(Form form, Wants wants) {
     return false;
 }
 
-// What controllers hold in the place of a temperature when no sensor answers: the edge of the
-// signed range, also where it was stored or read without its sign.
-constexpr std::array<double, 3> kNoSensorCelsius{127.0, 128.0, 129.0};
-// The same edge in whatever unit a signed fixed-point key has (-31.75 A, -127 W).
+// What controllers hold where no sensor answers: the edge of a signed fixed-point range, in
+// whatever unit (-127 °C, -31.75 A, -127 W).
 constexpr std::array<std::uint8_t, 2> kNoSensorHighBytes{0x80, 0x81};
 
 // Apple Silicon: cores, graphics and other blocks, then the corners, the mean and the largest of
@@ -310,9 +308,7 @@ bool worthListing(HardwareSensorKind kind, const FVValue& value, bool onChip) {
     if (onChip && std::fabs(number) <= kLargestOffsetCelsius) {
         return true;
     }
-    const bool noSensor = isAtEdge(value) || (kind == Kind::temperature &&
-                                              std::ranges::count(kNoSensorCelsius, number) > 0);
-    return valid(kind, number) && !noSensor;
+    return valid(kind, number) && !isAtEdge(value);
 }
 
 std::string upperCaseTwin(std::string_view key) {

@@ -96,17 +96,18 @@ public:
             snapshot.acPower = *power == 1;
         }
         snapshot.lowPower = version >= 12 && is(Property::kLowPowerFlag) == 1;
-        snapshot.thermalState = is(Property::kThermalState).value();
-        snapshot.totalCPUs = is(Property::kProcessors).value();
+        snapshot.thermalState = is(Property::kThermalState).value_or(-1);
+        snapshot.totalCPUs = is(Property::kProcessors).value_or(0);
         snapshot.memoryPressure =
-            fromRawValue<MemoryPressure>(is(Property::kMemoryPressure).value());
+            fromRawValue<MemoryPressure>(is(Property::kMemoryPressure).value_or(-1));
         return snapshot;
     }
 
 private:
     std::optional<int> is(Property property) {
         const auto value = mac_.value(property);
-        return value ? std::optional(static_cast<int>(*value)) : std::nullopt;
+        return value && !std::isnan(*value) ? std::optional(static_cast<int>(*value))
+                                            : std::nullopt;
     }
     std::optional<int> within(Property property, int most) {
         const auto value = is(property);
@@ -132,9 +133,7 @@ private:
         if (isOnChip(key) && std::fabs(value) <= 10) {
             return true;
         }
-        const bool atEdge = value == -127 || value == -128;
-        if (!SensorInventory::valid(kind, value) || atEdge ||
-            (kind == Kind::temperature && value == 127)) {
+        if (!SensorInventory::valid(kind, value) || value == -127 || value == -128) {
             return false;
         }
         // Intel's raw twin of a key, when the key itself tells as much.
@@ -237,24 +236,26 @@ private:
     void changeTheSystem() {
         const struct {
             Property property;
-            bool mayBeAbsent;
             std::vector<double> values;
         } system[] = {
-            {Property::kSpeedLimit, true, {-2, -1, 0, 57, 100, 101}},
-            {Property::kSchedulerLimit, true, {-2, -1, 0, 57, 100, 101}},
-            {Property::kAvailableCpus, true, {-2, -1, 0, 8}},
-            {Property::kThermalWarning, true, {0, 5, 110}},
-            {Property::kAcPower, true, {0, 1}},
-            {Property::kLowPowerFlag, true, {0, 1}},
-            {Property::kThermalState, false, {0, 1, 2, 3}},
-            {Property::kMemoryPressure, false, {0, 1, 2, 3, 4, 5}},
-            {Property::kProcessors, false, {1, 8, 12}},
+            {Property::kSpeedLimit, {-2, -1, 0, 57, 100, 101}},
+            {Property::kSchedulerLimit, {-2, -1, 0, 57, 100, 101}},
+            {Property::kAvailableCpus, {-2, -1, 0, 8}},
+            {Property::kThermalWarning, {0, 5, 110}},
+            {Property::kAcPower, {0, 1}},
+            {Property::kLowPowerFlag, {0, 1}},
+            {Property::kThermalState, {0, 1, 2, 3}},
+            {Property::kMemoryPressure, {0, 1, 2, 3, 4, 5}},
+            {Property::kProcessors, {1, 8, 12}},
         };
-        for (const auto& [property, mayBeAbsent, values] : system) {
+        for (const auto& [property, values] : system) {
             mac_.set(property, oneOf(values));
-            if (mayBeAbsent && chance(6)) {
+            if (chance(6)) {
                 mac_.setAbsent(property);
             }
+        }
+        if (chance(6)) {
+            mac_.setNotANumber(Property::kSpeedLimit);
         }
         rules_.version = static_cast<int>(oneOf({11, 12, 14}));
         mac_.setSystemVersion(std::to_string(rules_.version) + (chance(2) ? ".0" : ".7.10"));

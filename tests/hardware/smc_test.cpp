@@ -359,6 +359,13 @@ TEST(SMCTest, AppleSiliconIsHandedOver) {
               "此风扇没有可识别的 Apple Silicon 模式接口");
 }
 
+TEST(SMCTest, WaitsForRealBetweenReadings) {
+    const auto around = SMC::Surroundings::ofThisMachine();
+    const double before = around.now();
+    around.sleep(0.05);
+    EXPECT_GE(around.now() - before, 0.05);
+}
+
 TEST(SMCTest, GivesEveryConnectionBack) {
     auto mac = simulator::intelMac(1);
     const auto attached = mac.attach();

@@ -7,7 +7,6 @@
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
-#include <limits>
 #include <string>
 #include <thread>
 #include <vector>
@@ -21,72 +20,11 @@ namespace {
 using simulator::Property;
 using testing::UnorderedElementsAre;
 
-constexpr double kAbsent = std::numeric_limits<double>::quiet_NaN();
-constexpr double kNotANumber = std::numeric_limits<double>::infinity();
-
+// What one value each says, the sampler's tests ask of every probe.
 class MachineProbesTest : public tests::AttachedMacTest {
 protected:
     MachineProbesTest() : AttachedMacTest(simulator::intelMac(2)) {}
-
-    void set(Property property, double value) {
-        if (std::isnan(value)) {
-            mac.setAbsent(property);
-        } else if (std::isinf(value)) {
-            mac.setNotANumber(property);
-        } else {
-            mac.set(property, value);
-        }
-    }
 };
-
-TEST_F(MachineProbesTest, EachValueByItself) {
-    const auto speed = [] { return fv_power_status().speed_limit; };
-    const auto scheduler = [] { return fv_power_status().scheduler_limit; };
-    const auto processors = [] { return fv_power_status().available_cpus; };
-    const auto warning = [] { return fv_power_status().thermal_warning; };
-    const struct {
-        Property property;
-        double value;
-        int (*probe)();
-        int expected;
-    } rows[] = {
-        {Property::kThermalWarning, 100, warning, 100},
-        {Property::kThermalWarning, kAbsent, warning, -1},
-        {Property::kSpeedLimit, 55, speed, 55},
-        {Property::kSchedulerLimit, 90, scheduler, 90},
-        {Property::kAvailableCpus, 3, processors, 3},
-        {Property::kSpeedLimit, kNotANumber, speed, -1},
-        {Property::kSchedulerLimit, 91, scheduler, 91},
-        {Property::kSpeedLimit, kAbsent, speed, -1},
-        {Property::kSchedulerLimit, kAbsent, scheduler, -1},
-        {Property::kAvailableCpus, 4, processors, 4},
-        {Property::kAvailableCpus, kAbsent, processors, -1},
-        {Property::kAcPower, 1, fv_ac_power, 1},
-        {Property::kAcPower, 0, fv_ac_power, 0},
-        {Property::kAcPower, kAbsent, fv_ac_power, -1},
-        {Property::kMemoryPressure, 1, fv_memory_pressure, 1},
-        {Property::kMemoryPressure, 2, fv_memory_pressure, 2},
-        {Property::kMemoryPressure, 4, fv_memory_pressure, 4},
-        {Property::kMemoryPressure, 0, fv_memory_pressure, -1},
-        {Property::kMemoryPressure, 3, fv_memory_pressure, -1},
-        {Property::kMemoryPressure, 5, fv_memory_pressure, -1},
-        {Property::kExtensionLoaded, 0, fv_turbo_driver_state, 0},
-        {Property::kExtensionLoaded, 1, fv_turbo_driver_state, 1},
-        {Property::kExtensionAnswers, 0, fv_turbo_driver_state, -1},
-        {Property::kProcessors, 1, fv_processor_count, 1},
-        {Property::kProcessors, 12, fv_processor_count, 12},
-        {Property::kProcessors, 0, fv_processor_count, -1},
-        {Property::kThermalState, 0, fv_thermal_state, 0},
-        {Property::kThermalState, 3, fv_thermal_state, 3},
-        {Property::kLowPowerFlag, 1, fv_low_power_mode, 1},
-        {Property::kLowPowerFlag, 0, fv_low_power_mode, 0},
-        {Property::kLowPowerFlag, kAbsent, fv_low_power_mode, -1},
-    };
-    for (const auto& row : rows) {
-        set(row.property, row.value);
-        EXPECT_EQ(row.probe(), row.expected) << propertyName(row.property) << " " << row.value;
-    }
-}
 
 TEST_F(MachineProbesTest, SystemVersionIsMajorTimesHundredPlusMinor) {
     const struct {
