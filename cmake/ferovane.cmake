@@ -38,12 +38,13 @@ function(ferovane_library name)
     target_link_libraries(${name} PUBLIC ferovane_options ${arg_LINKS})
 endfunction()
 
-# ferovane_test(NAME SOURCES file... LINKS target...): one test program, known to CTest case by case.
+# ferovane_test(NAME SOURCES file... LINKS target...): one test program, which CTest runs as a whole.
 function(ferovane_test name)
     cmake_parse_arguments(arg "" "" "SOURCES;LINKS" ${ARGN})
     add_executable(${name} ${arg_SOURCES})
     target_link_libraries(${name} PRIVATE ferovane_options ${arg_LINKS} GTest::gmock GTest::gtest_main)
     # What is tested is optimised; the tests themselves only have to compile soon.
     target_compile_options(${name} PRIVATE $<$<NOT:$<CONFIG:Debug>>:-O1>)
-    gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 300)
+    add_test(NAME ${name} COMMAND ${name} --gtest_brief=1)
+    set_tests_properties(${name} PROPERTIES TIMEOUT 900 LABELS unit)
 endfunction()

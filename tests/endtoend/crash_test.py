@@ -7,10 +7,9 @@ import os
 import signal
 import unittest
 
-from conversation import CONFIRMED, CURVE
+from simulated import CONFIRMED, CURVE, session_on
 from guardian_test import AUTOMATIC_SECONDS
 from process_figures import children_of, processes_attached
-from session_process_test import session_on
 from simulated import Mac, Owner, eventually, needs_root
 
 LIBC = ctypes.CDLL(None, use_errno=True)

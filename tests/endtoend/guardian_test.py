@@ -16,10 +16,9 @@ import time
 import unittest
 import uuid
 
-from conversation import CONFIRMED, CURVE
+from simulated import CONFIRMED, CURVE, session_on
 from process_figures import (ProcessFigures, children_of, processes_attached,
                              uses_sanitizer, wake_ups)
-from session_process_test import session_on
 from simulated import BIN, HELPER, OWNER_UID, Mac, Owner, eventually, finish, needs_root
 
 KILLS = int(os.environ.get("FEROVANE_KILLS", "24"))

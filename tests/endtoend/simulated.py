@@ -20,6 +20,13 @@ WAIT_SECONDS = 30
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2] / "client"))
 
+from control_client import ControlSession  # noqa: E402
+
+MANAGED = "风扇由系统管理"
+CONFIRMED = "控制已确认生效"
+CURVE = {"points": [{"temperature": 30, "percent": 40}, {"temperature": 90, "percent": 100}],
+         "sensor": "CPU"}
+
 # A shell without job control has them ignored in what it starts in the background, and an ignored
 # signal is inherited.
 for _inherited in (signal.SIGINT, signal.SIGQUIT):
@@ -40,12 +47,14 @@ def eventually(condition, seconds=WAIT_SECONDS):
 
 
 class Mac:
-    def __init__(self, model):
+    def __init__(self, model, *settings):
         self._folder = tempfile.TemporaryDirectory(prefix="ferovane-test-")
         os.chmod(self._folder.name, 0o755)
         self.path = os.path.join(self._folder.name, "mac")
         self.model = model
         self.tool("create", self.path, "--model", model)
+        if settings:
+            self.set(*settings)
 
     def __enter__(self):
         return self
@@ -55,9 +64,8 @@ class Mac:
 
     @staticmethod
     def tool(*arguments):
-        return subprocess.run(
-            [TOOL, *map(str, arguments)], check=True, capture_output=True, text=True
-        ).stdout
+        return subprocess.run([TOOL, *map(str, arguments)], check=True, capture_output=True,
+                              text=True).stdout
 
     def set(self, *settings):
         self.tool("set", self.path, *settings)
@@ -91,9 +99,10 @@ class Mac:
     def environment(self):
         return {**os.environ, "FEROVANE_SIMULATED_MAC": self.path}
 
-    def run(self, *words, user=None, timeout=WAIT_SECONDS):
+    def run(self, *words, user=None, timeout=WAIT_SECONDS, **options):
+        options = {"stdout": subprocess.PIPE, "stderr": subprocess.PIPE, **options}
         return subprocess.run([HELPER, *map(str, words)], env=self.environment(), text=True,
-                              capture_output=True, timeout=timeout, user=user)
+                              timeout=timeout, user=user, **options)
 
     def start(self, *words, **options):
         return subprocess.Popen([HELPER, *map(str, words)], env=self.environment(), text=True,
@@ -118,11 +127,19 @@ class Owner:
         self.kill()
 
 
+def session_on(mac, owner, before=lambda: None, **options):
+    """A session of the owner's: root by effect, the owner's user by authorisation. before: done in
+    the helper's process first."""
+
+    def spawn(command, **popen):
+        become = lambda: (before(), os.setresuid(owner.words[1], 0, 0))
+        return subprocess.Popen(command, env=mac.environment(), preexec_fn=become, **popen)
+
+    return ControlSession([str(HELPER)], *owner.words, errors=subprocess.PIPE, spawn=spawn,
+                          **options)
+
+
 def finish(process, timeout=WAIT_SECONDS):
     """Waits for a helper; its exit status and both outputs."""
     output, errors = process.communicate(timeout=timeout)
     return process.returncode, output, errors
-
-
-def send(name):
-    return lambda process: process.send_signal(getattr(signal, name))
