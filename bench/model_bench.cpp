@@ -1,5 +1,5 @@
-// Texts of records: the table of a million samples beside other ways of writing the same bytes, and
-// the JSON of what travels and of what is printed.
+// Texts of records: the table of a million samples beside printf's, and the JSON of what travels
+// and of what is printed.
 //
 //     chrt -f 50 taskset -c 1 model_bench --benchmark_filter='csv|number'
 #include <benchmark/benchmark.h>
@@ -8,10 +8,8 @@
 #include <array>
 #include <charconv>
 #include <cstdio>
-#include <cstdlib>
 #include <random>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "core/control/control_reply.h"
@@ -20,10 +18,6 @@
 #include "core/model/json_codec.h"
 #include "core/model/number_text.h"
 #include "core/model/snapshot.h"
-
-#ifdef FEROVANE_BENCH_FMT
-#include <fmt/compile.h>
-#endif
 
 namespace ferovane {
 namespace {
@@ -52,97 +46,24 @@ const std::vector<Snapshot>& samples() {
     return all;
 }
 
-using Row = std::array<char, 400>;
-
-// The same table with another way of writing a row, as long as every value is known. What is no
-// number (the date, the driver's state) is written alike by all of them.
-template <class WriteRow>
-std::string csvBy(WriteRow writeRow) {
+// The same table by printf, as long as every value is known.
+std::string csvByPrintf() {
     std::string table = Export::csv({});
     table.reserve(samples().size() * 96);
-    Row row;
-    std::array<char, kIso8601MaxLength + 1> date;
-    for (const Snapshot& snapshot : samples()) {
-        char* const end = writeIso8601(snapshot.date, date.data());
-        *end = '\0';
-        const std::string_view written(date.data(), static_cast<std::size_t>(end - date.data()));
-        table.append(row.data(), writeRow(snapshot, written, row));
+    std::array<char, 400> row;
+    for (const Snapshot& s : samples()) {
+        const int length = std::snprintf(
+            row.data(), row.size(), "\n%s,%.2f,%.2f,%d,%d,%d,%d,%d,,%s,%d,%d,%.2f,%.2f",
+            iso8601(s.date).c_str(), *s.cpuUsage, *s.cpuTemperature(), *s.speedLimit,
+            *s.schedulerLimit, *s.availableCPUs, s.totalCPUs, s.thermalState,
+            rawValue(s.turbo).data(), *s.acPower ? 1 : 0, s.lowPower ? 1 : 0, *s.fans[0].rpm,
+            *s.fans[1].rpm);
+        table.append(row.data(), static_cast<std::size_t>(length));
     }
     return table;
 }
 
-std::string csvByPrintf() {
-    return csvBy([](const Snapshot& s, std::string_view date, Row& row) {
-        return row.data() +
-               std::snprintf(
-                   row.data(), row.size(), "\n%s,%.2f,%.2f,%d,%d,%d,%d,%d,,%s,%d,%d,%.2f,%.2f",
-                   date.data(), *s.cpuUsage, *s.cpuTemperature(), *s.speedLimit, *s.schedulerLimit,
-                   *s.availableCPUs, s.totalCPUs, s.thermalState, rawValue(s.turbo).data(),
-                   *s.acPower ? 1 : 0, s.lowPower ? 1 : 0, *s.fans[0].rpm, *s.fans[1].rpm);
-    });
-}
-
-#ifdef __cpp_lib_to_chars
-// Fields one after the other, numbers by the standard library.
-class StandardRow {
-public:
-    // One byte short, so that the compiler sees room for what stands between two numbers.
-    explicit StandardRow(Row& row) : out_(row.data()), end_(row.data() + row.size() - 1) {}
-    char* end() const { return out_; }
-    void text(char before, std::string_view value) {
-        *out_ = before;
-        out_ = std::copy(value.begin(), value.end(), out_ + 1);
-    }
-    void integer(int value) {
-        text(',', {});
-        out_ = std::to_chars(out_, end_, value).ptr;
-    }
-    void decimal(double value) {
-        text(',', {});
-        out_ = std::to_chars(out_, end_, value, std::chars_format::fixed, 2).ptr;
-    }
-
-private:
-    char* out_;
-    char* end_;
-};
-
-std::string csvByToChars() {
-    return csvBy([](const Snapshot& s, std::string_view date, Row& row) {
-        StandardRow out(row);
-        out.text('\n', date);
-        out.decimal(*s.cpuUsage);
-        out.decimal(*s.cpuTemperature());
-        out.integer(*s.speedLimit);
-        out.integer(*s.schedulerLimit);
-        out.integer(*s.availableCPUs);
-        out.integer(s.totalCPUs);
-        out.integer(s.thermalState);
-        out.text(',', {});
-        out.text(',', rawValue(s.turbo));
-        out.text(',', *s.acPower ? "1" : "0");
-        out.text(',', s.lowPower ? "1" : "0");
-        out.decimal(*s.fans[0].rpm);
-        out.decimal(*s.fans[1].rpm);
-        return out.end();
-    });
-}
-#endif
-
-#ifdef FEROVANE_BENCH_FMT
-std::string csvByFmt() {
-    return csvBy([](const Snapshot& s, std::string_view date, Row& row) {
-        return fmt::format_to(
-            row.data(), FMT_COMPILE("\n{},{:.2f},{:.2f},{},{},{},{},{},,{},{},{},{:.2f},{:.2f}"),
-            date, *s.cpuUsage, *s.cpuTemperature(), *s.speedLimit, *s.schedulerLimit,
-            *s.availableCPUs, s.totalCPUs, s.thermalState, rawValue(s.turbo), *s.acPower ? 1 : 0,
-            s.lowPower ? 1 : 0, *s.fans[0].rpm, *s.fans[1].rpm);
-    });
-}
-#endif
-
-template <class Make>
-void table(benchmark::State& state, Make make) {
+void csv(benchmark::State& state, std::string (*make)()) {
     if (make() != Export::csv(samples())) {
         state.SkipWithError("differs from ours");
         return;
@@ -152,27 +73,8 @@ void table(benchmark::State& state, Make make) {
     }
     state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(kRows));
 }
-
-void csv(benchmark::State& state) {
-    table(state, [] { return Export::csv(samples()); });
-}
-BENCHMARK(csv)->Unit(benchmark::kMillisecond);
-void csvPrintf(benchmark::State& state) {
-    table(state, csvByPrintf);
-}
-BENCHMARK(csvPrintf)->Unit(benchmark::kMillisecond);
-#ifdef __cpp_lib_to_chars
-void csvToChars(benchmark::State& state) {
-    table(state, csvByToChars);
-}
-BENCHMARK(csvToChars)->Unit(benchmark::kMillisecond);
-#endif
-#ifdef FEROVANE_BENCH_FMT
-void csvFmt(benchmark::State& state) {
-    table(state, csvByFmt);
-}
-BENCHMARK(csvFmt)->Unit(benchmark::kMillisecond);
-#endif
+BENCHMARK_CAPTURE(csv, ours, [] { return Export::csv(samples()); })->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(csv, printf, csvByPrintf)->Unit(benchmark::kMillisecond);
 
 // One number at a time: what the table is made of.
 template <class Write>
@@ -198,15 +100,6 @@ void numberPrintf(benchmark::State& state) {
     });
 }
 BENCHMARK(numberPrintf);
-
-#ifdef FEROVANE_BENCH_FMT
-void numberFmt(benchmark::State& state) {
-    numbers(state, [](double value, Text& text) {
-        return fmt::format_to(text.data(), FMT_COMPILE("{:.2f}"), value);
-    });
-}
-BENCHMARK(numberFmt);
-#endif
 
 #ifdef __cpp_lib_to_chars
 void numberToChars(benchmark::State& state) {

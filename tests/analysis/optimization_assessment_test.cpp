@@ -135,6 +135,15 @@ TEST(OptimizationAssessmentTest, ReachesOverNoGapAndNoOtherChange) {
     }
     EXPECT_EQ(setBack.assess().verdict, Verdict::better);
 
+    // A change that is noted late: what was measured since does not count as before it.
+    OptimizationAssessment late;
+    observe(late, -300, -1);
+    observe(late, 1, 5);
+    late.noteChange(kStart);
+    observe(late, 6, 400);
+    EXPECT_EQ(late.assess().windowSeconds, 300);
+    EXPECT_EQ(late.assess().cpuTemperature, (OptimizationComparison{70, 65}));
+
     // A gap while the heat settles: nobody knows what was done meanwhile.
     OptimizationAssessment slept;
     observe(slept, -600, 30);
