@@ -211,12 +211,8 @@ bool ProcessGuardian::start() noexcept {
     return true;
 }
 
-// One that has nothing to do ends at once and is waited for; one that has must not be. One that is
-// lost is replaced for its last task, if that can be.
+// One that has nothing to do ends at once and is waited for; one that has must not be.
 void ProcessGuardian::release() noexcept {
-    if (charge_.fansHeld != 0) {
-        charge(charge_);
-    }
     hangUp();
     if (pid_ > 0 && charge_.fansHeld == 0) {
         reapSoon(pid_);
