@@ -7,10 +7,9 @@ import os
 import signal
 import unittest
 
-from simulated import CONFIRMED, CURVE, session_on
 from guardian_test import AUTOMATIC_SECONDS
 from process_figures import children_of, processes_attached
-from simulated import Mac, Owner, eventually, needs_root
+from simulated import CONFIRMED, CURVE, Mac, Owner, eventually, needs_root, session_on
 
 LIBC = ctypes.CDLL(None, use_errno=True)
 AT_ONCE = 4  # cases, which mostly wait

@@ -16,10 +16,10 @@ import time
 import unittest
 import uuid
 
-from simulated import CONFIRMED, CURVE, session_on
 from process_figures import (ProcessFigures, children_of, processes_attached,
                              uses_sanitizer, wake_ups)
-from simulated import BIN, HELPER, OWNER_UID, Mac, Owner, eventually, finish, needs_root
+from simulated import (BIN, CONFIRMED, CURVE, HELPER, OWNER_UID, Mac, Owner, eventually, finish,
+                       needs_root, session_on)
 
 KILLS = int(os.environ.get("FEROVANE_KILLS", "24"))
 STOP_SECONDS = float(os.environ.get("FEROVANE_STOP_SECONDS", "5.5"))  # a fan test takes five

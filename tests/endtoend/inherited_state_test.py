@@ -15,8 +15,8 @@ import time
 import unittest
 import uuid
 
-from simulated import CURVE
-from simulated import HELPER, OWNER_UID, WAIT_SECONDS, Mac, Owner, eventually, finish, needs_root
+from simulated import (CURVE, HELPER, OWNER_UID, WAIT_SECONDS, Mac, Owner, eventually, finish,
+                       needs_root)
 
 COOLING_DONE = "散热会话结束，已确认风扇恢复系统自动。\n"
 EVERY_SIGNAL = set(signal.valid_signals()) - {signal.SIGKILL, signal.SIGSTOP}
