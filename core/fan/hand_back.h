@@ -26,7 +26,7 @@ std::string restoreFailure(const std::vector<std::string>& causes);
 
 namespace CoolingLease {
 
-// Hands every listed fan back to the system, each once, also after one of them has failed, and
+// Hands every listed fan back to the system, by one attempt, also after one has failed, and
 // needs no memory to do so. Throws one ScopeError with every failure. May be called again.
 void restoreAuto(const std::vector<int>& ids, CoolingHardware& hardware);
 
