@@ -55,8 +55,8 @@ std::optional<LeaseObstacle> findObstacle(LeaseKind lease, FanCheck check, const
                                           CoolingHardware& hardware);
 
 struct PlannedFan {
-    int id = 0;
-    double minimum = 0, maximum = 0;  // rpm
+    int id;
+    double minimum, maximum;  // rpm
 };
 
 // The fans that a lease takes: all that are listed, in that order. Reads only; throws a ScopeError

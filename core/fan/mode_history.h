@@ -27,8 +27,7 @@ struct ModeRecord {
 class ModeHistory {
 public:
     // Forgets what lies more than 30 minutes before `date`, then records the sample. One without a
-    // mode or a finite temperature records nothing and ends the segment. Takes constant time on
-    // average as long as dates do not run backwards.
+    // mode or a finite temperature records nothing and ends the segment.
     void append(Date date, const std::optional<std::string>& mode,
                 const std::optional<std::string>& session, std::optional<double> temperature,
                 std::optional<double> load);
@@ -39,7 +38,6 @@ public:
     bool operator==(const ModeHistory&) const = default;
 
 private:
-    void forgetBefore(Date earliest);
     bool continues(Date date, const std::string& mode,
                    const std::optional<std::string>& session) const;
 
@@ -49,7 +47,6 @@ private:
     std::optional<Date> lastDate_;
     Date origin_;  // start of the current segment
     int segment_ = 0;
-    bool inOrder_ = true;  // no record is older than the one before it
 };
 
 }  // namespace ferovane
