@@ -160,7 +160,7 @@ TEST_F(ProcessGuardianTest, IsReplacedOnceWhicheverThreadMissesIt) {
             }
         }
     });
-    for (int kill = 0; kill < 20; ++kill) {
+    for (int kill = 0; kill < 8; ++kill) {
         killChildren();
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
