@@ -26,10 +26,10 @@ using testing::WorldFan;
 constexpr std::initializer_list<CurveSensor> kSensors{CurveSensor::cpu, CurveSensor::gpu,
                                                       CurveSensor::hottest};
 
-// The same numbers for the same seed, on every platform.
-class Dice {
+// Cheap to make, since every call of a world has dice of its own.
+class CallDice {
 public:
-    explicit Dice(std::uint64_t seed) : state_(seed) {}
+    explicit CallDice(std::uint64_t seed) : state_(seed) {}
 
     int below(int count) {
         state_ += 0x9E3779B97F4A7C15;
@@ -51,7 +51,7 @@ private:
     std::uint64_t state_;
 };
 
-void changeTemperatures(Snapshot& snapshot, Dice& dice) {
+void changeTemperatures(Snapshot& snapshot, CallDice& dice) {
     const auto next = [&](double celsius, double limit) {
         celsius += dice.pick({0.0, 0.25, -0.25, 0.5, -0.5, 1.0, -3.0, 10.0, -20.0});
         return dice.oneIn(12) ? dice.pick({limit, limit - 0.25, 20.0, 75.0, 90.0})
@@ -72,7 +72,7 @@ void changeTemperatures(Snapshot& snapshot, Dice& dice) {
     snapshot.thermalState = dice.oneIn(20) ? dice.below(5) : 0;
 }
 
-Fault befall(FanWorld& world, const std::string& call, Dice dice, int rarity, bool apple) {
+Fault befall(FanWorld& world, const std::string& call, CallDice dice, int rarity, bool apple) {
     if (call == "sample" && !dice.oneIn(3)) {
         changeTemperatures(world.snapshot, dice);
     }
@@ -110,7 +110,7 @@ Fault befall(FanWorld& world, const std::string& call, Dice dice, int rarity, bo
 }
 
 // Fit for a lease, but for something odd in one value of so many.
-void furnish(WorldFan& fan, Dice& dice, int oddness) {
+void furnish(WorldFan& fan, CallDice& dice, int oddness) {
     using Value = std::optional<double>;
     const double low = dice.pick({2000.0, 1000.0, 1.0});
     const double high = low + dice.pick({3000.0, 4000.0, 2997.0, 5200.0});
@@ -134,7 +134,7 @@ struct Case {
 };
 
 Case furnish(FanWorld& world, std::uint64_t seed) {
-    Dice dice(seed * 1000003);
+    CallDice dice(seed * 1000003);
     Case it;
     it.apple = dice.oneIn(2);
     it.cooling = dice.oneIn(2);
@@ -173,7 +173,7 @@ Case furnish(FanWorld& world, std::uint64_t seed) {
         }
     };
     world.befall = [&world, it, seed](const std::string& call) {
-        const Dice own(seed * 7919 + static_cast<std::uint64_t>(world.calls) * 104729);
+        const CallDice own(seed * 7919 + static_cast<std::uint64_t>(world.calls) * 104729);
         return befall(world, call, own, it.rarity, it.apple);
     };
     return it;
@@ -262,7 +262,7 @@ TEST_F(FanRulesTest, LeasesDoAndSayWhatTheRulesSay) {
 TEST_F(FanRulesTest, FansAreHandedOverAsTheRulesSay) {
     forSeeds(6000, [](std::uint64_t seed) {
         Twins twins(seed);
-        Dice dice(seed);
+        CallDice dice(seed);
         for (int step = twins.it.apple ? 0 : 12; step < 12; ++step) {
             const int fan = dice.oneIn(10) ? dice.pick({-1, 9, 10}) : dice.below(3);
             const bool enabled = dice.oneIn(2);
@@ -305,7 +305,7 @@ TEST_F(FanRulesTest, ForecastsComeTrue) {
 
 TEST_F(FanRulesTest, CurvesAreJudgedAndFollowedAsTheRulesSay) {
     forSeeds(20000, [](std::uint64_t seed) {
-        Dice dice(seed);
+        CallDice dice(seed);
         FanCurve curve;
         double celsius = dice.pick({30.0, 30.0, 29.75, 50.0}), percent = 0;
         for (int count = dice.below(11); count > 0; --count) {
@@ -337,7 +337,7 @@ TEST_F(FanRulesTest, CurvesAreJudgedAndFollowedAsTheRulesSay) {
 
 TEST_F(FanRulesTest, HotMachinesAreKnownAsTheRulesSay) {
     forSeeds(5000, [](std::uint64_t seed) {
-        Dice dice(seed);
+        CallDice dice(seed);
         Snapshot snapshot;
         changeTemperatures(snapshot, dice);
         for (int fan = dice.below(3); fan > 0; --fan) {
@@ -369,7 +369,7 @@ TEST_F(FanRulesTest, HotMachinesAreKnownAsTheRulesSay) {
 TEST_F(FanRulesTest, HistoriesAreCutAsTheRulesSay) {
     using Text = std::optional<std::string>;
     forSeeds(400, [](std::uint64_t seed) {
-        Dice dice(seed);
+        CallDice dice(seed);
         ModeHistory code;
         rules::History rule;
         double date = 0;

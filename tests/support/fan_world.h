@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <functional>
-#include <limits>
 #include <optional>
 #include <set>
 #include <stdexcept>
@@ -15,11 +14,9 @@
 #include "core/fan/cooling_lease.h"
 #include "core/fan/curve_lease.h"
 #include "core/fan/fan_keys.h"
+#include "tests/support/dice.h"
 
 namespace ferovane::testing {
-
-inline constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
-inline constexpr double kInfinity = std::numeric_limits<double>::infinity();
 
 struct WorldFan {
     std::optional<double> mode = 0;  // an absent value cannot be read
