@@ -114,7 +114,9 @@ private:
                                   [this](double seconds) { mac.advance(seconds); }, false});
         };
         made.makeSampler = [] { return std::make_unique<HardwareSampler>(); };
-        made.makePowerAccess = [this] { return std::make_unique<SharedPowerAccess>(powerWrites); };
+        made.makePowerAccess = [this](ToolKeeper&, const std::function<bool()>&) {
+            return std::make_unique<SharedPowerAccess>(powerWrites);
+        };
         return made;
     }
 };

@@ -8,7 +8,6 @@
 #include "core/control/control_channel.h"
 #include "core/control/control_reply.h"
 #include "core/control/control_request.h"
-#include "core/fan/hand_back.h"
 #include "core/model/json_codec.h"
 #include "core/model/scope_error.h"
 #include "helper/session_control.h"
@@ -45,9 +44,9 @@ public:
           control_(owner, environment),
           input_(environment.inputDescriptor, environment.uptime),
           output_(environment.outputDescriptor, environment.uptime),
-          watchdog_(owner, environment, [this] { endFanControl(); }) {}
+          watchdog_(owner, environment, [this] { finish(); }) {}
 
-    // Ends fan control on every way out, also when the channel fails.
+    // Ends what is being done on every way out, also when the channel fails.
     void serve() {
         try {
             while (serveNext()) {
@@ -65,8 +64,15 @@ private:
         if (!line || !environment_.ownerAlive(owner_.pid, owner_.uid)) {
             return false;
         }
+        const SessionControl::Serving serving(control_);
         bool shutdown = false;
-        output_.send(fittedToLine(reply(*line, shutdown)));
+        const ControlReply answer = reply(*line, shutdown);
+        try {
+            output_.send(fittedToLine(answer), [this] { return control_.isEnding(); });
+        } catch (const std::exception&) {
+            control_.takeBack(answer);
+            throw;
+        }
         return !shutdown;
     }
 
@@ -82,9 +88,8 @@ private:
     }
 
     void leave(const std::exception* error) {
-        const bool returned = endFanControl();
-        watchdog_.stop();
-        if (returned) {
+        watchdog_.stop();  // so that this is the only way out
+        if (finish()) {
             return;
         }
         // A lease that does not end still owns its thread: nothing may be taken down under it, so
@@ -95,12 +100,12 @@ private:
         environment_.endProcess(error == nullptr ? 0 : 1);
     }
 
-    bool endFanControl() {
-        const bool returned = control_.finish();
-        if (!returned) {
-            reportLine(environment_.errorDescriptor, kRestoreFailed);
+    bool finish() {
+        const std::string_view unfinished = control_.finish();
+        if (!unfinished.empty()) {
+            reportLine(environment_.errorDescriptor, unfinished);
         }
-        return returned;
+        return unfinished.empty();
     }
 
     const SessionOwner owner_;

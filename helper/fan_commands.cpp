@@ -125,10 +125,12 @@ void runProfile(const std::vector<std::string>& args, const HelperEnvironment& e
     requireTemperatures(sampler->sample(), request.curve);
 
     HeldFans fans(*smc, *guardian);
-    const auto power = environment.makePowerAccess();
+    const auto power =
+        environment.makePowerAccess(*guardian, EarlyEnd(request.caller, environment));
     TurboChange turbo(*power);
     if (request.profile != Profile::custom) {
         turbo.apply(disablesTurbo(request.profile));
+        sampler->refreshTurbo();
     }
     turbo.rollBackOnFailure([&] {
         runLease(fans, *guardian, environment, [&] {

@@ -3,6 +3,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <utility>
+
 #include "core/hardware/system_capabilities.h"
 #include "core/model/scope_error.h"
 #include "helper/process_guardian.h"
@@ -44,7 +46,9 @@ HelperEnvironment productionEnvironment() {
     environment.makeGuardian = [] { return std::make_unique<ProcessGuardian>(executablePath); };
     environment.makeSMC = [] { return std::make_unique<SMC>(); };
     environment.makeSampler = [] { return std::make_unique<HardwareSampler>(); };
-    environment.makePowerAccess = [] { return std::make_unique<SystemPowerAccess>(); };
+    environment.makePowerAccess = [](ToolKeeper& keeper, std::function<bool()> stop) {
+        return std::make_unique<SystemPowerAccess>(keeper, std::move(stop));
+    };
     return environment;
 }
 

@@ -37,7 +37,9 @@ struct HelperEnvironment {
     std::function<std::unique_ptr<FanGuardian>()> makeGuardian;
     std::function<std::unique_ptr<SMC>()> makeSMC;
     std::function<std::unique_ptr<HardwareSampler>()> makeSampler;
-    std::function<std::unique_ptr<PowerSettingsAccess>()> makePowerAccess;
+    // The keeper outlives what is made; stop: true once the work through it is to be given up.
+    std::function<std::unique_ptr<PowerSettingsAccess>(ToolKeeper&, std::function<bool()> stop)>
+        makePowerAccess;
 };
 
 // The real machine and this process.

@@ -6,12 +6,14 @@
 #include <utility>
 
 #include "core/fan/cooling_lease.h"
+#include "core/fan/hand_back.h"
 #include "core/fan/profile.h"
 #include "core/model/scope_error.h"
 #include "core/model/uuid.h"
 #include "core/power/power_transaction.h"
 #include "helper/fan_control_policy.h"
 #include "helper/fan_return.h"
+#include "helper/standard_streams.h"
 #include "helper/turbo_change.h"
 
 namespace ferovane {
@@ -22,11 +24,32 @@ constexpr const char* kSystemManaged = "风扇由系统管理";
 constexpr const char* kOldLeaseRuns = "等待风扇恢复自动超时，未开始下一操作";
 constexpr const char* kNotConfirmed = "控制确认超时，已请求恢复系统自动";
 constexpr const char* kSessionEnds = "会话正在结束，未开始新操作";
+constexpr std::string_view kUnfinished = "会话结束时操作仍未完成，未确认恢复原设置";
 constexpr const char* kNoThread = "无法启动风扇控制线程";
 constexpr const char* kCustomLabel = "独立风扇策略";
 constexpr const char* kFanTestMode = "test-fans";
 constexpr const char* kFanTestLabel = "风扇测试";
 constexpr double kFanTestPercent = 100.0;
+
+// Tells the sampler, however a change of turbo has gone.
+class TurboNews {
+public:
+    explicit TurboNews(HardwareSampler& sampler) : sampler_(sampler) {}
+    TurboNews(const TurboNews&) = delete;
+    TurboNews& operator=(const TurboNews&) = delete;
+    ~TurboNews() { sampler_.refreshTurbo(); }
+
+private:
+    HardwareSampler& sampler_;
+};
+
+std::string textOf(const std::exception_ptr& failure) {
+    try {
+        std::rethrow_exception(failure);
+    } catch (const std::exception& error) {
+        return describe(error);
+    }
+}
 
 }  // namespace
 
@@ -37,7 +60,7 @@ SessionControl::SessionControl(SessionOwner owner, const HelperEnvironment& envi
       smc_(environment.makeSMC()),
       fans_(*smc_, *guardian_),
       sampler_(environment.makeSampler()),
-      power_(environment.makePowerAccess()) {}
+      power_(environment.makePowerAccess(*guardian_, [this] { return isEnding(); })) {}
 
 SessionControl::~SessionControl() {
     if (thread_.joinable()) {
@@ -49,42 +72,56 @@ SessionControl::~SessionControl() {
 
 ControlReply SessionControl::handle(const ControlRequest& request) {
     FanControlPolicy::validate(request, environment_.appleSilicon);
-    const std::string& command = request.command;
-    if (command == "hello" || command == "status") {
-        return status();
-    }
-    if (command == "auto") {
-        returnFans();
-        return status();
-    }
-    if (command == "test-fans") {
-        start(FanCurve::manual(kFanTestPercent), kFanTestMode,
-              request.label.value_or(kFanTestLabel), environment_.timings.fanTest);
-        return confirmed();
-    }
-    if (command == "profile") {
-        startProfile(request);
-        return confirmed();
-    }
-    if (command == "power-optimize") {
-        PowerOutcome outcome = PowerTransaction::apply(*request.powerPlan, *power_);
-        const char* message = outcome.changed ? "优化设置已确认生效" : "所选设置已满足";
-        return powerReply(std::move(outcome), message);
-    }
-    if (command == "power-restore") {
-        PowerOutcome outcome = PowerTransaction::restore(*request.powerBackup, *power_);
-        const char* message = outcome.skipped == 0 ? "原设置已恢复" : "恢复已结束；外部更改保留";
-        return powerReply(std::move(outcome), message);
-    }
-    if (command == "turbo-disable" || command == "turbo-enable") {
-        power_->setTurbo(command == "turbo-disable");
-        return status();
-    }
-    if (command == "shutdown") {
-        const ConditionGuard guard(lock_);
-        requireStoppedLocked();
+    switch (request.knownCommand()) {
+        case ControlCommand::hello:
+        case ControlCommand::status:
+            break;
+        case ControlCommand::automatic:
+            returnFans();
+            break;
+        case ControlCommand::testFans:
+            start(FanCurve::manual(kFanTestPercent), kFanTestMode,
+                  request.label.value_or(kFanTestLabel), environment_.timings.fanTest);
+            return confirmed();
+        case ControlCommand::profile:
+            startProfile(request);
+            return confirmed();
+        case ControlCommand::powerOptimize:
+            return optimize(*request.powerPlan);
+        case ControlCommand::powerRestore:
+            return restore(*request.powerBackup);
+        case ControlCommand::turboDisable:
+            return switchTurbo(true);
+        case ControlCommand::turboEnable:
+            return switchTurbo(false);
+        case ControlCommand::shutdown: {
+            const ConditionGuard guard(lock_);
+            requireStoppedLocked();
+            break;
+        }
     }
     return status();
+}
+
+void SessionControl::serve(bool begins) {
+    const ConditionGuard guard(lock_);
+    serving_ = begins;
+    lock_.broadcast();
+}
+
+bool SessionControl::isEnding() {
+    // Looked at here too, and not only by the watchdog: nothing must depend on one thread.
+    if (environment_.shouldStop() || !environment_.ownerAlive(owner_.pid, owner_.uid)) {
+        return true;
+    }
+    const ConditionGuard guard(lock_);
+    return finished_;
+}
+
+void SessionControl::requireGoingOn() {
+    if (isEnding()) {
+        throw ScopeError(kSessionEnds);
+    }
 }
 
 void SessionControl::startProfile(const ControlRequest& request) {
@@ -106,11 +143,46 @@ void SessionControl::startProfile(const ControlRequest& request) {
     });
 }
 
+ControlReply SessionControl::switchTurbo(bool disable) {
+    requireGoingOn();
+    const TurboNews news(*sampler_);
+    TurboChange(*power_).apply(disable);
+    const auto turbo = power_->turboState();
+    const ConditionGuard guard(lock_);
+    return stateLocked(turbo);
+}
+
+ControlReply SessionControl::optimize(const PowerOptimizationPlan& plan) {
+    requireGoingOn();
+    const TurboNews news(*sampler_);
+    PowerOutcome outcome = PowerTransaction::apply(plan, *power_);
+    const char* message = outcome.changed ? "优化设置已确认生效" : "所选设置已满足";
+    return powerReply(std::move(outcome), message);
+}
+
+ControlReply SessionControl::restore(const PowerBackup& backup) {
+    requireGoingOn();
+    const TurboNews news(*sampler_);
+    PowerOutcome outcome = PowerTransaction::restore(backup, *power_);
+    const char* message = outcome.skipped == 0 ? "原设置已恢复" : "恢复已结束；外部更改保留";
+    return powerReply(std::move(outcome), message);
+}
+
+void SessionControl::takeBack(const ControlReply& undelivered) noexcept {
+    if (!undelivered.power || !undelivered.power->backup) {
+        return;
+    }
+    try {
+        PowerTransaction::takeBack(*undelivered.power->backup, *power_);
+    } catch (const std::exception& error) {
+        reportLine(environment_.errorDescriptor, userText(error));
+    }
+}
+
 void SessionControl::returnFans() {
     {
         const ConditionGuard guard(lock_);
         requireStoppedLocked();
-        returning_ = true;  // the watchdog waits for this as for a lease
     }
     std::exception_ptr failure;
     try {
@@ -120,9 +192,6 @@ void SessionControl::returnFans() {
     }
     // A fan that is held and no longer listed was not among them.
     const std::exception_ptr unreturned = returnHeldFans();
-    const ConditionGuard guard(lock_);
-    returning_ = false;
-    lock_.broadcast();
     if (failure || unreturned) {
         std::rethrow_exception(failure ? failure : unreturned);
     }
@@ -147,7 +216,9 @@ ControlReply SessionControl::status() {
 
 ControlReply SessionControl::stateLocked(std::optional<std::int64_t> turbo) {
     const bool held = running_ && lease_ && lease_->applied;
-    ControlReply reply{true, held ? kConfirmed : kSystemManaged};
+    ControlReply reply{true, unreturned_ ? textOf(unreturned_)
+                             : held      ? kConfirmed
+                                         : kSystemManaged};
     reply.turbo = turbo;
     if (running_ && lease_ && !unreturned_) {
         reply.session = lease_->session;
@@ -171,8 +242,6 @@ ControlReply SessionControl::confirmed() {
 ControlReply SessionControl::powerReply(PowerOutcome outcome, const char* message) {
     const auto turbo = power_->turboState();
     const ConditionGuard guard(lock_);
-    // Not as status(), which may throw: the settings are changed, and the monitor needs the record
-    // of it whatever has become of the fans.
     ControlReply reply = stateLocked(turbo);
     reply.message = message;
     reply.power = std::move(outcome);
@@ -213,18 +282,17 @@ void SessionControl::beginLocked(const std::string& mode, const std::string& nam
     running_ = true;
 }
 
-bool SessionControl::stopLocked() {
+void SessionControl::askToStopLocked() {
     if (running_) {
         stopRequested_ = true;
         lock_.broadcast();
     }
-    return lock_.waitLocked(environment_.timings.leaseEnd, environment_.timings.leasePoll,
-                            environment_.uptime,
-                            [this]() FV_REQUIRES(lock_) { return !running_ && !returning_; });
 }
 
 void SessionControl::requireStoppedLocked() {
-    if (!stopLocked()) {
+    askToStopLocked();
+    if (!lock_.waitLocked(environment_.timings.leaseEnd, environment_.timings.leasePoll,
+                          environment_.uptime, [this]() FV_REQUIRES(lock_) { return !running_; })) {
         throw ScopeError(kOldLeaseRuns);
     }
 }
@@ -244,10 +312,14 @@ void SessionControl::awaitConfirmation() {
     }
 }
 
-bool SessionControl::finish() {
+std::string_view SessionControl::finish() {
     const ConditionGuard guard(lock_);
     finished_ = true;
-    return stopLocked() && !unreturned_;
+    askToStopLocked();
+    lock_.waitLocked(environment_.timings.leaseEnd, environment_.timings.leasePoll,
+                     environment_.uptime,
+                     [this]() FV_REQUIRES(lock_) { return !running_ && !serving_; });
+    return running_ || unreturned_ ? kRestoreFailed : serving_ ? kUnfinished : std::string_view();
 }
 
 // ---- On the lease's thread --------------------------------------------------------------------
@@ -256,10 +328,13 @@ void SessionControl::runLease(const FanCurve& curve, double duration) noexcept {
     // First what an earlier lease could not hand back: such a fan is not free to be taken.
     std::exception_ptr failure = returnHeldFans();
     if (!failure) {
+        sampler_->reset();
+        sampler_->refreshTurbo();
         try {
             holdCurve(curve, duration);
         } catch (...) {
             failure = std::current_exception();
+            reportLateFailure(failure);
         }
         keepReturning(failure);
     }
@@ -267,6 +342,17 @@ void SessionControl::runLease(const FanCurve& curve, double duration) noexcept {
     lease_->failure = failure;
     running_ = false;
     lock_.broadcast();
+}
+
+// Whoever asked for the lease has his reply already.
+void SessionControl::reportLateFailure(const std::exception_ptr& failure) noexcept {
+    const bool applied = [this] {
+        const ConditionGuard guard(lock_);
+        return lease_->applied;
+    }();
+    if (applied) {
+        reportFailure(environment_.errorDescriptor, failure);
+    }
 }
 
 // Nobody may ask for the fans that the lease left in the next half hour. Whatever asks this lease
@@ -304,8 +390,7 @@ void SessionControl::holdCurve(const FanCurve& curve, double duration) {
 }
 
 bool SessionControl::mustStop() {
-    // Looked at here too, and not only by the watchdog: the fans must not depend on one thread.
-    if (environment_.shouldStop() || !environment_.ownerAlive(owner_.pid, owner_.uid)) {
+    if (isEnding()) {
         return true;
     }
     const ConditionGuard guard(lock_);

@@ -6,6 +6,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <thread>
 
 #include "core/control/control_reply.h"
@@ -25,13 +26,33 @@ public:
     // The environment must outlive this.
     SessionControl(SessionOwner owner, const HelperEnvironment& environment);
 
-    // The lease must have ended: finish() has returned true.
+    // The lease must have ended: finish() has returned nothing.
     ~SessionControl();
     SessionControl(const SessionControl&) = delete;
     SessionControl& operator=(const SessionControl&) = delete;
 
+    // While one lives, a request is being served, the delivery of its reply included: finish()
+    // waits for that as for a lease.
+    class Serving {
+    public:
+        explicit Serving(SessionControl& control) : control_(control) { control_.serve(true); }
+        Serving(const Serving&) = delete;
+        Serving& operator=(const Serving&) = delete;
+        ~Serving() { control_.serve(false); }
+
+    private:
+        SessionControl& control_;
+    };
+
     // Serves one request and returns its reply; throws ScopeError with the text of a failure reply.
     ControlReply handle(const ControlRequest& request);
+
+    // Undoes what a reply that could not be delivered is the only record of. What stays changed is
+    // reported on the error descriptor.
+    void takeBack(const ControlReply& undelivered) noexcept;
+
+    // The session is to end: whatever is being done is given up and undone. Any thread.
+    bool isEnding() FV_EXCLUDES(lock_);
 
     // The state of the session now. Throws while fans that a lease could not hand back are not
     // known to be automatic again.
@@ -42,9 +63,11 @@ public:
     void start(const FanCurve& curve, const std::string& mode, const std::string& name,
                double duration) FV_EXCLUDES(lock_);
 
-    // Ends the session's fan control for good: asks the lease to stop, waits for it and returns
-    // whether every fan is known to have been handed back. Any thread; may be called again.
-    bool finish() FV_EXCLUDES(lock_);
+    // Ends the session's work for good: asks the lease and the request that is being served to end,
+    // waits for both and returns nothing when every fan is known to have been handed back and the
+    // request is over; else what has to be reported, which is a constant. Any thread; may be called
+    // again.
+    std::string_view finish() FV_EXCLUDES(lock_);
 
 private:
     struct Lease {
@@ -57,7 +80,12 @@ private:
         std::exception_ptr failure;
     };
 
+    void serve(bool begins) FV_EXCLUDES(lock_);
+    void requireGoingOn();
     void startProfile(const ControlRequest& request);
+    ControlReply switchTurbo(bool disable) FV_EXCLUDES(lock_);
+    ControlReply optimize(const PowerOptimizationPlan& plan);
+    ControlReply restore(const PowerBackup& backup);
     void returnFans() FV_EXCLUDES(lock_);
     std::exception_ptr returnHeldFans() noexcept FV_EXCLUDES(lock_);
     ControlReply confirmed();
@@ -66,12 +94,13 @@ private:
 
     void beginLocked(const std::string& mode, const std::string& name, double duration)
         FV_REQUIRES(lock_);
+    void askToStopLocked() FV_REQUIRES(lock_);
     void requireStoppedLocked() FV_REQUIRES(lock_);
-    bool stopLocked() FV_REQUIRES(lock_);
     void awaitConfirmation() FV_EXCLUDES(lock_);
 
     void runLease(const FanCurve& curve, double duration) noexcept FV_EXCLUDES(lock_);
     void holdCurve(const FanCurve& curve, double duration);
+    void reportLateFailure(const std::exception_ptr& failure) noexcept FV_EXCLUDES(lock_);
     void keepReturning(const std::exception_ptr& failure) noexcept FV_EXCLUDES(lock_);
     bool mustStop() FV_EXCLUDES(lock_);
     void waitForRound(double left) FV_EXCLUDES(lock_);
@@ -87,7 +116,7 @@ private:
 
     ConditionLock lock_;
     bool running_ FV_GUARDED_BY(lock_) = false;        // a lease of this session runs
-    bool returning_ FV_GUARDED_BY(lock_) = false;      // a request is handing fans back
+    bool serving_ FV_GUARDED_BY(lock_) = false;        // a request is being served
     bool stopRequested_ FV_GUARDED_BY(lock_) = false;  // the running lease is to end
     bool finished_ FV_GUARDED_BY(lock_) = false;       // nothing new may start
     std::optional<Lease> lease_ FV_GUARDED_BY(lock_);

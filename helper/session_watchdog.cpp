@@ -1,5 +1,7 @@
 #include "helper/session_watchdog.h"
 
+#include <poll.h>
+
 #include <system_error>
 #include <utility>
 
@@ -19,10 +21,10 @@ std::thread startThread(std::function<void()> work) {
 }  // namespace
 
 SessionWatchdog::SessionWatchdog(SessionOwner owner, const HelperEnvironment& environment,
-                                 std::function<void()> endFanControl)
+                                 std::function<void()> finish)
     : owner_(owner),
       environment_(environment),
-      endFanControl_(std::move(endFanControl)),
+      finish_(std::move(finish)),
       thread_(startThread([this] { watch(); })) {}
 
 void SessionWatchdog::stop() {
@@ -39,8 +41,9 @@ void SessionWatchdog::stop() {
 void SessionWatchdog::watch() noexcept {
     environment_.useUtilityPriority();
     while (!sleepUntilStopped()) {
-        if (environment_.shouldStop() || !environment_.ownerAlive(owner_.pid, owner_.uid)) {
-            endFanControl_();
+        if (environment_.shouldStop() || !environment_.ownerAlive(owner_.pid, owner_.uid) ||
+            hungUp()) {
+            finish_();
             environment_.endProcess(0);
             return;
         }
@@ -52,6 +55,15 @@ bool SessionWatchdog::sleepUntilStopped() {
     const ConditionGuard guard(lock_);
     return lock_.waitLocked(poll, poll, environment_.uptime,
                             [this]() FV_REQUIRES(lock_) { return stopped_; });
+}
+
+// What was written before the hang-up may still be unread, and short requests get their replies.
+bool SessionWatchdog::hungUp() {
+    pollfd input{environment_.inputDescriptor, POLLIN, 0};
+    if (!hungUpAt_ && ::poll(&input, 1, 0) > 0 && (input.revents & POLLHUP) != 0) {
+        hungUpAt_ = environment_.uptime();
+    }
+    return hungUpAt_ && environment_.uptime() - *hungUpAt_ >= environment_.timings.hangUp;
 }
 
 }  // namespace ferovane

@@ -7,12 +7,16 @@
 
 namespace ferovane {
 
+SystemPowerAccess::SystemPowerAccess(ToolKeeper& keeper, std::function<bool()> stop)
+    : run_(ProcessRunner::runner({.keeper = &keeper, .stop = stop})),
+      undisturbed_(stop ? std::make_unique<SystemPowerAccess>(keeper) : nullptr) {}
+
 PowerConfiguration SystemPowerAccess::configuration() {
-    return NativePowerSettings::read();
+    return NativePowerSettings::read(run_);
 }
 
 void SystemPowerAccess::set(PowerSetting setting, PowerSource source, std::int64_t value) {
-    NativePowerSettings::write(setting, source, value);
+    NativePowerSettings::write(setting, source, value, run_);
 }
 
 std::optional<PowerSource> SystemPowerAccess::currentSource() {
@@ -32,7 +36,11 @@ std::optional<std::int64_t> SystemPowerAccess::turboState() {
 }
 
 void SystemPowerAccess::setTurbo(bool disabled) {
-    ferovane::setTurbo(disabled);
+    ferovane::setTurbo(disabled, run_);
+}
+
+PowerSettingsAccess& SystemPowerAccess::undisturbed() {
+    return undisturbed_ ? *undisturbed_ : *this;
 }
 
 }  // namespace ferovane

@@ -1,5 +1,7 @@
 #include "helper/turbo_change.h"
 
+#include "core/power/process_runner.h"
+
 namespace ferovane {
 
 void TurboChange::apply(bool disable) {
@@ -8,10 +10,15 @@ void TurboChange::apply(bool disable) {
     if (state == wanted) {
         return;
     }
-    access_.setTurbo(disable);
     // From an unknown state there is nothing to go back to.
     if (state) {
         disabledBefore_ = *state == 1;
+    }
+    try {
+        access_.setTurbo(disable);
+    } catch (const WorkStopped& stop) {
+        rollBack(stop);
+        throw;
     }
 }
 
@@ -20,7 +27,7 @@ void TurboChange::rollBack(const std::exception& cause) {
         return;
     }
     try {
-        access_.setTurbo(*disabledBefore_);
+        access_.undisturbed().setTurbo(*disabledBefore_);
     } catch (const std::exception& error) {
         throw ScopeError(describe(cause) + "；睿频回退失败：" + describe(error));
     }

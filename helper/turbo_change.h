@@ -1,4 +1,4 @@
-// The turbo choice of a profile, taken back when the fans cannot follow it.
+// A turbo choice that can be taken back: when it is cut in, or when the fans cannot follow it.
 #pragma once
 
 #include <cstdint>
@@ -16,7 +16,8 @@ public:
     // Changes nothing yet. The access must outlive this.
     explicit TurboChange(PowerSettingsAccess& access) : access_(access) {}
 
-    // Disables or enables turbo unless it is so already; throws when that is not confirmed.
+    // Disables or enables turbo unless it is so already; throws when that is not confirmed. A
+    // change that is given up (WorkStopped) is put back as by rollBackOnFailure.
     void apply(bool disable);
 
     // Runs the fan part. When it throws and turbo had been changed from a known state, turbo is put
@@ -36,7 +37,7 @@ private:
     void rollBack(const std::exception& cause);
 
     PowerSettingsAccess& access_;
-    std::optional<bool> disabledBefore_;  // present once changed from a known state
+    std::optional<bool> disabledBefore_;  // present once a change from a known state began
 };
 
 }  // namespace ferovane

@@ -5,7 +5,8 @@
 
 namespace ferovane {
 
-// Each prints its confirmation, or throws when the change was not confirmed.
+// Each prints its confirmation, or throws when the change was not confirmed. A stop signal cuts it
+// in: turbo is put back then.
 void disableTurbo(const HelperEnvironment& environment);
 void enableTurbo(const HelperEnvironment& environment);
 

@@ -129,7 +129,9 @@ void fv_name_thread(const char* name); /* the calling one; at most 15 bytes */
 /* Starts path with argv (null-terminated, argv[0] included) in its own process group: null standard
  * input, output_fd as both outputs, no other descriptor of ours, default signals, an environment of
  * PATH and LANG alone. path is absolute. 0 and *pid, or an errno value (EINVAL for a bad argument).
- * The caller waits for the child. */
+ * The child stands before its first instruction until it gets SIGCONT; when this process ends
+ * before that, the system ends it too (a stopped group that nobody is left for gets SIGHUP). The
+ * caller waits for the child. */
 int fv_spawn_tool(const char* path, const char* const argv[], int output_fd, int32_t* pid);
 
 /* Starts the file at path, which is absolute, with name as its only argument (number 0), in a session

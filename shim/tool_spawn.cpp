@@ -121,7 +121,8 @@ int fv_spawn_tool(const char* path, const char* const argv[], int output_fd, int
     actions.copy(output_fd, kStandardError);
     actions.openNull(kStandardInput, O_RDONLY);
     char* const environment[] = {const_cast<char*>(kPath), const_cast<char*>(kLanguage), nullptr};
-    return spawn(path, argv, actions, POSIX_SPAWN_SETPGROUP, environment, pid);
+    return spawn(path, argv, actions, POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_START_SUSPENDED,
+                 environment, pid);
 }
 
 int fv_spawn_companion(const char* path, const char* name, int input_fd, int32_t* pid) {

@@ -16,8 +16,29 @@ namespace {
 
 constexpr std::size_t kReadBytes = 4096;
 
+// What a pipe takes without blocking once it says that it takes anything.
+constexpr std::size_t kWriteBytes = 512;
+
+constexpr int kSendPollMilliseconds = 100;  // between looks at whether sending is given up
+
 [[noreturn]] void failTooLong() {
     throw ScopeError("控制消息过长");
+}
+
+[[noreturn]] void failToSend() {
+    throw ScopeError("辅助进程写入失败");
+}
+
+// A descriptor that cannot be polled is simply written to.
+void awaitReader(int fd, const std::function<bool()>& giveUp) {
+    pollfd waiting{fd, POLLOUT, 0};
+    int ready = 0;
+    while ((ready = poll(&waiting, 1, kSendPollMilliseconds)) == 0 ||
+           (ready < 0 && errno == EINTR)) {
+        if (giveUp && giveUp()) {
+            failToSend();
+        }
+    }
 }
 
 }  // namespace
@@ -74,7 +95,7 @@ bool ControlChannel::waitUntilReadable(double deadline) const {
 bool ControlChannel::receive() {
     std::array<char, kReadBytes> chunk{};
     const ssize_t count = read(fd_, chunk.data(), chunk.size());
-    if (count < 0 && errno != EINTR) {
+    if (count < 0 && errno != EINTR && errno != EAGAIN) {
         throw ScopeError("辅助进程读取失败");
     }
     if (count > 0) {
@@ -83,17 +104,18 @@ bool ControlChannel::receive() {
     return count != 0;
 }
 
-void ControlChannel::sendLine(std::string line) const {
+void ControlChannel::sendLine(std::string line, const std::function<bool()>& giveUp) const {
     if (line.size() > kMaxControlLineBytes) {
         failTooLong();
     }
     line += '\n';
     for (std::string_view rest = line; !rest.empty();) {
-        const ssize_t count = write(fd_, rest.data(), rest.size());
+        awaitReader(fd_, giveUp);
+        const ssize_t count = write(fd_, rest.data(), std::min(rest.size(), kWriteBytes));
         if (count > 0) {
             rest.remove_prefix(static_cast<std::size_t>(count));
-        } else if (count == 0 || errno != EINTR) {
-            throw ScopeError("辅助进程写入失败");  // nothing written would go on for ever
+        } else if (count == 0 || (errno != EINTR && errno != EAGAIN)) {
+            failToSend();  // nothing written would go on for ever
         }
     }
 }

@@ -17,9 +17,9 @@ inline constexpr std::size_t kMaxControlLineBytes = 16383;
 // A single wait for a peer; a longer time-out is made of several.
 inline constexpr double kLongestControlWaitSeconds = 150;
 
-// Used by one thread at a time. The descriptor is the caller's, to open and to close; it blocks,
-// and a write to it whose reader is gone must not raise SIGPIPE. After an error the channel stays
-// usable as far as the descriptor is, with the bytes received so far kept.
+// Used by one thread at a time. The descriptor is the caller's, to open and to close; whether it
+// blocks is all one, and a write to it whose reader is gone must not raise SIGPIPE. After an error
+// the channel stays usable as far as the descriptor is, with the bytes received so far kept.
 class ControlChannel {
 public:
     using Uptime = std::function<double()>;  // seconds, monotonic
@@ -33,18 +33,19 @@ public:
     // `timeoutSeconds` (0 or less: unless it is here already), and when the descriptor fails.
     std::optional<std::string> readLine(double timeoutSeconds);
 
-    // Writes a value as one line, however long the reader takes. Throws ScopeError, with nothing
-    // written, when the line would be longer than allowed, and when the descriptor fails.
+    // Writes a value as one line, however long the reader takes, or until `giveUp` while it takes
+    // nothing. Throws ScopeError, with nothing written, when the line would be longer than allowed,
+    // and when the descriptor fails or the line was given up.
     template <class T>
-    void send(const T& value) {
-        sendLine(encodeJson(value));
+    void send(const T& value, const std::function<bool()>& giveUp = {}) {
+        sendLine(encodeJson(value), giveUp);
     }
 
 private:
     std::optional<std::string> takeLine();
     bool waitUntilReadable(double deadline) const;
     bool receive();
-    void sendLine(std::string line) const;
+    void sendLine(std::string line, const std::function<bool()>& giveUp) const;
 
     int fd_;
     Uptime uptime_;

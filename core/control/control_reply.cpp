@@ -1,5 +1,6 @@
 #include "core/control/control_reply.h"
 
+#include <algorithm>
 #include <string_view>
 #include <utility>
 
@@ -10,7 +11,16 @@
 namespace ferovane {
 namespace {
 
-constexpr std::string_view kOmission = "…（内容过长，其余已省略）";
+constexpr std::string_view kOmission = "…（内容过长，中间已省略）…";
+
+// The end of a well-formed text in at most `limit` bytes, cut between characters.
+std::string_view utf8Suffix(std::string_view text, std::size_t limit) {
+    std::size_t begin = text.size() - std::min(limit, text.size());
+    while (begin < text.size() && utf8Prefix(text, begin).size() != begin) {
+        ++begin;
+    }
+    return text.substr(begin);
+}
 
 bool fits(const ControlReply& reply) {
     return encodeJson(reply).size() <= kMaxControlLineBytes;
@@ -24,15 +34,19 @@ ControlReply fittedToLine(ControlReply reply) {
     }
     // Characters that need escaping take more room in the line than in the message, so how much of
     // it fits is found by trying. It never takes less, which bounds what is worth trying.
-    std::string whole = repairUtf8(reply.message);
-    whole.resize(utf8Prefix(whole, kMaxControlLineBytes).size());
+    const std::string whole = repairUtf8(reply.message);
+    const auto shorten = [&](std::size_t bytes) {
+        const std::string_view head = utf8Prefix(whole, bytes - bytes / 2);
+        reply.message.assign(head).append(kOmission).append(utf8Suffix(whole, bytes / 2));
+        return fits(reply);
+    };
     std::size_t fitting = 0;
-    for (std::size_t tooMuch = whole.size() + 1; tooMuch - fitting > 1;) {
+    for (std::size_t tooMuch = std::min(whole.size(), kMaxControlLineBytes) + 1;
+         tooMuch - fitting > 1;) {
         const std::size_t tried = fitting + (tooMuch - fitting) / 2;
-        reply.message = std::string(utf8Prefix(whole, tried)).append(kOmission);
-        (fits(reply) ? fitting : tooMuch) = tried;
+        (shorten(tried) ? fitting : tooMuch) = tried;
     }
-    reply.message = std::string(utf8Prefix(whole, fitting)).append(kOmission);
+    shorten(fitting);
     return reply;
 }
 

@@ -33,8 +33,9 @@ struct ControlReply {
     }
 };
 
-// The reply as it can be sent: when its line would be longer than a channel accepts, the message is
-// cut between characters and ends by saying so. Everything else stays; it is never that long.
+// The reply as it can be sent: when its line would be longer than a channel accepts, the message
+// loses its middle, between characters, and says so there: what failed first and what failed last
+// both stay. Everything else stays; it is never that long.
 ControlReply fittedToLine(ControlReply reply);
 
 }  // namespace ferovane

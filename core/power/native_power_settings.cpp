@@ -13,27 +13,17 @@ constexpr const char* kTool = "/usr/bin/pmset";
 constexpr double kReadSeconds = 8;    // the tool only prints what the system has cached
 constexpr double kWriteSeconds = 12;  // it waits for the power daemon to store the change
 
-CommandResult runTool(const std::string& path, const std::vector<std::string>& arguments,
-                      double timeout) {
-    return ProcessRunner::run(path, arguments, timeout);
-}
-
 }  // namespace
-
-PowerConfiguration NativePowerSettings::read() {
-    return read(runTool);
-}
 
 PowerConfiguration NativePowerSettings::read(const ToolRunner& run) {
     const auto result = run(kTool, {"-g", "custom"}, kReadSeconds);
+    if (result.outputLost) {
+        throw ScopeError("磁盘空间不足，无法取得电源设置");
+    }
     if (result.status != 0) {
         throw ScopeError("电源设置读取失败");
     }
     return PowerConfiguration::parse(result.output);
-}
-
-void NativePowerSettings::write(PowerSetting setting, PowerSource source, std::int64_t value) {
-    write(setting, source, value, runTool);
 }
 
 void NativePowerSettings::write(PowerSetting setting, PowerSource source, std::int64_t value,

@@ -9,13 +9,12 @@
 
 namespace ferovane::NativePowerSettings {
 
-// The default is ProcessRunner with its own limits.
-PowerConfiguration read();
-PowerConfiguration read(const ToolRunner& run);
+// A full disk, which keeps what the tool says from being had, is told as such.
+PowerConfiguration read(const ToolRunner& run = ProcessRunner::runner());
 
 // Returns once the value has been read back; throws otherwise, and leaves whatever the tool did.
 // A value out of the setting's range throws before anything is run.
-void write(PowerSetting setting, PowerSource source, std::int64_t value);
-void write(PowerSetting setting, PowerSource source, std::int64_t value, const ToolRunner& run);
+void write(PowerSetting setting, PowerSource source, std::int64_t value,
+           const ToolRunner& run = ProcessRunner::runner());
 
 }  // namespace ferovane::NativePowerSettings

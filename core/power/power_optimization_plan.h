@@ -8,7 +8,6 @@
 
 #include "core/model/json_fields.h"
 #include "core/power/power_configuration.h"
-#include "core/power/power_edit.h"
 #include "core/power/power_settings.h"
 
 namespace ferovane {

@@ -33,4 +33,8 @@ bool valid(PowerSetting setting, std::int64_t value) {
     return value >= 0 && value <= maximum;
 }
 
+std::string PowerEdit::id() const {
+    return std::string(rawValue(source)).append(":").append(rawValue(key));
+}
+
 }  // namespace ferovane

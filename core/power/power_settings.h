@@ -4,8 +4,11 @@
 
 #include <array>
 #include <cstdint>
+#include <string>
 #include <string_view>
+#include <tuple>
 
+#include "core/model/json_fields.h"
 #include "core/model/raw_enum.h"
 
 namespace ferovane {
@@ -47,6 +50,25 @@ struct RawEnum<PowerScope> {
         {PowerScope::current, "current"},
         {PowerScope::batteryAutomatic, "batteryAutomatic"},
     }};
+};
+
+// One change of one power setting on one source.
+struct PowerEdit {
+    PowerSource source = PowerSource::ac;
+    PowerSetting key = PowerSetting::lowPowerMode;
+    std::int64_t before = 0;  // read before the change
+    std::int64_t after = 0;   // to be written
+
+    // "battery:sleep": a list holds at most one edit of each pair.
+    std::string id() const;
+
+    bool operator==(const PowerEdit&) const = default;
+
+    static constexpr auto jsonFields() {
+        using R = PowerEdit;
+        return std::tuple{jsonField("source", &R::source), jsonField("key", &R::key),
+                          jsonField("before", &R::before), jsonField("after", &R::after)};
+    }
 };
 
 }  // namespace ferovane

@@ -9,7 +9,8 @@
 
 namespace ferovane {
 
-// Failures are ScopeErrors. Used by one thread at a time; every call may wait for a tool.
+// Failures are ScopeErrors. Used by one thread at a time; every call may wait for a tool, and
+// throws WorkStopped, with the tool ended at whatever it had done, once the work is to be given up.
 class PowerSettingsAccess {
 public:
     virtual ~PowerSettingsAccess() = default;
@@ -31,6 +32,10 @@ public:
 
     // Disables or enables turbo and returns once that has been confirmed; throws otherwise.
     virtual void setTurbo(bool disabled) = 0;
+
+    // The same machine for whoever puts back what was changed: nothing is given up there. Lives as
+    // long as this.
+    virtual PowerSettingsAccess& undisturbed() = 0;
 };
 
 }  // namespace ferovane

@@ -1,8 +1,11 @@
 #include "core/power/power_transaction.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <exception>
+#include <set>
 #include <string>
+#include <utility>
 
 #include "core/model/scope_error.h"
 
@@ -12,6 +15,8 @@ namespace {
 
 constexpr std::int64_t kTurboEnabled = 0;   // the driver is not loaded
 constexpr std::int64_t kTurboDisabled = 1;  // the driver is loaded
+
+constexpr const char* kNotPutBack = "部分原设置未确认恢复：";
 
 // What is left to do once every check has passed.
 struct Work {
@@ -48,6 +53,14 @@ class Changes {
 public:
     Changes(const Work& work, PowerSettingsAccess& access) : work_(work), access_(access) {}
 
+    // All of them made before.
+    static Changes made(const Work& work, PowerSettingsAccess& access) {
+        Changes changes(work, access);
+        changes.begun_ = changes.done_ = work.edits.size();
+        changes.turboBegun_ = changes.turboDone_ = work.switchesTurbo;
+        return changes;
+    }
+
     void make() {
         for (const auto& edit : work_.edits) {
             ++begun_;
@@ -61,8 +74,10 @@ public:
         }
     }
 
-    // Tries every change begun, the last one first, and returns what failed.
+    // Tries every change begun, the last one first, and returns what failed. Nothing cuts this in:
+    // a change that stayed would be recorded nowhere.
     std::vector<std::string> putBack() {
+        PowerSettingsAccess& access = access_.undisturbed();
         std::vector<std::string> failures;
         const auto attempt = [&](const auto& change) {
             try {
@@ -72,15 +87,15 @@ public:
             }
         };
         attempt([&] {
-            if (turboToPutBack()) {
-                access_.setTurbo(false);
+            if (turboToPutBack(access)) {
+                access.setTurbo(false);
             }
         });
-        const auto now = readingIfAny();
+        const auto now = readingIfAny(access);
         for (std::size_t index = begun_; index-- > 0;) {
             const auto& edit = work_.edits[index];
             if (toPutBack(edit, index < done_, now.value(edit.key, edit.source))) {
-                attempt([&] { access_.set(edit.key, edit.source, edit.before); });
+                attempt([&] { access.set(edit.key, edit.source, edit.before); });
             }
         }
         return failures;
@@ -90,8 +105,8 @@ private:
     // A failed change may have taken effect nevertheless (a tool that was too slow, a read-back
     // that failed). Nobody would hold a record of it, so it is undone unless the machine shows that
     // there is nothing to undo; when that fails too, the user hears of it.
-    bool turboToPutBack() {
-        return turboDone_ || (turboBegun_ && access_.turboState() != kTurboEnabled);
+    bool turboToPutBack(PowerSettingsAccess& access) const {
+        return turboDone_ || (turboBegun_ && access.turboState() != kTurboEnabled);
     }
 
     static bool toPutBack(const PowerEdit& edit, bool confirmed,
@@ -104,12 +119,12 @@ private:
     }
 
     // Without a reading every change that was begun is put back all the same.
-    PowerConfiguration readingIfAny() {
+    PowerConfiguration readingIfAny(PowerSettingsAccess& access) const {
         if (begun_ == 0) {
             return {};
         }
         try {
-            return access_.configuration();
+            return access.configuration();
         } catch (const std::exception&) {
             return {};
         }
@@ -136,6 +151,25 @@ bool restoreTurbo(std::int64_t before, PowerSettingsAccess& access, std::int64_t
 
 }  // namespace
 
+PowerBackup::PowerBackup(std::vector<PowerEdit> editsMade,
+                         std::optional<std::int64_t> turboStateBefore, Date created)
+    : id(Uuid::random()),
+      date(created),
+      edits(std::move(editsMade)),
+      turboBefore(turboStateBefore) {}
+
+void PowerBackup::validate() const {
+    std::set<std::pair<PowerSource, PowerSetting>> pairs;
+    const bool editsValid = std::all_of(edits.begin(), edits.end(), [&](const PowerEdit& edit) {
+        return valid(edit.key, edit.before) && valid(edit.key, edit.after) &&
+               pairs.emplace(edit.source, edit.key).second;
+    });
+    const bool turboValid = !turboBefore || *turboBefore == 0 || *turboBefore == 1;
+    if (!editsValid || !turboValid) {
+        throw ScopeError("恢复记录无效");
+    }
+}
+
 PowerOutcome PowerTransaction::apply(const PowerOptimizationPlan& plan, PowerSettingsAccess& access,
                                      const std::function<Date()>& now) {
     const auto work = check(plan, access);
@@ -151,13 +185,21 @@ PowerOutcome PowerTransaction::apply(const PowerOptimizationPlan& plan, PowerSet
         if (notRestored.empty()) {
             throw;
         }
-        throw ScopeError(describe(failure) + "；部分原设置未确认恢复：" +
-                         joinFailures(notRestored));
+        throw ScopeError(describe(failure) + "；" + kNotPutBack + joinFailures(notRestored));
     }
 }
 
-PowerOutcome PowerTransaction::restore(const PowerBackup& backup, PowerSettingsAccess& access) {
+void PowerTransaction::takeBack(const PowerBackup& backup, PowerSettingsAccess& access) {
+    const Work work{backup.edits, 0, backup.turboBefore.has_value()};
+    const auto notRestored = Changes::made(work, access).putBack();
+    if (!notRestored.empty()) {
+        throw ScopeError(kNotPutBack + joinFailures(notRestored));
+    }
+}
+
+PowerOutcome PowerTransaction::restore(const PowerBackup& backup, PowerSettingsAccess& given) {
     backup.validate();
+    PowerSettingsAccess& access = given.undisturbed();
     const auto configuration = access.configuration();
     PowerOutcome outcome;
     for (auto edit = backup.edits.rbegin(); edit != backup.edits.rend(); ++edit) {

@@ -10,7 +10,6 @@
 #include "core/model/date.h"
 #include "core/model/json_fields.h"
 #include "core/model/uuid.h"
-#include "core/power/power_edit.h"
 #include "core/power/power_optimization_plan.h"
 #include "core/power/power_settings_access.h"
 
@@ -60,14 +59,19 @@ namespace PowerTransaction {
 
 // Checks everything, then changes settings in the plan's order and turbo last. When a change fails,
 // the ones made before it are put back in reverse order; so is the failed one if it took effect
-// after all. Throws the failure as it was, or joined with what could not be put back. `skipped`
-// counts the settings that already had the wanted value.
+// after all, whether it failed or the work was given up. Throws the failure as it was, or joined
+// with what could not be put back. `skipped` counts the settings that already had the wanted value.
 PowerOutcome apply(const PowerOptimizationPlan& plan, PowerSettingsAccess& access,
                    const std::function<Date()>& now = Date::now);
 
+// Undoes an apply whose outcome reaches nobody, undisturbed: tries every change that is still as the
+// plan left it, the last one first, and throws what could not be put back.
+void takeBack(const PowerBackup& backup, PowerSettingsAccess& access);
+
 // Undoes, from the last edit to the first, whatever is still as the plan left it; values changed by
 // someone else since, and values that cannot be read, are left alone and counted in `skipped`.
-// Restoring again changes nothing. The first failing write ends the restore.
+// Restoring again changes nothing. The first failing write ends the restore; it is not given up,
+// but goes on undisturbed.
 PowerOutcome restore(const PowerBackup& backup, PowerSettingsAccess& access);
 
 }  // namespace PowerTransaction

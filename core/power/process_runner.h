@@ -8,11 +8,15 @@
 #include <string_view>
 #include <vector>
 
+#include "core/model/scope_error.h"
+#include "core/power/tool_keeper.h"
+
 namespace ferovane {
 
 struct CommandResult {
     std::int32_t status = 0;  // exit status; the signal's number for a tool that died of one
     std::string output;       // standard output and error as written, valid UTF-8
+    bool outputLost = false;  // the disk is full: some of it may be missing
 
     bool operator==(const CommandResult&) const = default;
 };
@@ -21,20 +25,35 @@ struct CommandResult {
 using ToolRunner = std::function<CommandResult(
     const std::string& path, const std::vector<std::string>& arguments, double timeout)>;
 
+// The work was given up because its process is to end. What it has changed is to be put back.
+class WorkStopped : public ScopeError {
+public:
+    WorkStopped() : ScopeError("会话正在结束，操作已中止") {}
+};
+
 namespace ProcessRunner {
 
-struct Limits {
-    double graceSeconds = 2;            // from asking a late tool to end until it is killed
-    std::size_t outputBytes = 1 << 20;  // output beyond this is dropped: it ends up in a message
+// Who watches over a tool, and within which limits.
+struct Supervision {
+    ToolKeeper* keeper = nullptr;         // told of the tool; null: nobody is
+    std::function<bool()> stop = {};      // true once the work is to be given up; empty: never
+    double graceSeconds = 2;              // from asking a late tool to end until it is killed
+    std::size_t outputBytes = 1 << 20;    // output beyond this is dropped: it goes into a message
+    std::size_t writtenBytes = 16 << 20;  // a tool that writes more than this is killed
 };
 
 // Runs a tool to its end and returns what it said. Sleep of the machine does not count towards the
 // time-out. Nothing of the tool's process group survives the call, and no file, descriptor or
-// unreaped process stays behind, however it ends. Throws when the output file cannot be made, the
-// tool cannot be started, or the time is up (the output is lost then). May be called from several
-// threads at once; signals do not interrupt it.
+// unreaped process stays behind, however it ends; one that the kernel does not let die is left to
+// the end of this process. Throws when the output file cannot be made, the tool cannot be started,
+// the keeper does not take it, the time is up, it writes without end, or a stop is wished for
+// (WorkStopped, also before the start); the output is lost then. May be called from several threads
+// at once; signals do not interrupt it.
 CommandResult run(const std::string& path, const std::vector<std::string>& arguments,
-                  double timeout, const Limits& limits = {});
+                  double timeout, const Supervision& supervision = {});
+
+// The same as a rule is given it.
+ToolRunner runner(Supervision supervision = {});
 
 // The text as one word of a POSIX shell.
 std::string shellQuote(std::string_view text);

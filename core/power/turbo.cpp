@@ -53,9 +53,7 @@ void setTurbo(bool disable, const TurboOperations& operations) {
     throw ScopeError("睿频操作未确认。需要已安装且获得系统批准的驱动。\n" + result.output);
 }
 
-void setTurbo(bool disable) {
-    const auto run = [](const std::string& path, const std::vector<std::string>& arguments,
-                        double timeout) { return ProcessRunner::run(path, arguments, timeout); };
+void setTurbo(bool disable, const ToolRunner& run) {
     const auto bundleQualifies = [](const std::string& path) {
         return fv_bundle_has_identifier(path.c_str(), kDriver) == 1;
     };

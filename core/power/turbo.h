@@ -24,6 +24,6 @@ struct TurboOperations {
 // state has been read back. Throws with the tool's output when it is not confirmed; whatever the
 // tool left is left so.
 void setTurbo(bool disable, const TurboOperations& operations);
-void setTurbo(bool disable);  // on this machine
+void setTurbo(bool disable, const ToolRunner& run = ProcessRunner::runner());  // on this machine
 
 }  // namespace ferovane

@@ -2,10 +2,11 @@
 #include <fcntl.h>
 #include <libproc.h>
 #include <limits.h>
+#include <signal.h>
 #include <spawn.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <set>
@@ -28,116 +29,162 @@ struct FileAction {
 };
 using FileActions = std::vector<FileAction>;
 
-// The host's own list of file actions. The first failed step is kept and ends the building.
-class HostFileActions {
-public:
-    HostFileActions() : error_(posix_spawn_file_actions_init(&actions_)) {}
-    ~HostFileActions() { posix_spawn_file_actions_destroy(&actions_); }
-    HostFileActions(const HostFileActions&) = delete;
-    HostFileActions& operator=(const HostFileActions&) = delete;
+constexpr int kNotLoaded = 127;  // as the host's own: the exit status of what could not be loaded
 
-    int error() const { return error_; }
-    const posix_spawn_file_actions_t* get() const { return &actions_; }
+// Done in the child, between fork and exec: nothing here takes memory or a lock.
 
-    void add(const FileAction& action) {
-        if (error_ == 0) {
-            error_ = addToHost(action);
+int applyOne(const FileAction& action) {
+    switch (action.kind) {
+        case FileAction::Kind::open: {
+            const int opened = open(action.path.c_str(), action.flags, action.mode);
+            if (opened < 0) {
+                return errno;
+            }
+            if (opened != action.descriptor) {
+                const int copied = dup2(opened, action.descriptor);
+                close(opened);
+                return copied < 0 ? errno : 0;
+            }
+            return 0;
+        }
+        case FileAction::Kind::close:
+            close(action.descriptor);
+            return 0;
+        case FileAction::Kind::duplicate:
+            if (action.source != action.descriptor) {
+                return dup2(action.source, action.descriptor) < 0 ? errno : 0;
+            }
+            [[fallthrough]];
+        case FileAction::Kind::inherit:
+            return fcntl(action.descriptor, F_SETFD, 0) < 0 ? errno : 0;
+    }
+    return EINVAL;
+}
+
+// named: the descriptors that the actions name, all others being closed; null when they stay.
+int applyAll(const FileActions& actions, const std::set<int>* named) {
+    for (const FileAction& action : actions) {
+        if (const int error = applyOne(action)) {
+            return error;
         }
     }
-
-    // Closes whatever no action named, after all actions, which may copy from any descriptor.
-    void closeAllBut(const std::set<int>& named) {
-        const int firstAbove = named.empty() ? 0 : *named.rbegin() + 1;
+    if (named != nullptr) {
+        const int firstAbove = named->empty() ? 0 : *named->rbegin() + 1;
         for (int descriptor = 0; descriptor < firstAbove; ++descriptor) {
-            if (!named.contains(descriptor)) {
-                add({.kind = FileAction::Kind::close, .descriptor = descriptor});
+            if (!named->contains(descriptor)) {
+                close(descriptor);
             }
         }
-        if (error_ == 0) {
-            error_ = posix_spawn_file_actions_addclosefrom_np(&actions_, firstAbove);
+        closefrom(firstAbove);
+    }
+    return 0;
+}
+
+int applyAttributes(const posix_spawnattr_t& attributes, int flags) {
+    if ((flags & POSIX_SPAWN_SETSID) != 0 && setsid() < 0) {
+        return errno;
+    }
+    if ((flags & POSIX_SPAWN_SETPGROUP) != 0) {
+        pid_t group = 0;
+        posix_spawnattr_getpgroup(&attributes, &group);
+        if (setpgid(0, group) != 0) {
+            return errno;
         }
     }
-
-private:
-    int addToHost(const FileAction& action) {
-        switch (action.kind) {
-            case FileAction::Kind::open:
-                return posix_spawn_file_actions_addopen(
-                    &actions_, action.descriptor, action.path.c_str(), action.flags, action.mode);
-            case FileAction::Kind::close:
-                return posix_spawn_file_actions_addclose(&actions_, action.descriptor);
-            case FileAction::Kind::duplicate:
-                return posix_spawn_file_actions_adddup2(&actions_, action.source,
-                                                        action.descriptor);
-            case FileAction::Kind::inherit:
-                // Copying a descriptor onto itself clears its close-on-exec flag on the host.
-                return posix_spawn_file_actions_adddup2(&actions_, action.descriptor,
-                                                        action.descriptor);
+    if ((flags & POSIX_SPAWN_SETSIGDEF) != 0) {
+        sigset_t defaults;
+        posix_spawnattr_getsigdefault(&attributes, &defaults);
+        for (int number = 1; number < NSIG; ++number) {
+            if (sigismember(&defaults, number) == 1) {
+                signal(number, SIG_DFL);
+            }
         }
-        return EINVAL;
     }
-
-    posix_spawn_file_actions_t actions_;
-    int error_;
-};
+    return 0;
+}
 
 int record(simulator_spawn_file_actions_t* actions, FileAction action) {
     static_cast<FileActions*>(*actions)->push_back(std::move(action));
     return 0;
 }
 
-// The attributes as the host takes them, and whether the descriptor rule of macOS is on.
-int splitAttributes(const posix_spawnattr_t* given, posix_spawnattr_t& host, bool& closeDefault) {
-    short flags = 0;
-    if (given == nullptr) {
-        return posix_spawnattr_init(&host);
-    }
-    posix_spawnattr_getflags(given, &flags);
-    closeDefault = (flags & POSIX_SPAWN_CLOEXEC_DEFAULT) != 0;
-    // The host's attributes hold plain values, so a copy is a set of its own.
-    host = *given;
-    return posix_spawnattr_setflags(&host,
-                                    static_cast<short>(flags & ~POSIX_SPAWN_CLOEXEC_DEFAULT));
-}
-
 }  // namespace
 
+// Every child stops just before its program is loaded, which is where macOS keeps one that is to
+// start suspended; any other is sent on from here. One that gets no further ends with the error.
 int simulator_posix_spawn(pid_t* pid, const char* path,
                           const simulator_spawn_file_actions_t* actions,
                           const posix_spawnattr_t* attributes, char* const argv[],
                           char* const environment[]) {
-    posix_spawnattr_t hostAttributes;
-    bool closeDefault = false;
-    if (const int error = splitAttributes(attributes, hostAttributes, closeDefault)) {
-        return error;
-    }
-    HostFileActions hostActions;
+    const FileActions none;
+    const FileActions& steps =
+        actions != nullptr ? *static_cast<const FileActions*>(*actions) : none;
     std::set<int> named;
-    if (actions != nullptr) {
-        for (const FileAction& action : *static_cast<const FileActions*>(*actions)) {
-            hostActions.add(action);
-            named.insert(action.descriptor);
-        }
+    for (const FileAction& action : steps) {
+        named.insert(action.descriptor);
     }
-    if (closeDefault) {
-        hostActions.closeAllBut(named);
+    short given = 0;
+    if (attributes != nullptr) {
+        posix_spawnattr_getflags(attributes, &given);
     }
-    if (hostActions.error() != 0) {
-        return hostActions.error();
-    }
+    const int flags = given;
     // What is simulated lives below the machine's root; the process itself is the host's.
     std::array<char, PATH_MAX> own{};
     const bool isOwn =
         proc_pidpath(getpid(), own.data(), own.size()) > 0 && own.data() == std::string_view(path);
     const std::string program = isOwn ? path : simulator::pathOnHost(path);
-    return posix_spawn(pid, program.c_str(), hostActions.get(), &hostAttributes, argv, environment);
+
+    sigset_t all, before, mask;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &before);  // none of our handlers runs in the child
+    mask = before;
+    if ((flags & POSIX_SPAWN_SETSIGMASK) != 0) {
+        posix_spawnattr_getsigmask(attributes, &mask);
+    }
+    const pid_t child = fork();
+    if (child == 0) {
+        int error = flags == 0 ? 0 : applyAttributes(*attributes, flags);
+        if (error == 0) {
+            error = applyAll(steps, (flags & POSIX_SPAWN_CLOEXEC_DEFAULT) != 0 ? &named : nullptr);
+        }
+        if (error == 0 && access(program.c_str(), X_OK) != 0) {
+            error = errno;
+        }
+        if (error != 0) {
+            _exit(error);
+        }
+        pthread_sigmask(SIG_SETMASK, &mask, nullptr);
+        raise(SIGSTOP);
+        execve(program.c_str(), argv, environment);
+        _exit(kNotLoaded);
+    }
+    const int forkError = errno;
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    if (child < 0) {
+        return forkError;
+    }
+    siginfo_t info{};
+    int waited = 0;
+    do {
+        waited = waitid(P_PID, static_cast<id_t>(child), &info, WSTOPPED | WEXITED | WNOWAIT);
+    } while (waited != 0 && errno == EINTR);
+    if (waited != 0 || info.si_code != CLD_STOPPED) {
+        waitpid(child, nullptr, 0);
+        return info.si_code == CLD_EXITED ? info.si_status : ECHILD;
+    }
+    if ((flags & POSIX_SPAWN_START_SUSPENDED) == 0) {
+        kill(child, SIGCONT);
+    }
+    *pid = child;
+    return 0;
 }
 
-// The host refuses flags that it does not know, so the added one is set past it; it reads back and
-// lasts as long as the attributes do.
+// The host refuses flags that it does not know, so those added are set past it; they read back and
+// last as long as the attributes do.
 int simulator_posix_spawnattr_setflags(posix_spawnattr_t* attributes, short flags) {
     const int error = posix_spawnattr_setflags(
-        attributes, static_cast<short>(flags & ~POSIX_SPAWN_CLOEXEC_DEFAULT));
+        attributes,
+        static_cast<short>(flags & ~(POSIX_SPAWN_CLOEXEC_DEFAULT | POSIX_SPAWN_START_SUSPENDED)));
     if (error == 0) {
         attributes->__flags = flags;
     }

@@ -1,10 +1,13 @@
-// The host's header with the descriptor rule of macOS on top: POSIX_SPAWN_CLOEXEC_DEFAULT, and file
-// actions that remember which descriptors they name, which that rule needs to know.
+// The host's header with what macOS has on top: POSIX_SPAWN_CLOEXEC_DEFAULT, file actions that
+// remember which descriptors they name, which that rule needs to know, and
+// POSIX_SPAWN_START_SUSPENDED. The values differ from those of macOS, which the host uses
+// otherwise.
 #pragma once
 
 #include_next <spawn.h>
 
 #define POSIX_SPAWN_CLOEXEC_DEFAULT 0x4000
+#define POSIX_SPAWN_START_SUSPENDED 0x2000
 
 typedef void* simulator_spawn_file_actions_t;
 

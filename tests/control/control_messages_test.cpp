@@ -170,7 +170,7 @@ TEST(ControlReplyTest, WritesItsMembersInOrder) {
 }
 
 TEST(ControlReplyTest, IsShortenedToFitALine) {
-    const std::string_view omission = "…（内容过长，其余已省略）";
+    const std::string_view omission = "…（内容过长，中间已省略）…";
     const std::string bracket = R"({"ok":false,"message":""})";
     // Exactly the longest that fits is left alone.
     const ControlReply longest{false, std::string(kMaxControlLineBytes - bracket.size(), 'x')};
@@ -186,10 +186,13 @@ TEST(ControlReplyTest, IsShortenedToFitALine) {
         const std::string line = encodeJson(fitted);
         EXPECT_LE(line.size(), kMaxControlLineBytes);
         EXPECT_GT(line.size(), kMaxControlLineBytes - 8) << "cut more than it had to";
-        EXPECT_TRUE(fitted.message.ends_with(omission));
         EXPECT_EQ(firstInvalidUtf8(fitted.message), std::nullopt);
-        const std::string kept(fitted.message.substr(0, fitted.message.size() - omission.size()));
-        EXPECT_TRUE(repairUtf8(message).starts_with(kept));
+        const std::size_t cut = fitted.message.find(omission);
+        ASSERT_NE(cut, std::string::npos);
+        const std::string head = fitted.message.substr(0, cut);
+        const std::string tail = fitted.message.substr(cut + omission.size());
+        EXPECT_TRUE(repairUtf8(message).starts_with(head) && repairUtf8(message).ends_with(tail));
+        EXPECT_NEAR(static_cast<double>(head.size()), static_cast<double>(tail.size()), 8);
         reply.message = fitted.message;
         EXPECT_EQ(fitted, reply);
     }

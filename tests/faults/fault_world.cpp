@@ -107,7 +107,9 @@ void FaultWorld::fillEnvironment(bool appleSilicon) {
                                                        },
                                                        appleSilicon});
     };
-    environment.makePowerAccess = [] { return std::make_unique<SystemPowerAccess>(); };
+    environment.makePowerAccess = [](ToolKeeper& keeper, std::function<bool()> stop) {
+        return std::make_unique<SystemPowerAccess>(keeper, std::move(stop));
+    };
     environment.makeSampler = [] { return std::make_unique<HardwareSampler>(); };
 }
 

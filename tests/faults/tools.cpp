@@ -27,19 +27,19 @@ std::int32_t Tools::start(const std::string& path, const std::vector<std::string
     return pid;
 }
 
-void Tools::awaitEnd(std::int64_t pid) {
+bool Tools::isNew(std::int64_t pid) {
+    return !std::exchange(processes_.at(pid).lookedAt, true);
+}
+
+bool Tools::hasEnded(std::int64_t pid) {
     Process& process = processes_.at(pid);
-    while (!process.ended) {
-        if (process.endsAt <= Turns::ofThisThread()->now()) {
-            finish(process);
-        } else {
-            Turns::ofThisThread()->waitFor(&process, process.endsAt);
-        }
+    if (!process.ended && process.endsAt <= Turns::ofThisThread()->now()) {
+        finish(process);
     }
+    return process.ended;
 }
 
 int Tools::reap(std::int64_t pid) {
-    awaitEnd(pid);
     const int status = processes_.at(pid).status;
     processes_.erase(pid);
     return status;
@@ -51,7 +51,7 @@ void Tools::signal(std::int64_t pid, int number) {
         return;
     }
     Process& process = found->second;
-    if (number == SIGKILL || !process.mishap.ignoresTerm) {
+    if (number == SIGKILL || (number != SIGCONT && !process.mishap.ignoresTerm)) {
         end(process, number);
     }
 }
@@ -59,7 +59,6 @@ void Tools::signal(std::int64_t pid, int number) {
 void Tools::end(Process& process, int status) {
     process.ended = true;
     process.status = status;
-    Turns::ofThisThread()->notify(&process);
 }
 
 void Tools::finish(Process& process) {

@@ -34,7 +34,8 @@ public:
 
     // The calls by which the code under test starts, watches and ends a process.
     std::int32_t start(const std::string& path, const std::vector<std::string>& words, int output);
-    void awaitEnd(std::int64_t pid);
+    bool isNew(std::int64_t pid);  // once
+    bool hasEnded(std::int64_t pid);
     int reap(std::int64_t pid);  // the status as waitpid tells it
     void signal(std::int64_t pid, int number);
 
@@ -47,7 +48,7 @@ private:
         int output;
         ToolMishap mishap;
         double endsAt;
-        bool ended = false;
+        bool lookedAt = false, ended = false;
         int status = 0;
     };
 

@@ -88,9 +88,9 @@ TEST(CommandsTest, TurboCommandsConfirmOrFail) {
     EXPECT_EQ(world.output.text(), "已确认禁用睿频驱动加载。\n已确认禁用睿频驱动卸载。\n");
     EXPECT_EQ(world.power.writes, (std::vector<std::string>{"turbo=1", "turbo=0"}));
 
-    world.power.failCall(1, PowerFault::refused);
+    world.power.failCall(2, PowerFault::refused);
     EXPECT_EQ(world.run({"turbo-disable"}), 1);
-    EXPECT_EQ(world.errors.text(), "第1步失败\n");
+    EXPECT_EQ(world.errors.text(), "第2步失败\n");
 }
 
 }  // namespace

@@ -34,6 +34,7 @@ public:
     bool hasSleepBlockers() override { return access_.hasSleepBlockers(); }
     std::optional<std::int64_t> turboState() override { return access_.turboState(); }
     void setTurbo(bool disabled) override { access_.setTurbo(disabled); }
+    PowerSettingsAccess& undisturbed() override { return access_.undisturbed(); }
 
 private:
     PowerSettingsAccess& access_;
@@ -119,7 +120,7 @@ struct HelperWorld {
                                   [this](double seconds) { mac.advance(seconds); }, appleSilicon});
         };
         environment.makeSampler = [] { return std::make_unique<HardwareSampler>(); };
-        environment.makePowerAccess = [this] {
+        environment.makePowerAccess = [this](ToolKeeper&, std::function<bool()>) {
             return std::make_unique<BorrowedPowerAccess>(power);
         };
     }

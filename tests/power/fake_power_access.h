@@ -9,7 +9,6 @@
 #include <vector>
 
 #include "core/model/scope_error.h"
-#include "core/power/power_edit.h"
 #include "core/power/power_settings_access.h"
 
 namespace ferovane::testing {
@@ -57,6 +56,7 @@ public:
         ++calls;
         return turbo;
     }
+    PowerSettingsAccess& undisturbed() override { return *this; }
     void setTurbo(bool disabled) override {
         const std::int64_t state = disabled ? 1 : 0;
         write("turbo=" + std::to_string(state), [&] { turbo = state; });

@@ -96,7 +96,7 @@ protected:
     }
 
     static CommandResult shell(const std::string& script, double timeout = kAmple,
-                               const ProcessRunner::Limits& limits = {}) {
+                               const ProcessRunner::Supervision& limits = {}) {
         return ProcessRunner::run("/bin/sh", {"-c", script}, timeout, limits);
     }
 

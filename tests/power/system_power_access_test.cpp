@@ -18,10 +18,16 @@ namespace {
 
 using simulator::Property;
 
+struct NobodysKeeper : ToolKeeper {
+    void toolStarted(pid_t) override {}
+    void toolEnded() noexcept override {}
+};
+
 struct SystemPowerAccessTest : ::testing::Test {
     simulator::SimulatedMac mac = simulator::intelMac(2);
     simulator::Attachment attached = mac.attach();
-    SystemPowerAccess access;
+    NobodysKeeper keeper;
+    SystemPowerAccess access{keeper};
 };
 
 TEST_F(SystemPowerAccessTest, TellsTheSourceOnlyWhenItIsKnown) {
@@ -62,7 +68,8 @@ struct MachineWithToolsTest : ::testing::Test {
     simulator::SimulatedMac mac =
         simulator::createMachineDirectory((directory / "mac").string(), "MacBookPro16,1");
     simulator::Attachment attached = mac.attach();
-    SystemPowerAccess access;
+    NobodysKeeper keeper;
+    SystemPowerAccess access{keeper};
 
     static std::filesystem::path freshDirectory() {
         std::string name = ::testing::TempDir() + "power-access-XXXXXX";

@@ -48,6 +48,7 @@ ToolResult runTool(std::vector<const char*> arguments) {
     std::int32_t pid = 0;
     result.error = fv_spawn_tool(arguments[0], arguments.data(), output, &pid);
     if (result.error == 0) {
+        kill(-pid, SIGCONT);
         int status = 0;
         waitpid(pid, &status, 0);
         result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
@@ -126,6 +127,7 @@ TEST(SpawnToolTest, OutputMayBeAStandardDescriptor) {
             if (fv_spawn_tool("/bin/sh", arguments, standard, &pid) != 0) {
                 return 1;
             }
+            kill(-pid, SIGCONT);
             waitpid(pid, nullptr, 0);
             return 0;
         });
@@ -134,6 +136,28 @@ TEST(SpawnToolTest, OutputMayBeAStandardDescriptor) {
         EXPECT_EQ(read(output.readEnd(), text, sizeof text - 1), 8) << standard;
         EXPECT_STREQ(text, "out\nerr\n") << standard;
     }
+}
+
+// Whoever starts a tool may be killed before it has told anybody of it.
+TEST(SpawnToolTest, DoesNothingUntilToldAndEndsWithAParentThatIsKilled) {
+    tests::Pipe output;
+    const int writeEnd = output.writeEnd();
+    const int status = tests::exitStatusOf([writeEnd] {
+        setsid();
+        const pid_t parent = fork();  // whose own parent keeps this group from being an orphan
+        if (parent == 0) {
+            std::int32_t pid = 0;
+            const char* const arguments[] = {"sh", "-c", "echo ran", nullptr};
+            fv_spawn_tool("/bin/sh", arguments, writeEnd, &pid);
+            usleep(100'000);
+            kill(getpid(), SIGKILL);
+        }
+        return waitpid(parent, nullptr, 0) == parent ? 0 : 1;
+    });
+    EXPECT_EQ(status, 0);
+    close(writeEnd);
+    char text[8] = {};
+    EXPECT_EQ(read(output.readEnd(), text, sizeof text), 0) << "the tool ran, or still stands";
 }
 
 TEST(SpawnToolTest, ReportsWhatCannotBeStarted) {
