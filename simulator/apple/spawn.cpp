@@ -147,7 +147,7 @@ int simulator_posix_spawn(pid_t* pid, const char* path,
         if (error == 0) {
             error = applyAll(steps, (flags & POSIX_SPAWN_CLOEXEC_DEFAULT) != 0 ? &named : nullptr);
         }
-        if (error == 0 && access(program.c_str(), X_OK) != 0) {
+        if (error == 0 && faccessat(AT_FDCWD, program.c_str(), X_OK, AT_EACCESS) != 0) {
             error = errno;
         }
         if (error != 0) {

@@ -77,7 +77,8 @@ class CrashTest(unittest.TestCase):
             case.crash(thread)
             self.assertNotEqual(case.session.process.wait(20), 0)
             self.assertTrue(eventually(case.mac.automatic, AUTOMATIC_SECONDS), case.mac.journal())
-            self.assertTrue(eventually(lambda: not processes_attached(case.mac.path)), "a tool?")
+            self.assertTrue(eventually(lambda: not processes_attached(case.mac.path),
+                                       AUTOMATIC_SECONDS), "a tool outlives the helper")
         finally:
             case.close()
 
