@@ -17,8 +17,7 @@ namespace {
 
 using Arguments = std::vector<std::string>;
 
-constexpr std::size_t kWordAlone = 2;       // the program path and the command word
-constexpr std::size_t kServeArguments = 4;  // and the owner's process id and user id
+constexpr std::size_t kWordAlone = 2;  // the program path and the command word
 constexpr double kTestFanSeconds = 5.0;
 
 constexpr std::string_view kPrivilegeMessage = "硬件控制需要管理员授权；监测不需要管理员权限。";

@@ -18,8 +18,6 @@
 namespace ferovane {
 namespace {
 
-constexpr std::size_t kServeArguments = 4;
-
 // Every check is made whatever the others found, so that neither the text nor the time of a refusal
 // tells which one it was.
 SessionOwner authenticate(const std::vector<std::string>& args,

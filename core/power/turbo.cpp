@@ -11,7 +11,7 @@ namespace ferovane {
 
 namespace {
 
-constexpr const char* kTool = "/usr/bin/kmutil";
+constexpr const char* kExtensionTool = "/usr/bin/kmutil";
 constexpr double kToolSeconds = 90;  // loading may rebuild the system's extension collection
 constexpr const char* kDriver = "com.vorandel.DisableTurboBoost";
 
@@ -25,7 +25,7 @@ constexpr std::array<const char*, 2> kDriverPaths{
 CommandResult loadFromPath(const TurboOperations& operations, CommandResult byName) {
     for (const std::string path : kDriverPaths) {
         if (operations.bundleQualifies(path)) {
-            return operations.run(kTool, {"load", "-p", path}, kToolSeconds);
+            return operations.run(kExtensionTool, {"load", "-p", path}, kToolSeconds);
         }
     }
     return byName;
@@ -43,7 +43,8 @@ void setTurbo(bool disable, const TurboOperations& operations) {
     if (operations.driverState() == wanted) {
         return;
     }
-    auto result = operations.run(kTool, {disable ? "load" : "unload", "-b", kDriver}, kToolSeconds);
+    auto result =
+        operations.run(kExtensionTool, {disable ? "load" : "unload", "-b", kDriver}, kToolSeconds);
     if (disable && result.status != 0) {
         result = loadFromPath(operations, std::move(result));
     }
