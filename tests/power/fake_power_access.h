@@ -6,10 +6,12 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "core/model/scope_error.h"
 #include "core/power/power_settings_access.h"
+#include "core/power/process_runner.h"
 
 namespace ferovane::testing {
 
@@ -34,7 +36,17 @@ public:
     void failCall(int k, PowerFault fault, std::function<void()> also = {}) {
         faults_[calls + k] = {fault, "第" + std::to_string(k) + "步失败", std::move(also)};
     }
-    void clearFaults() { faults_.clear(); }
+    void clearFaults() {
+        faults_.clear();
+        stopsAt_.reset();
+    }
+
+    // From the k-th call on the work is given up, which nobody who is undisturbed notices; a write
+    // that it cuts in has taken effect or not.
+    void stopAtCall(int k, bool tookEffect) {
+        stopsAt_ = calls + k;
+        stoppedTakesEffect_ = tookEffect;
+    }
 
     PowerConfiguration configuration() override {
         read();
@@ -56,7 +68,10 @@ public:
         ++calls;
         return turbo;
     }
-    PowerSettingsAccess& undisturbed() override { return *this; }
+    PowerSettingsAccess& undisturbed() override {
+        stopsAt_.reset();
+        return *this;
+    }
     void setTurbo(bool disabled) override {
         const std::int64_t state = disabled ? 1 : 0;
         write("turbo=" + std::to_string(state), [&] { turbo = state; });
@@ -82,6 +97,9 @@ private:
     }
 
     void read() {
+        if (stopsAt_ && calls + 1 >= *stopsAt_) {
+            throw WorkStopped();
+        }
         if (const auto* fault = strike()) {
             fail(*fault);
         }
@@ -89,6 +107,14 @@ private:
 
     template <class Change>
     void write(const std::string& what, Change change) {
+        if (stopsAt_ && calls + 1 >= *stopsAt_) {
+            ++calls;
+            if (std::exchange(stoppedTakesEffect_, false)) {
+                change();
+            }
+            writes.push_back(what + "!");
+            throw WorkStopped();
+        }
         const auto* fault = strike();
         if (fault == nullptr || fault->kind == PowerFault::unconfirmed) {
             change();
@@ -100,6 +126,8 @@ private:
     }
 
     std::map<int, Fault> faults_;
+    std::optional<int> stopsAt_;
+    bool stoppedTakesEffect_ = false;
 };
 
 // A laptop as it comes: both sources readable in all three settings.

@@ -132,7 +132,9 @@ private:
     void apply() {
         const auto plan = anyPlan();
         auto before = world();
-        if (chance(60)) {
+        if (chance(20)) {
+            mac_.stopAtCall(1 + pick(9), chance(50));
+        } else if (chance(60)) {
             const auto fault = any(std::array{PowerFault::refused, PowerFault::unconfirmed});
             const bool meddles = chance(30);
             mac_.failCall(1 + pick(7), fault, [this, meddles, &before] {

@@ -191,6 +191,49 @@ TEST_F(ProcessRunnerTest, ChildrenDoNotOutliveTheTool) {
     }
 }
 
+struct RecordingKeeper : ToolKeeper {
+    void toolStarted(pid_t group) override {
+        usleep(50'000);  // the tool would have run by now
+        record += std::filesystem::exists(mark) ? "late " : "started ";
+        EXPECT_EQ(getpgid(group), group);
+        if (refuses) {
+            throw ScopeError("无人看管");
+        }
+    }
+    void toolEnded() noexcept override { record += "ended "; }
+    std::string mark, record;
+    bool refuses = false;
+};
+
+TEST_F(ProcessRunnerTest, AKeeperKnowsOfAToolBeforeItsFirstInstruction) {
+    RecordingKeeper keeper;
+    keeper.mark = (directory_ / "mark").string();
+    const auto run = [&] { shell("echo > " + keeper.mark, kAmple, {.keeper = &keeper}); };
+    keeper.refuses = true;
+    EXPECT_EQ(failureOf(run), "无人看管");
+    EXPECT_FALSE(std::filesystem::exists(keeper.mark));
+    keeper.refuses = false;
+    EXPECT_EQ(failureOf(run), "");
+    EXPECT_EQ(keeper.record, "started started ended ");
+    EXPECT_TRUE(std::filesystem::remove(keeper.mark));
+}
+
+TEST_F(ProcessRunnerTest, GivesUpWhenStoppedAndKillsWhatWritesWithoutEnd) {
+    const Lifeline lifeline(directory_ / "lifeline");
+    const double before = secondsNow();
+    const auto stop = [&] { return secondsNow() - before > 0.2; };
+    EXPECT_EQ(failureOf([&] {
+                  shell("exec >" + lifeline.path() + "; printf started; sleep 60", kAmple,
+                        {.stop = stop});
+              }),
+              "会话正在结束，操作已中止");
+    EXPECT_EQ(lifeline.lastWords(), "started");
+    EXPECT_EQ(
+        failureOf([] { shell("while :; do echo flood; done", kAmple, {.writtenBytes = 99}); }),
+        "命令输出过多，已终止：/bin/sh");
+    EXPECT_LT(secondsNow() - before, kAmple);
+}
+
 TEST_F(ProcessRunnerTest, SaysWhyAToolCouldNotBeStarted) {
     EXPECT_EQ(failureOf([] { ProcessRunner::run("/nonexistent/tool", {}, kAmple); }),
               "无法启动 /nonexistent/tool（错误 2）");
