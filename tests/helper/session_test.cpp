@@ -452,6 +452,41 @@ TEST(SessionTest, PowerPlansAreAppliedAndUndone) {
     EXPECT_EQ(power.settings.value(PowerSetting::displaySleep, PowerSource::battery), 7);
 }
 
+const std::string kPlan =
+    "{\"command\":\"power-optimize\",\"powerPlan\":{\"source\":\"battery\",\"scope\":"
+    "\"current\",\"lowPower\":true,\"displayMinutes\":5,\"disableTurbo\":true}}";
+
+TEST(SessionTest, APlanWhoseReplyNobodyGetsIsTakenBack) {
+    SessionWorld session;
+    session.world.power.settings = laptopSettings();
+    session.replies.closeEnd(0);
+    session.tell(kPlan + "\n");
+    EXPECT_EQ(session.end(), "辅助进程写入失败");
+    EXPECT_EQ(session.world.power.settings, laptopSettings());
+    EXPECT_EQ(session.world.power.turbo, 0);
+    EXPECT_GT(session.world.power.writes.size(), 3U) << "it had been applied";
+}
+
+TEST(SessionTest, ATurboChangeThatIsCutInIsPutBack) {
+    SessionWorld session;
+    session.world.power.stopAtCall(2, true);
+    EXPECT_EQ(session.command("turbo-disable"), (ControlReply{false, "会话正在结束，操作已中止"}));
+    EXPECT_EQ(session.world.power.turbo, 0);
+}
+
+TEST(SessionTest, AHangUpEndsItAlthoughARequestRuns) {
+    SessionWorld session;
+    session.world.environment.timings.hangUp = 0.02;
+    ASSERT_TRUE(session.profile("balanced").ok);
+    fillPipe(session.replies.ends[1]);
+    session.tell("{\"command\":\"status\"}\n");
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    session.requests.closeEnd(1);
+    EXPECT_TRUE(session.endsItself());
+    EXPECT_TRUE(session.world.mac.allFansAutomatic());
+    session.replies.closeEnd(0);
+}
+
 TEST(SessionTest, AFanThatIsStillHeldCostsNobodyABackup) {
     SessionWorld session;
     session.world.power.settings = laptopSettings();
