@@ -38,7 +38,6 @@ PROGRAMS = {
     "power": "power_tests",
     "access": "system_power_access_tests",
     "shim": "shim_tests",
-    "answers": "shim_foreign_answers_tests",
     "model": "model_tests",
     "analysis": "analysis_tests",
     "fan": "fan_tests",

@@ -1,14 +1,14 @@
+// How a tool is started. What it answers and how it is ended, the process runner's tests ask.
 #include <errno.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <stdlib.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
-#include <cstdlib>
-#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -17,86 +17,42 @@
 
 namespace {
 
-struct ToolResult {
-    int error = 0;
-    int status = -1;
-    std::string output;
-};
-
-std::string readAll(int descriptor) {
-    std::string text;
-    char buffer[4096];
-    for (;;) {
-        const ssize_t count = read(descriptor, buffer, sizeof buffer);
-        if (count <= 0) {
-            return text;
-        }
-        text.append(buffer, static_cast<std::size_t>(count));
-    }
-}
-
-// Signals 1 to 31; the two above them belong to the threads library.
-constexpr unsigned long long kStandardSignals = 0x7FFFFFFF;
-
-// Runs the tool of that path, its outputs in a temporary file.
-ToolResult runTool(std::vector<const char*> arguments) {
+// What the tool wrote, after its end.
+std::string outputOf(std::vector<const char*> arguments) {
     arguments.push_back(nullptr);
-    char path[] = "/tmp/shim-spawn-test-XXXXXX";
-    const int output = mkstemp(path);
-    unlink(path);
-    ToolResult result;
+    tests::Pipe output;
     std::int32_t pid = 0;
-    result.error = fv_spawn_tool(arguments[0], arguments.data(), output, &pid);
-    if (result.error == 0) {
-        kill(-pid, SIGCONT);
-        int status = 0;
-        waitpid(pid, &status, 0);
-        result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
-    }
-    lseek(output, 0, SEEK_SET);
-    result.output = readAll(output);
-    close(output);
-    return result;
-}
-
-ToolResult runScript(const char* script) {
-    return runTool({"/bin/sh", "-c", script});
-}
-
-TEST(SpawnToolTest, BothOutputsArriveInOrderAndStandardInputIsEmpty) {
-    const ToolResult result = runScript("echo one; echo two >&2; cat; echo three; exit 7");
-    EXPECT_EQ(result.error, 0);
-    EXPECT_EQ(result.output, "one\ntwo\nthree\n");
-    EXPECT_EQ(result.status, 7);
+    EXPECT_EQ(fv_spawn_tool(arguments[0], arguments.data(), output.ends[1], &pid), 0);
+    kill(-pid, SIGCONT);
+    waitpid(pid, nullptr, 0);
+    char text[4096];
+    const ssize_t count = read(output.ends[0], text, sizeof text);
+    return {text, static_cast<std::size_t>(count < 0 ? 0 : count)};
 }
 
 TEST(SpawnToolTest, InheritsNothingButPathAndLanguage) {
     setenv("FV_SECRET", "1", 1);
     setenv("DYLD_INSERT_LIBRARIES", "/tmp/evil", 1);
-    const ToolResult result = runTool({"/usr/bin/env"});
-    EXPECT_EQ(result.output, "PATH=/usr/bin:/bin:/usr/sbin:/sbin\nLANG=en_US.UTF-8\n");
+    EXPECT_EQ(outputOf({"/usr/bin/env"}), "PATH=/usr/bin:/bin:/usr/sbin:/sbin\nLANG=en_US.UTF-8\n");
     unsetenv("FV_SECRET");
     unsetenv("DYLD_INSERT_LIBRARIES");
-}
 
-TEST(SpawnToolTest, NoOtherDescriptorOfOursIsOpen) {
-    const int leaky = open("/dev/zero", O_RDONLY);
-    const int high = fcntl(leaky, F_DUPFD, 200);
+    const int high = fcntl(STDIN_FILENO, F_DUPFD, 200);
     ASSERT_GE(high, 200);
-    const ToolResult result = runScript("for f in /proc/$$/fd/*; do echo ${f##*/}; done");
     // The shell itself may hold one descriptor, on the directory it lists.
-    EXPECT_THAT((std::vector<std::string>{"0\n1\n2\n", "0\n1\n2\n3\n"}),
-                testing::Contains(result.output));
-    close(leaky);
+    const std::string seen =
+        outputOf({"/bin/sh", "-c",
+                  "set -- $(cat /proc/$$/stat); test $5 = $$ && echo leads its group; "
+                  "for f in /proc/$$/fd/*; do echo ${f##*/}; done"});
+    EXPECT_THAT(
+        (std::vector<std::string>{"leads its group\n0\n1\n2\n", "leads its group\n0\n1\n2\n3\n"}),
+        testing::Contains(seen));
     close(high);
-}
-
-TEST(SpawnToolTest, LeadsAProcessGroupOfItsOwn) {
-    EXPECT_EQ(runScript("set -- $(cat /proc/$$/stat); test $5 = $$").status, 0);
 }
 
 TEST(SpawnToolTest, StartsWithDefaultUnblockedSignals) {
     EXPECT_EQ(tests::exitStatusOf([] {
+                  constexpr unsigned long long kStandardSignals = 0x7FFFFFFF;  // 1 to 31
                   for (const int signal : {SIGPIPE, SIGTERM, SIGINT, SIGHUP, SIGQUIT, SIGUSR1}) {
                       ::signal(signal, SIG_IGN);
                   }
@@ -105,9 +61,8 @@ TEST(SpawnToolTest, StartsWithDefaultUnblockedSignals) {
                   sigfillset(&all);
                   sigprocmask(SIG_BLOCK, &all, nullptr);
                   const std::string masks =
-                      runTool({"/bin/grep", "-hE", "SigBlk|SigIgn", "/proc/self/status"}).output;
-                  unsigned long long blocked = ~0ull;
-                  unsigned long long ignored = ~0ull;
+                      outputOf({"/bin/grep", "-hE", "SigBlk|SigIgn", "/proc/self/status"});
+                  unsigned long long blocked = ~0ULL, ignored = ~0ULL;
                   std::sscanf(masks.c_str(), "SigBlk: %llx SigIgn: %llx", &blocked, &ignored);
                   return ((blocked | ignored) & kStandardSignals) == 0 ? 0 : 1;
               }),
@@ -119,21 +74,18 @@ TEST(SpawnToolTest, StartsWithDefaultUnblockedSignals) {
 TEST(SpawnToolTest, OutputMayBeAStandardDescriptor) {
     for (const int standard : {0, 1, 2}) {
         tests::Pipe output;
-        const int writeEnd = output.writeEnd();
-        const int status = tests::exitStatusOf([standard, writeEnd] {
-            dup2(writeEnd, standard);
+        const int status = tests::exitStatusOf([&] {
+            dup2(output.ends[1], standard);
             std::int32_t pid = 0;
             const char* const arguments[] = {"sh", "-c", "cat; echo out; echo err >&2", nullptr};
-            if (fv_spawn_tool("/bin/sh", arguments, standard, &pid) != 0) {
-                return 1;
-            }
+            const int error = fv_spawn_tool("/bin/sh", arguments, standard, &pid);
             kill(-pid, SIGCONT);
             waitpid(pid, nullptr, 0);
-            return 0;
+            return error;
         });
         EXPECT_EQ(status, 0) << standard;
         char text[64] = {};
-        EXPECT_EQ(read(output.readEnd(), text, sizeof text - 1), 8) << standard;
+        EXPECT_EQ(read(output.ends[0], text, sizeof text - 1), 8) << standard;
         EXPECT_STREQ(text, "out\nerr\n") << standard;
     }
 }
@@ -141,23 +93,22 @@ TEST(SpawnToolTest, OutputMayBeAStandardDescriptor) {
 // Whoever starts a tool may be killed before it has told anybody of it.
 TEST(SpawnToolTest, DoesNothingUntilToldAndEndsWithAParentThatIsKilled) {
     tests::Pipe output;
-    const int writeEnd = output.writeEnd();
-    const int status = tests::exitStatusOf([writeEnd] {
+    const int status = tests::exitStatusOf([&] {
         setsid();
         const pid_t parent = fork();  // whose own parent keeps this group from being an orphan
         if (parent == 0) {
             std::int32_t pid = 0;
             const char* const arguments[] = {"sh", "-c", "echo ran", nullptr};
-            fv_spawn_tool("/bin/sh", arguments, writeEnd, &pid);
+            fv_spawn_tool("/bin/sh", arguments, output.ends[1], &pid);
             usleep(100'000);
             kill(getpid(), SIGKILL);
         }
         return waitpid(parent, nullptr, 0) == parent ? 0 : 1;
     });
     EXPECT_EQ(status, 0);
-    close(writeEnd);
+    close(output.ends[1]);
     char text[8] = {};
-    EXPECT_EQ(read(output.readEnd(), text, sizeof text), 0) << "the tool ran, or still stands";
+    EXPECT_EQ(read(output.ends[0], text, sizeof text), 0) << "the tool ran, or still stands";
 }
 
 TEST(SpawnToolTest, ReportsWhatCannotBeStarted) {
@@ -174,32 +125,6 @@ TEST(SpawnToolTest, ReportsWhatCannotBeStarted) {
     EXPECT_EQ(fv_spawn_tool("/bin/sh", arguments, -1, &pid), EINVAL);
     EXPECT_EQ(fv_spawn_tool("/bin/sh", arguments, 1, nullptr), EINVAL);
     EXPECT_EQ(fv_spawn_tool("/bin/sh", arguments, 987, &pid), EBADF);
-}
-
-TEST(TemporaryDirectoryTest, EndsInASlashAndFitsExactly) {
-    char path[1024];
-    ASSERT_EQ(fv_temporary_directory(path, sizeof path), 0);
-    const std::string directory = path;
-    ASSERT_FALSE(directory.empty());
-    EXPECT_EQ(directory.back(), '/');
-    EXPECT_EQ(access(path, W_OK), 0);
-
-    EXPECT_EQ(fv_temporary_directory(path, directory.size() + 1), 0);
-    EXPECT_EQ(path, directory);
-    EXPECT_EQ(fv_temporary_directory(path, directory.size()), -1);
-    EXPECT_STREQ(path, "");
-    EXPECT_EQ(fv_temporary_directory(path, 0), -1);
-    EXPECT_EQ(fv_temporary_directory(nullptr, 10), -1);
-}
-
-TEST(ExecutablePathTest, IsTheFileOfThisProcess) {
-    const std::string expected = std::filesystem::read_symlink("/proc/self/exe");
-    char path[4096];
-    ASSERT_EQ(fv_executable_path(path, sizeof path), 0);
-    EXPECT_EQ(path, expected);
-    EXPECT_EQ(fv_executable_path(path, expected.size() + 1), 0);
-    EXPECT_EQ(fv_executable_path(path, expected.size()), -1);
-    EXPECT_EQ(fv_executable_path(nullptr, sizeof path), -1);
 }
 
 }  // namespace
