@@ -209,6 +209,9 @@ constexpr double kLargestOffsetCelsius = 10.0;
 constexpr std::string_view kAmbientSensors = "TA**";
 constexpr double kAmbientCorrectionCelsius = 20.0;
 
+// Intel graphics. A processor of its own that nobody uses is off and reads exactly 0.
+constexpr std::string_view kGraphicsSensors = "TG**";
+
 bool isSigned(std::uint32_t type) {
     return type >> 24 == 's';
 }
@@ -303,12 +306,12 @@ bool mayStandForOff(double celsius) {
     return celsius == kOffSubstituteCelsius || celsius <= kLargestOffsetCelsius;
 }
 
-bool worthListing(HardwareSensorKind kind, const FVValue& value, bool onChip) {
+bool worthListing(std::string_view key, HardwareSensorKind kind, const FVValue& value,
+                  bool appleSilicon) {
     const double number = fv_decode(&value);
-    if (onChip && std::fabs(number) <= kLargestOffsetCelsius) {
-        return true;
-    }
-    return valid(kind, number) && !isAtEdge(value);
+    const bool isOff = appleSilicon ? onChip(key) && std::fabs(number) <= kLargestOffsetCelsius
+                                    : matchesPattern(kGraphicsSensors, key) && number == 0;
+    return isOff || (valid(kind, number) && !isAtEdge(value));
 }
 
 std::string upperCaseTwin(std::string_view key) {

@@ -37,8 +37,10 @@ bool onChip(std::string_view key);
 bool mayStandForOff(double celsius);
 
 // Whether a key with this value now is to be read from here on: the value is one that its kind can
-// have and does not say that there is nothing to measure, or the key is a chip's that is off.
-bool worthListing(HardwareSensorKind kind, const FVValue& value, bool onChip);
+// have and does not say that there is nothing to measure, or the key belongs to a part that is off
+// and may be on with the next sample (the chip on Apple Silicon, graphics on Intel).
+bool worthListing(std::string_view key, HardwareSensorKind kind, const FVValue& value,
+                  bool appleSilicon);
 
 // The other spelling of an Intel temperature key that ends in a small letter ("TA0P" of "TA0p");
 // empty when the key has none.

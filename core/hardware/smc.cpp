@@ -280,9 +280,8 @@ std::vector<SMC::SensorKey> SMC::sensorKeys() const {
     std::vector<SensorKey> sensors;
     for (const auto& [sensor, value] : listed) {
         const FVValue* twin = valueOf(SensorInventory::upperCaseTwin(sensor.key));
-        if (SensorInventory::worthListing(
-                sensor.kind, value,
-                surroundings_.appleSilicon && SensorInventory::onChip(sensor.key)) &&
+        if (SensorInventory::worthListing(sensor.key, sensor.kind, value,
+                                          surroundings_.appleSilicon) &&
             !(twin && SensorInventory::repeats(sensor.key, value, *twin))) {
             sensors.push_back(sensor);
         }

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <bit>
 #include <cctype>
 #include <cmath>
 #include <cstdint>
@@ -15,7 +14,9 @@
 #include <thread>
 #include <vector>
 
+#include "core/fan/curve_lease.h"
 #include "core/hardware/sensor_inventory.h"
+#include "core/hardware/smc.h"
 #include "core/hardware/system_capabilities.h"
 #include "core/model/json_codec.h"
 #include "simulator/machine/simulated_mac.h"
@@ -48,7 +49,7 @@ const Machine kMachines[] = {
     {true,
      {"TCMb", "TCMz", "TCDX", "TC10", "TCHP", "Te05", "Tp01", "Tp0o", "Tg0K", "Tm0p", "TH0T",
       "TH0x", "TaLP", "TB0T", "PSTR", "Tp0a", "F0Ac"},
-     {40, 40, 0, -4, 8.5, 10, 10.5, 35.25, 129.875, 130, 127, std::nan("")}}};
+     {40, 40, 0, -4, 8.5, 10, 10.5, 35.25, 129.875, 130, 127}}};
 
 constexpr std::uint32_t kFlt = 0x666C7420, kSp78 = 0x73703738;
 
@@ -130,7 +131,8 @@ private:
     }
     bool isWorthListing(std::string key, Kind kind) {
         const double value = *mac_.number(key);
-        if (isOnChip(key) && std::fabs(value) <= 10) {
+        const bool graphics = !machine_.apple && key.starts_with("TG");
+        if ((isOnChip(key) && std::fabs(value) <= 10) || (graphics && value == 0)) {
             return true;
         }
         if (!SensorInventory::valid(kind, value) || value == -127 || value == -128) {
@@ -204,15 +206,9 @@ private:
     double oneOf(const std::vector<double>& values) { return values[random_() % values.size()]; }
 
     void setAnew(const std::string& name) {
-        const double number = oneOf(machine_.values);
-        const auto bits = machine_.apple ? std::bit_cast<std::uint32_t>(static_cast<float>(number))
-                                         : static_cast<std::uint32_t>(number * 256);
-        std::vector<std::uint8_t> bytes;
-        for (const unsigned shift :
-             machine_.apple ? std::vector{0U, 8U, 16U, 24U} : std::vector{8U, 0U}) {
-            bytes.push_back(static_cast<std::uint8_t>(bits >> shift));
-        }
+        const std::vector<std::uint8_t> bytes(machine_.apple ? 4 : 2);
         mac_.setKey(name, machine_.apple ? "flt " : "sp78", bytes);
+        mac_.setNumber(name, oneOf(machine_.values));
     }
     void change() {
         for (const std::string& name : machine_.names) {
@@ -256,6 +252,7 @@ private:
         }
         if (chance(6)) {
             mac_.setNotANumber(Property::kSpeedLimit);
+            mac_.setNotANumber(Property::kAcPower);
         }
         rules_.version = static_cast<int>(oneOf({11, 12, 14}));
         mac_.setSystemVersion(std::to_string(rules_.version) + (chance(2) ? ".0" : ".7.10"));
@@ -303,14 +300,42 @@ TEST(HardwareSamplerTest, ExactCallsPerSample) {
     }
 }
 
+// A graphics processor that is off when a lease begins and grows hot in the middle of it.
+TEST(HardwareSamplerTest, WatchesGraphicsThatWakeUpDuringALease) {
+    auto mac = simulator::intelMac(2);
+    mac.setNumber("TG0P", 0);
+    const auto attached = mac.attach();
+    SMC smc({[&] { return mac.now(); }, [&](double seconds) { mac.advance(seconds); }, false});
+    auto sampler = datedSampler();
+    std::vector<std::optional<double>> graphics;
+    std::vector<bool> full;
+    CurveLease::run(
+        smc, FanCurve::quiet(), 10,
+        [&] {
+            const auto snapshot = sampler.sample();
+            graphics.push_back(snapshot.temperature(SensorCategory::gpu));
+            return snapshot;
+        },
+        [&] { return mac.now(); }, [&] { return full.size() == 3; },
+        [&](double) {
+            mac.setNumber("TG0P", full.size() == 1 ? 97 : 0);
+            mac.advance(2);
+        },
+        [&](const FanControlProgress& progress) {
+            full.push_back(progress.protectionActive && mac.fanTarget(0) == mac.fanMaximum(0) &&
+                           mac.fanTarget(1) == mac.fanMaximum(1));
+        },
+        [] {});
+    EXPECT_EQ(full, (std::vector{false, true, false}));
+    EXPECT_EQ(graphics, (std::vector<std::optional<double>>{{}, 97, {}}));
+}
+
 TEST(HardwareSamplerTest, WithoutControllerTheRestIsStillThere) {
     auto mac = simulator::macWithoutController();
     const auto attached = mac.attach();
     auto sampler = datedSampler();
     const auto snapshot = sampler.sample();
-    EXPECT_FALSE(snapshot.smcAvailable);
-    EXPECT_TRUE(snapshot.sensors.empty());
-    EXPECT_TRUE(snapshot.fans.empty());
+    EXPECT_TRUE(!snapshot.smcAvailable && snapshot.sensors.empty() && snapshot.fans.empty());
     EXPECT_GE(snapshot.totalCPUs, 1);
     EXPECT_TRUE(sampler.sample().cpuUsage);
 }

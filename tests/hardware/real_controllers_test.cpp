@@ -5,7 +5,6 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <set>
 #include <string>
 #include <string_view>
 
@@ -60,14 +59,6 @@ const RealMachine kRealMachines[] = {
     {"apple-m5-pro-temperatures", 0, 0, 0, 220, 0, {"TCMb", 62.59}, {}, {"TH0b", 29.70}},
 };
 
-// Present in one table or another, readable, within the range of a temperature or a current, and
-// no measurement.
-const std::set<std::string> kLookAlikes{
-    "TC0G", "TC0J", "TCPG", "TN1G", "TH0O", "TH1O", "TMBS", "TsTP", "TsFD", "TsFS", "TsWS", "TsCH",
-    "TsHS", "TsTH", "TR0Z", "TVMr", "TVMR", "TVMX", "TVMD", "TVms", "TVXX", "Ta05", "Ta01", "Ta09",
-    "Tf06", "Tf0C", "Tf16", "Tz11", "TTPD", "TVHG", "TVHH", "PCPL", "PTHC", "PZ0E", "PZ1E", "PDCC",
-    "PD0K", "PSHC", "PFHC", "ID2A", "ID2J", "IDTA", "IPBT", "VP0u", "VP0d"};
-
 TEST(RealControllersTest, MeasurementsOnly) {
     for (const auto& machine : kRealMachines) {
         SCOPED_TRACE(machine.name);
@@ -84,12 +75,8 @@ TEST(RealControllersTest, MeasurementsOnly) {
         EXPECT_EQ(readings(Kind::voltage), machine.voltage);
         EXPECT_EQ(std::ssize(snapshot.sensors), machine.temperature);
         EXPECT_EQ(std::ssize(snapshot.fans), machine.fan);
-        for (const auto& sensor : *snapshot.additionalSensors) {
-            EXPECT_FALSE(kLookAlikes.contains(sensor.key)) << sensor.key;
-        }
         // Whatever a part is, it was between the room's temperature and its own limit.
         for (const auto& sensor : snapshot.sensors) {
-            EXPECT_FALSE(kLookAlikes.contains(sensor.key)) << sensor.key;
             EXPECT_TRUE(sensor.celsius > 10 && sensor.celsius < 100) << sensor.key;
         }
         for (const auto& [category, expected] :

@@ -285,24 +285,20 @@ TEST(ManualStateTest, FollowsModeKeyThenMaskThenHandOver) {
     using Number = std::optional<double>;
     const std::vector<Number> numbers{{},  0,   -0.0,  1,       2,    3,    0.5,
                                       4.0, 4.9, 65535, 65535.5, -1.0, kNaN, HUGE_VAL};
-    const auto check = [](Number local, Number flags, int id, Number handoff) {
-        const bool mask = flags && *flags >= 0 && *flags <= 65535 && id >= 0 && id < 10;
-        const bool bit = mask && (static_cast<int>(*flags) >> id) % 2 == 1;
-        const bool free = local ? *local == 0 || *local == 3 : mask && !bit;
-        const bool sure = local ? *local == 1 : bit;
-        EXPECT_EQ(SMCVerification::manualState(local, flags, id, handoff),
-                  sure                                  ? std::optional(true)
-                  : free && (!handoff || *handoff == 0) ? std::optional(false)
-                                                        : std::nullopt)
-            << local.value_or(-9) << " " << flags.value_or(-9) << " " << id;
-    };
     for (const Number& local : numbers) {
         for (const Number& flags : numbers) {
             for (const int id : {-1, 0, 1, 2, 9, 10, 64}) {
-                check(local, flags, id, {});
-                check(local, flags, id, 0);
-                check(local, flags, id, 1);
-                check(local, flags, id, kNaN);
+                for (const Number& handoff : {Number(), Number(0), Number(1), Number(kNaN)}) {
+                    const bool mask = flags && *flags >= 0 && *flags <= 65535 && id >= 0 && id < 10;
+                    const bool bit = mask && (static_cast<int>(*flags) >> id) % 2 == 1;
+                    const bool free = local ? *local == 0 || *local == 3 : mask && !bit;
+                    const bool sure = local ? *local == 1 : bit;
+                    EXPECT_EQ(SMCVerification::manualState(local, flags, id, handoff),
+                              sure                                  ? std::optional(true)
+                              : free && (!handoff || *handoff == 0) ? std::optional(false)
+                                                                    : std::nullopt)
+                        << local.value_or(-9) << " " << flags.value_or(-9) << " " << id;
+                }
             }
         }
     }
