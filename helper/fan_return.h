@@ -14,8 +14,8 @@ void returnEveryFan(CoolingHardware& hardware);
 inline constexpr int kReturnAttempts = 8;
 inline constexpr double kFirstReturnPauseSeconds = 0.2;
 
-// Repeats a hand-back until it has succeeded, and returns whether it has. attempt() tells whether
-// every fan is back; pause(seconds) returns true when nobody is to go on.
+// Repeats a hand-back, or what a hand-back needs, until it has succeeded, and returns whether it
+// has. attempt() tells whether it has; pause(seconds) returns true when nobody is to go on.
 template <class Attempt, class Pause>
 bool returnPatiently(double firstPause, Attempt&& attempt, Pause&& pause) {
     double seconds = firstPause;

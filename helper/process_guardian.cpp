@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "core/model/scope_error.h"
+#include "helper/fan_return.h"
 #include "shim/fv.h"
 
 namespace ferovane {
@@ -27,6 +28,9 @@ constexpr std::chrono::seconds kReleasePatience{1};
 
 // So is one that is started ready.
 constexpr int kStandPatienceMilliseconds = 5000;
+
+// Between attempts to replace one; doubles, to some 600 milliseconds together.
+constexpr double kFirstStartPauseSeconds = 0.005;
 
 // Its end: it says nothing once it stands.
 void awaitEnd(int socket) {
@@ -95,21 +99,28 @@ void ProcessGuardian::watch() noexcept {
     std::unique_lock lock(mutex_);
     while (!over_) {
         const std::shared_ptr<Socket> watched = socket_;
-        if (watched) {
-            lock.unlock();
-            awaitEnd(watched->descriptor);
-            lock.lock();
-        }
-        if (socket_ != watched) {
+        if (!watched) {
+            changed_.wait(lock);
             continue;
         }
-        if (watched && charge_ != GuardianCharge{}) {
-            charge(charge_);
-        } else {
+        lock.unlock();
+        awaitEnd(watched->descriptor);
+        lock.lock();
+        if (socket_ == watched) {
             end();
-            changed_.wait(lock);
+            replace(lock);
         }
     }
+}
+
+// While there is something to guard; whoever killed the last one may have hit the next one too.
+void ProcessGuardian::replace(std::unique_lock<std::mutex>& lock) noexcept {
+    returnPatiently(
+        kFirstStartPauseSeconds, [this] { return charge_ == GuardianCharge{} || charge(charge_); },
+        [&](double seconds) {
+            changed_.wait_for(lock, std::chrono::duration<double>(seconds));
+            return over_;
+        });
 }
 
 void ProcessGuardian::fansHeld() {
@@ -191,9 +202,12 @@ bool ProcessGuardian::start() noexcept {
     }
     std::int32_t pid = 0;
     bool started = false;
+    told_ = {};
     try {
         socket_ = std::make_shared<Socket>(ends[0]);
-        started = fv_spawn_companion(helperPath_().c_str(), kGuardianName, ends[1], &pid) == 0;
+        // The charge waits for it in the socket, and is found there even when we are gone by then.
+        started =
+            tell() && fv_spawn_companion(helperPath_().c_str(), kGuardianName, ends[1], &pid) == 0;
     } catch (const std::exception&) {
         // No memory, or nobody knows where the file is.
     }
@@ -202,8 +216,7 @@ bool ProcessGuardian::start() noexcept {
     }
     ::close(ends[1]);
     pid_ = started ? pid : -1;
-    told_ = {};
-    if (!started || !standsSoon(socket_->descriptor) || !tell()) {
+    if (!started || !standsSoon(socket_->descriptor)) {
         end();
         return false;
     }

@@ -47,6 +47,7 @@ private:
     struct Socket;
 
     void watch() noexcept;
+    void replace(std::unique_lock<std::mutex>& lock) noexcept;
     bool isAlive() const noexcept;
     bool tell() noexcept;
     bool start() noexcept;

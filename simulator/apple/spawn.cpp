@@ -2,12 +2,15 @@
 #include <fcntl.h>
 #include <libproc.h>
 #include <limits.h>
+#include <sched.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <set>
 #include <string>
@@ -103,6 +106,28 @@ int applyAttributes(const posix_spawnattr_t& attributes, int flags) {
     return 0;
 }
 
+// Seen by a child too; false at first.
+class SharedFlag {
+public:
+    SharedFlag()
+        : page_(mmap(nullptr, sizeof(Flag), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1,
+                     0)) {}
+    SharedFlag(const SharedFlag&) = delete;
+    SharedFlag& operator=(const SharedFlag&) = delete;
+    ~SharedFlag() {
+        if (*this) {
+            munmap(page_, sizeof(Flag));
+        }
+    }
+
+    explicit operator bool() const { return page_ != MAP_FAILED; }
+    std::atomic<bool>& operator*() const { return *static_cast<Flag*>(page_); }
+
+private:
+    using Flag = std::atomic<bool>;
+    void* page_;
+};
+
 int record(simulator_spawn_file_actions_t* actions, FileAction action) {
     static_cast<FileActions*>(*actions)->push_back(std::move(action));
     return 0;
@@ -110,8 +135,9 @@ int record(simulator_spawn_file_actions_t* actions, FileAction action) {
 
 }  // namespace
 
-// Every child stops just before its program is loaded, which is where macOS keeps one that is to
-// start suspended; any other is sent on from here. One that gets no further ends with the error.
+// One that is to start suspended stops just before its program is loaded, which is where macOS
+// keeps it. No other does: it must go on also when its parent dies now. One that gets no further
+// ends with the error.
 int simulator_posix_spawn(pid_t* pid, const char* path,
                           const simulator_spawn_file_actions_t* actions,
                           const posix_spawnattr_t* attributes, char* const argv[],
@@ -141,7 +167,9 @@ int simulator_posix_spawn(pid_t* pid, const char* path,
     if ((flags & POSIX_SPAWN_SETSIGMASK) != 0) {
         posix_spawnattr_getsigmask(attributes, &mask);
     }
-    const pid_t child = fork();
+    const bool suspended = (flags & POSIX_SPAWN_START_SUSPENDED) != 0;
+    const SharedFlag loads;
+    const pid_t child = loads ? fork() : -1;
     if (child == 0) {
         int error = flags == 0 ? 0 : applyAttributes(*attributes, flags);
         if (error == 0) {
@@ -154,7 +182,10 @@ int simulator_posix_spawn(pid_t* pid, const char* path,
             _exit(error);
         }
         pthread_sigmask(SIG_SETMASK, &mask, nullptr);
-        raise(SIGSTOP);
+        *loads = true;
+        if (suspended) {
+            raise(SIGSTOP);
+        }
         execve(program.c_str(), argv, environment);
         _exit(kNotLoaded);
     }
@@ -165,15 +196,14 @@ int simulator_posix_spawn(pid_t* pid, const char* path,
     }
     siginfo_t info{};
     int waited = 0;
+    const int options = WEXITED | WNOWAIT | (suspended ? WSTOPPED : WNOHANG);
     do {
-        waited = waitid(P_PID, static_cast<id_t>(child), &info, WSTOPPED | WEXITED | WNOWAIT);
-    } while (waited != 0 && errno == EINTR);
-    if (waited != 0 || info.si_code != CLD_STOPPED) {
+        sched_yield();
+        waited = waitid(P_PID, static_cast<id_t>(child), &info, options);
+    } while (waited != 0 ? errno == EINTR : info.si_pid == 0 && !*loads);
+    if (!*loads) {
         waitpid(child, nullptr, 0);
         return info.si_code == CLD_EXITED ? info.si_status : ECHILD;
-    }
-    if ((flags & POSIX_SPAWN_START_SUSPENDED) == 0) {
-        kill(child, SIGCONT);
     }
     *pid = child;
     return 0;

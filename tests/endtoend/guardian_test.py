@@ -135,6 +135,9 @@ def attack(seed):
             time.sleep(dice.uniform(0, 1.2))
             if dice.random() < 0.75:
                 killed += case.kill_guardian()
+                for _ in range(dice.choice((0, 0, 3))):
+                    time.sleep(dice.uniform(0, 0.02))
+                    killed += case.kill_guardian()  # its successors, while they start
                 time.sleep(dice.uniform(REPLACED_SECONDS, 2.5))
             DEEDS[deed](case.file)
             if dice.random() < 0.25:
@@ -175,6 +178,22 @@ class GuardianTest(unittest.TestCase):
                     if kind != "session":
                         self.assertEqual(finish(case.helper)[::2], (1, LOST + "\n"))
                     case.close()
+
+    def test_a_guardian_that_starts_when_the_helper_is_killed_hands_back(self):
+        with Owner() as owner:
+            case = Case("M1Pro", "cooling", owner)
+            self.assertTrue(eventually(case.mac.held))
+            (lost,) = guardians_of(case.helper.pid)
+            os.kill(lost, signal.SIGKILL)
+            successors = lambda: [pid for pid in guardians_of(case.helper.pid) if pid != lost]
+            while not successors():
+                pass  # it is to be met before it stands
+            (successor,) = successors()
+            os.kill(successor, signal.SIGSTOP)
+            case.kill_helper(by_name=False)
+            os.kill(successor, signal.SIGCONT)
+            self.assertEqual(case.judge()[0], "")
+            case.close()
 
     def test_stands_apart_from_the_helper_and_its_user(self):
         with Owner() as owner:
