@@ -5,9 +5,8 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cmath>
-#include <cstring>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <limits>
@@ -158,12 +157,11 @@ TEST_F(MachineTest, TextsFitExactlyOrNotAtAll) {
                  {fv_temporary_directory, directory},
                  {fv_executable_path, std::filesystem::read_symlink("/proc/self/exe")}};
     for (const auto& [ask, expected] : cases) {
-        EXPECT_EQ(ask(text, sizeof text), 0) << expected;
-        EXPECT_EQ(text, expected);
         std::fill(std::begin(text), std::end(text), 'x');
         EXPECT_EQ(ask(text, expected.size() + 1), 0) << expected;
+        EXPECT_TRUE(text == expected && text[expected.size() + 1] == 'x');
+        EXPECT_EQ(ask(text, sizeof text), 0) << expected;
         EXPECT_EQ(text, expected);
-        EXPECT_EQ(text[expected.size() + 1], 'x');
         EXPECT_EQ(ask(text, expected.size()), -1) << expected;
         EXPECT_STREQ(text, "");
         EXPECT_EQ(ask(text, 0), -1) << expected;
@@ -181,16 +179,11 @@ TEST_F(MachineTest, BatteryValuesAreEachTheirOwn) {
     mac.set(Property::kBatteryMillivolts, 12000);
     mac.set(Property::kBatteryMilliamps, -1500);
     mac.set(Property::kBatteryCharging, 0);
-    mac.set(Property::kBatteryCycles, 321);
-    EXPECT_EQ(battery(), "[42.0,12000.0,-1500.0,0,321]");
-    mac.set(Property::kBatteryCharging, 1);
     mac.set(Property::kBatteryCycles, 0);
+    EXPECT_EQ(battery(), "[42.0,12000.0,-1500.0,0,0]");
     mac.setAbsent(Property::kBatteryMillivolts);
-    EXPECT_EQ(battery(), "[42.0,null,-1500.0,1,0]");
     mac.set(Property::kBatteryCycles, -3);
-    EXPECT_EQ(battery(), "[42.0,null,-1500.0,1,-1]");
-    mac.set(Property::kBatteryPresent, 0);
-    EXPECT_EQ(battery(), "[null,null,null,-1,-1]");
+    EXPECT_EQ(battery(), "[42.0,null,-1500.0,0,-1]");
 }
 
 TEST_F(MachineTest, TakesTheFirstInternalBatteryThatIsThere) {
@@ -283,7 +276,6 @@ TEST_F(MachineTest, BundleIdentifierMustMatchExactly) {
     const auto root =
         std::filesystem::temp_directory_path() / ("shim-bundle-" + std::to_string(getpid()));
     std::filesystem::create_directories(root / "some.kext/Contents");
-    std::filesystem::create_directories(root / "empty.kext/Contents");
     std::ofstream(root / "some.kext/Contents/Info.plist")
         << "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>\n"
            "<key>CFBundleIdentifier</key><string>com.vorandel.DisableTurboBoost</string>\n"
@@ -291,7 +283,7 @@ TEST_F(MachineTest, BundleIdentifierMustMatchExactly) {
     mac.setRoot(root.string());
     const char* const identifier = "com.vorandel.DisableTurboBoost";
     const char* const none = nullptr;
-    for (const char* path : {"/some.kext", "/empty.kext", "/missing.kext", "", none}) {
+    for (const char* path : {"/some.kext", "/some.kext/Contents", "/missing.kext", "", none}) {
         for (const char* asked : {identifier, "com.vorandel.DisableTurboBoos",
                                   "com.vorandel.disableturboboost", "\xFF", none}) {
             const bool has = path != none && path == root.root_path() / "some.kext";
@@ -305,18 +297,16 @@ TEST_F(MachineTest, BundleIdentifierMustMatchExactly) {
 
 TEST(TimeBaseTest, ScalesExactlyAndSaturates) {
     __extension__ using Wide = unsigned __int128;
-    constexpr std::uint64_t kLargest = std::numeric_limits<std::uint64_t>::max();
+    constexpr std::uint64_t kMost = std::numeric_limits<std::uint64_t>::max();
     constexpr std::uint32_t kRatio = std::numeric_limits<std::uint32_t>::max();
-    const std::uint64_t last = 442721857769029238U;   // that fits with 125 / 3
-    const std::uint64_t far = 18446744069414584318U;  // with the largest ratio; then the rest is
-    for (const std::uint64_t ticks :
-         {std::uint64_t{0}, std::uint64_t{1}, std::uint64_t{7}, std::uint64_t{24'000'000}, last,
-          last + 1, far, far + 1, kLargest}) {
-        for (const std::uint32_t numerator : {0U, 1U, 3U, 5U, 125U, kRatio}) {
+    // The last ticks that fit with 125 / 3, and with the largest ratio: then the rest is too much.
+    for (const std::uint64_t ticks : {0UL, 1UL, 7UL, 442721857769029238UL, 442721857769029239UL,
+                                      18446744069414584318UL, 18446744069414584319UL, kMost}) {
+        for (const std::uint32_t numerator : {0U, 1U, 3U, 125U, kRatio}) {
             for (const std::uint32_t denominator : {0U, 1U, 3U, 4U, kRatio - 1, kRatio}) {
                 const Wide exact = Wide{ticks} * numerator / std::max(denominator, 1U);
                 EXPECT_EQ(ferovane::shim::scaledTicks(ticks, numerator, denominator),
-                          static_cast<std::uint64_t>(std::min(exact, Wide{kLargest})))
+                          static_cast<std::uint64_t>(std::min(exact, Wide{kMost})))
                     << ticks << " * " << numerator << " / " << denominator;
             }
         }
@@ -339,12 +329,11 @@ TEST(HostStatisticsTest, TicksAndMemory) {
     const std::int64_t portReferences = simulator::hostPortReferences();
     std::uint64_t before[4] = {}, after[4] = {};
     ASSERT_EQ(fv_cpu_ticks(&before[0], &before[1], &before[2], &before[3]), 0);
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(200);
-    while (std::chrono::steady_clock::now() < deadline) {
+    for (const auto start = std::clock(); std::clock() - start < CLOCKS_PER_SEC / 5;) {
     }
     ASSERT_EQ(fv_cpu_ticks(&after[0], &after[1], &after[2], &after[3]), 0);
     EXPECT_GT(after[0] + after[3], before[0] + before[3]);
-    EXPECT_LT(after[0], std::uint64_t{1} << 32);
+    EXPECT_TRUE(after[0] > 0 && after[1] > 0 && after[2] > 0 && after[0] < 1ULL << 32);
     for (int missing = 0; missing < 4; ++missing) {
         const auto out = [&](int place) { return place == missing ? nullptr : &after[place]; };
         EXPECT_EQ(fv_cpu_ticks(out(0), out(1), out(2), out(3)), -1) << missing;
@@ -355,23 +344,19 @@ TEST(HostStatisticsTest, TicksAndMemory) {
     EXPECT_EQ(memory.page_size, static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE)));
     EXPECT_EQ(memory.total_bytes,
               memory.page_size * static_cast<std::uint64_t>(sysconf(_SC_PHYS_PAGES)));
-    EXPECT_GT(memory.internal_pages, 0U);
-    EXPECT_LT(
-        (memory.internal_pages + memory.wired_pages + memory.compressed_pages) * memory.page_size,
-        memory.total_bytes);
+    const auto used = memory.internal_pages + memory.wired_pages + memory.compressed_pages;
+    EXPECT_TRUE(memory.internal_pages > 0 && used * memory.page_size < memory.total_bytes);
     EXPECT_EQ(fv_memory(nullptr), -1);
     EXPECT_EQ(simulator::hostPortReferences(), portReferences);
 }
 
 TEST(HostStatisticsTest, AHostWithoutAMachineIsHonest) {
     EXPECT_EQ(fv_smc_open(), 0U);
-    EXPECT_EQ(fv_turbo_driver_state(), -1);
-    EXPECT_EQ(fv_ac_power(), -1);
-    EXPECT_EQ(fv_apple_silicon(), 0);
-    EXPECT_EQ(fv_low_power_mode(), -1);
-    EXPECT_GE(fv_processor_count(), 1);
     EXPECT_EQ(battery(), "[null,null,null,-1,-1]");
-    EXPECT_EQ(fv_power_status().available_cpus, -1);
+    EXPECT_THAT((std::vector{fv_turbo_driver_state(), fv_ac_power(), fv_low_power_mode(),
+                             fv_power_status().available_cpus}),
+                testing::Each(-1));
+    EXPECT_GE(fv_processor_count(), 1);
     // The calling thread takes the class or stays as it is; either way it goes on.
     std::thread(fv_use_utility_priority).join();
 }
