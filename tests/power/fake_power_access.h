@@ -1,4 +1,4 @@
-// A machine's power settings in memory, with faults and a journal of what was written.
+// A machine's power settings in memory, with faults and a journal of what was asked and written.
 #pragma once
 
 #include <cstdint>
@@ -16,6 +16,7 @@
 namespace ferovane::testing {
 
 enum class PowerFault {
+    none,         // the call succeeds
     refused,      // the call throws and changes nothing
     unconfirmed,  // a write takes effect, and then throws
 };
@@ -27,18 +28,15 @@ public:
     bool blockers = false;
     std::optional<std::int64_t> turbo = 0;
 
-    std::vector<std::string>
-        writes;     // "battery:sleep=5", "turbo=1"; "!" at the end of a failed one
-    int calls = 0;  // of any kind
+    // "battery:sleep=5", "turbo=1"; "!" at the end of a failed one
+    std::vector<std::string> writes;
+    std::string trace;  // every call: "settings source battery:sleep=5! turbo? "
+    int calls = 0;      // of any kind
 
     // The k-th call from now (the next is 1) fails with the text "第k步失败"; `also` happens right
-    // after a change that takes effect, as another program's work would.
+    // after it has read or changed something, as another program's work would.
     void failCall(int k, PowerFault fault, std::function<void()> also = {}) {
         faults_[calls + k] = {fault, "第" + std::to_string(k) + "步失败", std::move(also)};
-    }
-    void clearFaults() {
-        faults_.clear();
-        stopsAt_.reset();
     }
 
     // From the k-th call on the work is given up, which nobody who is undisturbed notices; a write
@@ -49,80 +47,69 @@ public:
     }
 
     PowerConfiguration configuration() override {
-        read();
-        return settings;
+        PowerConfiguration reading;
+        call("settings", [&] { reading = settings; });
+        return reading;
     }
     void set(PowerSetting setting, PowerSource on, std::int64_t value) override {
         const auto what = PowerEdit{on, setting, 0, 0}.id() + "=" + std::to_string(value);
         write(what, [&] { settings.profiles[on][setting] = value; });
     }
+    // This and the state of turbo have no way to fail but being absent.
     std::optional<PowerSource> currentSource() override {
-        ++calls;  // has no way to fail but being absent
+        ++calls;
+        trace += "source ";
         return source;
     }
     bool hasSleepBlockers() override {
-        read();
+        call("blockers", [] {});
         return blockers;
     }
     std::optional<std::int64_t> turboState() override {
         ++calls;
+        trace += "turbo? ";
         return turbo;
-    }
-    PowerSettingsAccess& undisturbed() override {
-        stopsAt_.reset();
-        return *this;
     }
     void setTurbo(bool disabled) override {
         const std::int64_t state = disabled ? 1 : 0;
         write("turbo=" + std::to_string(state), [&] { turbo = state; });
     }
+    PowerSettingsAccess& undisturbed() override {
+        stopsAt_.reset();
+        return *this;
+    }
 
 private:
     struct Fault {
-        PowerFault kind;
+        PowerFault kind = PowerFault::none;
         std::string message;
-        std::function<void()> also;
+        std::function<void()> also = {};
     };
 
-    const Fault* strike() {
-        const auto found = faults_.find(++calls);
-        return found == faults_.end() ? nullptr : &found->second;
-    }
-
-    [[noreturn]] static void fail(const Fault& fault) {
+    // Does what is asked, unless something else befalls this call.
+    void call(const std::string& what, const std::function<void()>& act) {
+        const Fault& fault = faults_[++calls];
+        const bool stopped = stopsAt_ && calls >= *stopsAt_;
+        const bool fails = stopped || fault.kind != PowerFault::none;
+        trace += what + (fails ? "! " : " ");
+        if (stopped ? std::exchange(stoppedTakesEffect_, false)
+                    : fault.kind != PowerFault::refused) {
+            act();
+        }
+        if (stopped) {
+            throw WorkStopped();
+        }
         if (fault.also) {
             fault.also();
         }
-        throw ScopeError(fault.message);
-    }
-
-    void read() {
-        if (stopsAt_ && calls + 1 >= *stopsAt_) {
-            throw WorkStopped();
-        }
-        if (const auto* fault = strike()) {
-            fail(*fault);
+        if (fails) {
+            throw ScopeError(fault.message);
         }
     }
-
-    template <class Change>
-    void write(const std::string& what, Change change) {
-        if (stopsAt_ && calls + 1 >= *stopsAt_) {
-            ++calls;
-            if (std::exchange(stoppedTakesEffect_, false)) {
-                change();
-            }
-            writes.push_back(what + "!");
-            throw WorkStopped();
-        }
-        const auto* fault = strike();
-        if (fault == nullptr || fault->kind == PowerFault::unconfirmed) {
-            change();
-        }
-        writes.push_back(fault == nullptr ? what : what + "!");
-        if (fault != nullptr) {
-            fail(*fault);
-        }
+    void write(const std::string& what, const std::function<void()>& change) {
+        writes.push_back(what + "!");
+        call(what, change);
+        writes.back() = what;
     }
 
     std::map<int, Fault> faults_;

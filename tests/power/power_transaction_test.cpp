@@ -1,23 +1,27 @@
-// Applying plans and undoing them, as stories on a machine that keeps its state.
+// Applying plans and undoing them: a machine that keeps its state, with faults, stops and other
+// programs at work, held to the rules of a transaction call by call.
 #include "core/power/power_transaction.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <stdlib.h>
 
-#include <functional>
+#include <algorithm>
+#include <map>
 #include <string>
 #include <vector>
 
 #include "tests/power/fake_power_access.h"
+#include "tests/support/dice.h"
 #include "tests/support/failure_text.h"
 
 namespace ferovane {
 namespace {
 
+using testing::Dice;
 using ::testing::ElementsAre;
 using testing::failureOf;
 using testing::FakePowerAccess;
-using ::testing::IsEmpty;
 using testing::laptopSettings;
 using testing::PowerFault;
 using enum PowerSetting;
@@ -25,213 +29,345 @@ constexpr auto kAc = PowerSource::ac;
 constexpr auto kBattery = PowerSource::battery;
 
 constexpr double kNoon = 700000000;
+constexpr int kCases = 10000;
 
-struct PowerTransactionTest : ::testing::Test {
-    PowerTransactionTest() { mac.settings = laptopSettings(); }
+// The rules, said once more on a machine of their own.
+struct PowerRules {
+    FakePowerAccess& mac;
+    std::function<Date()> now;
+    std::vector<PowerEdit> edits = {};
+    std::size_t begun = 0, done = 0;
+    bool turboBegun = false, turboDone = false;
 
-    PowerOutcome apply() {
-        return PowerTransaction::apply(plan, mac, [this] { return Date{clock++}; });
+    static void refuseIf(bool refused, const char* text) {
+        if (refused) {
+            throw ScopeError(text);
+        }
     }
-    std::string applyFailure() {
-        return failureOf([this] { apply(); });
+
+    // Everything is checked before anything is changed.
+    PowerOutcome apply(const PowerOptimizationPlan& plan) {
+        const auto reading = mac.configuration();
+        const auto offers = [](const std::optional<std::int64_t>& minutes, auto... choices) {
+            return !minutes || ((*minutes == choices) || ...);
+        };
+        refuseIf(!offers(plan.displayMinutes, 2, 5, 10), "无效的显示器休眠时间");
+        refuseIf(!offers(plan.idleMinutes, 5, 10, 15), "无效的系统休眠时间");
+        std::vector<PowerEdit> targets;
+        if (plan.lowPower) {
+            const bool automatic = plan.scope == PowerScope::batteryAutomatic;
+            targets.push_back({automatic ? kBattery : plan.source, lowPowerMode, 0, 1});
+        }
+        if (plan.displayMinutes) {
+            targets.push_back({plan.source, displaySleep, 0, *plan.displayMinutes});
+        }
+        if (plan.idleMinutes) {
+            targets.push_back({plan.source, systemSleep, 0, *plan.idleMinutes});
+        }
+        for (auto& target : targets) {
+            const auto value = reading.value(target.key, target.source);
+            refuseIf(!value, target.key == lowPowerMode ? "此设备的系统低电量设置不可读取"
+                             : target.key == displaySleep ? "显示器休眠设置不可读取"
+                                                          : "系统休眠设置不可读取");
+            target.before = *value;
+        }
+        for (const auto& it : targets) {
+            refuseIf(plan.expected && plan.expected->value(it.key, it.source) != it.before,
+                     "电源设置已变化，请刷新后重新选择措施");
+        }
+        refuseIf(mac.currentSource() != plan.source, "供电状态已变化，请刷新优化方案");
+        refuseIf(plan.idleMinutes && mac.hasSleepBlockers(), "存在阻止休眠的任务，未修改休眠设置");
+        const auto turbo = plan.disableTurbo ? mac.turboState() : 1;
+        refuseIf(turbo != 0 && turbo != 1, "睿频状态不可确认");
+
+        std::copy_if(targets.begin(), targets.end(), std::back_inserter(edits),
+                     [](const auto& it) { return it.before != it.after; });
+        const auto startedAt = now();
+        try {
+            for (; begun < edits.size(); ++done) {
+                const PowerEdit& edit = edits[begun++];
+                mac.set(edit.key, edit.source, edit.after);
+            }
+            if (turbo == 0) {
+                turboBegun = true;
+                mac.setTurbo(true);
+            }
+        } catch (const ScopeError& failure) {
+            const auto rest = putBack();
+            throw ScopeError(failure.message() + (rest.empty() ? "" : "；" + rest));
+        }
+        const auto turboBefore = turbo == 0 ? std::optional<std::int64_t>(0) : std::nullopt;
+        return {PowerBackup(edits, turboBefore, now()), !edits.empty() || turbo == 0,
+                static_cast<std::int64_t>(targets.size() - edits.size()), startedAt};
     }
 
-    FakePowerAccess mac;
-    PowerOptimizationPlan plan{kBattery, PowerScope::current, true, 5, 10, true, std::nullopt};
-    double clock = kNoon;
+    // Whatever took effect or may have done so, the last change first, without any stop; what
+    // somebody else has set since stays. Empty, or what has failed.
+    std::string putBack() {
+        std::string failures;
+        const auto attempt = [&](const auto& act) {
+            const std::string failure = failureOf(act);
+            failures += failure.empty() ? "" : (failures.empty() ? "" : "；") + failure;
+        };
+        mac.undisturbed();
+        if (turboDone || (turboBegun && mac.turboState() != 0)) {
+            attempt([this] { mac.setTurbo(false); });
+        }
+        PowerConfiguration reading;
+        if (begun > 0) {
+            failureOf([&] { reading = mac.configuration(); });
+        }
+        while (begun-- > 0) {
+            const PowerEdit& edit = edits[begun];
+            const auto value = reading.value(edit.key, edit.source);
+            const bool confirmed = begun < done;
+            if (!value || value == edit.after || (confirmed && value == edit.before)) {
+                attempt([&] { mac.set(edit.key, edit.source, edit.before); });
+            }
+        }
+        return failures.empty() ? "" : "部分原设置未确认恢复：" + failures;
+    }
+
+    void takeBack(const PowerBackup& backup) {
+        edits = backup.edits;
+        begun = done = edits.size();
+        turboBegun = turboDone = backup.turboBefore.has_value();
+        const auto failures = putBack();
+        refuseIf(!failures.empty(), failures.c_str());
+    }
+
+    // Only what is still as the backup left it is changed.
+    PowerOutcome restore(const PowerBackup& backup) {
+        mac.undisturbed();
+        const auto reading = mac.configuration();
+        PowerOutcome outcome;
+        for (std::size_t i = backup.edits.size(); i-- > 0;) {
+            const auto& edit = backup.edits[i];
+            const auto value = reading.value(edit.key, edit.source);
+            if (value == edit.after && value != edit.before) {
+                mac.set(edit.key, edit.source, edit.before);
+                outcome.changed = true;
+            }
+            outcome.skipped += value != edit.after && value != edit.before;
+        }
+        const auto turbo = backup.turboBefore ? mac.turboState() : 0;
+        if (backup.turboBefore && turbo == 1) {
+            mac.setTurbo(*backup.turboBefore == 1);
+            outcome.changed = true;
+        }
+        outcome.skipped += backup.turboBefore && turbo != 1 && turbo != backup.turboBefore;
+        return outcome;
+    }
 };
 
-TEST_F(PowerTransactionTest, AppliesInOrderAndRecordsWhatItChanged) {
-    mac.settings.profiles[kBattery][displaySleep] = 5;
-    const auto outcome = apply();
+// One machine, what befalls it, and what it is asked to do.
+class PowerCase {
+public:
+    explicit PowerCase(unsigned seed) : dice_(seed), seed_(seed) {
+        mac_.settings = laptopSettings();
+        for (int i = dice_.upTo(3); i > 0; --i) {
+            somebodySets(anyEdit())(mac_);
+        }
+        if (dice_.oneIn(5)) {
+            mac_.settings.profiles[anySource()].erase(anySetting());
+        }
+        mac_.source = dice_.maybe(20, dice_.oneIn(4) ? kAc : kBattery);
+        mac_.blockers = dice_.oneIn(10);
+        mac_.turbo = dice_.maybe<std::int64_t>(10, dice_.oneIn(20) ? 2 : dice_.upTo(1));
+    }
 
-    EXPECT_THAT(mac.writes, ElementsAre("battery:lowpowermode=1", "battery:sleep=10", "turbo=1"));
-    EXPECT_TRUE(outcome.changed);
-    EXPECT_EQ(outcome.skipped, 1);
-    EXPECT_EQ(outcome.startedAt, Date{kNoon});
+    // Runs code and rules side by side; the text that both ended with.
+    std::string run() {
+        const int act = dice_.upTo(3);
+        const auto plan = anyPlan();
+        const auto backup = anyBackup();
+        if (act >= 2) {
+            // As the backup left it, but for what has happened since.
+            for (const auto& edit : backup.edits) {
+                mac_.settings.profiles[edit.source][edit.key] =
+                    dice_.oneIn(4) ? edit.before : edit.after;
+            }
+            for (int i = dice_.upTo(1); i > 0; --i) {
+                somebodySets(anyEdit())(mac_);
+            }
+        }
+        befall();
+        FakePowerAccess other = mac_;
+        PowerOutcome outcome, expected;
+        const auto failure = failureOf([&] {
+            const auto now = clockOf(mac_);
+            arm(mac_);
+            act <= 1   ? void(outcome = PowerTransaction::apply(plan, mac_, now))
+            : act == 2 ? void(outcome = PowerTransaction::restore(backup, mac_))
+                       : PowerTransaction::takeBack(backup, mac_);
+        });
+        const auto expectedFailure = failureOf([&] {
+            arm(other);
+            PowerRules rules{other, clockOf(other)};
+            act <= 1   ? void(expected = rules.apply(plan))
+            : act == 2 ? void(expected = rules.restore(backup))
+                       : rules.takeBack(backup);
+        });
+        if (outcome.backup && expected.backup) {
+            EXPECT_NE(outcome.backup->id, expected.backup->id);
+            outcome.backup->validate();
+            expected.backup->id = outcome.backup->id;
+        }
+        EXPECT_EQ(failure, expectedFailure) << seed_;
+        EXPECT_EQ(outcome, expected) << seed_;
+        EXPECT_EQ(mac_.trace, other.trace) << seed_;
+        EXPECT_EQ(mac_.settings, other.settings) << seed_ << ": " << mac_.trace;
+        EXPECT_EQ(mac_.turbo, other.turbo) << seed_ << ": " << mac_.trace;
+        return failure.empty() ? std::string("done, ") + std::to_string(outcome.changed) : failure;
+    }
+
+private:
+    using Happening = std::function<void(FakePowerAccess&)>;
+
+    PowerSource anySource() { return dice_.oneIn(3) ? kAc : kBattery; }
+    PowerSetting anySetting() {
+        const PowerSetting settings[] = {lowPowerMode, displaySleep, systemSleep};
+        return settings[dice_.upTo(2)];
+    }
+    std::int64_t anyValue(PowerSetting setting) {
+        return setting == lowPowerMode ? dice_.upTo(1)
+                                       : static_cast<std::int64_t>(dice_.pick({0, 2, 5, 10, 60}));
+    }
+    PowerEdit anyEdit() {
+        const auto key = anySetting();
+        return {anySource(), key, anyValue(key), anyValue(key)};
+    }
+    static Happening somebodySets(const PowerEdit& edit) {
+        return [edit](FakePowerAccess& mac) {
+            mac.settings.profiles[edit.source][edit.key] = edit.after;
+        };
+    }
+
+    PowerOptimizationPlan anyPlan() {
+        PowerOptimizationPlan plan;
+        plan.source = dice_.oneIn(8) ? anySource() : mac_.source.value_or(kAc);
+        plan.scope = dice_.oneIn(2) ? PowerScope::current : PowerScope::batteryAutomatic;
+        plan.lowPower = dice_.oneIn(2);
+        const auto minutes = [&](std::initializer_list<double> choices) {
+            const auto any = dice_.oneIn(10) ? dice_.upTo(20) - 2 : dice_.pick(choices);
+            return dice_.maybe<std::int64_t>(3, static_cast<std::int64_t>(any));
+        };
+        plan.displayMinutes = minutes({2, 5, 10});
+        plan.idleMinutes = minutes({5, 10, 15});
+        plan.disableTurbo = dice_.oneIn(2);
+        if (dice_.oneIn(3)) {
+            auto seen = mac_;
+            dice_.oneIn(3) ? somebodySets(anyEdit())(seen) : void();
+            dice_.oneIn(6) ? void(seen.settings.profiles[anySource()].erase(anySetting())) : void();
+            plan.expected = seen.settings;
+        }
+        return plan;
+    }
+
+    PowerBackup anyBackup() {
+        std::vector<PowerEdit> edits;
+        for (int i = dice_.upTo(3); i > 0; --i) {
+            const auto edit = anyEdit();
+            const bool known = std::any_of(edits.begin(), edits.end(),
+                                           [&](const auto& it) { return it.id() == edit.id(); });
+            known ? void() : edits.push_back(edit);
+        }
+        return PowerBackup(edits, dice_.maybe<std::int64_t>(3, dice_.upTo(1)));
+    }
+
+    // Faults at any calls, the work given up, and others who change what they like meanwhile.
+    void befall() {
+        for (int k = 1; k < 20; ++k) {
+            const int kind = dice_.upTo(20);
+            const auto fault = kind == 0   ? PowerFault::refused
+                               : kind == 1 ? PowerFault::unconfirmed
+                                           : PowerFault::none;
+            Happening also = [](auto&) {};
+            if (dice_.oneIn(8)) {
+                also = dice_.oneIn(6) ? [](auto& mac) { mac.turbo = 1 - mac.turbo.value_or(1); }
+                                      : somebodySets(anyEdit());
+            }
+            happenings_.push_back(
+                [=](FakePowerAccess& mac) { mac.failCall(k, fault, [&mac, also] { also(mac); }); });
+        }
+        if (dice_.oneIn(4)) {
+            happenings_.push_back([k = 1 + dice_.upTo(9), took = dice_.oneIn(2)](auto& mac) {
+                mac.stopAtCall(k, took);
+            });
+        }
+    }
+    void arm(FakePowerAccess& mac) const {
+        for (const auto& happening : happenings_) {
+            happening(mac);
+        }
+    }
+    static std::function<Date()> clockOf(FakePowerAccess& mac) {
+        return [&mac, time = kNoon]() mutable {
+            mac.trace += "now ";
+            return Date{time++};
+        };
+    }
+
+    Dice dice_;
+    unsigned seed_;
+    FakePowerAccess mac_;
+    std::vector<Happening> happenings_;
+};
+
+TEST(PowerTransactionTest, KeepsItsRulesWhateverHappens) {
+    std::map<std::string, int> ends;
+    const char* repeated = getenv("FEROVANE_POWER_SEED");
+    const unsigned first = repeated == nullptr ? 0 : static_cast<unsigned>(atoi(repeated));
+    for (unsigned seed = first; seed < first + (repeated == nullptr ? kCases : 1); ++seed) {
+        ++ends[PowerCase(seed).run()];
+        ASSERT_FALSE(HasFailure()) << "FEROVANE_POWER_SEED=" << seed;
+    }
+    // The cases have to have been everywhere.
+    for (const char* end :
+         {"done, 0", "done, 1", "无效的显示器休眠时间", "无效的系统休眠时间",
+          "此设备的系统低电量设置不可读取", "显示器休眠设置不可读取", "系统休眠设置不可读取",
+          "电源设置已变化，请刷新后重新选择措施", "供电状态已变化，请刷新优化方案",
+          "存在阻止休眠的任务，未修改休眠设置", "睿频状态不可确认", "会话正在结束，操作已中止",
+          "第8步失败", "部分原设置未确认恢复：第2步失败；第3步失败"}) {
+        EXPECT_GT(ends[end], repeated == nullptr ? 0 : -1) << end;
+    }
+}
+
+struct PowerStory : ::testing::Test {
+    PowerStory() { mac.settings = laptopSettings(); }
+    FakePowerAccess mac;
+    PowerOptimizationPlan plan{kBattery, PowerScope::current, true, 5, 10, true, std::nullopt};
+};
+
+TEST_F(PowerStory, APlanIsAppliedInOrderAndUndoneBackwards) {
+    mac.settings.profiles[kBattery][displaySleep] = 5;
+    const auto outcome = PowerTransaction::apply(plan, mac);
     ASSERT_TRUE(outcome.backup);
     EXPECT_EQ(outcome.backup->edits, (std::vector<PowerEdit>{{kBattery, lowPowerMode, 0, 1},
                                                              {kBattery, systemSleep, 30, 10}}));
-    EXPECT_EQ(outcome.backup->turboBefore, 0);
-    EXPECT_EQ(outcome.backup->date, Date{kNoon + 1});
-    EXPECT_NE(outcome.backup->id, Uuid{});
-    outcome.backup->validate();
-}
-
-TEST_F(PowerTransactionTest, ChangesNothingWhenEverythingIsAsWanted) {
-    mac.settings.profiles[kBattery] = {{lowPowerMode, 1}, {displaySleep, 5}, {systemSleep, 10}};
-    mac.turbo = 1;
-    const auto outcome = apply();
-
-    EXPECT_THAT(mac.writes, IsEmpty());
-    EXPECT_FALSE(outcome.changed);
-    EXPECT_EQ(outcome.skipped, 3);
-    ASSERT_TRUE(outcome.backup);
-    EXPECT_THAT(outcome.backup->edits, IsEmpty());
-    EXPECT_EQ(outcome.backup->turboBefore, std::nullopt);
-}
-
-TEST_F(PowerTransactionTest, RefusesBeforeTheFirstWrite) {
-    struct Case {
-        std::string failure;
-        std::function<void()> arrange;
-    };
-    // Each arrangement keeps what the ones before it spoilt, so the last check that fails is the
-    // first in order.
-    const std::vector<Case> cases{
-        {"睿频状态不可确认", [this] { mac.turbo = 2; }},
-        {"睿频状态不可确认", [this] { mac.turbo.reset(); }},
-        {"存在阻止休眠的任务，未修改休眠设置", [this] { mac.blockers = true; }},
-        {"供电状态已变化，请刷新优化方案", [this] { mac.source = kAc; }},
-        {"供电状态已变化，请刷新优化方案", [this] { mac.source.reset(); }},
-        {"显示器休眠设置不可读取", [this] { mac.settings.profiles[kBattery].erase(displaySleep); }},
-        {"无效的系统休眠时间", [this] { plan.idleMinutes = 2; }},
-        {"第1步失败", [this] { mac.failCall(1, PowerFault::refused); }},
-    };
-    for (const auto& c : cases) {
-        c.arrange();
-        EXPECT_EQ(applyFailure(), c.failure);
-        EXPECT_THAT(mac.writes, IsEmpty()) << c.failure;
-    }
-}
-
-TEST_F(PowerTransactionTest, AsksOnlyForWhatThePlanTouches) {
-    mac.blockers = true;
-    mac.turbo.reset();
-    plan.idleMinutes.reset();
-    plan.disableTurbo = false;
-    EXPECT_TRUE(apply().changed);
-    EXPECT_THAT(mac.writes, ElementsAre("battery:lowpowermode=1", "battery:displaysleep=5"));
+    EXPECT_EQ(outcome.skipped, 1);
+    PowerTransaction::restore(*outcome.backup, mac);
+    EXPECT_THAT(mac.writes, ElementsAre("battery:lowpowermode=1", "battery:sleep=10", "turbo=1",
+                                        "battery:sleep=30", "battery:lowpowermode=0", "turbo=0"));
+    EXPECT_EQ(PowerTransaction::restore(*outcome.backup, mac), PowerOutcome{}) << "once only";
 }
 
 // The calls of an apply are: configuration, source, blockers, turbo state, three settings, turbo.
-TEST_F(PowerTransactionTest, PutsBackInReverseOrderWhenAWriteIsRefused) {
-    mac.failCall(7, PowerFault::refused);
-    EXPECT_EQ(applyFailure(), "第7步失败");
-    EXPECT_THAT(mac.writes,
-                ElementsAre("battery:lowpowermode=1", "battery:displaysleep=5", "battery:sleep=10!",
-                            "battery:displaysleep=10", "battery:lowpowermode=0"));
-    EXPECT_EQ(mac.settings, laptopSettings());
-}
-
-TEST_F(PowerTransactionTest, PutsBackSettingsWhenTurboIsRefused) {
-    mac.failCall(8, PowerFault::refused);
-    EXPECT_EQ(applyFailure(), "第8步失败");
-    EXPECT_EQ(mac.settings, laptopSettings());
-    EXPECT_EQ(mac.turbo, 0);
-    EXPECT_EQ(mac.writes.back(), "battery:lowpowermode=0");
-}
-
-TEST_F(PowerTransactionTest, PutsBackAChangeThatTookEffectUnconfirmed) {
-    mac.failCall(5, PowerFault::unconfirmed);
-    EXPECT_EQ(applyFailure(), "第5步失败");
-    EXPECT_EQ(mac.settings, laptopSettings());
-
-    mac.writes.clear();
-    mac.failCall(8, PowerFault::unconfirmed);
-    EXPECT_EQ(applyFailure(), "第8步失败");
-    EXPECT_EQ(mac.settings, laptopSettings());
-    EXPECT_EQ(mac.turbo, 0);
-    EXPECT_THAT(mac.writes,
-                ElementsAre("battery:lowpowermode=1", "battery:displaysleep=5", "battery:sleep=10",
-                            "turbo=1!", "turbo=0", "battery:sleep=30", "battery:displaysleep=10",
-                            "battery:lowpowermode=0"));
-}
-
-TEST_F(PowerTransactionTest, NamesEveryPutBackThatFailed) {
+TEST_F(PowerStory, AFailureIsToldWithEveryPutBackThatFailed) {
     mac.failCall(7, PowerFault::refused);
     mac.failCall(9, PowerFault::refused);   // after the reading, call 8
     mac.failCall(10, PowerFault::refused);  // tried although the one before failed
-    EXPECT_EQ(applyFailure(), "第7步失败；部分原设置未确认恢复：第9步失败；第10步失败");
+    EXPECT_EQ(failureOf([this] { PowerTransaction::apply(plan, mac); }),
+              "第7步失败；部分原设置未确认恢复：第9步失败；第10步失败");
 }
 
-TEST_F(PowerTransactionTest, PutsBackWithoutAReadingToo) {
-    mac.failCall(7, PowerFault::refused);
-    mac.failCall(8, PowerFault::refused);
-    EXPECT_EQ(applyFailure(), "第7步失败");
-    EXPECT_EQ(mac.settings, laptopSettings());
-}
-
-TEST_F(PowerTransactionTest, LeavesAForeignValueWhenPuttingBack) {
-    mac.failCall(7, PowerFault::refused,
-                 [this] { mac.settings.profiles[kBattery][displaySleep] = 60; });
-    EXPECT_EQ(applyFailure(), "第7步失败");
-    auto expected = laptopSettings();
-    expected.profiles[kBattery][displaySleep] = 60;
-    EXPECT_EQ(mac.settings, expected);
-}
-
-TEST_F(PowerTransactionTest, RestoresFromTheLastEditToTheFirst) {
-    const auto backup = *apply().backup;
-    mac.writes.clear();
-    const auto outcome = PowerTransaction::restore(backup, mac);
-
-    EXPECT_THAT(mac.writes, ElementsAre("battery:sleep=30", "battery:displaysleep=10",
-                                        "battery:lowpowermode=0", "turbo=0"));
-    EXPECT_EQ(outcome, (PowerOutcome{std::nullopt, true, 0, std::nullopt}));
-    EXPECT_EQ(mac.settings, laptopSettings());
-
-    mac.writes.clear();
-    EXPECT_EQ(PowerTransaction::restore(backup, mac), PowerOutcome{});
-    EXPECT_THAT(mac.writes, IsEmpty());
-}
-
-TEST_F(PowerTransactionTest, RestoreKeepsWhatOthersChanged) {
-    const auto backup = *apply().backup;
-    mac.writes.clear();
-    mac.settings.profiles[kBattery][displaySleep] = 60;   // somebody's own choice
-    mac.settings.profiles[kBattery][systemSleep] = 30;    // put back by hand
-    mac.settings.profiles[kBattery].erase(lowPowerMode);  // not readable any more
-    mac.turbo.reset();                                    // nor is this
-    const auto outcome = PowerTransaction::restore(backup, mac);
-
-    EXPECT_THAT(mac.writes, IsEmpty());
-    EXPECT_EQ(outcome, (PowerOutcome{std::nullopt, false, 3, std::nullopt}));
-}
-
-TEST_F(PowerTransactionTest, RestoreStopsAtTheFirstFailureAndCanBeRepeated) {
-    const auto backup = *apply().backup;
-    mac.writes.clear();
-    mac.failCall(3, PowerFault::refused);
-    EXPECT_EQ(failureOf([&] { PowerTransaction::restore(backup, mac); }), "第3步失败");
-    EXPECT_THAT(mac.writes, ElementsAre("battery:sleep=30", "battery:displaysleep=10!"));
-
-    EXPECT_TRUE(PowerTransaction::restore(backup, mac).changed);
-    EXPECT_EQ(mac.settings, laptopSettings());
-    EXPECT_EQ(mac.turbo, 0);
-}
-
-TEST_F(PowerTransactionTest, RestoreOfTurboDependsOnWhatIsThere) {
-    struct Case {
-        std::int64_t before;
-        std::optional<std::int64_t> current;
-        std::vector<std::string> writes;
-        std::int64_t skipped;
-    };
-    const std::vector<Case> cases{
-        {0, 1, {"turbo=0"}, 0}, {0, 0, {}, 0}, {0, std::nullopt, {}, 1},
-        {1, 1, {"turbo=1"}, 0}, {1, 0, {}, 1},
-    };
-    for (const auto& c : cases) {
-        mac.writes.clear();
-        mac.turbo = c.current;
-        const auto outcome = PowerTransaction::restore(PowerBackup({}, c.before), mac);
-        EXPECT_EQ(mac.writes, c.writes);
-        EXPECT_EQ(outcome.changed, !c.writes.empty());
-        EXPECT_EQ(outcome.skipped, c.skipped);
-    }
-}
-
-TEST_F(PowerTransactionTest, RefusesABackupThatNoPlanCouldHaveMade) {
-    const std::vector<PowerBackup> backups{
-        PowerBackup({{kAc, displaySleep, 10, 300}}, std::nullopt),
-        PowerBackup({{kAc, displaySleep, -1, 5}}, std::nullopt),
-        PowerBackup({{kAc, lowPowerMode, 2, 1}}, std::nullopt),
-        PowerBackup({{kAc, displaySleep, 10, 5}, {kAc, displaySleep, 20, 5}}, std::nullopt),
-        PowerBackup({}, 2),
-        PowerBackup({}, -1),
-    };
-    for (const auto& backup : backups) {
+TEST_F(PowerStory, ABackupThatNoPlanCouldHaveMadeIsRefused) {
+    for (const auto& backup :
+         {PowerBackup({{kAc, displaySleep, 10, 300}}, std::nullopt),
+          PowerBackup({{kAc, displaySleep, -1, 5}}, std::nullopt),
+          PowerBackup({{kAc, lowPowerMode, 2, 1}}, std::nullopt),
+          PowerBackup({{kAc, displaySleep, 10, 5}, {kAc, displaySleep, 20, 5}}, std::nullopt),
+          PowerBackup({}, 2), PowerBackup({}, -1)}) {
         EXPECT_EQ(failureOf([&] { PowerTransaction::restore(backup, mac); }), "恢复记录无效");
     }
     EXPECT_EQ(mac.calls, 0);
