@@ -83,8 +83,11 @@ void runLease(HeldFans& fans, FanGuardian& guardian, const HelperEnvironment& en
 }
 
 void awaitRound(HeldFans& fans, double seconds, const HelperEnvironment& environment) {
-    environment.pause(seconds);
-    fans.stayGuarded();
+    bool stopped = false;
+    for (double left = seconds; left > 0 && !stopped; left -= kGuardedSeconds) {
+        stopped = environment.pause(std::min(left, kGuardedSeconds));
+        fans.stayGuarded();
+    }
 }
 
 void requireTemperatures(const Snapshot& snapshot, const FanCurve& fanCurve) {

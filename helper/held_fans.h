@@ -12,6 +12,9 @@
 
 namespace ferovane {
 
+// A lease that waits looks so often, in seconds, whether somebody would hand its fans back.
+inline constexpr double kGuardedSeconds = 0.25;
+
 // Passes every operation on to the hardware. A fan is held from just before it is taken until the
 // hardware has confirmed that it was given back; the guardian knows while any is.
 //
@@ -29,8 +32,8 @@ public:
     void setTarget(int fan, double rpm) override { hardware_.setTarget(fan, rpm); }
     void setManual(int fan, bool enabled) override;
 
-    // Called in each round of a lease: throws the guardian's ScopeError when fans are held and
-    // nobody would hand them back for us.
+    // Called every kGuardedSeconds while a lease waits: throws the guardian's ScopeError when fans
+    // are held and nobody would hand them back for us.
     void stayGuarded();
 
     // A lease reports why it ended, not whether its hand-back worked. This gives every fan that is

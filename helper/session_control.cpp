@@ -398,13 +398,17 @@ bool SessionControl::mustStop() {
 }
 
 void SessionControl::waitForRound(double left) {
-    {
-        const ConditionGuard guard(lock_);
-        lock_.waitLocked(std::min(environment_.timings.leaseRound, left),
-                         environment_.timings.leasePoll, environment_.uptime,
-                         [this]() FV_REQUIRES(lock_) { return stopRequested_; });
+    bool stopped = false;
+    double toWait = std::min(environment_.timings.leaseRound, left);
+    for (; toWait > 0 && !stopped; toWait -= kGuardedSeconds) {
+        {
+            const ConditionGuard guard(lock_);
+            stopped = lock_.waitLocked(std::min(toWait, kGuardedSeconds),
+                                       environment_.timings.leasePoll, environment_.uptime,
+                                       [this]() FV_REQUIRES(lock_) { return stopRequested_; });
+        }
+        fans_.stayGuarded();
     }
-    fans_.stayGuarded();
 }
 
 }  // namespace ferovane
