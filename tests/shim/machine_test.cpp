@@ -220,16 +220,11 @@ TEST_F(MachineTest, TakesTheFirstInternalBatteryThatIsThere) {
     EXPECT_EQ(battery(), "[null,null,null,-1,-1]") << "there is no list";
 }
 
-TEST_F(MachineTest, PowerMustBeToldInItsForm) {
+TEST_F(MachineTest, LimitsMustFitTheirWidth) {
     mac.set(Property::kSpeedLimit, 4294967296);
     mac.set(Property::kThermalWarning, 2147483648);
     const FVPowerStatus status = fv_power_status();
-    EXPECT_EQ(status.speed_limit, -1);
-    EXPECT_EQ(status.scheduler_limit, 100);
-    EXPECT_EQ(status.thermal_warning, -1);
-    EXPECT_EQ(fv_ac_power(), 1);
-    mac.setNotANumber(Property::kAcPower);
-    EXPECT_EQ(fv_ac_power(), -1);
+    EXPECT_TRUE(status.speed_limit == -1 && status.thermal_warning == -1);
 }
 
 TEST_F(MachineTest, AssertionsOfAllProcessesAreVisited) {

@@ -100,18 +100,14 @@ TEST(OwnerAliveTest, NeedsTheProcessAndItsUser) {
     tests::ChildProcess child([&] {
         const pid_t parent = getppid();
         int inaccessible = 0;
-        if (setgid(kNobody) != 0 || setuid(kNobody) != 0 || fv_owner_alive(parent, 0)) {
-            return 1;
-        }
+        bool right = setgid(kNobody) == 0 && setuid(kNobody) == 0 && !fv_owner_alive(parent, 0);
         const auto seen = snapshotOfAll(&inaccessible);
         for (const FVProcessSnapshot& entry : seen) {
-            if (entry.uid != kNobody) {
-                return 2;
-            }
+            right = right && entry.uid == kNobody;
         }
         ready.tell();
         end.await();
-        return seen.empty() || inaccessible < 1 ? 3 : 0;
+        return right && !seen.empty() && inaccessible > 0 ? 0 : 1;
     });
     ready.await();
     EXPECT_TRUE(fv_owner_alive(child.pid(), kNobody));
