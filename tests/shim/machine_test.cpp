@@ -198,7 +198,7 @@ TEST_F(MachineTest, TakesTheFirstInternalBatteryThatIsThere) {
     };
     const char* internal = "InternalBattery";
     const struct {
-        json sources;
+        std::vector<json> sources;
         std::string charge;
     } cases[] = {
         {{"no description", json::object(), source("UPS", 9, 100, true),
@@ -210,11 +210,11 @@ TEST_F(MachineTest, TakesTheFirstInternalBatteryThatIsThere) {
         {{source(internal, 50, 0, 1)}, "null,null,null,-1"},
         {{source(internal, "50", 100, false)}, "null,null,null,0"},
         {{source(internal, 50, "?", true)}, "null,null,null,1"},
-        {json::array(), "null,null,null,-1"},
+        {{}, "null,null,null,-1"},
     };
     for (const auto& [sources, charge] : cases) {
         foreign.powerSources = json{{"Sources", sources}};
-        EXPECT_EQ(battery(), "[" + charge + ",-1]") << sources;
+        EXPECT_EQ(battery(), "[" + charge + ",-1]");
     }
     foreign.powerSources = json::object();
     EXPECT_EQ(battery(), "[null,null,null,-1,-1]") << "there is no list";
