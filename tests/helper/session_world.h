@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -19,6 +20,13 @@
 namespace ferovane::testing {
 
 inline constexpr double kReplySeconds = 20;
+
+inline bool eventually(const std::function<bool()>& holds) {
+    for (int i = 0; i < 2000 && !holds(); ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return holds();
+}
 
 struct Pipe {
     Pipe() {
@@ -48,10 +56,7 @@ public:
         HelperEnvironment& environment = world.environment;
         environment.inputDescriptor = requests.ends[0];
         environment.outputDescriptor = replies.ends[1];
-        environment.now = environment.uptime = [] {
-            const auto now = std::chrono::steady_clock::now().time_since_epoch();
-            return std::chrono::duration<double>(now).count();
-        };
+        environment.now = environment.uptime = hostSeconds;
         environment.timings = {.request = 20,
                                .watchdogPoll = watchdogPoll,
                                .leasePoll = 0.005,
@@ -101,10 +106,7 @@ public:
     }
     // Waits until the session's process would have ended from the watchdog.
     bool endsItself() {
-        for (int i = 0; i < 2000 && endedWith < 0; ++i) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        }
-        return endedWith == 0;
+        return eventually([this] { return endedWith >= 0; }) && endedWith == 0;
     }
 
     HelperWorld world;
@@ -113,6 +115,10 @@ public:
     std::atomic<int> endedWith = -1;
 
 private:
+    static double hostSeconds() {
+        const auto now = std::chrono::steady_clock::now().time_since_epoch();
+        return std::chrono::duration<double>(now).count();
+    }
     // A tenth of what is asked for: a write that settles late is still waited for, and soon had.
     static void sleepShortly(double seconds) {
         std::this_thread::sleep_for(std::chrono::duration<double>(seconds / 10));
@@ -128,11 +134,7 @@ private:
         replies.closeEnd(1);
     }
 
-    ControlChannel channel_{
-        replies.ends[0], [] {
-            const auto now = std::chrono::steady_clock::now();
-            return std::chrono::duration<double>(now.time_since_epoch()).count();
-        }};
+    ControlChannel channel_{replies.ends[0], hostSeconds};
     std::thread thread_;
 };
 

@@ -58,7 +58,6 @@ TEST(PowerConfigurationTest, KeepsOnlyWhatIsUnderstood) {
         return Profiles{{PowerSource::battery, std::move(settings)}};
     };
     const std::vector<Case> cases{
-        {"no header", " sleep 10\n displaysleep 5\n", {}},
         {"a header alone records its source", "AC Power:", {{PowerSource::ac, {}}}},
         {"lines before the first header", " sleep 1\nBattery Power:\n sleep 2\n",
          battery({{systemSleep, 2}})},
