@@ -7,7 +7,6 @@
 #include <cstring>
 #include <string_view>
 
-#include "fuzz/input.h"
 #include "fuzz/property.h"
 #include "shim/fv.h"
 #include "simulator/machine/four_characters.h"
@@ -25,7 +24,7 @@ constexpr std::array<std::string_view, 16> kTypes{"fpe2", "flt ", "ui8 ", "ui16"
 
 // Often a type that controllers have, else any four characters.
 std::uint32_t typeFrom(fuzzing::Input& input) {
-    const auto choice = input.take<std::uint8_t>();
+    const auto choice = input.byte();
     const auto raw = input.take<std::uint32_t>();
     return choice < 2 * kTypes.size() ? packed(kTypes[choice % kTypes.size()]) : raw;
 }
@@ -33,7 +32,7 @@ std::uint32_t typeFrom(fuzzing::Input& input) {
 FVValue valueFrom(fuzzing::Input& input) {
     FVValue value{};
     value.data_type = typeFrom(input);
-    const auto size = input.take<std::uint8_t>();
+    const auto size = input.byte();
     value.data_size = size < 0xF0 ? size % 34U : size * 0x1010101U;  // also sizes that none has
     const std::string_view bytes = input.take(sizeof value.data);
     std::copy(bytes.begin(), bytes.end(), value.data);
@@ -88,7 +87,7 @@ void checkEncoded(FVValue value, double number) {
 }  // namespace
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    fuzzing::Input input(fuzzing::textOf(data, size));
+    fuzzing::Input input(data, size);
     const FVValue value = valueFrom(input);
     checkDecoded(value);
     checkEncoded(value, input.take<double>());

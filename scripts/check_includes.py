@@ -35,7 +35,7 @@ RESERVED = [
                 r"|servers|xpc)/|^libproc\.h$|^notify\.h$|^sys/sysctl\.h$|^pthread/qos\.h$"
                 r"|^TargetConditionals\.h$"),
      ("shim/", "simulator/", "tests/shim/", "tests/simulator/", "fuzz/platform/")),
-    (re.compile(r"^nlohmann/"), ("core/model/json_codec", "simulator/")),
+    (re.compile(r"^nlohmann/"), ("core/model/json_codec", "simulator/", "tests/model/")),
     (re.compile(r"^(gtest|gmock|benchmark)/"), ("tests/", "bench/")),
 ]
 

@@ -13,7 +13,6 @@
 
 #include "core/hardware/smc.h"
 #include "core/model/scope_error.h"
-#include "fuzz/input.h"
 #include "fuzz/json_properties.h"
 #include "simulator/machine/four_characters.h"
 
@@ -51,11 +50,11 @@ public:
                                                          "ui32", "sp78", "ioft", "fp88"};
         constexpr std::array<std::uint8_t, 8> kSizes{2, 4, 1, 2, 4, 2, 8, 2};
         keys_.clear();
-        for (auto count = input.take<std::uint8_t>() % 32; count > 0; --count) {
-            const auto name = input.take<std::uint8_t>();
+        for (auto count = input.byte() % 32; count > 0; --count) {
+            const auto name = input.byte();
             const std::uint32_t code =
                 name < 240 ? packed(kNames[name % kNames.size()]) : input.take<std::uint32_t>();
-            const auto form = input.take<std::uint8_t>();
+            const auto form = input.byte();
             Key& key = keys_[code];
             key.type = packed(kTypes[form % kTypes.size()]);
             key.size = form < 240 ? kSizes[form % kSizes.size()] : input.take<std::uint32_t>();
@@ -132,26 +131,25 @@ private:
     }
 
     kern_return_t mischief(Block& reply, std::size_t& replySize) {
+        const auto overwrite = [&](std::size_t at, std::size_t most) {
+            std::ranges::copy(mischief_->take(most), reply.begin() + std::ptrdiff_t(at));
+        };
         replySize = reply.size();
-        switch (mischief_ == nullptr ? 0 : mischief_->take<std::uint8_t>()) {
+        switch (mischief_->byte()) {
             case 0xFF:
                 return mischief_->take<std::int32_t>();
             case 0xFE:
-                replySize = mischief_->take<std::uint8_t>();
+                replySize = mischief_->byte();
                 break;
             case 0xFD:
-                reply[kResultAt] = mischief_->take<std::uint8_t>();
+                reply[kResultAt] = mischief_->byte();
                 break;
-            case 0xFC: {
-                const std::string_view bytes = mischief_->take(reply.size());
-                std::copy(bytes.begin(), bytes.end(), reply.begin());
+            case 0xFC:
+                overwrite(0, reply.size());
                 break;
-            }
-            case 0xFB: {
-                const std::string_view bytes = mischief_->take(4);
-                std::copy(bytes.begin(), bytes.end(), reply.begin() + kDataAt);
+            case 0xFB:
+                overwrite(kDataAt, 4);
                 break;
-            }
             case 0xFA:
                 setWord(reply, kSizeAt, mischief_->take<std::uint32_t>());
                 break;
@@ -175,7 +173,7 @@ void checkFans(SMC& smc) {
         require(!fan.controllable || (fan.maximum && *fan.maximum > 0 && *fan.maximum <= 12000),
                 "a fan that can be controlled has a believable maximum");
         // A number that is not finite could not be told to a monitor.
-        fuzzing::checkTold(fan);
+        fuzzing::checkAccepted(fan);
     }
 }
 
@@ -184,27 +182,20 @@ void checkSensorKeys(const SMC& smc) {
     constexpr double kFewKeys = 64;
     constexpr std::size_t kManyKeysShare = 64;
     const double count = smc.number("#KEY").value_or(0);
-    const std::string_view counted(reinterpret_cast<const char*>(&count), sizeof count);
-    if (count > kFewKeys && !fuzzing::sampled(counted, kManyKeysShare)) {
+    if (count > kFewKeys && !fuzzing::sampled(std::to_string(count), kManyKeysShare)) {
         return;
     }
     const auto sensors = smc.sensorKeys();
     for (std::size_t i = 0; i < sensors.size(); ++i) {
-        require(sensors[i].key.size() == 4, "a key has four characters");
-        require(!firstInvalidUtf8(sensors[i].key), "a sensor's key is text");
+        require(sensors[i].key.size() == 4 && !firstInvalidUtf8(sensors[i].key),
+                "a key is a text of four characters");
         require(i == 0 || sensors[i - 1].key < sensors[i].key, "sensor keys are sorted, each once");
     }
 }
 
 void setTarget(SMC& smc, int fan, double rpm) {
     const std::size_t writesBefore = controller.writes;
-    bool confirmed = false;
-    try {
-        smc.setTarget(fan, rpm);
-        confirmed = true;
-    } catch (const ScopeError& error) {
-        fuzzing::checkRefusal(error);
-    }
+    const bool confirmed = fuzzing::admits([&] { smc.setTarget(fan, rpm); });
     const bool usable = rpm >= 0 && rpm <= 65535;  // false for NaN
     require(usable || (!confirmed && controller.writes == writesBefore),
             "what is no speed is never written");
@@ -213,68 +204,52 @@ void setTarget(SMC& smc, int fan, double rpm) {
 
 void setManual(SMC& smc, int fan, bool enabled) {
     const std::size_t writesBefore = controller.writes;
-    try {
-        smc.setManual(fan, enabled);
-        require(fan >= 0 && fan < 10, "only the ten fans there can be are switched");
-        require(controller.writes > writesBefore || !enabled, "a switched fan was written to");
-    } catch (const ScopeError& error) {
-        fuzzing::checkRefusal(error);
-        require((fan >= 0 && fan < 10) || controller.writes == writesBefore,
-                "a fan that there cannot be is not written to");
-    }
+    const bool confirmed = fuzzing::admits([&] { smc.setManual(fan, enabled); });
+    const bool wrote = controller.writes > writesBefore;
+    require((fan >= 0 && fan < 10) || (!confirmed && !wrote),
+            "only the ten fans there can be are switched");
+    require(!confirmed || wrote || !enabled, "a switched fan was written to");
 }
 
 // Mostly four characters, as keys have; now and then none, or twice as many.
 std::string keyFrom(fuzzing::Input& input, bool ofAnyLength) {
     constexpr std::size_t kLengths = 9;
-    const std::size_t length = ofAnyLength ? input.take<std::uint8_t>() % kLengths : 4;
+    const std::size_t length = ofAnyLength ? input.byte() % kLengths : 4;
     return std::string(input.take(length));
 }
 
-// As a caller of the shim would, with any key.
-void writeRaw(const std::string& key, fuzzing::Input& input) {
-    FVValue value{};
-    value.data_size = input.take<std::uint8_t>() % 40;
-    const int code = fv_smc_write(1, key.c_str(), &value);
-    const bool usable =
-        std::strlen(key.c_str()) == 4 && value.data_size >= 1 && value.data_size <= 32;
-    require(usable || code == -1, "an unusable argument is refused");
-}
-
-void readRaw(SMC& smc, const std::string& key) {
-    const auto number = smc.number(key);
-    require(!number || std::isfinite(*number), "a number is finite or absent");
-    require(!number || std::strlen(key.c_str()) == 4,
-            "no number stands under a name that is no key");
-}
-
 void operate(SMC& smc, fuzzing::Input& input) {
-    const auto choice = input.take<std::uint8_t>();
+    const auto choice = input.byte();
     const bool odd = choice >= 0xF8;
     const int fan = odd ? input.take<std::int8_t>() : choice / 8 % 12;
     switch (choice % 8) {
         case 0:
-            checkFans(smc);
-            break;
+            return checkFans(smc);
         case 1:
         case 2:
-            setManual(smc, fan, choice % 8 == 1);
-            break;
+            return setManual(smc, fan, choice % 8 == 1);
         case 3:
-            setTarget(smc, fan, input.take<std::uint16_t>());
-            break;
+            return setTarget(smc, fan, input.take<std::uint16_t>());
         case 4:
-            setTarget(smc, fan, input.take<double>());
-            break;
+            return setTarget(smc, fan, input.take<double>());
         case 5:
-            checkSensorKeys(smc);
-            break;
-        case 6:
-            readRaw(smc, keyFrom(input, odd));
-            break;
+            return checkSensorKeys(smc);
         default:
-            writeRaw(keyFrom(input, odd), input);
+            break;
     }
+    const std::string key = keyFrom(input, odd);
+    const bool isKey = std::strlen(key.c_str()) == 4;
+    if (choice % 8 == 6) {
+        const auto number = smc.number(key);
+        require(!number || (isKey && std::isfinite(*number)),
+                "a number is finite, and stands under a key");
+        return;
+    }
+    FVValue value{};  // as a caller of the shim would, with any key
+    value.data_size = input.byte() % 40;
+    const int code = fv_smc_write(1, key.c_str(), &value);
+    require((isKey && value.data_size >= 1 && value.data_size <= 32) || code == -1,
+            "an unusable argument is refused");
 }
 
 }  // namespace
@@ -314,8 +289,8 @@ kern_return_t IOConnectCallStructMethod(mach_port_t, std::uint32_t selector, con
 }  // extern "C"
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    fuzzing::Input input(fuzzing::textOf(data, size));
-    const bool appleSilicon = input.choose();
+    fuzzing::Input input(data, size);
+    const bool appleSilicon = (input.byte() & 1) != 0;
     controller.furnish(input);
     controller.misbehaveBy(input);
     double seconds = 0;
