@@ -19,7 +19,7 @@ using testing::kNaN;
 
 std::string repeated(std::string_view text, int times) {
     std::string all;
-    for (int i = 0; i < times; ++i) {
+    for (; times > 0; --times) {
         all += text;
     }
     return all;
@@ -115,8 +115,6 @@ TEST(ControlRequestTest, TheFirstBrokenRuleSpeaks) {
 }
 
 TEST(ControlRequestTest, ReadsTheLinesOfAMonitor) {
-    EXPECT_EQ(decodeJson<ControlRequest>(R"({"command":"hello"})"),
-              ControlRequest{.command = "hello"});
     EXPECT_EQ(
         decodeJson<ControlRequest>(
             R"({"label":"安静","duration":600,"command":"profile","profile":"custom","curve":)"
@@ -127,23 +125,13 @@ TEST(ControlRequestTest, ReadsTheLinesOfAMonitor) {
                         .curve = FanCurve{{{30, 0}, {90, 100}}, CurveSensor::hottest},
                         .duration = 600.0,
                         .label = "安静"}));
-
-    const auto optimize = decodeJson<ControlRequest>(
+    const char* const power =
         R"({"command":"power-optimize","powerPlan":{"source":"battery","scope":"current",)"
         R"("lowPower":true,"displayMinutes":5,"disableTurbo":false,"expected":{"profiles":)"
-        R"(["battery",["sleep",10,"displaysleep",5]]}}})");
-    ASSERT_TRUE(optimize.powerPlan && optimize.powerPlan->expected);
-    EXPECT_EQ(optimize.powerPlan->expected->value(PowerSetting::displaySleep, PowerSource::battery),
-              5);
-
-    const auto restore = decodeJson<ControlRequest>(
-        R"({"command":"power-restore","powerBackup":{"id":"0123ABCD-EF45-6789-ABCD-EF0123456789",)"
-        R"("date":736259400.25,"edits":[{"source":"ac","key":"sleep","before":1,"after":5}],)"
-        R"("turboBefore":0}})");
-    ASSERT_TRUE(restore.powerBackup);
-    EXPECT_EQ(restore.powerBackup->id.text(), "0123ABCD-EF45-6789-ABCD-EF0123456789");
-    EXPECT_EQ(restore.powerBackup->date, Date{736259400.25});
-    EXPECT_EQ(decodeJson<ControlRequest>(encodeJson(restore)), restore);
+        R"(["battery",["displaysleep",5,"sleep",10]]}},"powerBackup":{"id":)"
+        R"("0123ABCD-EF45-6789-ABCD-EF0123456789","date":736259400.25,"edits":[)"
+        R"({"source":"ac","key":"sleep","before":1,"after":5}],"turboBefore":0}})";
+    EXPECT_EQ(encodeJson(decodeJson<ControlRequest>(power)), power);
 }
 
 TEST(ControlReplyTest, WritesItsMembersInOrder) {
@@ -176,7 +164,7 @@ TEST(ControlReplyTest, IsShortenedToFitALine) {
     const ControlReply longest{false, std::string(kMaxControlLineBytes - bracket.size(), 'x')};
     EXPECT_EQ(fittedToLine(longest), longest);
 
-    const std::string megabyte = repeated("x", 1 << 20);
+    const std::string megabyte(1 << 20, 'x');
     for (const std::string& message :
          {longest.message + "x", megabyte, repeated("风扇", 9000), repeated("\U0001F600", 9000),
           repeated("\"", 20000), repeated("\n\x01", 20000), repeated("\x80", 20000),
