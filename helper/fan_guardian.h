@@ -10,7 +10,7 @@ class FanGuardian : public ToolKeeper {
 public:
     // Before each fan is taken, and in each round while fans are held: on return a living guardian
     // knows. Throws ScopeError when there is none and none can be started; no fan may be taken
-    // then, nor be held any longer.
+    // then, nor be held any longer. Takes milliseconds, or seconds where a start does.
     virtual void fansHeld() = 0;
 
     // After every fan was confirmed to be back under system control.

@@ -22,6 +22,8 @@ inline constexpr double kGuardedSeconds = 0.25;
 // hardware, and not handed back until returnHeld is called: between a lease's checks and its first
 // switch lie a sample of the whole machine and the switching of other fans, and a lease that fails
 // hands back every fan of its plan.
+//
+// One thread at a time, as the hardware.
 class HeldFans : public CoolingHardware {
 public:
     // Both must outlive this.

@@ -9,6 +9,7 @@ namespace ferovane {
 using LeaseClock = std::function<double()>;    // seconds on a monotonic clock that counts sleep
 using LeaseCancelled = std::function<bool()>;  // whether the lease is to end now
 // Passes the time until the next round, or the seconds that are left to the lease if that is less.
+// May throw, which ends the lease like any failure.
 using LeasePause = std::function<void(double left)>;
 
 // Seconds on the lease's clock.

@@ -103,6 +103,21 @@ TEST_F(ProcessGuardianTest, WithoutOneNoFanMayBeTakenNorHeldAndNoToolMayRun) {
     }
 }
 
+TEST_F(ProcessGuardianTest, WhileFansAreHeldNoFailedStartIsTheLast) {
+    start();
+    guardian_->fansHeld();
+    path_ = "";
+    killChildren();
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    path_ = helper_.c_str();
+    const double began = fv_uptime_seconds();
+    while (livingChildren().empty() && fv_uptime_seconds() - began < 5) {
+        std::this_thread::yield();
+    }
+    EXPECT_FALSE(livingChildren().empty());
+    guardian_->fansReturned();
+}
+
 TEST_F(ProcessGuardianTest, OneThatIsStoppedNeitherKeepsTheHelperNorStaysItsGuardian) {
     const double began = fv_uptime_seconds();
     start();
