@@ -2,154 +2,108 @@
 
 #include <gtest/gtest.h>
 
-#include <functional>
+#include <string>
+#include <vector>
 
-#include "tests/analysis/unremarkable.h"
+#include "tests/analysis/observation.h"
 
-namespace ferovane {
+namespace ferovane::testing {
 namespace {
 
-using testing::kStart;
-
-using Verdict = OptimizationVerdict;
-using Edit = std::function<void(OptimizationSample&, int second)>;
-
-// A sample a second from `first` to `last`, with the change at second 0: 70 °C before, 65 °C after.
-void observe(OptimizationAssessment& assessment, int first, int last, const Edit& edit = {}) {
-    for (int second = first; second <= last; ++second) {
-        if (second == 0) {
-            assessment.noteChange(kStart);
-        }
-        OptimizationSample sample{kStart + second, 40, second < 0 ? 70 : 65, 2000, 20};
-        if (edit) {
-            edit(sample, second);
-        }
-        assessment.append(sample);
-    }
+// Samples from the first to the last second; without any, a change at the first.
+struct Watched {
+    int first, last;
+    double celsius = 65, load = 40, step = 1;
+};
+using Timeline = std::vector<Watched>;
+constexpr Watched changeAt(int second) {
+    return {second, second - 1};
 }
 
-OptimizationResult result(int first, int last, const Edit& edit = {}) {
+OptimizationAssessment observed(const Timeline& all) {
     OptimizationAssessment assessment;
-    observe(assessment, first, last, edit);
-    return assessment.assess();
-}
-
-TEST(OptimizationAssessmentTest, WantsTwoMinutesOnBothSides) {
-    EXPECT_EQ(OptimizationAssessment().assess().verdict, Verdict::notEnoughData);
-    EXPECT_EQ(result(-120, 60 + 119).verdict, Verdict::notEnoughData);
-    EXPECT_EQ(result(-119, 60 + 120).verdict, Verdict::notEnoughData);
-    EXPECT_EQ(result(-119, 60 + 120).windowSeconds, 119);
-    EXPECT_EQ(result(-300, -1).verdict, Verdict::notEnoughData) << "there was no change";
-    const auto shortest = result(-120, 60 + 120);
-    EXPECT_EQ(shortest.verdict, Verdict::better);
-    EXPECT_EQ(shortest.windowSeconds, 120);
-    EXPECT_EQ(shortest.cpuTemperature, (OptimizationComparison{70, 65}));
-    EXPECT_EQ(shortest.watts, (OptimizationComparison{20, 20}));
-    EXPECT_EQ(result(-3000, 3000).windowSeconds, 600);
-}
-
-TEST(OptimizationAssessmentTest, ComparesMediansOfWindowsOfTheSameLength) {
-    const auto odd = result(-1000, 60 + 200, [](OptimizationSample& sample, int second) {
-        if (second < -200) {
-            sample.cpuTemperature = 20;  // outside a window of 200 s
-        } else if (second >= 0 && second < 60) {
-            sample.cpuTemperature = 99;  // still settling
-        } else if (second % 3 == 0) {
-            sample.cpuTemperature = 105;  // peaks, fewer than half
+    for (const Watched& it : all) {
+        if (it.last < it.first) {
+            assessment.noteChange(kStart + it.first);
         }
-        sample.fanRpm = second < 0 ? std::nullopt : std::optional(3000.0);
-    });
-    EXPECT_EQ(odd.windowSeconds, 200);
-    EXPECT_EQ(odd.cpuTemperature, (OptimizationComparison{70, 65}));
-    EXPECT_EQ(odd.fanRpm, std::nullopt) << "nothing to compare it with";
+        for (double second = it.first; second <= it.last; second += it.step) {
+            const auto rpm = it.celsius > 80 ? std::nullopt : std::optional(30 * it.celsius);
+            assessment.append({kStart + second, it.load, it.celsius, rpm, it.load / 2});
+        }
+    }
+    return assessment;
+}
 
+TEST(OptimizationAssessmentTest, ComparesMediansOfLikeWindowsBeforeAndAfterAChange) {
+    using enum OptimizationVerdict;
+    const Watched old{-600, -1, 70}, edit = changeAt(0), now{0, 660};
+    const int days = -1'000'000;
+    const Watched later{days, days + 399, 70}, latest{days + 400, days + 700};
     const struct {
-        double loadAfter, celsiusAfter;
-        Verdict verdict;
-    } cases[] = {{40, 68, Verdict::better},       {40, 68.1, Verdict::unchanged},
-                 {40, 71.9, Verdict::unchanged},  {40, 72, Verdict::worse},
-                 {30, 60, Verdict::better},       {29.9, 60, Verdict::loadDiffers},
-                 {50.1, 90, Verdict::loadDiffers}};
-    for (const auto& expected : cases) {
-        const auto told = result(-200, 300, [&](OptimizationSample& sample, int second) {
-            if (second >= 0) {
-                sample.cpuUsage = expected.loadAfter;
-                sample.cpuTemperature = expected.celsiusAfter;
-            }
-        });
-        EXPECT_EQ(told.verdict, expected.verdict) << expected.celsiusAfter;
-        EXPECT_FALSE(title(told.verdict).empty());
-    }
-}
-
-TEST(OptimizationAssessmentTest, SaysWhenDataDoNotSuffice) {
-    const auto without = [](int every, bool before) {
-        return result(-300, 360, [=](OptimizationSample& sample, int second) {
-            if ((second < 0) == before && second % every != 0) {
-                sample.cpuTemperature.reset();
-            }
-        });
+        Timeline watched;
+        OptimizationVerdict verdict = notEnoughData;
+        double seconds = 0;
+        OptimizationComparison celsius = {70, 65}, load = {40, 40};  // not without enough data
+    } cases[] = {
+        {{}},
+        {{old, {0, 400, 70}}},
+        {{{-120, -1, 70}, edit, {0, 180}}, better, 120},
+        {{{-119, -1, 70}, edit, now}, notEnoughData, 119},
+        {{old, edit, {0, 179}}, notEnoughData, 119},
+        {{{-2000, -1, 70}, edit, {0, 2000}}, better, 600},
+        {{{-600, -1, 70, 40, 0.0625}, edit, now}, better, 375.9375},
+        {{old, edit, {0, 660, 65, 30}}, better, 600, {70, 65}, {40, 30}},
+        {{old, edit, {0, 660, 60, 29.9}}, loadDiffers, 600, {70, 60}, {40, 29.9}},
+        {{old, edit, {0, 660, 90, 50.1}}, loadDiffers, 600, {70, 90}, {40, 50.1}},
+        {{old, edit, {0, 660, 68}}, better, 600, {70, 68}},
+        {{old, edit, {0, 660, 68.1}}, unchanged, 600, {70, 68.1}},
+        {{old, edit, {0, 660, 71.9}}, unchanged, 600, {70, 71.9}},
+        {{old, edit, {0, 660, 72}}, worse, 600, {70, 72}},
+        // Peaks, settling, and what lies outside the windows.
+        {{{-600, -201, 20}, {-200, -99, 70}, {-98, -1, 105}, edit, {0, 260}}, better, 200},
+        {{old, edit, {0, 59, 99}, {60, 361}, {362, 660, 99}}, better, 600},
+        {{{-300, -1, 70}, edit, {0, 360}, {361, 660, 99}}, better, 300},
+        {{{-200, -101, 70}, {-100, -1, 72}, edit, {0, 260}}, better, 200, {71, 65}},
+        // Every other sample suffices.
+        {{{-300, -151, kNaN}, {-150, -1, 70}, edit, now}, better, 300},
+        {{{-300, -150, kNaN}, {-149, -1, 70}, edit, now}, notEnoughData, 300},
+        {{old, edit, {0, 209, kNaN}, {210, 360}}, better, 300},
+        {{old, edit, {0, 210, 65, kNaN}, {211, 360}}, notEnoughData, 300},
+        // Gaps, other changes, a late note, a clock that is set back.
+        {{{-600, -201, 20}, {-185, -1, 70}, edit, now}, better, 185},
+        {{{-600, -195, 70}, {-180, -1, 70}, edit, now}, better, 600},
+        {{old, edit, {0, 360}, {376, 700, 99, 90}}, better, 300},
+        {{old, edit, {0, 30}, {90, 900}}},
+        {{{-600, -16, 70}, edit, now}},
+        {{{-300, -1, 70}, {1, 5}, edit, {6, 660}}, better, 300},
+        {{old, edit, {0, 199}, changeAt(200)}},
+        {{old, edit, {0, 59, 99}, {60, 199}, changeAt(200), {200, 660}}, unchanged, 140, {65, 65}},
+        {{old, edit, {0, 30}, {days, days + 400}}},
+        {{old, edit, {0, 30}, later, changeAt(days + 400), latest}, better, 240},
     };
-    for (const bool before : {false, true}) {
-        EXPECT_EQ(without(2, before).verdict, Verdict::better) << "every other sample suffices";
-        EXPECT_EQ(without(3, before).verdict, Verdict::notEnoughData);
-        EXPECT_EQ(without(3, before).cpuUsage, std::nullopt);
+    for (const auto& it : cases) {
+        SCOPED_TRACE(&it - cases);
+        OptimizationAssessment assessment = observed(it.watched);
+        OptimizationResult told{it.verdict, it.seconds, {}, {}, {}, {}};
+        if (it.verdict != notEnoughData) {
+            told = {it.verdict, it.seconds, it.load, it.celsius, {}, {}};
+            told.watts = {it.load.before / 2, it.load.after / 2};
+            if (it.celsius.after < 80) {
+                told.fanRpm = {30 * it.celsius.before, 30 * it.celsius.after};
+            }
+        }
+        EXPECT_EQ(assessment.assess(), told) << assessment.assess().windowSeconds;
+        assessment.append({Date{kNaN}, 90, 99, 9, 9});
+        EXPECT_EQ(assessment.assess(), told) << "no moment at all";
+        assessment.noteChange(Date{kInfinity});
+        EXPECT_EQ(assessment.assess(), OptimizationResult{});
     }
-}
-
-TEST(OptimizationAssessmentTest, ReachesOverNoGapAndNoOtherChange) {
-    OptimizationAssessment assessment;
-    observe(assessment, -600, -200);
-    observe(assessment, -180, 360);
-    EXPECT_EQ(assessment.assess().windowSeconds, 180) << "the machine slept 20 s before";
-
-    assessment.append({kStart + 380, 90, 99, 9, 9});
-    observe(assessment, 381, 700);
-    EXPECT_EQ(assessment.assess().windowSeconds, 180);
-    EXPECT_EQ(assessment.assess().cpuUsage, (OptimizationComparison{40, 40}));
-
-    // A second change: its own window before begins once the heat of the first had settled.
-    OptimizationAssessment twice;
-    observe(twice, -600, 199);
-    twice.noteChange(kStart + 200);
-    EXPECT_EQ(twice.assess().verdict, Verdict::notEnoughData);
-    observe(twice, 200, 600);
-    EXPECT_EQ(twice.assess().windowSeconds, 140);
-    EXPECT_EQ(twice.assess().verdict, Verdict::unchanged);
-
-    // The clock is set back by days while the heat settles: the next change has its window before.
-    OptimizationAssessment setBack;
-    observe(setBack, -600, 30);
-    const auto later = [](OptimizationSample& sample, int) { sample.date = sample.date - 1e6; };
-    for (int second = 31; second <= 400; ++second) {
-        OptimizationSample sample{kStart + second, 40, 65, 2000, 20};
-        later(sample, second);
-        setBack.append(sample);
+    std::string titles;
+    for (int verdict = 0; verdict < 5; ++verdict) {
+        titles.append(title(OptimizationVerdict(verdict))).append(" ");
     }
-    EXPECT_EQ(setBack.assess().verdict, Verdict::notEnoughData);
-    setBack.noteChange(kStart + 400 - 1e6);
-    for (int second = 401; second <= 700; ++second) {
-        OptimizationSample sample{kStart + second, 40, 60, 2000, 20};
-        later(sample, second);
-        setBack.append(sample);
-    }
-    EXPECT_EQ(setBack.assess().verdict, Verdict::better);
-
-    // A change that is noted late: what was measured since does not count as before it.
-    OptimizationAssessment late;
-    observe(late, -300, -1);
-    observe(late, 1, 5);
-    late.noteChange(kStart);
-    observe(late, 6, 400);
-    EXPECT_EQ(late.assess().windowSeconds, 300);
-    EXPECT_EQ(late.assess().cpuTemperature, (OptimizationComparison{70, 65}));
-
-    // A gap while the heat settles: nobody knows what was done meanwhile.
-    OptimizationAssessment slept;
-    observe(slept, -600, 30);
-    observe(slept, 90, 900);
-    EXPECT_EQ(slept.assess().verdict, Verdict::notEnoughData);
+    EXPECT_EQ(titles, "数据不足 负载不同，无法比较 温度下降 没有明显变化 温度上升 ");
 }
 
 }  // namespace
-}  // namespace ferovane
+}  // namespace ferovane::testing
