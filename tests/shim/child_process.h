@@ -2,6 +2,7 @@
 #pragma once
 
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -15,6 +16,7 @@ class ChildProcess {
 public:
     explicit ChildProcess(const std::function<int()>& body) : pid_(fork()) {
         if (pid_ == 0) {
+            prctl(PR_SET_PDEATHSIG, SIGKILL);  // also when a test crashes
             _exit(body());
         }
     }
