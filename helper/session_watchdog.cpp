@@ -1,6 +1,7 @@
 #include "helper/session_watchdog.h"
 
 #include <poll.h>
+#include <sys/socket.h>
 
 #include <system_error>
 #include <utility>
@@ -16,6 +17,13 @@ std::thread startThread(std::function<void()> work) {
     } catch (const std::system_error&) {
         throw ScopeError("无法启动会话监视线程");
     }
+}
+
+// One socket may be input and output, and its peer may end only what it writes, which poll does not
+// tell everywhere.
+bool isHalfClosed(int descriptor) {
+    char next = 0;
+    return ::recv(descriptor, &next, 1, MSG_PEEK | MSG_DONTWAIT) == 0;
 }
 
 }  // namespace
@@ -60,7 +68,8 @@ bool SessionWatchdog::sleepUntilStopped() {
 // What was written before the hang-up may still be unread, and short requests get their replies.
 bool SessionWatchdog::hungUp() {
     pollfd input{environment_.inputDescriptor, POLLIN, 0};
-    if (!hungUpAt_ && ::poll(&input, 1, 0) > 0 && (input.revents & POLLHUP) != 0) {
+    if (!hungUpAt_ && ::poll(&input, 1, 0) > 0 &&
+        ((input.revents & POLLHUP) != 0 || isHalfClosed(input.fd))) {
         hungUpAt_ = environment_.uptime();
     }
     return hungUpAt_ && environment_.uptime() - *hungUpAt_ >= environment_.timings.hangUp;

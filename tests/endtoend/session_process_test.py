@@ -1,13 +1,15 @@
 """A session as its owner sees it, and the client that holds it."""
 
+import json
 import os
 import signal
+import socket
 import subprocess
 import sys
 import unittest
 
-from simulated import (CONFIRMED, CURVE, HELPER, MANAGED, TOOL, Mac, Owner, eventually, needs_root,
-                       session_on)
+from simulated import (CONFIRMED, CURVE, HELPER, MANAGED, OWNER_UID, TOOL, Mac, Owner, eventually,
+                       needs_root, session_on)
 from control_client import LONGEST_LINE, ControlSession, RequestFailed, SessionError
 
 PLAN = {"source": "ac", "scope": "current", "lowPower": False, "displayMinutes": 5,
@@ -94,6 +96,21 @@ class SessionProcessTest(unittest.TestCase):
                                  "控制消息过长\n" if status else "")
                 session.close()
                 session.process.stderr.close()
+
+    def test_a_socket_that_is_closed_one_way_ends_it_although_a_tool_hangs(self):
+        with Mac("MacBookPro16,1", "extension-approval=approved") as mac, Owner() as owner:
+            mac.fault("tool-hangs", "tool=kmutil")
+            ours, its = socket.socketpair()
+            with ours, its, subprocess.Popen(
+                    [HELPER, "serve", *map(str, owner.words)], env=mac.environment(), stdin=its,
+                    stdout=its, preexec_fn=lambda: os.setresuid(OWNER_UID, 0, 0)) as helper:
+                ours.sendall(json.dumps({"command": "profile", "profile": "custom",
+                                         "curve": CURVE}).encode() + b"\n")
+                self.assertIn(b'"ok":true', ours.recv(LONGEST_LINE))
+                ours.sendall(b'{"command":"turbo-disable"}\n')
+                ours.shutdown(socket.SHUT_WR)
+                self.assertTrue(eventually(mac.automatic, 12), mac.journal())
+                self.assertEqual(helper.wait(12), 0)
 
     def test_a_killed_client_leaves_nothing_held(self):
         with Mac("MacBookPro16,1") as mac:
