@@ -35,7 +35,8 @@ RESERVED = [
                 r"|servers|xpc)/|^libproc\.h$|^notify\.h$|^sys/sysctl\.h$|^pthread/qos\.h$"
                 r"|^TargetConditionals\.h$"),
      ("shim/", "simulator/", "tests/shim/", "tests/simulator/", "fuzz/platform/")),
-    (re.compile(r"^nlohmann/"), ("core/model/json_codec", "simulator/", "tests/model/")),
+    (re.compile(r"^nlohmann/"),
+     ("core/model/json_codec", "simulator/", "tests/model/", "tests/shim/")),
     (re.compile(r"^(gtest|gmock|benchmark)/"), ("tests/", "bench/")),
 ]
 
