@@ -1,24 +1,28 @@
 #include "helper/fan_control_policy.h"
 
-#include <algorithm>
-#include <array>
-#include <string_view>
-
 #include "core/fan/profile.h"
 #include "core/model/scope_error.h"
 
 namespace ferovane::FanControlPolicy {
 namespace {
 
-constexpr std::array<std::string_view, 5> kFanOnlyCommands{"hello", "status", "auto", "test-fans",
-                                                           "shutdown"};
-
 bool touchesFansOnly(const ControlRequest& request) {
-    if (request.command == "profile") {
-        return request.profile == commandWord(Profile::custom);
+    switch (request.knownCommand()) {
+        case ControlCommand::hello:
+        case ControlCommand::status:
+        case ControlCommand::automatic:
+        case ControlCommand::testFans:
+        case ControlCommand::shutdown:
+            return true;
+        case ControlCommand::profile:
+            return request.profile == commandWord(Profile::custom);
+        case ControlCommand::powerOptimize:
+        case ControlCommand::powerRestore:
+        case ControlCommand::turboDisable:
+        case ControlCommand::turboEnable:
+            return false;
     }
-    return std::find(kFanOnlyCommands.begin(), kFanOnlyCommands.end(), request.command) !=
-           kFanOnlyCommands.end();
+    return false;
 }
 
 }  // namespace

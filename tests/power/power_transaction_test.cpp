@@ -29,7 +29,7 @@ constexpr auto kAc = PowerSource::ac;
 constexpr auto kBattery = PowerSource::battery;
 
 constexpr double kNoon = 700000000;
-constexpr int kCases = 10000;
+constexpr int kRandomCases = 10000;
 
 // The rules, said once more on a machine of their own.
 struct PowerRules {
@@ -318,7 +318,7 @@ TEST(PowerTransactionTest, KeepsItsRulesWhateverHappens) {
     std::map<std::string, int> ends;
     const char* repeated = getenv("FEROVANE_POWER_SEED");
     const unsigned first = repeated == nullptr ? 0 : static_cast<unsigned>(atoi(repeated));
-    for (unsigned seed = first; seed < first + (repeated == nullptr ? kCases : 1); ++seed) {
+    for (unsigned seed = first; seed < first + (repeated == nullptr ? kRandomCases : 1); ++seed) {
         ++ends[PowerCase(seed).run()];
         ASSERT_FALSE(HasFailure()) << "FEROVANE_POWER_SEED=" << seed;
     }
