@@ -188,9 +188,10 @@ TEST(SessionTest, LeavesAFanAloneThatIsTakenAfterTheChecksUntilAskedToReturnIt) 
 
 TEST(SessionTest, SaysSoWhileAFanCouldNotBeHandedBackAndANewLeaseFirstMakesThatGood) {
     SessionWorld session;
+    constexpr int kFewTries = 8;  // a lease that went on trying would get beyond them
     session.world.power.settings = laptopSettings();
     ASSERT_TRUE(session.profile("balanced").ok);
-    session.world.mac.refuseWrites("F1Md", simulator::kNotWritable);
+    session.world.mac.refuseWrites("F1Md", simulator::kNotWritable, kFewTries);
     const std::string failure = "恢复自动风扇失败：SMC F1Md 写入失败（134）；此机型可能不支持控制";
     EXPECT_EQ(session.command("auto"), (ControlReply{false, failure}));
     EXPECT_EQ(session.command("status"), (ControlReply{false, failure + "（风扇 2）"}));
@@ -198,12 +199,18 @@ TEST(SessionTest, SaysSoWhileAFanCouldNotBeHandedBackAndANewLeaseFirstMakesThatG
     EXPECT_EQ(applied.message, "优化设置已确认生效");
     EXPECT_TRUE(applied.ok && applied.power && applied.power->backup) << "it costs no backup";
     session.world.mac.clearFaults();
+    EXPECT_EQ(session.command("auto").message, kSystemManaged);
+    EXPECT_TRUE(session.world.mac.allFansAutomatic());
+    ASSERT_TRUE(session.profile("balanced").ok);
+    session.world.mac.refuseWrites("F1Md", simulator::kNotWritable);
+    ASSERT_FALSE(session.command("auto").ok);
+    session.world.mac.clearFaults();
     const ControlReply reply = session.profile("performance");
     EXPECT_TRUE(reply.ok && reply.fanStatus) << reply.message;
     EXPECT_EQ(session.command("shutdown").message, kSystemManaged);
     EXPECT_TRUE(session.world.mac.allFansAutomatic());
     EXPECT_EQ(session.end(), "");
-    EXPECT_EQ(session.world.guardianRecord, "held returned held returned ");
+    EXPECT_EQ(session.world.guardianRecord, "held returned held returned held returned ");
 }
 
 TEST(SessionTest, NothingButTheHandBackClearsAFanThatIsStillHeld) {
