@@ -55,9 +55,9 @@ GuardianCharge chargeAtTheEnd(int helper) {
 }
 
 // What "auto" does, on a connection of its own each time.
-bool handBack(const HelperEnvironment& environment) noexcept {
+bool handBack(HelperEnvironment (*makeEnvironment)()) noexcept {
     try {
-        returnEveryFan(*environment.makeSMC());
+        returnEveryFan(*makeEnvironment().makeSMC());
         return true;
     } catch (const std::exception&) {
         return false;
@@ -76,9 +76,8 @@ int keepGuard(int helper, HelperEnvironment (*makeEnvironment)()) {
     if (charge.fansHeld == 0) {
         return 0;
     }
-    const HelperEnvironment environment = makeEnvironment();
     if (returnPatiently(
-            kFirstReturnPauseSeconds, [&] { return handBack(environment); }, environment.pause)) {
+            kFirstReturnPauseSeconds, [&] { return handBack(makeEnvironment); }, fv_pause)) {
         return 0;
     }
     ::openlog(kLogTag, LOG_PID, LOG_DAEMON);

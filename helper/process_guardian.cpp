@@ -172,6 +172,9 @@ void ProcessGuardian::relieve(const GuardianCharge& charge) noexcept {
     charge_ = charge;
     if (!tell()) {
         end();
+        if (charge_ != GuardianCharge{}) {
+            start();
+        }
     }
 }
 
