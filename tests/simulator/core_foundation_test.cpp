@@ -3,9 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <array>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "simulator/apple/live_objects.h"
 
@@ -58,28 +55,6 @@ TEST_F(CoreFoundationTest, DictionariesFindByEqualKeyAndKeepOneReference) {
     for (const CFTypeRef object : std::array<CFTypeRef, 4>{first, second, other, values}) {
         CFRelease(object);
     }
-}
-
-TEST_F(CoreFoundationTest, ThreadsShareObjectsAndConstantStrings) {
-    const CFNumberRef shared = number(std::int64_t{1});
-    std::array<CFStringRef, 4> seen{};
-    std::vector<std::thread> threads;
-    for (CFStringRef& mine : seen) {
-        threads.emplace_back([&mine, shared] {
-            for (int round = 0; round < 2000; ++round) {
-                CFRetain(shared);
-                CFRelease(shared);
-                mine = __CFStringMakeConstantString(std::to_string(round).c_str());
-                CFRelease(mine);  // never takes effect
-            }
-        });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
-    EXPECT_EQ(CFGetRetainCount(shared), 1);
-    EXPECT_EQ(seen, (std::array{seen[0], seen[0], seen[0], seen[0]}));
-    CFRelease(shared);
 }
 
 TEST_F(CoreFoundationDeathTest, MisuseEndsTheProgramWithItsReason) {

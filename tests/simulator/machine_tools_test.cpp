@@ -7,7 +7,6 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <sstream>
 
 #include "simulator/machine/simulated_mac.h"
 #include "tests/simulator/machine_fixture.h"
@@ -59,19 +58,6 @@ protected:
     std::string own_ = mac_ + "/root/usr/bin/";
 };
 
-TEST_F(MachineToolsTest, EveryModelCanBeMadeAndShown) {
-    std::istringstream lines(tool("models").output);
-    int count = 0;
-    for (std::string line; std::getline(lines, line); ++count) {
-        const std::string name = line.substr(0, line.find(' '));
-        const std::string mac = scratch_.path("model-" + std::to_string(count));
-        EXPECT_EQ(tool("create " + mac + " --model " + name).status, 0) << name;
-        EXPECT_NE(tool("show " + mac + " --json").output.find("\"fans\": ["), std::string::npos);
-        EXPECT_EQ(tool("show " + mac).output.find(name + "   "), 0U);
-    }
-    EXPECT_EQ(count, 9);
-}
-
 TEST_F(MachineToolsTest, AMachineIsToldWhatItIsWhenItIsMade) {
     EXPECT_EQ(tool("create " + mac_ +
                    " --model MacBookPro16,1 model=MacBookPro15,2 'brand=Intel(R) i5-8259U' "
@@ -118,24 +104,6 @@ TEST_F(MachineToolsTest, WrongUseIsSaidInEnglishOnStandardError) {
         EXPECT_EQ(result.output, "") << wanted.words;
     }
     EXPECT_FALSE(fs::exists(mac_ + "2"));
-}
-
-TEST_F(MachineToolsTest, RunAttachesACommandAndNothingElseIsSimulated) {
-    make("M1Pro");
-    const std::string reader = besideThisProgram("attached_reader");
-    const auto read = [&](const char* key) {
-        return tool("run " + mac_ + " -- " + reader + " " + key).output;
-    };
-    EXPECT_EQ(run(reader + " FNum").output, "code -1\n") << "no machine, no controller";
-    EXPECT_EQ(read("FNum"), "2\n");
-    EXPECT_EQ(tool("write " + mac_ + " F0Md 1").status, 0);
-    EXPECT_EQ(tool("write " + mac_ + " F0Tg 3333").status, 0);
-    EXPECT_EQ(read("F0Tg"), "3333\n");
-    EXPECT_EQ(tool("fault " + mac_ + " refuse-read key=F0Tg code=0x85").status, 0);
-    EXPECT_EQ(read("F0Tg"), "code 133\n");
-    EXPECT_EQ(tool("fault " + mac_ + " list").output, "refuse-read key=F0Tg code=0x85\n");
-    const Result lost = run("FEROVANE_SIMULATED_MAC=/no/where " + reader + " FNum");
-    EXPECT_EQ(lost.status, 2) << "never the host instead of the machine that was meant";
 }
 
 TEST_F(MachineToolsTest, PmsetSaysWhatTheRealOneSays) {

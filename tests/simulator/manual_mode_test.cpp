@@ -2,10 +2,6 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <cmath>
-#include <functional>
-
-#include "simulator/apple/live_objects.h"
 #include "simulator/machine/machine.h"
 #include "simulator/machine/simulated_mac.h"
 #include "tests/simulator/machine_fixture.h"
@@ -109,46 +105,6 @@ TEST(ManualModeTest, TellsWhoHoldsAFanHoweverItWasTaken) {
     mac.advance(0.2);
     EXPECT_EQ(holder(1), kHeldByOther);
     EXPECT_EQ(mac.fanTarget(1), 3000);
-}
-
-TEST(PublishedTest, EveryValueMayBeMissing) {
-    const std::int64_t before = liveObjects();
-    Attached test(intelMac(1));
-    const auto battery = [](double FVBattery::*value) { return std::isnan(fv_battery().*value); };
-    struct Case {
-        Property property;
-        std::function<bool()> missing;
-    };
-    const Case cases[] = {
-        {Property::kSpeedLimit, [] { return fv_power_status().speed_limit == -1; }},
-        {Property::kSchedulerLimit, [] { return fv_power_status().scheduler_limit == -1; }},
-        {Property::kAvailableCpus, [] { return fv_power_status().available_cpus == -1; }},
-        {Property::kThermalWarning, [] { return fv_power_status().thermal_warning == -1; }},
-        {Property::kThermalState, [] { return fv_thermal_state() == -1; }},
-        {Property::kLowPowerFlag, [] { return fv_low_power_mode() == -1; }},
-        {Property::kMemoryPressure, [] { return fv_memory_pressure() == -1; }},
-        {Property::kProcessors, [] { return fv_processor_count() == -1; }},
-        {Property::kBatteryCharging, [] { return fv_battery().charging == -1; }},
-        {Property::kBatteryCycles, [] { return fv_battery().cycles == -1; }},
-        {Property::kBatteryPercent, [&] { return battery(&FVBattery::percent); }},
-        {Property::kBatteryMillivolts, [&] { return battery(&FVBattery::millivolts); }},
-        {Property::kBatteryMilliamps, [&] { return battery(&FVBattery::milliamps); }},
-        {Property::kAcPower, [] { return fv_ac_power() == -1; }},
-    };
-    for (const Case& wanted : cases) {
-        EXPECT_EQ(wanted.missing(), wanted.property == Property::kThermalWarning)
-            << propertyName(wanted.property);
-        test.mac.setAbsent(wanted.property);
-        EXPECT_TRUE(wanted.missing()) << propertyName(wanted.property);
-    }
-    test.mac.setSystemVersion("");
-    test.mac.setCpuBrand("");
-    char brand[64];
-    EXPECT_EQ(fv_system_version(), -1);
-    EXPECT_EQ(fv_cpu_brand(brand, sizeof brand), -1);
-    test.mac.setFollowing(Property::kThermalState);
-    EXPECT_EQ(fv_thermal_state(), 0);
-    EXPECT_EQ(liveObjects(), before);
 }
 
 }  // namespace

@@ -10,7 +10,6 @@
 #include <fstream>
 #include <thread>
 
-#include "simulator/machine/four_characters.h"
 #include "simulator/machine/machine.h"
 #include "simulator/machine/simulated_mac.h"
 #include "tests/simulator/machine_fixture.h"
@@ -32,30 +31,19 @@ protected:
         }
     }
 
-    // Runs an action in a process that is attached to the machine.
-    template <typename Action>
-    pid_t forkAttached(const Action& action) {
+    // A process that writes until it is killed.
+    pid_t forkWriter() {
         const pid_t child = ::fork();
         if (child == 0) {
             SimulatedMac own = openMachineDirectory(directory);
-            own.set(Property::kPrivileged, 1);
             const auto attached = own.attach();
-            action(Connection());
-            ::_exit(0);
+            const Connection smc;
+            for (int write = 0;; ++write) {
+                smc.write("F0Md", write % 2);
+                smc.write("F0Tg", 3000 + write % 1000);
+            }
         }
         return child;
-    }
-
-    // Dies with the lock held, after doing something to the machine.
-    void dieLocked(void (*deed)(World&)) {
-        const pid_t child = ::fork();
-        if (child == 0) {
-            openMachineDirectory(directory).machine().locked([deed](World& world) {
-                deed(world);
-                ::_exit(0);
-            });
-        }
-        ASSERT_EQ(::waitpid(child, nullptr, 0), child);
     }
 
     ScratchDirectory scratch;
@@ -63,46 +51,21 @@ protected:
     SimulatedMac mac = createMachineDirectory(directory, "MacBookPro16,1");
 };
 
-TEST_F(SharedMachineTest, TwoProcessesWriteAtOnceAndNoLineIsLost) {
-    constexpr int kWrites = 500;
-    const auto writes = [](const Connection& smc) {
-        for (int i = 0; i < kWrites; ++i) {
-            smc.write("F0Tg", 3000 + i);
-        }
-    };
-    for (const pid_t child : {forkAttached(writes), forkAttached(writes)}) {
-        int status = 0;
-        ASSERT_EQ(::waitpid(child, &status, 0), child);
-        EXPECT_EQ(status, 0);
-        const auto journal = mac.journal();
-        const std::string who = " " + std::to_string(child) + " write ";
-        EXPECT_EQ(std::count_if(journal.begin(), journal.end(),
-                                [&who](const std::string& line) {
-                                    return line.find(who) != std::string::npos;
-                                }),
-                  kWrites);
-    }
-    expectWholeJournal();
-    EXPECT_EQ(mac.calls().writes, 2U * kWrites);
-}
-
-TEST_F(SharedMachineTest, KilledWritersNeitherLockNorDamageIt) {
+TEST_F(SharedMachineTest, WritersThatAreKilledNeitherLockNorDamageItAndNoLineIsLost) {
+    mac.set(Property::kPrivileged, 1);
     mac.otherTakesFan(1);  // so that the controller leaves its target alone
     std::srand(1);
     for (int round = 0; round < 40; ++round) {
         const auto before = mac.calls().writes;
-        const pid_t child = forkAttached([](const Connection& smc) {
-            for (int write = 0;; ++write) {
-                smc.write("F0Md", write % 2);
-                smc.write("F0Tg", 3000 + write % 1000);
-            }
-        });
+        const pid_t writers[] = {forkWriter(), forkWriter()};
         while (mac.calls().writes == before) {
             std::this_thread::yield();
         }
-        std::this_thread::sleep_for(std::chrono::microseconds(std::rand() % 2000));
-        ::kill(child, SIGKILL);
-        ASSERT_EQ(::waitpid(child, nullptr, 0), child);
+        for (const pid_t writer : writers) {
+            std::this_thread::sleep_for(std::chrono::microseconds(std::rand() % 1000));
+            ::kill(writer, SIGKILL);
+            ASSERT_EQ(::waitpid(writer, nullptr, 0), writer);
+        }
         mac.otherWrites("F1Tg", 2000 + round);  // hangs if the lock was lost
         EXPECT_EQ(mac.fanTarget(1), 2000 + round);
         const std::string writes = mac.writes();
@@ -114,56 +77,17 @@ TEST_F(SharedMachineTest, KilledWritersNeitherLockNorDamageIt) {
     EXPECT_EQ(openMachineDirectory(directory).number("F1Mx"), 4905);
 }
 
-constexpr char kLine[] = "2 0.000 4242 write F0Md=1 -> 00";
-std::string journalFile;
-
-void beginWrite(World& world) {
-    world.state().openWrite = {1, 4242, packed("F0Md"), 0, world.state().journalLines + 1, {1}};
-}
-
-void beginLine(World& world) {
-    beginWrite(world);
-    WorldState& state = world.state();
-    state.fans[0].mode = 1;
-    std::copy_n(kLine, sizeof kLine, state.openLine);
-    state.openLineSize = sizeof kLine - 1;
-    ++state.journalLines;
-}
-
-TEST_F(SharedMachineTest, WhateverADeadProcessLeftOpenIsCompletedOnce) {
-    void (*const deeds[])(World&) = {
-        beginWrite,
-        [](World& world) {
-            beginWrite(world);
-            world.state().fans[0].mode = 1;
-        },
-        beginLine,
-        [](World& world) {
-            beginLine(world);
-            std::ofstream(journalFile, std::ios::app) << "2 0.0" << std::flush;
-        },
-        [](World& world) {
-            beginLine(world);
-            std::ofstream(journalFile, std::ios::app) << kLine << "\n" << std::flush;
-        },
-    };
-    int number = 0;
-    for (const auto& deed : deeds) {
-        directory = scratch.path("mac" + std::to_string(++number));
-        SimulatedMac left = createMachineDirectory(directory, "MacBookPro16,1");
-        journalFile = directory + "/journal";
-        dieLocked(deed);
-        EXPECT_TRUE(left.fanManual(0)) << number;
-        EXPECT_EQ(left.writes(), "F0Md=1") << number;
-        left.otherReleasesFan(0);
-        EXPECT_EQ(left.journal().size(), 3U) << number;
+TEST_F(SharedMachineTest, AKeyTableThatWasBeingSortedIsSortedAgain) {
+    const pid_t child = ::fork();
+    if (child == 0) {  // dies with the lock held
+        mac.machine().locked([](World& world) {
+            world.state().keysBusy = 1;
+            std::reverse(world.index(), world.index() + world.state().keyCount);
+            ::_exit(0);
+        });
     }
-    directory = scratch.path("mac");
-    dieLocked([](World& world) {
-        world.state().keysBusy = 1;
-        std::reverse(world.index(), world.index() + world.state().keyCount);
-    });
-    EXPECT_EQ(mac.number("F1Mx"), 4905) << "the key table is sorted again";
+    ASSERT_EQ(::waitpid(child, nullptr, 0), child);
+    EXPECT_EQ(mac.number("F1Mx"), 4905);
 }
 
 std::string problemOpening(const std::string& directory) {
@@ -190,26 +114,6 @@ TEST_F(SharedMachineTest, WhatIsNoWholeMachineIsRefused) {
     EXPECT_EQ(problemOpening(directory), state + " is not the state of a simulated Mac");
     EXPECT_EQ(problemOpening("/no/where"), "there is no directory /no/where");
     EXPECT_EQ(problemOpening("/"), "there is no simulated Mac in /");
-}
-
-TEST_F(SharedMachineTest, OfManyCreationsAtOnceOneWins) {
-    const std::string place = scratch.path("contested");
-    for (const char* model : {"M1Pro", "iMac18,3", "M1Pro", "MacBook10,1"}) {
-        if (::fork() == 0) {
-            try {
-                createMachineDirectory(place, model);
-                ::_exit(0);
-            } catch (const std::runtime_error&) {
-                ::_exit(1);
-            }
-        }
-    }
-    int winners = 0;
-    for (int status = 0; ::wait(&status) > 0;) {
-        winners += status == 0 ? 1 : 0;
-    }
-    EXPECT_EQ(winners, 1);
-    EXPECT_EQ(problemOpening(place), "");
 }
 
 // A full disk, played by a limit on file sizes; in a process of its own, for it is not undone.
