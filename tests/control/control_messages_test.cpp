@@ -127,7 +127,8 @@ TEST(ControlRequestTest, ReadsTheLinesOfAMonitor) {
                         .label = "安静"}));
     const char* const power =
         R"({"command":"power-optimize","powerPlan":{"source":"battery","scope":"current",)"
-        R"("lowPower":true,"displayMinutes":5,"disableTurbo":false,"expected":{"profiles":)"
+        R"("lowPower":true,"displayMinutes":5,"idleMinutes":10,"disableTurbo":false,)"
+        R"("expected":{"profiles":)"
         R"(["battery",["displaysleep",5,"sleep",10]]}},"powerBackup":{"id":)"
         R"("0123ABCD-EF45-6789-ABCD-EF0123456789","date":736259400.25,"edits":[)"
         R"({"source":"ac","key":"sleep","before":1,"after":5}],"turboBefore":0}})";

@@ -2,7 +2,6 @@
 // programs at work, held to the rules of a transaction call by call.
 #include "core/power/power_transaction.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
@@ -19,7 +18,6 @@ namespace ferovane {
 namespace {
 
 using testing::Dice;
-using ::testing::ElementsAre;
 using testing::failureOf;
 using testing::FakePowerAccess;
 using testing::laptopSettings;
@@ -333,35 +331,8 @@ TEST(PowerTransactionTest, KeepsItsRulesWhateverHappens) {
     }
 }
 
-struct PowerStory : ::testing::Test {
-    PowerStory() { mac.settings = laptopSettings(); }
+TEST(PowerTransactionTest, ABackupThatNoPlanCouldHaveMadeIsRefused) {
     FakePowerAccess mac;
-    PowerOptimizationPlan plan{kBattery, PowerScope::current, true, 5, 10, true, std::nullopt};
-};
-
-TEST_F(PowerStory, APlanIsAppliedInOrderAndUndoneBackwards) {
-    mac.settings.profiles[kBattery][displaySleep] = 5;
-    const auto outcome = PowerTransaction::apply(plan, mac);
-    ASSERT_TRUE(outcome.backup);
-    EXPECT_EQ(outcome.backup->edits, (std::vector<PowerEdit>{{kBattery, lowPowerMode, 0, 1},
-                                                             {kBattery, systemSleep, 30, 10}}));
-    EXPECT_EQ(outcome.skipped, 1);
-    PowerTransaction::restore(*outcome.backup, mac);
-    EXPECT_THAT(mac.writes, ElementsAre("battery:lowpowermode=1", "battery:sleep=10", "turbo=1",
-                                        "battery:sleep=30", "battery:lowpowermode=0", "turbo=0"));
-    EXPECT_EQ(PowerTransaction::restore(*outcome.backup, mac), PowerOutcome{}) << "once only";
-}
-
-// The calls of an apply are: configuration, source, blockers, turbo state, three settings, turbo.
-TEST_F(PowerStory, AFailureIsToldWithEveryPutBackThatFailed) {
-    mac.failCall(7, PowerFault::refused);
-    mac.failCall(9, PowerFault::refused);   // after the reading, call 8
-    mac.failCall(10, PowerFault::refused);  // tried although the one before failed
-    EXPECT_EQ(failureOf([this] { PowerTransaction::apply(plan, mac); }),
-              "第7步失败；部分原设置未确认恢复：第9步失败；第10步失败");
-}
-
-TEST_F(PowerStory, ABackupThatNoPlanCouldHaveMadeIsRefused) {
     for (const auto& backup :
          {PowerBackup({{kAc, displaySleep, 10, 300}}, std::nullopt),
           PowerBackup({{kAc, displaySleep, -1, 5}}, std::nullopt),

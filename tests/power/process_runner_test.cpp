@@ -8,12 +8,10 @@
 #include <stdlib.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
-#include <atomic>
 #include <chrono>
 #include <filesystem>
 #include <string>
@@ -97,22 +95,11 @@ TEST_F(ProcessRunnerTest, ReturnsStatusAndOutput) {
         {"echo 1; echo 2 >&2; cat; echo 3", {0, "1\n2\n3\n"}},  // the input is empty
         {"printf 'a\\377b\\344\\270'", {0, "a\uFFFDb\uFFFD"}},
         {"printf 'a\\000b'", {0, std::string("a\0b", 3)}},
+        {"head -c 3000000 /dev/zero | tr '\\0' x", {0, std::string(1048576, 'x')}},
     };
     for (const auto& c : cases) {
         EXPECT_EQ(shell(c.script), c.expected) << c.script;
     }
-}
-
-TEST_F(ProcessRunnerTest, OutputIsCutAtItsLimitBetweenCharacters) {
-    const auto flood = shell("head -c 3000000 /dev/zero | tr '\\0' x");
-    EXPECT_EQ(flood.output, std::string(1048576, 'x'));
-
-    const auto cut = [](const char* text, std::size_t bytes) {
-        return shell(std::string("printf ") + text, kAmple, {.outputBytes = bytes}).output;
-    };
-    EXPECT_EQ(cut("ab中文", 8), "ab中文");
-    EXPECT_EQ(cut("ab中文", 7), "ab中");
-    EXPECT_EQ(cut("ab😀", 5), "ab");
 }
 
 TEST_F(ProcessRunnerTest, NothingOfAToolOutlivesItsRun) {
@@ -121,6 +108,8 @@ TEST_F(ProcessRunnerTest, NothingOfAToolOutlivesItsRun) {
         const char* script;  // after it has taken the lifeline as its standard output
         double timeout, grace;
         std::string failure, words;
+        std::uint64_t writtenBytes = 1000;
+        bool stops = false;  // after as long as what is late
     };
     const double late = 0.3;
     const std::vector<Case> cases{
@@ -133,15 +122,21 @@ TEST_F(ProcessRunnerTest, NothingOfAToolOutlivesItsRun) {
         {"ended in time, its child not", "sleep 60 & exit 0", kAmple, 0.1, "", "started "},
         {"only the child does not listen", "(trap '' TERM; sleep 60) & wait", late, 0.1, kTimedOut,
          "started "},
+        {"its work is given up", "sleep 60", kAmple, 0.1, "会话正在结束，操作已中止", "started ",
+         1000, true},
+        {"writes without end", "while :; do echo flood >&2; done", kAmple, 0.1,
+         "命令输出过多，已终止：/bin/sh", "started ", 99},
     };
     for (const auto& c : cases) {
         const Lifeline lifeline(directory_ / "lifeline");
         const auto script = "exec >" + lifeline.path + "; printf 'started '; " + c.script;
         const double before = secondsNow();
-        EXPECT_EQ(failureOf([&] { shell(script, c.timeout, {.graceSeconds = c.grace}); }),
-                  c.failure)
-            << c.what;
-        EXPECT_GE(secondsNow() - before, c.failure.empty() ? 0 : late) << c.what;
+        const ProcessRunner::Supervision limits{
+            .stop = [&] { return c.stops && secondsNow() - before > late; },
+            .graceSeconds = c.grace,
+            .writtenBytes = c.writtenBytes};
+        EXPECT_EQ(failureOf([&] { shell(script, c.timeout, limits); }), c.failure) << c.what;
+        EXPECT_GE(secondsNow() - before, c.failure == kTimedOut ? late : 0) << c.what;
         EXPECT_EQ(lifeline.lastWords(), c.words) << c.what;
     }
 }
@@ -173,22 +168,6 @@ TEST_F(ProcessRunnerTest, AKeeperKnowsOfAToolBeforeItsFirstInstruction) {
     EXPECT_TRUE(std::filesystem::remove(keeper.mark));
 }
 
-TEST_F(ProcessRunnerTest, GivesUpWhenStoppedAndKillsWhatWritesWithoutEnd) {
-    const Lifeline lifeline(directory_ / "lifeline");
-    const double before = secondsNow();
-    const auto stop = [&] { return secondsNow() - before > 0.2; };
-    EXPECT_EQ(failureOf([&] {
-                  shell("exec >" + lifeline.path + "; printf started; sleep 60", kAmple,
-                        {.stop = stop});
-              }),
-              "会话正在结束，操作已中止");
-    EXPECT_EQ(lifeline.lastWords(), "started");
-    EXPECT_EQ(
-        failureOf([] { shell("while :; do echo flood; done", kAmple, {.writtenBytes = 99}); }),
-        "命令输出过多，已终止：/bin/sh");
-    EXPECT_LT(secondsNow() - before, kAmple);
-}
-
 TEST_F(ProcessRunnerTest, SaysWhyAToolCouldNotBeStarted) {
     EXPECT_EQ(failureOf([] { ProcessRunner::run("/nonexistent/tool", {}, kAmple); }),
               "无法启动 /nonexistent/tool（错误 2）");
@@ -214,20 +193,6 @@ TEST_F(ProcessRunnerTest, SaysThatOutputMayBeMissing) {
     EXPECT_EQ(roomy.output.size(), 4096U);
 }
 
-TEST_F(ProcessRunnerTest, SignalsDoNotDisturbIt) {
-    static std::atomic<int> signals = 0;
-    struct sigaction counting {
-    }, previous{};
-    counting.sa_handler = [](int) { ++signals; };  // without SA_RESTART
-    sigaction(SIGALRM, &counting, &previous);
-    const itimerval everyMillisecond{{0, 1000}, {0, 1000}}, never{};
-    setitimer(ITIMER_REAL, &everyMillisecond, nullptr);
-    EXPECT_EQ(shell("sleep 0.1; echo done"), (CommandResult{0, "done\n"}));
-    setitimer(ITIMER_REAL, &never, nullptr);
-    sigaction(SIGALRM, &previous, nullptr);
-    EXPECT_GT(signals, 10);
-}
-
 // A parent that ignores the end of its children hands that on to whom it starts.
 TEST_F(ProcessRunnerTest, WithoutAStatusThereIsNoSuccess) {
     const auto previous = signal(SIGCHLD, SIG_IGN);
@@ -242,7 +207,6 @@ TEST(QuotingTest, WhatIsQuotedReachesAToolUnchanged) {
         EXPECT_EQ(ProcessRunner::run("/bin/sh", arguments, kAmple).output, word + "|" + word + "|");
     }
     EXPECT_EQ(ProcessRunner::appleScriptString("\\\"a'b\nc\r\t"), "\"\\\\\\\"a'b\\nc\r\t\"");
-    EXPECT_EQ(ProcessRunner::shellQuote("it's"), "'it'\\''s'");
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "core/model/json_codec.h"
 #include "tests/support/failure_text.h"
 
 namespace ferovane {
@@ -50,6 +51,8 @@ TEST(SleepBlockerTest, KeepsBlockingAssertionsInOneOrder) {
     EXPECT_EQ(SleepBlocker::read(visitAll), expected);
     EXPECT_EQ(expected[1].id(), expected[2].id());
     EXPECT_EQ(expected[0].id(), "71:PreventSystemSleep:caffeinate");
+    EXPECT_EQ(encodeJson(expected[1]), R"({"pid":71,"name":"caffeinate","reason":"b",)"
+                                       R"("type":"PreventSystemSleep","since":10.5})");
 }
 
 TEST(SleepBlockerTest, NoAnswerIsNotAnEmptyOne) {
