@@ -46,7 +46,6 @@ PROGRAMS = {
     "session": "tests/endtoend/session_process_test.py",
     "guardian": "tests/endtoend/guardian_test.py",
     "start": "tests/endtoend/inherited_state_test.py",
-    "crash": "tests/endtoend/crash_test.py",
     "attacker": "tests/endtoend/attacker_test.py",
     "faults": "fault_tests",
 }

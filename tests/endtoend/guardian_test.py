@@ -3,9 +3,7 @@
 import concurrent.futures
 import json
 import os
-import pathlib
 import random
-import re
 import shutil
 import signal
 import socket
@@ -16,10 +14,9 @@ import time
 import unittest
 import uuid
 
-from process_figures import (ProcessFigures, children_of, processes_attached,
-                             uses_sanitizer, wake_ups)
-from simulated import (BIN, CONFIRMED, CURVE, HELPER, OWNER_UID, Mac, Owner, eventually, finish,
-                       needs_root, session_on)
+from simulated import (BIN, CONFIRMED, CURVE, HELPER, OWNER_UID, Mac, Owner, ProcessFigures,
+                       children_of, end, eventually, finish, lease, needs_root,
+                       processes_attached, processes_with, session_on, uses_sanitizer, wake_ups)
 
 KILLS = int(os.environ.get("FEROVANE_KILLS", "24"))
 STOP_SECONDS = float(os.environ.get("FEROVANE_STOP_SECONDS", "5.5"))  # a fan test takes five
@@ -33,7 +30,7 @@ SYSTEM_LOG = "/dev/log"
 LOST = "风扇守护进程意外结束且无法重新启动，已停止风扇控制"
 MACHINES = {"MacBookPro11,4": 30, "MacBookPro16,1": 30, "iMac18,3": 30, "MacPro7,1": 30,
             "M1Pro": 60, "M4Max": 70}
-KINDS = ("cooling", "profile", "session")
+KINDS = ("cooling", "profile", "serve")
 DEEDS = {  # to the helper's file, while it runs
     "nothing": lambda file: None,
     "removed": os.unlink,
@@ -47,47 +44,31 @@ USER_SIGNALS = ("TERM", "INT", "HUP", "QUIT", "PIPE", "TSTP", "TTIN", "TTOU", "U
 
 def guardians_of(helper_pid):
     """Children of a process that have a session of their own."""
-    def leads(pid):
-        try:
-            return os.getsid(pid) == pid
-        except ProcessLookupError:
-            return False
     try:
-        return [pid for pid in children_of(helper_pid) if leads(pid)]
-    except FileNotFoundError:
-        return []
+        return [pid for pid in children_of(helper_pid) if os.getsid(pid) == pid]
+    except (FileNotFoundError, ProcessLookupError):
+        return []  # one has just ended
 
 
 def named(name):
     """What a command finds that looks for a name, or for a part of a command line."""
-    found = []
-    for pid in filter(str.isdigit, os.listdir("/proc")):
-        try:
-            words = [pathlib.Path("/proc", pid, file).read_bytes() for file in ("comm", "cmdline")]
-        except OSError:
-            continue
-        if any(name.encode() in text for text in words):
-            found.append(int(pid))
-    return found
+    return processes_with(["comm", "cmdline"], name)
 
 
 class Case:
     """A helper with a file of its own, in a lease on a machine of its own."""
 
     def __init__(self, model, kind, owner):
-        self.mac = Mac(model)
-        self.mac.set(f"load={MACHINES[model]}", "speed=20")
+        self.mac = Mac(model, f"load={MACHINES[model]}", "speed=20")
         self._folder = tempfile.TemporaryDirectory(dir=BIN.parent, prefix="own-helper-")
         self.name = f"fh{uuid.uuid4().hex[:12]}"  # as long as the system keeps names
         self.file = os.path.join(self._folder.name, self.name)
         os.link(HELPER, self.file)
-        words = ["serve", *owner.words] if kind == "session" else [kind, *owner.words, uuid.uuid4()]
-        words += ["balanced", "-"] if kind == "profile" else []
         self.helper = subprocess.Popen(
-            [self.file, *map(str, words)], env=self.mac.environment(), stdin=subprocess.PIPE,
-            stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
+            [self.file, *map(str, lease(kind, owner))], env=self.mac.environment(),
+            stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
             preexec_fn=lambda: os.setresuid(OWNER_UID, 0, 0))
-        if kind == "session":
+        if kind == "serve":
             for request in ({"command": "test-fans"}, {"command": "profile", "profile": "custom",
                                                        "curve": CURVE}):
                 self.helper.stdin.write(json.dumps(request) + "\n")
@@ -112,8 +93,8 @@ class Case:
         took = time.monotonic() - began
         if not automatic or took > AUTOMATIC_SECONDS:
             return f"held for {took:.1f} s: {self.mac.journal()[-20:]}", took
-        if not eventually(lambda: not processes_attached(self.mac.path), AUTOMATIC_SECONDS):
-            return f"left over: {processes_attached(self.mac.path)}", took
+        if not eventually(lambda: not processes_attached(self.mac), AUTOMATIC_SECONDS):
+            return f"left over: {processes_attached(self.mac)}", took
         return "", took
 
     def close(self):
@@ -168,14 +149,11 @@ class GuardianTest(unittest.TestCase):
             for kind in KINDS:
                 with self.subTest(kind):
                     case = Case("MacBookPro16,1", kind, owner)
-                    if kind == "session":  # the replies to both requests
-                        self.assertIn(CONFIRMED, case.helper.stdout.readline())
-                        self.assertIn(CONFIRMED, case.helper.stdout.readline())
                     self.assertTrue(eventually(case.mac.held))
                     os.unlink(case.file)
                     case.kill_guardian()
                     self.assertTrue(eventually(case.mac.automatic, LEASE_ENDS_SECONDS))
-                    if kind != "session":
+                    if kind != "serve":
                         self.assertEqual(finish(case.helper)[::2], (1, LOST + "\n"))
                     case.close()
 
@@ -197,16 +175,14 @@ class GuardianTest(unittest.TestCase):
 
     def test_stands_apart_from_the_helper_and_its_user(self):
         with Owner() as owner:
-            case = Case("M1Pro", "session", owner)
+            case = Case("M1Pro", "serve", owner)
             self.assertTrue(eventually(case.mac.held))
             (guardian,) = guardians_of(case.helper.pid)
             links = [os.readlink(f"/proc/{guardian}/fd/{fd}")
                      for fd in os.listdir(f"/proc/{guardian}/fd")]
             self.assertEqual([link.split(":")[0] for link in sorted(links)],
                              ["/dev/null", "/dev/null", "socket"])
-            with open(f"/proc/{guardian}/status") as status:
-                self.assertEqual(re.search(r"^Uid:\s+(.*)", status.read(), re.M)[1],
-                                 "0\t0\t0\t0")
+            self.assertEqual(processes_with(["status"], "\nUid:\t0\t0\t0\t0\n").count(guardian), 1)
             self.assertEqual(named(case.name), [case.helper.pid])
             as_user = lambda pid: subprocess.run(["kill", "-KILL", str(pid)], user=OWNER_UID,
                                                  stderr=subprocess.DEVNULL).returncode
@@ -229,11 +205,10 @@ class GuardianTest(unittest.TestCase):
             time.sleep(STOP_SECONDS)
             self.assertTrue(mac.held(), "a stopped helper still holds its fans")
             self.assertEqual(wake_ups(guardian), before)
-            figures = ProcessFigures(guardian)
-            print(f"guardian: resident {figures.resident} KiB, proportional "
-                  f"{figures.proportional}, private {figures.private}")
+            private = ProcessFigures(guardian).private
+            print(f"guardian: private {private} KiB")
             if not uses_sanitizer(guardian):
-                self.assertLess(figures.private, PRIVATE_KIB)
+                self.assertLess(private, PRIVATE_KIB)
             session.process.send_signal(signal.SIGCONT)
             self.assertTrue(eventually(mac.automatic, AUTOMATIC_SECONDS), mac.journal())
             session.request("profile", profile="custom", curve=CURVE)
@@ -243,10 +218,9 @@ class GuardianTest(unittest.TestCase):
             self.assertTrue(eventually(mac.automatic, AUTOMATIC_SECONDS))
             self.assertTrue(other_mac.held(), "the fans of another helper")
             for each in (session, other):
-                each.close()
-                each.process.stderr.close()
+                end(each)
             self.assertTrue(other_mac.automatic())
-            self.assertEqual(processes_attached(other_mac.path), [])
+            self.assertEqual(processes_attached(other_mac), [])
 
     def test_a_hand_back_that_fails_is_tried_again_and_then_told_to_the_system_log(self):
         log = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)

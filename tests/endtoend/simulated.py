@@ -1,14 +1,17 @@
-"""A simulated Mac in a directory, an owner process, and the helper as a process."""
+"""A simulated Mac in a directory, an owner process, and the helper as a process: what it does, and
+what it uses."""
 
 import json
 import os
 import pathlib
+import re
 import signal
 import subprocess
 import sys
 import tempfile
 import time
 import unittest
+import uuid
 
 BIN = pathlib.Path(os.environ["FEROVANE_BIN"])
 # On macOS the product drives the real fans and settings, whatever machine it is told of; there these
@@ -26,6 +29,9 @@ MANAGED = "风扇由系统管理"
 CONFIRMED = "控制已确认生效"
 CURVE = {"points": [{"temperature": 30, "percent": 40}, {"temperature": 90, "percent": 100}],
          "sensor": "CPU"}
+PLAN = {"source": "ac", "scope": "current", "lowPower": False, "displayMinutes": 5,
+        "idleMinutes": 10, "disableTurbo": True}
+STOPS = (signal.SIGTERM, signal.SIGINT, signal.SIGHUP)
 
 # A shell without job control has them ignored in what it starts in the background, and an ignored
 # signal is inherited.
@@ -52,9 +58,7 @@ class Mac:
         os.chmod(self._folder.name, 0o755)
         self.path = os.path.join(self._folder.name, "mac")
         self.model = model
-        self.tool("create", self.path, "--model", model)
-        if settings:
-            self.set(*settings)
+        self.tool("create", self.path, "--model", model, *settings)
 
     def __enter__(self):
         return self
@@ -127,19 +131,80 @@ class Owner:
         self.kill()
 
 
-def session_on(mac, owner, before=lambda: None, **options):
-    """A session of the owner's: root by effect, the owner's user by authorisation. before: done in
-    the helper's process first."""
+def lease(command, owner, session=None):
+    """The words that start a lease for its owner."""
+    words = [command, *owner.words, *([] if command == "serve" else [session or uuid.uuid4()])]
+    return words + (["balanced", "-"] if command == "profile" else [])
 
+
+def session_on(mac, owner):
+    """A session of the owner's: root by effect, the owner's user by authorisation."""
     def spawn(command, **popen):
-        become = lambda: (before(), os.setresuid(owner.words[1], 0, 0))
-        return subprocess.Popen(command, env=mac.environment(), preexec_fn=become, **popen)
+        return subprocess.Popen(command, env=mac.environment(),
+                                preexec_fn=lambda: os.setresuid(OWNER_UID, 0, 0), **popen)
+    return ControlSession([str(HELPER)], *owner.words, errors=subprocess.PIPE, spawn=spawn)
 
-    return ControlSession([str(HELPER)], *owner.words, errors=subprocess.PIPE, spawn=spawn,
-                          **options)
+
+def end(session):
+    """Ends a session; its exit status."""
+    status = session.close()
+    session.process.stderr.close()
+    return status
 
 
 def finish(process, timeout=WAIT_SECONDS):
     """Waits for a helper; its exit status and both outputs."""
     output, errors = process.communicate(timeout=timeout)
     return process.returncode, output, errors
+
+
+def _number(path, name):
+    with open(path, encoding="utf-8", errors="replace") as file:
+        return int(re.search(rf"^{name}:\s*(\d+)", file.read(), re.M)[1])
+
+
+class ProcessFigures:
+    """Kibibytes and counts of this moment."""
+
+    def __init__(self, pid):
+        memory = f"/proc/{pid}/smaps_rollup"
+        self.private = _number(memory, "Private_Clean") + _number(memory, "Private_Dirty")
+        # What no file stands behind, shared with a guardian or not: all that a leak can add to.
+        self.anonymous = _number(memory, "Anonymous")
+        self.descriptors = len(os.listdir(f"/proc/{pid}/fd"))
+        self.threads = len(os.listdir(f"/proc/{pid}/task"))
+        self.children = len(children_of(pid))
+
+
+def uses_sanitizer(pid):
+    """Their shadow takes terabytes of addresses, and freed memory is kept back for long."""
+    return _number(f"/proc/{pid}/status", "VmSize") > 1 << 30
+
+
+def wake_ups(pid):
+    """Times so far that a thread of the process waited and was woken."""
+    return sum(_number(f"/proc/{pid}/task/{thread}/status", "voluntary_ctxt_switches")
+               for thread in os.listdir(f"/proc/{pid}/task"))
+
+
+def processes_with(files, text):
+    """Every process, zombies apart, in one of whose files of /proc the text stands."""
+    found = []
+    for pid in filter(str.isdigit, os.listdir("/proc")):
+        try:
+            if any(text.encode() in pathlib.Path("/proc", pid, file).read_bytes()
+                   for file in files):
+                found.append(int(pid))
+        except OSError:
+            continue  # gone, or nobody's to read
+    return found
+
+
+def processes_attached(mac):
+    return processes_with(["environ"], f"FEROVANE_SIMULATED_MAC={mac.path}\0")
+
+
+def children_of(pid):
+    listed = [pathlib.Path(f"/proc/{pid}/task/{thread}/children").read_text().split()
+              for thread in os.listdir(f"/proc/{pid}/task")]
+    return [int(child) for children in listed for child in children]
