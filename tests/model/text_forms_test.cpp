@@ -1,6 +1,7 @@
 // The text forms of dates, numbers, identifiers, base64 and UTF-8.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <bit>
 #include <chrono>
 #include <cmath>
@@ -8,7 +9,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <map>
 #include <regex>
 #include <set>
 #include <sstream>
@@ -118,29 +118,17 @@ std::string shortest(double value) {
     return {text, writeShortest(value, text)};
 }
 
-// The fewest digits with which printf prints something that reads back, laid out.
+// The fewest digits with which printf prints something that reads back.
 std::string shortestPrinted(double value) {
-    std::string text;
-    for (int digits = 0; text.empty() || std::strtod(text.c_str(), nullptr) != value; ++digits) {
-        text = printed("%.*e", digits, std::fabs(value));
-        text = (value < 0 ? "-" : "") + text;
+    int digits = 0;  // behind the first
+    std::string text = printed("%.0e", value);
+    while (std::strtod(text.c_str(), nullptr) != value) {
+        text = printed("%.*e", ++digits, value);
     }
-    const int exponent = std::atoi(text.c_str() + text.find('e') + 1);
-    std::string all;
-    std::copy_if(text.begin(), text.begin() + std::ptrdiff_t(text.find('e')),
-                 std::back_inserter(all), [](char c) { return c >= '0' && c <= '9'; });
-    const std::size_t size = all.size();
-    if (exponent >= 16 || exponent < -5) {
-        all = all.substr(0, 1) + (size > 1 ? "." : "") + all.substr(1) + "e" +
-              std::to_string(exponent);
-    } else if (exponent < 0) {
-        all = "0." + std::string(std::size_t(-exponent - 1), '0') + all;
-    } else if (size > std::size_t(exponent) + 1) {
-        all.insert(std::size_t(exponent) + 1, ".");
-    } else {
-        all.resize(std::size_t(exponent) + 1, '0');
-    }
-    return (value < 0 ? "-" : "") + all;
+    const std::size_t mark = text.find('e');
+    const int exponent = std::atoi(text.c_str() + mark + 1);
+    return exponent >= 16 || exponent < -5 ? text.substr(0, mark + 1) + std::to_string(exponent)
+                                           : printed("%.*f", std::max(0, digits - exponent), value);
 }
 
 TEST(ShortestTest, ReadsBackAndNeedsEveryDigit) {
@@ -244,50 +232,22 @@ TEST(Base64Test, ReadsExactlyWhatAnEncoderWrites) {
     }
 }
 
-std::string encodedUtf8(std::uint32_t point) {
-    const auto following = [&](int shift) {
-        return static_cast<char>(0x80 | (point >> shift & 63));
-    };
-    const auto first = [&](std::uint32_t mark, int shift) {
-        return static_cast<char>(mark | point >> shift);
-    };
-    return point < 0x80    ? std::string{first(0, 0)}
-           : point < 0x800 ? std::string{first(0xC0, 6), following(0)}
-           : point < 0x10000
-               ? std::string{first(0xE0, 12), following(6), following(0)}
-               : std::string{first(0xF0, 18), following(12), following(6), following(0)};
-}
-
-// Every proper beginning of a character of several bytes, and how long that is.
-std::map<std::string, std::size_t> characterBeginnings() {
-    std::map<std::string, std::size_t> all;
-    for (std::uint32_t point = 0x80; point <= 0x10FFFF; point += 64) {
-        const std::string character = encodedUtf8(point);
-        for (std::size_t i = 1; i < character.size() && (point < 0xD800 || point > 0xDFFF); ++i) {
-            all[character.substr(0, i)] = character.size();
-        }
-    }
-    return all;
-}
-
-// Each longest sequence that could have become a character, and did not, becomes one U+FFFD.
-std::string repaired(std::string_view text) {
-    static const auto beginnings = characterBeginnings();
+// Each longest beginning of a character, and each byte that begins none, becomes one U+FFFD.
+std::string repaired(std::string text) {
+    static const std::regex whole(
+        "[\x01-\x7F]|[\xC2-\xDF][\x80-\xBF]|\xE0[\xA0-\xBF][\x80-\xBF]|"
+        "[\xE1-\xEC\xEE\xEF][\x80-\xBF]{2}|\xED[\x80-\x9F][\x80-\xBF]|"
+        "\xF0[\x90-\xBF][\x80-\xBF]{2}|[\xF1-\xF3][\x80-\xBF]{3}|\xF4[\x80-\x8F][\x80-\xBF]{2}");
+    static const std::regex beginning(
+        "\xE0[\xA0-\xBF]|[\xE1-\xEC\xEE\xEF][\x80-\xBF]|\xED[\x80-\x9F]|"
+        "\xF0[\x90-\xBF][\x80-\xBF]?|[\xF1-\xF3][\x80-\xBF]{1,2}|\xF4[\x80-\x8F][\x80-\xBF]?");
+    constexpr auto kHere = std::regex_constants::match_continuous;
     std::string all;
-    while (!text.empty()) {
-        std::size_t length = 1;
-        bool whole = static_cast<unsigned char>(text[0]) < 0x80;
-        for (auto at = beginnings.find(std::string(text.substr(0, 1)));
-             at != beginnings.end() && !whole && length < text.size() &&
-             (text[length] & 0xC0) == 0x80;) {
-            whole = ++length == at->second;
-            at = beginnings.find(std::string(text.substr(0, length)));
-            if (!whole && at == beginnings.end()) {
-                --length;
-            }
-        }
-        all += whole ? text.substr(0, length) : "\uFFFD";
-        text.remove_prefix(length);
+    for (std::smatch found; !text.empty();) {
+        const bool fits = std::regex_search(text, found, whole, kHere);
+        const bool begins = fits || std::regex_search(text, found, beginning, kHere);
+        all += fits ? found.str() : kReplacementCharacter;
+        text.erase(0, begins ? std::size_t(found.length()) : 1);
     }
     return all;
 }
