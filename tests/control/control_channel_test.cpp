@@ -18,8 +18,6 @@
 namespace ferovane {
 namespace {
 
-using testing::Dice;
-
 constexpr double kNotLong = 5;  // seconds; only a failing test waits for it
 constexpr double kShort = 0.02;
 
@@ -39,7 +37,8 @@ std::map<std::string, double> ofSize(std::size_t bytes) {
 
 // What the channel reads is written to `peer`, and the other way round.
 struct Connection {
-    explicit Connection(int room = 1 << 20, bool blocks = true) {  // roomy: a whole line waits in it
+    // Roomy: a whole line waits in it.
+    explicit Connection(int room = 1 << 20, bool blocks = true) {
         int ends[2];
         if (socketpair(AF_UNIX, SOCK_STREAM, 0, ends) != 0) {
             std::abort();
@@ -97,66 +96,33 @@ std::string sent(ControlChannel& channel, std::size_t bytes,
     });
 }
 
-// What readLine gives or says, from the bytes that arrived and nothing else.
-struct ChannelModel {
-    std::string arrived, taken;  // by the system; by the channel
-    bool closed = false;
-
-    std::string read(bool mayWait) {
-        while (true) {
-            const std::size_t end = taken.find('\n');
-            if (std::min(end, taken.size()) > 16383) {
-                return "error 控制消息过长";
-            }
-            if (end != taken.npos) {
-                const std::string line = taken.substr(0, end);
-                taken.erase(0, end + 1);
-                return "line " + line;
-            }
-            if (!mayWait) {
-                return "error 辅助进程响应超时";
-            }
-            if (arrived.empty()) {
-                return closed ? "end" : "error 辅助进程通信中断或超时";
-            }
-            taken += arrived.substr(0, 4096);
-            arrived.erase(0, 4096);
-        }
-    }
-};
-
-TEST(ControlChannelTest, GivesTheLinesThatArrivedHoweverTheyWereSplit) {
-    int lines = 0;
-    for (unsigned seed = 0; seed < 120; ++seed) {
-        Dice dice(seed);
-        Connection connection(1 << 20, dice.oneIn(2));
+// However they are split; the pieces of a fuzzer's choice are its own matter.
+TEST(ControlChannelTest, GivesTheLinesThatArrivedAndRefusesTooLongOnes) {
+    for (const bool blocks : {true, false}) {
+        Connection connection(1 << 20, blocks);
         ControlChannel channel(connection.own, uptime);
-        ChannelModel model;
-        for (int step = 0; step < 60; ++step) {
-            if (dice.oneIn(2) && !model.closed) {
-                std::string bytes;
-                for (int parts = dice.upTo(3); parts >= 0; --parts) {
-                    const bool long_ = seed % 4 == 0 && dice.oneIn(5);
-                    bytes.append(long_ ? 16380 + dice.bits() % 5 : dice.bits() % 9,
-                                 static_cast<char>('a' + parts));
-                    bytes.append(dice.oneIn(3) ? "" : "\n");
-                }
-                const ssize_t count =
-                    send(connection.peer, bytes.data(), bytes.size(), MSG_DONTWAIT);
-                model.arrived.append(bytes, 0, std::size_t(std::max<ssize_t>(count, 0)));
-            }
-            if (dice.oneIn(200)) {
-                model.closed = true;
-                connection.hangUp();
-            }
-            const bool mayWait = !dice.oneIn(3);
-            const std::string expected = model.read(mayWait);
-            ASSERT_EQ(read(channel, mayWait ? 0.002 : dice.pick({0, -3, testing::kNaN})), expected)
-                << "seed " << seed << ", step " << step;
-            lines += expected.starts_with("line");
-        }
+        const auto arrive = [&](const std::string& bytes) {
+            ASSERT_EQ(send(connection.peer, bytes.data(), bytes.size(), 0), ssize_t(bytes.size()));
+        };
+        const std::string longest(16383, 'x');
+        arrive("one\n\ntw");
+        EXPECT_EQ(read(channel, 0), "error 辅助进程响应超时");
+        EXPECT_EQ(read(channel, kNotLong), "line one");
+        EXPECT_EQ(read(channel, testing::kNaN), "line ");
+        EXPECT_EQ(read(channel, kShort), "error 辅助进程通信中断或超时");
+        arrive("o\n" + longest + "\nno line");
+        EXPECT_EQ(read(channel, kNotLong), "line two");
+        EXPECT_EQ(read(channel, kNotLong), "line " + longest);
+        connection.hangUp();
+        EXPECT_EQ(read(channel, kNotLong), "end");
     }
-    EXPECT_GT(lines, 1000);
+    for (const char* end : {"", "\n"}) {
+        const Connection connection;
+        ControlChannel channel(connection.own, uptime);
+        const std::string bytes = std::string(16384, 'x') + end;
+        send(connection.peer, bytes.data(), bytes.size(), 0);
+        EXPECT_EQ(read(channel, kNotLong), "error 控制消息过长");
+    }
 }
 
 // A session that is asked nothing for hours must not end for it; a peer that sends a byte now and

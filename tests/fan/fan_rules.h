@@ -12,7 +12,6 @@
 #include <vector>
 
 #include "core/fan/hand_back.h"
-#include "core/fan/mode_history.h"
 #include "tests/support/fan_world.h"
 
 namespace ferovane::rules {
@@ -391,38 +390,5 @@ inline void follow(FanWorld& world, const FanCurve& curve, double duration) {
         }
     });
 }
-
-// One line per record: when, what, its segment, since when.
-class History {
-public:
-    void append(double date, std::optional<std::string> mode, std::optional<std::string> session,
-                std::optional<double> temperature, std::optional<double> load) {
-        std::erase_if(records, [&](const ModeRecord& it) {
-            return it.date.secondsSinceReference < date - 1800;
-        });
-        if (!mode || !temperature || !std::isfinite(*temperature)) {
-            mode_.reset();
-            date_.reset();
-            return;
-        }
-        if (!mode_ || mode != mode_ || session != session_ || !date_ || date > *date_ + 15 ||
-            date <= *date_) {
-            ++segment_;
-            origin_ = date;
-        }
-        records.push_back(
-            {Date{date}, *mode, *temperature, load, segment_, date - origin_, std::nullopt});
-        mode_ = mode;
-        session_ = session;
-        date_ = date;
-    }
-    std::vector<ModeRecord> records;
-
-private:
-    std::optional<std::string> mode_, session_;
-    std::optional<double> date_;
-    double origin_ = 0;
-    int segment_ = 0;
-};
 
 }  // namespace ferovane::rules

@@ -366,28 +366,5 @@ TEST_F(FanRulesTest, HotMachinesAreKnownAsTheRulesSay) {
     });
 }
 
-TEST_F(FanRulesTest, HistoriesAreCutAsTheRulesSay) {
-    using Text = std::optional<std::string>;
-    forSeeds(400, [](std::uint64_t seed) {
-        CallDice dice(seed);
-        ModeHistory code;
-        rules::History rule;
-        double date = 0;
-        for (int step = 0; step < 60; ++step) {
-            date += dice.oneIn(8) ? dice.pick({0.0, -5.0, 15.25, 60.0, 1700.0, 1800.0, -3600.0})
-                                  : dice.pick({10.0, 15.0, 5.0});
-            const Text mode = dice.oneIn(9) ? dice.pick<Text>({"B", std::nullopt}) : Text("A");
-            const Text session = dice.oneIn(9) ? dice.pick<Text>({"s", "t"}) : std::nullopt;
-            const auto celsius = dice.oneIn(12)
-                                     ? dice.pick<std::optional<double>>({kNaN, std::nullopt})
-                                     : std::optional(50.0 + step);
-            code.append(Date{date}, mode, session, celsius, 0.5);
-            rule.append(date, mode, session, celsius, 0.5);
-            EXPECT_EQ(std::vector(code.records().begin(), code.records().end()), rule.records)
-                << "seed " << seed << ", step " << step;
-        }
-    });
-}
-
 }  // namespace
 }  // namespace ferovane

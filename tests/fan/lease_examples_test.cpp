@@ -1,6 +1,7 @@
 // A few leases and hand-overs to learn from; every other case is fan_rules_test's.
 #include <gtest/gtest.h>
 
+#include "core/fan/mode_history.h"
 #include "core/fan/profile.h"
 #include "core/model/raw_enum.h"
 #include "tests/support/fan_world.h"
@@ -39,6 +40,38 @@ TEST(AppleSiliconFanControlTest, UnlocksOnceAndTheLastFanLocksAgain) {
 TEST(FanCurveTest, GivesTheEndOfASegmentExactly) {
     // 0.6 + 99.4 would come out an ulp too high.
     EXPECT_EQ((FanCurve{{{67, 0.6}, {73.4, 100}, {80, 100}}, CurveSensor::cpu}).percent(73.4), 100);
+}
+
+TEST(ModeHistoryTest, IsCutWhereALineWouldJoinWhatDoesNotBelongTogether) {
+    const struct {
+        double date;
+        std::optional<std::string> mode, session;
+        std::optional<double> celsius = 50;
+        const char* records;  // what is then kept of the last half hour, as segment@seconds in it
+    } steps[] = {
+        {0, "A", {}, 50, "1@0 "},
+        {15, "A", {}, 50, "1@0 1@15 "},
+        {30.25, "A", {}, 50, "1@0 1@15 2@0 "},
+        {40, "B", {}, 50, "1@0 1@15 2@0 3@0 "},
+        {50, "B", "s", 50, "1@0 1@15 2@0 3@0 4@0 "},
+        {60, "B", "s", testing::kNaN, "1@0 1@15 2@0 3@0 4@0 "},
+        {65, "B", "s", 50, "1@0 1@15 2@0 3@0 4@0 5@0 "},
+        {70, {}, "s", 50, "1@0 1@15 2@0 3@0 4@0 5@0 "},
+        {1815, "B", "s", 50, "1@15 2@0 3@0 4@0 5@0 6@0 "},
+        {1815, "B", "s", 50, "1@15 2@0 3@0 4@0 5@0 6@0 7@0 "},
+        {1800, "B", "s", 50, "1@15 2@0 3@0 4@0 5@0 6@0 7@0 8@0 "},
+        {3610, "B", "s", {}, "6@0 7@0 "},
+    };
+    ModeHistory history;
+    for (const auto& [date, mode, session, celsius, expected] : steps) {
+        history.append(Date{date}, mode, session, celsius, 0.5);
+        std::string told;
+        for (const ModeRecord& it : history.records()) {
+            told += std::to_string(it.segment) + "@" + std::to_string(int(it.elapsed)) + " ";
+        }
+        EXPECT_EQ(told, expected) << date;
+    }
+    EXPECT_EQ(history.records()[0], (ModeRecord{Date{1815}, "B", 50, 0.5, 6, 0, {}}));
 }
 
 TEST(ProfileTest, EveryModeHasItsWordsItsCurveAndItsTurboChoice) {

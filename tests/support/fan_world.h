@@ -35,8 +35,7 @@ enum class Fault {
     lost          // a write that does not arrive and does not fail
 };
 
-// Every call is counted and, unless that is switched off, written down. Allocates nothing of its
-// own while it writes nothing down and refuses nothing, except for lists of fans.
+// Every call is counted and written down.
 class FanWorld : public CoolingHardware {
 public:
     std::vector<WorldFan> fan;
@@ -54,7 +53,6 @@ public:
     };
     std::function<void(std::vector<FanReading>&)> editReadings = [](auto&) {};
     std::function<void(int fan, bool enabled)> switchFan;  // Intel's mode key if it is empty
-    bool recording = true;
     int calls = 0;
     std::string trace;   // every call: "fans, F0Tg?, F0Md=1, wait 1.5"
     std::string writes;  // what has arrived: "F0Md=1 F0Tg=6000"
@@ -84,14 +82,14 @@ public:
         return **value;
     }
     void write(const std::string& key, double value) {
-        const Fault fault = begin(key, "=" + (recording ? text(value) : std::string()));
+        const Fault fault = begin(key, "=" + text(value));
         std::optional<double>* slot = find(key);
         if (slot == nullptr || unwritable.count(key) > 0 || isRefusedByLock(key, value)) {
             fail(key);
         }
         if (fault != Fault::lost) {
             *slot = value;
-            writes += recording ? (writes.empty() ? "" : " ") + key + "=" + text(value) : "";
+            writes += (writes.empty() ? "" : " ") + key + "=" + text(value);
         }
         if (fault == Fault::unconfirmed) {
             fail(key);
@@ -136,16 +134,16 @@ public:
     bool isCancelled() { return begin("cancelled"), cancelled; }
     Snapshot sample() { return begin("sample"), snapshot; }
     void wait(double left) {
-        begin("wait ", recording ? text(left) : std::string());
+        begin("wait ", text(left));
         clock += std::min(roundSeconds, left);
     }
     void retry() { begin("retry"), clock += retrySeconds; }
     void update(const FanControlProgress& progress) {
         std::string told = progress.protectionActive ? " hot" : "";
         for (const FanTarget& target : progress.targets) {
-            told += recording ? " " + std::to_string(target.id) + ":" + text(target.rpm) : "";
+            told += " " + std::to_string(target.id) + ":" + text(target.rpm);
         }
-        begin("update ", recording ? text(progress.deadline) + told : std::string());
+        begin("update ", text(progress.deadline) + told);
     }
     void applied() { begin("applied"); }
 
@@ -174,9 +172,7 @@ private:
         if (++calls > kMostCalls) {
             throw std::runtime_error("no end");
         }
-        if (recording) {
-            trace += (trace.empty() ? "" : ", ") + call + detail;
-        }
+        trace += (trace.empty() ? "" : ", ") + call + detail;
         const Fault fault = befall(call + detail);
         switch (fault) {
             case Fault::refused:
