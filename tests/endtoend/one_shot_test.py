@@ -93,6 +93,8 @@ class OneShotTest(unittest.TestCase):
                 self.assertEqual(sample["smcAvailable"], model != "NoController")
                 keys = json.loads(mac.run("fan-probe", user=user).stdout)
                 self.assertEqual(keys.get("FNum", 0), fans)
+                self.assertEqual(list(keys) + list(sample), sorted(keys) + sorted(sample))
+                self.assertIn('\n  "cpuUsage": ', result.stdout)
                 if user:
                     for words in (["auto"], [], ["cooling", "1"], ["serve", "1"]):
                         refused = mac.run(*words, user=user)

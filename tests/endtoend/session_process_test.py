@@ -30,6 +30,8 @@ class SessionProcessTest(unittest.TestCase):
             self.assertEqual(session.request("hello")["turbo"], 0)
             self.assertEqual(session.request("profile", profile="quiet")["label"], "静音")
             self.assertTrue(mac.held())
+            automatic = session.request("profile", profile="automatic")
+            self.assertEqual((automatic["turbo"], automatic.get("session")), (1, None))
             self.assertEqual(session.request("turbo-enable")["turbo"], 0)
             self.assertEqual(session.request("test-fans")["profile"], "test-fans")
             custom = session.request("profile", profile="custom", curve=CURVE)
@@ -43,18 +45,26 @@ class SessionProcessTest(unittest.TestCase):
             mac.set("release=99")
             reply = session.request("power-optimize", powerPlan=PLAN)
             self.assertEqual((reply["message"], reply["turbo"]), ("优化设置已确认生效", 1))
+            again = session.request("power-optimize", powerPlan=PLAN)
+            self.assertEqual(again["message"], "所选设置已满足")
             restored = session.request("power-restore", powerBackup=reply["power"]["backup"])
             self.assertEqual((restored["message"], restored["turbo"]), ("原设置已恢复", 0))
+            reply = session.request("power-optimize", powerPlan=PLAN)
+            mac.set("ac:sleep=7")
+            restored = session.request("power-restore", powerBackup=reply["power"]["backup"])
+            self.assertEqual(restored["message"], "恢复已结束；外部更改保留")
             self.assertEqual(session.request("shutdown")["message"], MANAGED)
 
     def test_a_stranger_is_refused_whatever_is_wrong(self):
         with Mac("MacBookPro16,1") as mac, Owner() as owner:
             dead = subprocess.Popen(["true"])
             dead.wait()
-            for pid, uid, effective in ((owner.words[0], 1, 0), (dead.pid, owner.words[1], 0),
-                                        (*owner.words, owner.words[1]), ("x", owner.words[1], 0)):
+            user = owner.words[1]
+            for pid, uid, real, effective in (
+                    (owner.words[0], 1, user, 0), (dead.pid, user, user, 0), (*owner.words, 0, 0),
+                    (*owner.words, user, user), ("x", user, user, 0)):
                 result = mac.run("serve", pid, uid, preexec_fn=lambda: os.setresuid(
-                    owner.words[1], effective, effective))
+                    real, effective, effective))
                 self.assertEqual((result.returncode, result.stdout, result.stderr),
                                  (1, "", "原生授权会话身份验证失败\n"))
 

@@ -41,34 +41,6 @@ TEST(CommandsTest, RefusesInOneFixedOrder) {
     }
 }
 
-TEST(CommandsTest, MonitoringNeedsNoPrivileges) {
-    HelperWorld world(simulator::intelMacWithMaskOnly(2));
-    world.environment.effectiveUser = kOwnerUid;
-    EXPECT_EQ(world.run({"fan-probe"}), 0);
-    EXPECT_EQ(world.output.text(),
-              "{\"F0Ac\":2000,\"F0Mn\":2000,\"F0Mx\":6200,\"F0Tg\":2000,\"FNum\":2,\"FS! \":0}\n");
-    EXPECT_EQ(world.run({"probe"}), 0);
-    const std::string text = world.output.text();
-    EXPECT_EQ(world.pauses, 1) << "between two samples";
-    EXPECT_LT(text.find("\n  \"cpuUsage\": "), text.find("\n  \"date\": \"20")) << text;
-    EXPECT_TRUE(text.ends_with("\n}\n"));
-    EXPECT_EQ(world.errors.text(), "");
-}
-
-TEST(CommandsTest, FanProbeOfNoControllerIsAnEmptyObject) {
-    HelperWorld bare(simulator::macWithoutController());
-    EXPECT_EQ(bare.run({"fan-probe"}), 0);
-    EXPECT_EQ(bare.output.text(), "{}\n");
-}
-
-TEST(CommandsTest, AutoReturnsEveryFan) {
-    HelperWorld world(simulator::intelMac(3));
-    world.mac.otherTakesFan(1);
-    EXPECT_EQ(world.run({"auto"}), 0);
-    EXPECT_EQ(world.output.text(), "风扇已恢复系统自动。\n");
-    EXPECT_EQ(world.mac.writes(), "F0Md=0 F1Md=0 F2Md=0");
-}
-
 TEST(CommandsTest, AutoSaysWhatItCouldNotReturn) {
     const std::string stuck = "恢复自动风扇失败：SMC F1Md 写入失败（134）；此机型可能不支持控制\n";
     for (const auto& [fans, message] :
@@ -79,18 +51,6 @@ TEST(CommandsTest, AutoSaysWhatItCouldNotReturn) {
         EXPECT_EQ(world.errors.text(), message);
         EXPECT_EQ(world.output.text(), "");
     }
-}
-
-TEST(CommandsTest, TurboCommandsConfirmOrFail) {
-    HelperWorld world(simulator::intelMac(2));
-    EXPECT_EQ(world.run({"turbo-disable"}), 0);
-    EXPECT_EQ(world.run({"turbo-enable"}), 0);
-    EXPECT_EQ(world.output.text(), "已确认禁用睿频驱动加载。\n已确认禁用睿频驱动卸载。\n");
-    EXPECT_EQ(world.power.writes, (std::vector<std::string>{"turbo=1", "turbo=0"}));
-
-    world.power.failCall(2, PowerFault::refused);
-    EXPECT_EQ(world.run({"turbo-disable"}), 1);
-    EXPECT_EQ(world.errors.text(), "第2步失败\n");
 }
 
 }  // namespace

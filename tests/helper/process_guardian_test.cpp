@@ -9,14 +9,13 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
-#include <functional>
 #include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "core/model/scope_error.h"
 #include "shim/fv.h"
+#include "tests/support/failure_text.h"
 
 namespace ferovane::testing {
 namespace {
@@ -59,14 +58,6 @@ protected:
     }
     void start() {
         guardian_.emplace([this] { return std::string(path_); });
-    }
-    std::string failureOf(const std::function<void()>& act) {
-        try {
-            act();
-            return "";
-        } catch (const ScopeError& failure) {
-            return failure.message();
-        }
     }
 
     // The helper stands beside this program, and is asked for nothing but to guard.

@@ -1,6 +1,7 @@
 // A control session on a thread of its own, spoken to over real pipes, in milliseconds.
 #pragma once
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -46,6 +47,17 @@ struct Pipe {
     }
     int ends[2] = {-1, -1};  // reading, writing
 };
+
+// Fills a pipe to its last byte: the next write to it blocks, however short.
+inline void fillPipe(int writingEnd) {
+    ::fcntl(writingEnd, F_SETFL, O_NONBLOCK);
+    const std::string filling(4096, 'x');
+    for (std::size_t size = filling.size(); size > 0; size /= 2) {
+        while (::write(writingEnd, filling.data(), size) > 0) {
+        }
+    }
+    ::fcntl(writingEnd, F_SETFL, 0);
+}
 
 class SessionWorld {
 public:

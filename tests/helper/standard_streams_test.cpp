@@ -11,28 +11,25 @@
 #include <string>
 #include <thread>
 
-#include "tests/helper/full_pipe.h"
+#include "tests/helper/session_world.h"
 
 namespace ferovane::testing {
 namespace {
 
 TEST(StandardStreamsTest, AReportWhoseReaderHasStoppedIsGivenUp) {
-    int ends[2];
-    ASSERT_EQ(::pipe(ends), 0);
-    fillPipe(ends[1]);
+    const Pipe pipe;
+    fillPipe(pipe.ends[1]);
     std::promise<void> givenUp;
     std::thread rescue([&, done = givenUp.get_future()] {
         done.wait_for(std::chrono::seconds(20));
         char taken[8192];
-        EXPECT_GT(::read(ends[0], taken, sizeof taken), 0);
+        EXPECT_GT(::read(pipe.ends[0], taken, sizeof taken), 0);
     });
     const auto start = std::chrono::steady_clock::now();
-    reportLine(ends[1], "恢复自动风扇失败");
+    reportLine(pipe.ends[1], "恢复自动风扇失败");
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
     givenUp.set_value();
     rescue.join();
-    ::close(ends[0]);
-    ::close(ends[1]);
 }
 
 // Exit status of a child that has closed its standard descriptors and may then open only so many.
@@ -59,30 +56,6 @@ TEST(StandardStreamsTest, ClosedStandardDescriptorsAreOccupiedOrThatIsTold) {
     EXPECT_EQ(childWithoutStandardDescriptors(3), 1) << "with room for these and no more";
     EXPECT_EQ(childWithoutStandardDescriptors(2), 0);
     EXPECT_EQ(childWithoutStandardDescriptors(0), 0);
-}
-
-TEST(StandardStreamsTest, ALongTextReachesASlowReaderWhole) {
-    for (const bool report : {true, false}) {
-        for (const int flags : {0, O_NONBLOCK}) {
-            int ends[2];
-            ASSERT_EQ(::pipe(ends), 0);
-            ::fcntl(ends[1], F_SETFL, flags);
-            const std::string text(300'000, 'y');
-            std::string received;
-            std::thread reader([&] {
-                char chunk[4096];
-                for (ssize_t count; (count = ::read(ends[0], chunk, sizeof chunk)) > 0;) {
-                    received.append(chunk, static_cast<std::size_t>(count));
-                    std::this_thread::yield();
-                }
-            });
-            report ? reportLine(ends[1], text) : writeText(ends[1], text + "\n");
-            ::close(ends[1]);
-            reader.join();
-            EXPECT_TRUE(received == text + "\n") << received.size();
-            ::close(ends[0]);
-        }
-    }
 }
 
 }  // namespace

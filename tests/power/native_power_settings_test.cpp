@@ -32,8 +32,6 @@ TEST(NativePowerSettingsTest, BelievesOnlyWhatWasSaidAndReadsBack) {
         {systemSleep, 5, {warned, {0, "AC Power:\n sleep 1\n" + battery + "sleep 5"}}, "", both},
         {lowPowerMode, 1, {warned, {0, battery + "lowpowermode 1"}}, "", low},
         {displaySleep, 241, {}, range, ""},
-        {systemSleep, -1, {}, range, ""},
-        {lowPowerMode, 2, {}, range, ""},
         {systemSleep, 5, {{1, "root!\n"}}, "系统电源设置未完成：root!\n", wrote},
         {systemSleep, 5, {}, late, wrote},
         {systemSleep, 5, {warned}, late, both},
