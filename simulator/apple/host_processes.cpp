@@ -177,7 +177,7 @@ int proc_listpids(std::uint32_t type, std::uint32_t, void* buffer, int size) {
         return failWith(ENOMEM, 0);
     }
     const std::size_t fitting = std::min(pids.size(), static_cast<std::size_t>(size) / sizeof(int));
-    std::memcpy(buffer, pids.data(), fitting * sizeof(int));
+    std::copy_n(pids.begin(), fitting, static_cast<int*>(buffer));
     return static_cast<int>(fitting * sizeof(int));
 }
 
