@@ -1,5 +1,4 @@
-// What the histories keep, beside models that keep every sample.
-#include <gmock/gmock.h>
+// What the histories keep, beside models that keep every sample; what is drawn and judged of them.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -7,11 +6,14 @@
 #include <deque>
 #include <functional>
 #include <limits>
+#include <string>
 #include <utility>
 #include <vector>
 
 #include "core/analysis/cpu_load_history.h"
+#include "core/analysis/metric_chart.h"
 #include "core/analysis/metric_histories.h"
+#include "core/analysis/optimization_assessment.h"
 #include "core/analysis/sustained_load.h"
 #include "core/analysis/turbo_history.h"
 #include "tests/analysis/observation.h"
@@ -82,34 +84,25 @@ TEST(MetricHistoriesTest, RecordsEveryMetricSensorAndFanUntilADayHasPassed) {
     snapshot.fans = {{0, 2000, 1200, 6000, false, true}, {1, std::nullopt, {}, {}, {}, false}};
     snapshot.additionalSensors = {{"PSTR", "整机功耗", HardwareSensorKind::power, 30}};
     histories.add(snapshot);
-    histories.add(SystemTelemetry{kStart, 80, kNaN, {}, {}, 4, 8});
-    std::vector<std::string> told;
+    histories.add(SystemTelemetry{kStart, 80, -18, {}, {}, 4, 8});
+    std::string told;
     for (const auto& [name, history] : histories.all()) {
-        ASSERT_EQ(history.minutes().buckets().size(), 1) << name;
-        EXPECT_EQ(history.hours().buckets()[0], history.minutes().buckets()[0]) << name;
-        told.push_back(name + " " + std::to_string(int(history.hours().buckets()[0].mean)));
+        told += name + " " + std::to_string(int(history.hours().buckets()[0].mean)) + " ";
     }
-    EXPECT_THAT(told, ::testing::ElementsAre("batteryPercent 80", "cpuTemperature 50",
-                                             "cpuUsage 20", "fan:0 2000", "gpuTemperature 45",
-                                             "memoryPercent 50", "sensor:PSTR 30", "sensor:TC0P 50",
-                                             "sensor:TG0P 45", "speedLimit 100"));
-    histories.add(SystemTelemetry{kStart + 1, 80, -18, {}, {}, 4, 8});
-    EXPECT_NE(histories.find(MetricHistories::kBatteryWatts), nullptr);
-    EXPECT_EQ(histories.find("sensor:TC9C"), nullptr);
-
+    EXPECT_EQ(told,
+              "batteryPercent 80 batteryWatts -18 cpuTemperature 50 cpuUsage 20 fan:0 2000 "
+              "gpuTemperature 45 memoryPercent 50 sensor:PSTR 30 sensor:TC0P 50 "
+              "sensor:TG0P 45 speedLimit 100 ");
     // Five seconds and five minutes a bucket, half an hour and a day.
     for (int second = 5; second <= 26 * 3600; second += 5) {
         histories.add(unremarkable(second).snapshot);
-        if (second == 24 * 3600) {
-            EXPECT_NE(histories.find(MetricHistories::fan(0)), nullptr);
-        }
+        ASSERT_TRUE(histories.find("fan:0") != nullptr || second > 24 * 3600) << second;
     }
-    EXPECT_EQ(histories.find(MetricHistories::fan(0)), nullptr);
+    EXPECT_EQ(histories.find("fan:0"), nullptr);
     const MetricHistory* probe = histories.find(MetricHistories::sensor("TC0P"));
     ASSERT_NE(probe, nullptr);
     EXPECT_NEAR(double(probe->minutes().buckets().size()), 361, 1);
     EXPECT_NEAR(double(probe->hours().buckets().size()), 289, 1);
-
     for (int i = 0; i < 5000; ++i) {
         snapshot.sensors.push_back({"S" + std::to_string(i), "", 1});
     }
@@ -273,6 +266,187 @@ TEST(TurboHistoryTest, ComparesTheMinutesAroundAChange) {
     }
     EXPECT_EQ(history.periods().size(), TurboHistory::kMostPeriods);
     EXPECT_EQ(history.changes().size(), TurboHistory::kMostChanges);
+}
+
+using Buckets = std::vector<MetricBucket>;
+using Lines = std::vector<ChartLine>;
+
+TEST(MetricChartTest, ShowsNothingWithoutExtentAndAFlatLineWithoutHeight) {
+    const Buckets flat{{kStart, kStart, 7, 7, 7, 1, false}};
+    const Buckets tall{{kStart, kStart, -1.7e308, 0, 1.7e308, 1, false}};
+    const Date to = kStart + 100, never{-kInfinity}, ever{kInfinity};
+    const struct {
+        const Buckets& buckets;
+        ChartFrame frame;
+        Lines lines;
+    } cases[] = {
+        {flat, {kStart, kStart, 0, 10, 100}, {}},
+        {flat, {to, kStart, 0, 10, 100}, {}},
+        {flat, {kStart, to, 0, 10, 0}, {}},
+        {flat, {never, kStart, 0, 10, 9}, {}},
+        {flat, {kStart, ever, 0, 10, 9}, {}},
+        {flat, {kStart, to, 7, 7, 1}, {{{0, 0.5}}}},
+        {flat, {kStart, to, -kInfinity, 7, 100}, {{{0, 0.5}}}},
+        {flat, {kStart, to, 0, 28, 100}, {{{0, 0.25}}}},
+        {tall, {kStart, to, -1.7e308, 1.7e308, 1}, {{{0, 0}, {0, 1}}}},
+    };
+    for (const auto& [buckets, frame, lines] : cases) {
+        EXPECT_EQ(MetricChart::lines(buckets, frame), lines) << &frame - &cases[0].frame;
+    }
+}
+
+// One column of one line, and what is drawn of it.
+struct Column {
+    std::size_t line;
+    double column;
+    ChartPoint low, high;
+};
+
+// The same, one bucket after the other: a spike of one sample stays as high as it was.
+TEST(MetricChartTest, DrawsTheLowestAndTheHighestOfEveryColumn) {
+    for (unsigned seed = 0; seed < 600; ++seed) {
+        Dice dice(seed);
+        Clock clock(dice, dice.pick({1, 4, 9}));
+        MetricSeries series(5, 7200);
+        for (int i = 0; i < 300; ++i) {
+            series.append(clock.next(), dice.oneIn(20) ? dice.upTo(100) : 40 + dice.upTo(3));
+        }
+        const Date from = kStart + dice.upTo(1000), to = from + 1 + dice.upTo(2000);
+        const ChartFrame frame{from, to, 20, 60, dice.oneIn(2) ? 1 + dice.upTo(10) : 500};
+        std::vector<Column> columns;
+        std::optional<ChartRange> range;
+        bool broken = true;
+        for (const MetricBucket& it : series.buckets()) {
+            broken = broken || it.afterGap;
+            if (it.last < from || it.first > to) {
+                continue;
+            }
+            const double x = std::clamp((it.middle() - from) / (to - from), 0.0, 1.0);
+            const double column = std::min(std::floor(x * frame.columns), frame.columns - 1.0);
+            const ChartPoint low{x, it.minimum}, high{x, it.maximum};
+            if (broken || columns.back().column != column) {
+                const std::size_t line =
+                    columns.empty() ? 0 : columns.back().line + (broken ? 1 : 0);
+                columns.push_back({line, column, low, high});
+            }
+            Column& drawn = columns.back();
+            drawn.low = low.y < drawn.low.y ? low : drawn.low;
+            drawn.high = high.y > drawn.high.y ? high : drawn.high;
+            range = range ? range : ChartRange{low.y, high.y};
+            range = ChartRange{std::min(range->low, low.y), std::max(range->high, high.y)};
+            broken = false;
+        }
+        Lines expected(columns.empty() ? 0 : columns.back().line + 1);
+        for (auto& [line, column, low, high] : columns) {
+            low.y = std::clamp((low.y - 20) / 40, 0.0, 1.0);
+            high.y = std::clamp((high.y - 20) / 40, 0.0, 1.0);
+            // In the order of time; of one moment the nearer first.
+            ChartLine& points = expected[line];
+            const double y = points.empty() ? low.y : points.back().y;
+            const bool highFirst = high.x != low.x ? high.x < low.x : high.y - y < y - low.y;
+            points.push_back(highFirst ? high : low);
+            if (low != high) {
+                points.push_back(highFirst ? low : high);
+            }
+        }
+        ASSERT_EQ(MetricChart::lines(series.buckets(), frame), expected) << "seed " << seed;
+        ASSERT_EQ(MetricChart::range(series.buckets(), from, to), range) << "seed " << seed;
+    }
+}
+
+// Samples from the first to the last second; without any, a change at the first.
+struct Watched {
+    int first, last;
+    double celsius = 65, load = 40, step = 1;
+};
+using Timeline = std::vector<Watched>;
+constexpr Watched changeAt(int second) {
+    return {second, second - 1};
+}
+
+OptimizationAssessment observed(const Timeline& all) {
+    OptimizationAssessment assessment;
+    for (const Watched& it : all) {
+        if (it.last < it.first) {
+            assessment.noteChange(kStart + it.first);
+        }
+        for (double second = it.first; second <= it.last; second += it.step) {
+            const auto rpm = it.celsius > 80 ? std::nullopt : std::optional(30 * it.celsius);
+            assessment.append({kStart + second, it.load, it.celsius, rpm, it.load / 2});
+        }
+    }
+    return assessment;
+}
+
+TEST(OptimizationAssessmentTest, ComparesMediansOfLikeWindowsBeforeAndAfterAChange) {
+    using enum OptimizationVerdict;
+    const Watched old{-600, -1, 70}, edit = changeAt(0), now{0, 660};
+    const int days = -1'000'000;
+    const Watched later{days, days + 399, 70}, latest{days + 400, days + 700};
+    const struct {
+        Timeline watched;
+        OptimizationVerdict verdict = notEnoughData;
+        double seconds = 0;
+        OptimizationComparison celsius = {70, 65}, load = {40, 40};  // not without enough data
+    } cases[] = {
+        {{}},
+        {{old, {0, 400, 70}}},
+        {{{-120, -1, 70}, edit, {0, 180}}, better, 120},
+        {{{-119, -1, 70}, edit, now}, notEnoughData, 119},
+        {{old, edit, {0, 179}}, notEnoughData, 119},
+        {{{-2000, -1, 70}, edit, {0, 2000}}, better, 600},
+        {{{-600, -1, 70, 40, 0.0625}, edit, now}, better, 375.9375},
+        {{old, edit, {0, 660, 65, 30}}, better, 600, {70, 65}, {40, 30}},
+        {{old, edit, {0, 660, 60, 29.9}}, loadDiffers, 600, {70, 60}, {40, 29.9}},
+        {{old, edit, {0, 660, 90, 50.1}}, loadDiffers, 600, {70, 90}, {40, 50.1}},
+        {{old, edit, {0, 660, 68}}, better, 600, {70, 68}},
+        {{old, edit, {0, 660, 68.1}}, unchanged, 600, {70, 68.1}},
+        {{old, edit, {0, 660, 71.9}}, unchanged, 600, {70, 71.9}},
+        {{old, edit, {0, 660, 72}}, worse, 600, {70, 72}},
+        // Peaks, settling, and what lies outside the windows.
+        {{{-600, -201, 20}, {-200, -99, 70}, {-98, -1, 105}, edit, {0, 260}}, better, 200},
+        {{old, edit, {0, 59, 99}, {60, 361}, {362, 660, 99}}, better, 600},
+        {{{-300, -1, 70}, edit, {0, 360}, {361, 660, 99}}, better, 300},
+        {{{-200, -101, 70}, {-100, -1, 72}, edit, {0, 260}}, better, 200, {71, 65}},
+        // Every other sample suffices.
+        {{{-300, -151, kNaN}, {-150, -1, 70}, edit, now}, better, 300},
+        {{{-300, -150, kNaN}, {-149, -1, 70}, edit, now}, notEnoughData, 300},
+        {{old, edit, {0, 209, kNaN}, {210, 360}}, better, 300},
+        {{old, edit, {0, 210, 65, kNaN}, {211, 360}}, notEnoughData, 300},
+        // Gaps, other changes, a late note, a clock that is set back.
+        {{{-600, -201, 20}, {-185, -1, 70}, edit, now}, better, 185},
+        {{{-600, -195, 70}, {-180, -1, 70}, edit, now}, better, 600},
+        {{old, edit, {0, 360}, {376, 700, 99, 90}}, better, 300},
+        {{old, edit, {0, 30}, {90, 900}}},
+        {{{-600, -16, 70}, edit, now}},
+        {{{-300, -1, 70}, {1, 5}, edit, {6, 660}}, better, 300},
+        {{old, edit, {0, 199}, changeAt(200)}},
+        {{old, edit, {0, 59, 99}, {60, 199}, changeAt(200), {200, 660}}, unchanged, 140, {65, 65}},
+        {{old, edit, {0, 30}, {days, days + 400}}},
+        {{old, edit, {0, 30}, later, changeAt(days + 400), latest}, better, 240},
+    };
+    for (const auto& it : cases) {
+        SCOPED_TRACE(&it - cases);
+        OptimizationAssessment assessment = observed(it.watched);
+        OptimizationResult told{it.verdict, it.seconds, {}, {}, {}, {}};
+        if (it.verdict != notEnoughData) {
+            told = {it.verdict, it.seconds, it.load, it.celsius, {}, {}};
+            told.watts = {it.load.before / 2, it.load.after / 2};
+            if (it.celsius.after < 80) {
+                told.fanRpm = {30 * it.celsius.before, 30 * it.celsius.after};
+            }
+        }
+        EXPECT_EQ(assessment.assess(), told) << assessment.assess().windowSeconds;
+        assessment.append({Date{kNaN}, 90, 99, 9, 9});
+        EXPECT_EQ(assessment.assess(), told) << "no moment at all";
+        assessment.noteChange(Date{kInfinity});
+        EXPECT_EQ(assessment.assess(), OptimizationResult{});
+    }
+    std::string titles;
+    for (int verdict = 0; verdict < 5; ++verdict) {
+        titles.append(title(OptimizationVerdict(verdict))).append(" ");
+    }
+    EXPECT_EQ(titles, "数据不足 负载不同，无法比较 温度下降 没有明显变化 温度上升 ");
 }
 
 }  // namespace

@@ -247,17 +247,14 @@ TEST(JsonStrictnessTest, NestingIsBounded) {
 // A reply carries the message, so it must stay far below a line, and must not carry control bytes
 // to somebody's terminal, whatever a hostile line holds.
 TEST(JsonStrictnessTest, MessagesStayShortAndPrintable) {
-    std::string wide;
-    for (int i = 0; i < 5000; ++i) {
-        wide += "风";
-    }
-    for (const std::string& name : {wide, R"(\u001b[2J\u0000\n\u007f)" + std::string(16000, 'n')}) {
-        for (const char* value : {"1e999", "x", "\"\xFF\"", R"({"plan":{"plan":{"plan":x}}})"}) {
-            std::string text = R"({"x":{"y":)"s + value + "}}";
-            for (const char letter : {'y', 'x'}) {
-                text.replace(text.find(letter), 1, name);
-            }
-            const std::string message = refusal(text);
+    for (const std::string letter : {"风", "\\u001b[2J\\u0000\\n\\u007f"}) {
+        std::string name;
+        while (name.size() < 15000) {
+            name += letter;
+        }
+        for (const char* value : {"1e999", "x", "\"\xFF\"", R"({"plan":{"plan":x}})"}) {
+            const std::string message =
+                refusal("{\"" + name + "\":{\"" + name + "\":" + value + "}}");
             EXPECT_TRUE(message.size() < 250 && !firstInvalidUtf8(message)) << message;
             EXPECT_TRUE(std::ranges::none_of(
                 message, [](unsigned char c) { return c < 0x20 || c == 0x7F; }));
