@@ -58,5 +58,24 @@ TEST(StandardStreamsTest, ClosedStandardDescriptorsAreOccupiedOrThatIsTold) {
     EXPECT_EQ(childWithoutStandardDescriptors(0), 0);
 }
 
+TEST(StandardStreamsTest, ALongTextReachesASlowReaderOfAPipeThatDoesNotBlockWhole) {
+    Pipe pipe;
+    ::fcntl(pipe.ends[1], F_SETFL, O_NONBLOCK);
+    const std::string text(300'000, 'y');
+    auto reader = std::async(std::launch::async, [&] {
+        std::string received;
+        char chunk[4096];
+        for (ssize_t count; (count = ::read(pipe.ends[0], chunk, sizeof chunk)) > 0;) {
+            received.append(chunk, static_cast<std::size_t>(count));
+            std::this_thread::yield();
+        }
+        return received;
+    });
+    EXPECT_NO_THROW(writeText(pipe.ends[1], text));
+    reportLine(pipe.ends[1], text);
+    pipe.closeEnd(1);
+    EXPECT_TRUE(reader.get() == text + text + "\n");
+}
+
 }  // namespace
 }  // namespace ferovane::testing
