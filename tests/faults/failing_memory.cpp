@@ -5,8 +5,6 @@
 #include <cstdlib>
 #include <new>
 
-#include "tests/faults/product_scope.h"
-
 namespace ferovane::testing {
 
 thread_local int productDepth = 0;
@@ -17,14 +15,12 @@ namespace {
 std::atomic<bool> armed = false;
 std::atomic<bool> lasting = false;
 std::atomic<long> remaining = 0;
-std::atomic<long> counted = 0;
 std::atomic<long> failed = 0;
 
 bool mustFail() {
     if (!armed || productDepth == 0) {
         return false;
     }
-    ++counted;
     if (remaining-- > 0) {
         return false;
     }
@@ -39,7 +35,6 @@ bool mustFail() {
 void FailingMemory::failAfter(long successes, bool forGood) {
     remaining = successes;
     lasting = forGood;
-    counted = 0;
     failed = 0;
     armed = true;
 }
@@ -48,12 +43,8 @@ void FailingMemory::relent() {
     armed = false;
 }
 
-long FailingMemory::allocations() {
-    return counted;
-}
-
-long FailingMemory::failures() {
-    return failed;
+bool FailingMemory::hasStruck() {
+    return failed > 0;
 }
 
 }  // namespace ferovane::testing

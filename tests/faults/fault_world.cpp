@@ -4,36 +4,99 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <system_error>
 #include <utility>
 
-#include "helper/system_power_access.h"
+#include "core/model/scope_error.h"
+#include "core/power/power_settings_access.h"
+#include "core/power/process_runner.h"
 #include "shim/fv.h"
+#include "simulator/machine/four_characters.h"
+#include "simulator/machine/key_table.h"
+#include "simulator/machine/machine.h"
 #include "tests/faults/failing_memory.h"
-#include "tests/faults/product_scope.h"
 
 namespace ferovane::testing {
 namespace {
 
-constexpr std::int32_t kOwnerPid = 4711;
 constexpr std::uint32_t kOwnerUid = 501;
 
 // A monitor that has nothing left to say closes its end some time later.
 constexpr double kIdleSeconds = 30;
 
+constexpr double kToolSeconds = 0.3;
+constexpr double kToolTimeOut = 30;
+
 FaultWorld* theWorld = nullptr;
 
 class Guardian : public FanGuardian {
 public:
-    explicit Guardian(std::string& record) : record_(record) {}
-    void fansHeld() override { tell("held "); }
-    void fansReturned() noexcept override { tell("returned "); }
+    explicit Guardian(FaultWorld& world) : world_(world) {}
+    void fansHeld() override { tell(true); }
+    void fansReturned() noexcept override { tell(false); }
 
 private:
-    void tell(const char* word) {
+    void tell(bool held) {
         const OutsideProduct outside;
-        record_ += word;
+        world_.guarded = held;
+        if (world_.toGuardian) {
+            world_.toGuardian(held);
+        }
     }
-    std::string& record_;
+    FaultWorld& world_;
+};
+
+// Turbo and the tool that switches it, as far as its callers can tell.
+class TurboAccess : public PowerSettingsAccess {
+public:
+    TurboAccess(FaultWorld& world, std::function<bool()> stop)
+        : world_(world),
+          stop_(std::move(stop)),
+          undisturbed_(stop_ ? std::make_unique<TurboAccess>(world, nullptr) : nullptr) {}
+
+    PowerConfiguration configuration() override { return {}; }
+    void set(PowerSetting, PowerSource, std::int64_t) override {}
+    std::optional<PowerSource> currentSource() override { return std::nullopt; }
+    bool hasSleepBlockers() override { return false; }
+    PowerSettingsAccess& undisturbed() override { return undisturbed_ ? *undisturbed_ : *this; }
+
+    std::optional<std::int64_t> turboState() override {
+        const OutsideProduct outside;
+        if (world_.enter({CallKind::probe}).nothing) {
+            return std::nullopt;
+        }
+        return world_.mac.value(simulator::Property::kExtensionLoaded) == 1 ? 1 : 0;
+    }
+    void setTurbo(bool disabled) override {
+        bool stopped = false;
+        const Mishap mishap = work(stopped);
+        if (stopped) {
+            throw WorkStopped();
+        }
+        const OutsideProduct outside;
+        if (!mishap.nothing) {
+            world_.mac.set(simulator::Property::kExtensionLoaded, disabled ? 1 : 0);
+        }
+        if (mishap.nothing || mishap.error != 0) {
+            throw ScopeError("睿频操作失败");
+        }
+    }
+
+private:
+    Mishap work(bool& stopped) {
+        const OutsideProduct outside;
+        const Mishap mishap = world_.enter({CallKind::tool});
+        const double end = world_.turns.now() + (mishap.hangs ? kToolTimeOut : kToolSeconds);
+        while (!stopped && world_.turns.now() < end) {
+            world_.turns.sleep(kToolSeconds / 2);
+            stopped = stop_ && stop_();
+        }
+        return mishap;
+    }
+
+    FaultWorld& world_;
+    std::function<bool()> stop_;
+    std::unique_ptr<TurboAccess> undisturbed_;
 };
 
 }  // namespace
@@ -42,24 +105,27 @@ FaultWorld* FaultWorld::current() {
     return theWorld;
 }
 
-FaultWorld::FaultWorld(simulator::SimulatedMac machine, bool appleSilicon, std::uint64_t orderSeed)
-    : mac(std::move(machine)),
+std::string Call::keyText() const {
+    return key != 0 ? simulator::unpacked(key) : "";
+}
+
+FaultWorld::FaultWorld(simulator::SimulatedMac& machine, bool appleSilicon, std::uint64_t orderSeed)
+    : mac(machine),
       attached(mac.attach()),
-      tools(mac),
-      spy(mac),
       turns([this] { return mac.now(); }, [this](double seconds) { mac.advance(seconds); },
             orderSeed) {
     fillEnvironment(appleSilicon);
+    turns.onStart = [this] {
+        if (const int error = enter({CallKind::threadStart}).error; error != 0) {
+            throw std::system_error(error, std::generic_category());
+        }
+    };
     theWorld = this;
 }
 
 FaultWorld::~FaultWorld() {
-    theWorld = nullptr;
-}
-
-simulator::SimulatedMac FaultWorld::takeMachine() {
     turns.awaitOthers();  // a tool's watcher may outlive the helper's main thread
-    return std::move(mac);
+    theWorld = nullptr;
 }
 
 void FaultWorld::fillEnvironment(bool appleSilicon) {
@@ -82,15 +148,15 @@ void FaultWorld::fillEnvironment(bool appleSilicon) {
     };
     environment.shouldStop = [this] { return stopped(); };
     environment.installStopHandlers = fv_install_stop_handlers;
-    environment.ownerAlive = [this](std::int32_t pid, std::uint32_t uid) {
+    environment.ownerAlive = [this](std::int32_t, std::uint32_t) {
         const OutsideProduct outside;
         enter({CallKind::owner});
-        return ownerAlive && mac.now() < ownerLeavesAt && pid == kOwnerPid && uid == kOwnerUid;
+        return ownerAlive && mac.now() < ownerLeavesAt;
     };
     environment.fileExists = [this](const std::string& path) {
         const OutsideProduct outside;
         enter({CallKind::stopFile});
-        return files.count(path) > 0 || mac.now() >= stopFileAt;
+        return path.rfind("/tmp/ferovane-stop-", 0) == 0 && mac.now() >= stopFileAt;
     };
     environment.useUtilityPriority = [] {};
     // Looks at stops less often than the helper does, so that a case is not mostly such looks.
@@ -98,7 +164,7 @@ void FaultWorld::fillEnvironment(bool appleSilicon) {
     environment.timings.leasePoll = 0.5;
     environment.endProcess = [this](int status) { endOfProcess(status); };
     environment.appleSilicon = appleSilicon;
-    environment.makeGuardian = [this] { return std::make_unique<Guardian>(guardianRecord); };
+    environment.makeGuardian = [this] { return std::make_unique<Guardian>(*this); };
     environment.makeSMC = [this, appleSilicon] {
         return std::make_unique<SMC>(SMC::Surroundings{environment.now,
                                                        [this](double seconds) {
@@ -107,8 +173,8 @@ void FaultWorld::fillEnvironment(bool appleSilicon) {
                                                        },
                                                        appleSilicon});
     };
-    environment.makePowerAccess = [](ToolKeeper& keeper, std::function<bool()> stop) {
-        return std::make_unique<SystemPowerAccess>(keeper, std::move(stop));
+    environment.makePowerAccess = [this](ToolKeeper&, std::function<bool()> stop) {
+        return std::make_unique<TurboAccess>(*this, std::move(stop));
     };
     environment.makeSampler = [] { return std::make_unique<HardwareSampler>(); };
 }
@@ -139,8 +205,6 @@ void FaultWorld::endOfProcess(int status) {
     mac.clearFaults();
     lasting.clear();
     mishap = {};
-    tools.lasting = {};
-    tools.mishap.reset();
     closeInputNow();
 }
 
@@ -148,23 +212,87 @@ Mishap FaultWorld::enter(Call call) {
     if (ended_) {
         return {};
     }
-    if (call.mayPause()) {
+    if (!call.mayHoldLock()) {
         turns.sometimesYield();
     }
-    calls.push_back(call);
+    ++calls;
     if (beforeCall) {
-        beforeCall(calls.size(), call);
+        beforeCall(call);
     }
     const Mishap once = std::exchange(mishap, {});
     const auto always = lasting.find(call.kind);
     return once == Mishap{} && always != lasting.end() ? always->second : once;
 }
 
-// ---- The monitor
-// ---------------------------------------------------------------------------------
+// ---- The machine ------------------------------------------------------------------------------
 
-void FaultWorld::sendNow(const std::string& line) {
+FanState FaultWorld::fan(int fan) {
+    return mac.machine().locked([fan](simulator::World& world) {
+        const simulator::FanRecord& record = world.state().fans[fan];
+        return FanState{record.mode == 1,
+                        record.mode == 1 && record.holder == simulator::kHeldByOther,
+                        static_cast<double>(record.mode),
+                        record.target,
+                        record.minimum,
+                        record.maximum};
+    });
+}
+
+std::vector<int> FaultWorld::fansTaken() {
+    return mac.machine().locked([](simulator::World& world) {
+        std::vector<int> fans;
+        const simulator::WorldState& state = world.state();
+        for (std::uint32_t i = 0; i < state.fanCount; ++i) {
+            if (state.fans[i].mode == 1 && state.fans[i].holder != simulator::kHeldByOther) {
+                fans.push_back(static_cast<int>(i));
+            }
+        }
+        return fans;
+    });
+}
+
+std::vector<FanWrite> FaultWorld::fanWrites(const simulator::ControllerBlock& write) {
+    const std::string key = simulator::unpacked(write.key);
+    const bool isMask = key == "FS! ";
+    if (!isMask && key[0] != 'F') {
+        return {};
+    }
+    return mac.machine().locked([&](simulator::World& world) {
+        std::vector<FanWrite> writes;
+        const simulator::KeyRecord* record = simulator::KeyTable::find(world, write.key);
+        const auto number =
+            record != nullptr ? simulator::KeyTable::decode(*record, write.data) : std::nullopt;
+        const simulator::WorldState& state = world.state();
+        for (std::uint32_t i = 0; isMask && number && i < state.fanCount; ++i) {
+            const auto mask = static_cast<std::uint32_t>(*number);
+            if (((mask ^ state.forcedMask) >> i & 1) != 0) {
+                writes.push_back({static_cast<int>(i), true, static_cast<double>(mask >> i & 1)});
+            }
+        }
+        if (!isMask && number) {
+            writes.push_back({key[1] - '0', key.substr(2) != "Tg", *number});
+        }
+        return writes;
+    });
+}
+
+void FaultWorld::noteWrites(const simulator::ControllerBlock& in) {
+    if (!ended_ && in.command == simulator::kWriteCommand && beforeFanWrite) {
+        beforeFanWrite(fanWrites(in));
+    }
+}
+
+void FaultWorld::noteAnswer() {
+    if (!ended_ && afterControllerCall) {
+        afterControllerCall();
+    }
+}
+
+// ---- The monitor ------------------------------------------------------------------------------
+
+void FaultWorld::sendNow(const std::string& line, Ask ask) {
     input_ += line + "\n";
+    asked.push_back(ask);
     turns.notify(&input_);
 }
 
@@ -178,7 +306,7 @@ void FaultWorld::sendSignal(int number) {
     if (handled[number]) {
         stopSignal = true;
     } else {
-        diedHolding = diedHolding || !spy.fansLeftManual().empty();
+        diedHolding = diedHolding || !fansTaken().empty();
     }
 }
 
@@ -192,6 +320,7 @@ void FaultWorld::takeMonitorStep() {
         inputClosed_ = true;
     } else if (!step.line.empty()) {
         input_ += step.line + "\n";
+        asked.push_back(step.ask);
     }
 }
 
@@ -214,7 +343,7 @@ bool FaultWorld::awaitInput(double deadline) {
     return true;
 }
 
-int FaultWorld::poll(int, short events, short& revents, int milliseconds) {
+int FaultWorld::poll(short events, short& revents, int milliseconds) {
     const Mishap trouble = enter({CallKind::poll});
     if (trouble.error != 0) {
         errno = trouble.error;

@@ -8,15 +8,12 @@
 #include <map>
 #include <memory>
 #include <optional>
-#include <set>
 #include <string>
 #include <vector>
 
 #include "helper/commands.h"
+#include "simulator/machine/controller.h"
 #include "simulator/machine/simulated_mac.h"
-#include "tests/faults/call.h"
-#include "tests/faults/control_spy.h"
-#include "tests/faults/tools.h"
 #include "tests/faults/turns.h"
 
 namespace ferovane::testing {
@@ -25,18 +22,68 @@ inline constexpr int kInputDescriptor = 1000000;  // beyond any that is open
 inline constexpr int kOutputDescriptor = kInputDescriptor + 1;
 inline constexpr int kErrorDescriptor = kInputDescriptor + 2;
 
+enum class CallKind : std::uint8_t {
+    keyInfo,  // the controller's four
+    keyRead,
+    keyWrite,
+    keyName,
+    open,         // a connection to the controller
+    probe,        // any other question to the machine, such as for the power source
+    clock,        // the time, monotonic
+    owner,        // whether the owner lives
+    stopFile,     // whether the stop file exists
+    poll,         // for the next request
+    read,         // of a request
+    write,        // of a reply, of the one-shot commands' output and of error texts
+    threadStart,  // a lease's, the watchdog's
+    tool,         // a switch of turbo
+};
+
+// One call of the code under test to the outside.
+struct Call {
+    CallKind kind;
+    std::uint32_t key = 0;  // the controller's, packed; 0: none
+    bool takes = false;     // puts a fan into manual mode
+    bool returns = false;   // puts a fan into automatic mode
+
+    bool isController() const { return kind <= CallKind::keyName; }
+    // Then no other thread may run before it.
+    bool mayHoldLock() const { return kind == CallKind::clock || kind == CallKind::probe; }
+    std::string keyText() const;
+};
+
+// What a write to the controller means for a fan. A write of the mask is one for each bit that
+// changes.
+struct FanWrite {
+    int fan;
+    bool isMode;  // else its target
+    double value;
+    bool takes() const { return isMode && value == 1; }
+    bool returns() const { return isMode && value != 1; }
+};
+
+struct FanState {
+    bool manual, others;  // others: another program took it
+    double mode, target, minimum, maximum;
+};
+
 // How a system call ends other than it should.
 struct Mishap {
     int error = 0;          // errno
     bool nothing = false;   // poll, read and write: 0; a question: no answer
     bool oneByte = false;   // read and write: a short count
+    bool hangs = false;     // a tool: until it is told to end, or given up
     double clockShift = 0;  // seconds, for this one look at the clock
     bool operator==(const Mishap&) const = default;
 };
 
+// What a request asks for, as far as its answer is foreseen.
+enum class Ask : std::uint8_t { status, lease, automatic, turbo, refused, shutdown };
+
 // What the monitor does next: sends a line, closes its end, or only lets time pass.
 struct MonitorStep {
-    std::string line;
+    std::string line = {};
+    Ask ask = Ask::status;
     double after = 0.05;  // seconds after the reply to the last
     bool closes = false;
 };
@@ -44,7 +91,7 @@ struct MonitorStep {
 class FaultWorld {
 public:
     // At most one at a time; it lives on the thread that runs the helper.
-    FaultWorld(simulator::SimulatedMac machine, bool appleSilicon, std::uint64_t orderSeed = 0);
+    FaultWorld(simulator::SimulatedMac& machine, bool appleSilicon, std::uint64_t orderSeed);
     ~FaultWorld();
     FaultWorld(const FaultWorld&) = delete;
     FaultWorld& operator=(const FaultWorld&) = delete;
@@ -54,14 +101,10 @@ public:
     // Runs the helper to its end; its exit status, also when it ended from the watchdog.
     int run(std::vector<std::string> words);
 
-    // The machine as it is now, when the helper has ended; this world is of no more use.
-    simulator::SimulatedMac takeMachine();
-
     // ---- What the world does ---------------------------------------------------------------
-    simulator::SimulatedMac mac;
+    simulator::SimulatedMac& mac;
     simulator::Attachment attached;
     std::vector<MonitorStep> monitor;
-    std::set<std::string> files;
     bool ownerAlive = true;
     bool stopSignal = false;
     // The same at a time to come, in machine seconds.
@@ -69,43 +112,52 @@ public:
     double stopFileAt = Turns::kForever;
     double stopSignalAt = Turns::kForever;
     double pauseSlice = 0.2;  // seconds until a pause notices a signal; as in the shim's own
-    Tools tools;
 
-    // Asked before every call with its number, counted from 1.
-    std::function<void(std::uint64_t number, const Call& call)> beforeCall;
     Mishap mishap;                       // of the call that is being made
     std::map<CallKind, Mishap> lasting;  // of every call of a kind from now on
     void letTimePass(double seconds) { turns.sleep(seconds); }
-    void sendNow(const std::string& line);  // the monitor's next line, at once
+    void sendNow(const std::string& line, Ask ask);  // the monitor's next line, at once
     void closeInputNow();
     void sendSignal(int number);
 
+    // ---- Who looks on ----------------------------------------------------------------------
+    std::function<void(const Call& call)> beforeCall;
+    std::function<void(const std::vector<FanWrite>& writes)> beforeFanWrite;
+    std::function<void()> afterControllerCall;
+    std::function<void(bool held)> toGuardian;              // what the guardian is told
+    std::function<void(const std::string& line)> onOutput;  // a whole line was written
+    std::function<void()> atEnd;  // at the very end of the helper's process
+
     // ---- What the code under test did ------------------------------------------------------
-    std::vector<Call> calls;
+    std::size_t calls = 0;
+    std::vector<Ask> asked;  // so far, in the order of their replies
     std::string output, errors;
-    std::string undelivered;  // what it tried to say where saying it failed
-    bool muffled = false;     // what it had to say was not taken for as long as it waits
-    ControlSpy spy;
-    std::string guardianRecord;
+    std::string undelivered;       // what it tried to say where saying it failed
+    bool muffled = false;          // what it had to say was not taken for as long as it waits
+    bool guarded = false;          // the guardian was told that fans are held
     std::map<int, bool> handled;   // signals that the code under test has looked after
     bool diedHolding = false;      // a signal that it had not would have ended it with fans held
-    std::set<int> othersSince;     // fans that another program took while the helper ran
-    bool deaf = false;             // a question to the machine got no answer
     std::optional<int> endedWith;  // by the watchdog, or by a session that could not end
-    std::function<void()> atEnd;   // at the very end of the helper's process
-    std::function<void(const std::string& line)> onOutput;  // a whole line was written
+    std::string told() const { return output + errors + undelivered; }
+
+    // ---- The machine as it is --------------------------------------------------------------
+    FanState fan(int fan);
+    std::vector<int> fansTaken();  // in manual mode, and by no other program
+    std::vector<FanWrite> fanWrites(const simulator::ControllerBlock& write);
 
     HelperEnvironment environment;
     Turns turns;
 
     // ---- Where the redirected calls arrive -------------------------------------------------
     Mishap enter(Call call);
-    bool own(int descriptor) const {
+    static bool own(int descriptor) {
         return descriptor >= kInputDescriptor && descriptor <= kErrorDescriptor;
     }
-    int poll(int descriptor, short events, short& revents, int milliseconds);
+    int poll(short events, short& revents, int milliseconds);
     long read(void* bytes, std::size_t size);
     long write(int descriptor, const void* bytes, std::size_t size);
+    void noteWrites(const simulator::ControllerBlock& in);
+    void noteAnswer();
     std::uint32_t entropy() { return ++drawn_; }
 
 private:

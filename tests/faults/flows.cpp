@@ -2,7 +2,6 @@
 
 #include "core/control/control_request.h"
 #include "core/model/json_codec.h"
-#include "core/model/uuid.h"
 #include "simulator/machine/machine.h"
 
 namespace ferovane::testing {
@@ -10,11 +9,15 @@ namespace {
 
 using simulator::AppleSiliconOptions;
 using simulator::Property;
+using Mode = AppleSiliconOptions::ManualMode;
 
-constexpr double kSoon = 2.5;   // seconds: the first rounds are over
-constexpr double kLater = 5.0;  // a profile's second round is, too
+constexpr double kCoolingSeconds = 300;
+constexpr double kProfileSeconds = 1800;
+constexpr double kFanTestSeconds = 5;
+constexpr double kSoon = 7;  // seconds: the first rounds are over
 constexpr double kBusyPercent = 60;
-constexpr double kAMoment = 2.2;  // between two requests: a round of a lease
+constexpr double kLongIdle = 60;
+constexpr std::uint64_t kMostRequests = 4;
 
 const std::string kSession = "6f1c2f0e-7a44-4d2b-9a3d-0e6c9bb0a1f2";
 // {"points":[{"temperature":30,"percent":20},{"temperature":80,"percent":100}],"sensor":"CPU"}
@@ -22,85 +25,9 @@ const std::string kCurve =
     "eyJwb2ludHMiOlt7InRlbXBlcmF0dXJlIjozMCwicGVyY2VudCI6MjB9LHsidGVtcGVyYXR1cmUiOjgwLCJwZXJjZW50Ij"
     "oxMDB9XSwic2Vuc29yIjoiQ1BVIn0=";
 
-simulator::SimulatedMac appleSilicon(int fans, AppleSiliconOptions options) {
-    return simulator::appleSiliconMac(fans, options);
-}
-
-std::vector<std::string> oneShot(const std::string& word) {
-    return {word, "4711", "501", kSession};
-}
-std::vector<std::string> profile(const std::string& mode) {
-    return {"profile", "4711", "501", kSession, mode, mode == "custom" ? kCurve : "-"};
-}
-const std::vector<std::string> kServe{"serve", "4711", "501"};
-
-MonitorStep ask(const std::string& command, double after = kAMoment) {
-    return {encodeJson(ControlRequest{.command = command}), after};
-}
-MonitorStep askProfile(const std::string& word, double after = 0.05) {
-    return {encodeJson(ControlRequest{.command = "profile", .profile = word}), after};
-}
-MonitorStep askCurve(double percent, double after = 0.05) {
-    const FanCurve curve{{{30, percent}, {80, 100}}, CurveSensor::cpu};
-    return {encodeJson(ControlRequest{.command = "profile", .profile = "custom", .curve = curve}),
-            after};
-}
-const MonitorStep kClose{"", kAMoment, true};
-const MonitorStep kNothingMore{"", 60};
-
-MonitorStep askOptimization() {
-    ControlRequest request{.command = "power-optimize"};
-    request.powerPlan = PowerOptimizationPlan{.source = PowerSource::battery,
-                                              .lowPower = true,
-                                              .displayMinutes = 5,
-                                              .idleMinutes = 10,
-                                              .disableTurbo = true};
-    return {encodeJson(request), 0.05};
-}
-MonitorStep askRestoration() {
-    PowerBackup backup;
-    backup.id = *Uuid::parse(kSession);
-    backup.edits = {{PowerSource::battery, PowerSetting::lowPowerMode, 0, 1},
-                    {PowerSource::battery, PowerSetting::displaySleep, 2, 5},
-                    {PowerSource::battery, PowerSetting::systemSleep, 1, 10}};
-    backup.turboBefore = 0;
-    return {encodeJson(ControlRequest{.command = "power-restore", .powerBackup = backup}), 0.05};
-}
-
-void ownerLeaves(FaultWorld& world) {
-    world.ownerLeavesAt = kSoon;
-}
-void ownerLeavesLater(FaultWorld& world) {
-    world.ownerLeavesAt = kLater;
-}
-void stopFile(FaultWorld& world) {
-    world.stopFileAt = kSoon;
-}
-void stopFileLater(FaultWorld& world) {
-    world.stopFileAt = kLater;
-}
-void stopSignal(FaultWorld& world) {
-    world.stopSignalAt = kLater;
-}
-void otherHoldsOne(FaultWorld& world) {
-    world.mac.otherTakesFan(world.mac.fanCount() - 1);
-    world.ownerLeavesAt = kLater;
-}
-void otherHeldAll(FaultWorld& world) {
-    for (int fan = 0; fan < world.mac.fanCount(); ++fan) {
-        world.mac.otherTakesFan(fan);
-    }
-}
-void turboDisabled(FaultWorld& world) {
-    world.mac.set(Property::kExtensionLoaded, 1);
-}
-void powerSettings(FaultWorld& world) {
-    world.mac.set(Property::kAcPower, 0);
-    for (const char* source : {"AC Power", "Battery Power"}) {
-        world.mac.setPowerSetting(source, "lowpowermode", "0");
-        world.mac.setPowerSetting(source, "displaysleep", "2");
-        world.mac.setPowerSetting(source, "sleep", "1");
-    }
+MachineKind appleSilicon(const char* name, bool canBeHeld, const AppleSiliconOptions& options) {
+    const auto make = [options](int fans) { return simulator::appleSiliconMac(fans, options); };
+    return {name, true, canBeHeld, make};
 }
 
 // Under a load that lets every fan run, or it could not be leased.
@@ -111,132 +38,242 @@ simulator::SimulatedMac builtInUnderLoad(const std::string& name) {
     return mac;
 }
 
-std::vector<MachineKind> withBuiltIn(std::vector<MachineKind> kinds) {
-    for (const simulator::ModelInfo& model : simulator::builtInModels()) {
-        simulator::SimulatedMac mac = builtInUnderLoad(model.name);
-        if (mac.fanCount() > 0) {
-            const auto make = [name = model.name](int) { return builtInUnderLoad(name); };
-            kinds.push_back({model.name, mac.machine().appleSilicon(), make, mac.fanCount()});
-        }
-    }
-    return kinds;
+// ---- One-shot commands -------------------------------------------------------------------------
+
+Flow cooling(const std::string& word, double seconds) {
+    return {.name = word,
+            .words = {word, "4711", "501", kSession},
+            .controlsFans = true,
+            .lease = true,
+            .cooling = true,
+            .seconds = seconds};
 }
 
-template <class Predicate>
-std::vector<const MachineKind*> machinesThat(Predicate isWanted) {
-    std::vector<const MachineKind*> wanted;
-    for (const MachineKind& kind : machineKinds()) {
-        if (isWanted(kind)) {
-            wanted.push_back(&kind);
-        }
-    }
-    return wanted;
+Flow profile(const std::string& mode, int turboDisabled) {
+    return {.name = "profile " + mode,
+            .words = {"profile", "4711", "501", kSession, mode, mode == "custom" ? kCurve : "-"},
+            .controlsFans = true,
+            .lease = true,
+            .turboDisabled = turboDisabled,
+            .seconds = kProfileSeconds};
 }
+
+Flow single(const std::string& word, int turboDisabled = -1) {
+    return {.name = word, .words = {word}, .turboDisabled = turboDisabled};
+}
+
+Flow drawOneShot(const MachineKind& machine, bool lengthy, Draw& draw) {
+    Flow flow;
+    switch (draw.below(lengthy ? 7 : 11)) {
+        case 0:
+        case 1:
+            flow = cooling("cooling", kCoolingSeconds);
+            break;
+        case 2:
+        case 3:
+            flow = cooling("test-fan", kFanTestSeconds);
+            break;
+        case 4:
+            if (!machine.appleSilicon) {
+                flow = draw.oneIn(2) ? profile("quiet", 1) : profile("balanced", 0);
+                break;
+            }
+            [[fallthrough]];
+        case 5:
+        case 6:
+            flow = profile("custom", -1);
+            break;
+        case 7:
+        case 8:
+            flow = single("auto");
+            flow.controlsFans = flow.returnsAll = true;
+            return flow;
+        case 9:
+            return draw.oneIn(2) ? single("turbo-disable", 1) : single("turbo-enable", 0);
+        default:
+            return single(draw.oneIn(2) ? "probe" : "fan-probe");
+    }
+    const bool mayLast = lengthy || flow.seconds < kSoon;
+    if (!mayLast || draw.oneIn(2)) {
+        flow.ending = draw.seconds(mayLast ? flow.seconds : kSoon);
+        constexpr double FaultWorld::*causes[] = {
+            &FaultWorld::ownerLeavesAt, &FaultWorld::stopFileAt, &FaultWorld::stopSignalAt};
+        flow.cause = causes[draw.below(std::size(causes))];
+    }
+    return flow;
+}
+
+// ---- Sessions ----------------------------------------------------------------------------------
+
+MonitorStep command(const std::string& word, Ask ask) {
+    return {encodeJson(ControlRequest{.command = word}), ask};
+}
+
+MonitorStep drawProfile(bool appleSilicon, Draw& draw) {
+    if (!draw.oneIn(3)) {
+        const FanCurve curve{{{30, 10.0 * static_cast<double>(draw.below(7))}, {80, 100}},
+                             CurveSensor::cpu};
+        return {
+            encodeJson(ControlRequest{.command = "profile", .profile = "custom", .curve = curve}),
+            Ask::lease};
+    }
+    const char* word = draw.oneIn(2) ? "quiet" : "balanced";
+    return {encodeJson(ControlRequest{.command = "profile", .profile = word}),
+            appleSilicon ? Ask::refused : Ask::lease};
+}
+
+MonitorStep drawRequest(bool appleSilicon, Draw& draw) {
+    const Ask onIntel = appleSilicon ? Ask::refused : Ask::turbo;
+    switch (draw.below(12)) {
+        case 0:
+            return command("hello", Ask::status);
+        case 1:
+        case 2:
+            return command("status", Ask::status);
+        case 3:
+            return command("test-fans", Ask::lease);
+        case 4:
+            return command("auto", Ask::automatic);
+        case 5:
+            return {encodeJson(ControlRequest{.command = "profile", .profile = "automatic"}),
+                    appleSilicon ? Ask::refused : Ask::automatic};
+        case 6:
+            return draw.oneIn(2) ? MonitorStep{"{nonsense", Ask::refused}
+                                 : command("dance", Ask::refused);
+        case 7:
+            return command(draw.oneIn(2) ? "turbo-disable" : "turbo-enable", onIntel);
+        default:
+            return drawProfile(appleSilicon, draw);
+    }
+}
+
+Flow drawSession(const MachineKind& machine, bool lengthy, Draw& draw) {
+    Flow flow{.name = "session", .words = {"serve", "4711", "501"}, .seconds = kProfileSeconds};
+    flow.controlsFans = true;
+    for (std::uint64_t left = 1 + draw.below(kMostRequests); left > 0; --left) {
+        flow.monitor.push_back(drawRequest(machine.appleSilicon, draw));
+    }
+    // The monitor takes its time: nothing, a moment, or up to longer than a lease lasts.
+    const double most[] = {0.1, 6, 40, kProfileSeconds * 1.1};
+    for (MonitorStep& step : flow.monitor) {
+        step.after = 0.05 + draw.seconds(most[draw.below(lengthy ? 4 : draw.oneIn(8) ? 3 : 2)]);
+    }
+    switch (draw.below(4)) {
+        case 0:
+            flow.monitor.push_back(command("shutdown", Ask::shutdown));
+            flow.monitor.back().after = 0.05 + draw.seconds(kSoon);
+            break;
+        case 1:
+            flow.monitor.push_back({.after = 0.05 + draw.seconds(kSoon), .closes = true});
+            break;
+        default:
+            flow.monitor.push_back({.after = kLongIdle});
+            flow.ending = draw.seconds(kSoon);
+            for (const MonitorStep& step : flow.monitor) {
+                flow.ending += step.after < kLongIdle || lengthy ? step.after : 0;
+            }
+            flow.cause = draw.oneIn(2) ? &FaultWorld::ownerLeavesAt : &FaultWorld::stopSignalAt;
+            flow.ending -= flow.ending > kProfileSeconds ? kProfileSeconds : 0;
+    }
+    for (const MonitorStep& step : flow.monitor) {
+        flow.name += (step.closes         ? " close"
+                      : step.line.empty() ? " wait"
+                                          : " " + step.line) +
+                     " after " + std::to_string(step.after);
+    }
+    return flow;
+}
+
+// ---- Conditions --------------------------------------------------------------------------------
+
+bool always(const MachineKind&, const Flow&) {
+    return true;
+}
+bool onAppleSilicon(const MachineKind& machine, const Flow&) {
+    return machine.appleSilicon && machine.canBeHeld && machine.name != "without unlock";
+}
+bool withModeKeys(const MachineKind& machine, const Flow&) {
+    return machine.ownFans == 0 && machine.name != "forced mask" && machine.name != "lower case";
+}
+bool oneShot(const MachineKind&, const Flow& flow) {
+    return !flow.isSession() && flow.turboDisabled < 0;
+}
+bool curve(const MachineKind&, const Flow& flow) {
+    return !flow.cooling;
+}
+
+template <int fan>
+void otherTakes(FaultWorld& world, Flow&) {
+    world.mac.otherTakesFan(fan < 0 ? world.mac.fanCount() - 1 : fan);
+}
+template <const char* const& key>
+void unreadable(FaultWorld& world, Flow&) {
+    world.mac.refuseReads(key, simulator::kNotReadable);
+}
+const char* const kFirstTarget = "F0Tg";
+const char* const kFirstMaximum = "F0Mx";
+const char* const kFirstMode = "F0Md";
 
 }  // namespace
 
-const std::vector<MachineKind>& machineKinds() {
-    using Options = AppleSiliconOptions;
-    using Mode = Options::ManualMode;
-    static const std::vector<MachineKind> kinds = withBuiltIn({
-        {"mode keys", false, simulator::intelMac},
-        {"forced mask", false, simulator::intelMacWithMaskOnly},
-        {"accepting", true, [](int fans) { return appleSilicon(fans, {}); }},
-        {"locked", true,
-         [](int fans) { return appleSilicon(fans, {.manualMode = Mode::kRefusedUntilUnlocked}); }},
-        {"lower case", true,
-         [](int fans) { return appleSilicon(fans, {.lowerCaseModeKey = true}); }},
-        {"deaf", true,
-         [](int fans) { return appleSilicon(fans, {.manualMode = Mode::kWithoutEffect}); }},
-        {"without unlock", true, [](int fans) { return appleSilicon(fans, {.unlockKey = false}); }},
-        {"raising targets", true,
-         [](int fans) { return appleSilicon(fans, {.raisesLowTargets = true}); }},
-    });
+const std::vector<MachineKind>& smallMachines() {
+    static const std::vector<MachineKind> kinds{
+        {"mode keys", false, true, simulator::intelMac},
+        {"forced mask", false, true, simulator::intelMacWithMaskOnly},
+        appleSilicon("accepting", true, {}),
+        appleSilicon("without unlock", true, {.unlockKey = false}),
+        appleSilicon("raising targets", true, {.raisesLowTargets = true}),
+        appleSilicon("locked", false, {.manualMode = Mode::kRefusedUntilUnlocked}),
+        appleSilicon("lower case", false, {.lowerCaseModeKey = true}),
+        appleSilicon("deaf", false, {.manualMode = Mode::kWithoutEffect}),
+    };
     return kinds;
 }
 
-std::vector<const MachineKind*> smallMachines() {
-    return machinesThat([](const MachineKind& kind) { return kind.ownFans == 0; });
+const std::vector<MachineKind>& builtInMachines() {
+    static const std::vector<MachineKind> machines = [] {
+        std::vector<MachineKind> kinds;
+        for (const simulator::ModelInfo& model : simulator::builtInModels()) {
+            simulator::SimulatedMac mac = builtInUnderLoad(model.name);
+            if (mac.fanCount() > 0) {
+                const auto make = [name = model.name](int) { return builtInUnderLoad(name); };
+                kinds.push_back(
+                    {model.name, mac.machine().appleSilicon(), false, make, mac.fanCount()});
+            }
+        }
+        return kinds;
+    }();
+    return machines;
 }
 
-std::vector<const MachineKind*> builtInMachines() {
-    return machinesThat([](const MachineKind& kind) { return kind.ownFans > 0; });
+Flow drawFlow(const MachineKind& machine, bool lengthy, Draw& draw) {
+    return draw.oneIn(2) ? drawSession(machine, lengthy, draw)
+                         : drawOneShot(machine, lengthy, draw);
 }
 
-const std::vector<Flow>& flows() {
-    static const std::vector<Flow> all{
-        {.name = "cooling until the owner leaves",
-         .words = oneShot("cooling"),
-         .prepare = ownerLeaves},
-        {.name = "cooling until the stop file", .words = oneShot("cooling"), .prepare = stopFile},
-        {.name = "test-fan", .words = oneShot("test-fan")},
-        {.name = "profile until a signal", .words = profile("balanced"), .prepare = stopSignal},
-        {.name = "profile with turbo until the stop file",
-         .words = profile("quiet"),
-         .prepare = stopFileLater,
-         .intelOnly = true},
-        {.name = "profile with a curve until the owner leaves",
-         .words = profile("custom"),
-         .prepare = ownerLeavesLater},
-        {.name = "auto", .words = {"auto"}, .prepare = otherHeldAll, .returnsAll = true},
-        {.name = "turbo-disable", .words = {"turbo-disable"}, .controlsFans = false},
-        {.name = "turbo-enable",
-         .words = {"turbo-enable"},
-         .prepare = turboDisabled,
-         .controlsFans = false},
-        {.name = "probe", .words = {"probe"}, .controlsFans = false},
-        {.name = "fan-probe", .words = {"fan-probe"}, .controlsFans = false},
-        {.name = "cooling beside another program",
-         .words = oneShot("cooling"),
-         .prepare = otherHoldsOne,
-         .handsOff = true},
-        {.name = "profile beside another program",
-         .words = profile("custom"),
-         .prepare = otherHoldsOne,
-         .handsOff = true},
-        {.name = "session: profile, status, shutdown",
-         .words = kServe,
-         .monitor = {ask("hello", 0.05), askProfile("balanced"), ask("status"), ask("shutdown")},
-         .intelOnly = true},
-        {.name = "session: profile with turbo, auto, end of input",
-         .words = kServe,
-         .monitor = {askProfile("quiet"), ask("auto"), kClose},
-         .intelOnly = true},
-        {.name = "session: fan test to its end, shutdown",
-         .words = kServe,
-         .monitor = {ask("test-fans", 0.05), ask("status", 6), ask("shutdown")}},
-        {.name = "session: a curve replaces another, end of input",
-         .words = kServe,
-         .monitor = {askCurve(20), askCurve(50, kAMoment), kClose}},
-        {.name = "session: curve until the owner leaves",
-         .words = kServe,
-         .monitor = {askCurve(20), kNothingMore},
-         .prepare = ownerLeavesLater},
-        {.name = "session: curve until a signal",
-         .words = kServe,
-         .monitor = {askCurve(20), kNothingMore},
-         .prepare = stopSignal},
-        {.name = "session: turbo off and on",
-         .words = kServe,
-         .monitor = {ask("turbo-disable", 0.05), ask("turbo-enable", 0.05), ask("shutdown", 0.05)},
-         .intelOnly = true,
-         .controlsFans = false},
-        {.name = "session: power plan and its undoing",
-         .words = kServe,
-         .monitor = {askOptimization(), askRestoration(), ask("shutdown", 0.05)},
-         .prepare = powerSettings,
-         .intelOnly = true,
-         .controlsFans = false,
-         .changesPower = true},
-        {.name = "session: automatic, nonsense, unknown word",
-         .words = kServe,
-         .monitor = {askProfile("automatic"), {"{nonsense", 0.05}, ask("dance", 0.05), kClose},
-         .intelOnly = true},
-        {.name = "session: fan test beside another program",
-         .words = kServe,
-         .monitor = {ask("test-fans", 0.05), ask("shutdown", 0.05)},
-         .prepare = otherHoldsOne,
-         .handsOff = true},
+const std::vector<Condition>& conditions() {
+    static const std::vector<Condition> all{
+        {"another program holds the last fan", true, always, otherTakes<-1>},
+        {"another program holds the first fan", true, always, otherTakes<0>},
+        {"another program holds the unlock", true, onAppleSilicon,
+         [](FaultWorld& w, Flow&) { w.mac.otherHoldsUnlock(); }},
+        {"a mode that nobody knows", true, withModeKeys,
+         [](FaultWorld& w, Flow&) { w.mac.otherWrites("F0Md", 2); }},
+        {"a mode that cannot be read", true, withModeKeys, unreadable<kFirstMode>},
+        {"a target that cannot be read", true, always, unreadable<kFirstTarget>},
+        {"a rated maximum that cannot be read", true, always, unreadable<kFirstMaximum>},
+        {"a target above its range", true, oneShot,
+         [](FaultWorld& w, Flow&) { w.mac.otherWrites("F0Tg", w.mac.fanMaximum(0) + 500); }},
+        {"a rated maximum below the minimum", true, always,
+         [](FaultWorld& w, Flow&) { w.mac.setNumber("F0Mx", w.mac.fanMinimum(0) - 100); }},
+        {"a rated minimum of 0", true, curve,
+         [](FaultWorld& w, Flow&) { w.mac.setNumber("F0Mn", 0); }},
+        {"the system's own automatic mode", false, onAppleSilicon,
+         [](FaultWorld& w, Flow&) {
+             for (int fan = 0; fan < w.mac.fanCount(); ++fan) {
+                 w.mac.otherWrites("F" + std::to_string(fan) + "Md", 3);
+             }
+         }},
     };
     return all;
 }

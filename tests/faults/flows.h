@@ -2,10 +2,12 @@
 #pragma once
 
 #include <functional>
+#include <limits>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "tests/faults/draw.h"
 #include "tests/faults/fault_world.h"
 
 namespace ferovane::testing {
@@ -13,29 +15,43 @@ namespace ferovane::testing {
 struct MachineKind {
     std::string name;
     bool appleSilicon;
+    bool canBeHeld;  // the others refuse every lease
     std::function<simulator::SimulatedMac(int fans)> make;
     int ownFans = 0;  // what it has whatever is asked for; 0: as many as are asked for
 };
-// Small machines with few keys, and after them the built-in machines that have fans.
-const std::vector<MachineKind>& machineKinds();
-std::vector<const MachineKind*> smallMachines();
-std::vector<const MachineKind*> builtInMachines();
+const std::vector<MachineKind>& smallMachines();
+// With hundreds of keys. Whether they can be held depends on the day.
+const std::vector<MachineKind>& builtInMachines();
 
 struct Flow {
-    std::string_view name;
-    std::vector<std::string> words;  // of the command line
+    static constexpr double kNever = std::numeric_limits<double>::infinity();
+
+    std::string name;
+    std::vector<std::string> words = {};  // of the command line
     std::vector<MonitorStep> monitor = {};
-    void (*prepare)(FaultWorld& world) = [](FaultWorld&) {};
-    bool intelOnly = false;
-    bool controlsFans = true;
-    // A fan belongs to another program from the start: nothing may be written.
-    bool handsOff = false;
-    // Returning every fan is what is asked for, whoever took it.
-    bool returnsAll = false;
-    bool changesPower = false;
+    bool controlsFans = false;            // may write to them
+    bool lease = false;                   // one-shot: takes them
+    bool cooling = false;                 // at their maximum
+    bool returnsAll = false;              // whoever took them
+    int turboDisabled = -1;               // after a success; -1: as before
+    double seconds = kNever;              // for which a fan may be held without a break
+    double ending = kNever;               // when a cause to stop comes, in seconds after the start
+    double FaultWorld::*cause = nullptr;  // which
 
     bool isSession() const { return words.front() == "serve"; }
 };
-const std::vector<Flow>& flows();
+
+// lengthy: with endings and pauses as long as a lease, else of a few seconds.
+Flow drawFlow(const MachineKind& machine, bool lengthy, Draw& draw);
+
+// What a machine may be like, or a caller, so that no fan may be taken; and what it may be like
+// without that.
+struct Condition {
+    std::string_view name;
+    bool refuses;
+    bool (*applies)(const MachineKind& machine, const Flow& flow);
+    void (*prepare)(FaultWorld& world, Flow& flow);
+};
+const std::vector<Condition>& conditions();
 
 }  // namespace ferovane::testing

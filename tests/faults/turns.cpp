@@ -11,13 +11,14 @@
 #include <semaphore>
 #include <utility>
 
-#include "tests/faults/product_scope.h"
+#include "tests/faults/failing_memory.h"
 
 namespace ferovane::testing {
 namespace {
 
 // A wait that is over at once still costs something: a loop of such waits must come to an end.
 constexpr double kShortestWait = 1e-6;
+constexpr double kLockedSeconds = 0.01;  // until a lock is tried again
 constexpr double kNanosecondsPerSecond = 1e9;
 constexpr unsigned kCallsPerYield = 4;
 
@@ -223,6 +224,20 @@ int __wrap_pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mu
     return notified ? 0 : ETIMEDOUT;
 }
 
+// Whoever holds it may be waiting for its turn.
+int __real_pthread_mutex_lock(pthread_mutex_t*);
+int __wrap_pthread_mutex_lock(pthread_mutex_t* mutex) {
+    Turns* turns = Turns::ofThisThread();
+    if (turns == nullptr) {
+        return __real_pthread_mutex_lock(mutex);
+    }
+    int result = pthread_mutex_trylock(mutex);
+    for (; result == EBUSY; result = pthread_mutex_trylock(mutex)) {
+        turns->sleep(kLockedSeconds);
+    }
+    return result;
+}
+
 void __real__ZNSt18condition_variable10notify_allEv(std::condition_variable*);
 void __wrap__ZNSt18condition_variable10notify_allEv(std::condition_variable* condition) {
     if (Turns* turns = Turns::ofThisThread()) {
@@ -237,7 +252,7 @@ void __wrap__ZNSt6thread15_M_start_threadESt10unique_ptrINS_6_StateESt14default_
     std::thread* thread, std::unique_ptr<std::thread::_State> state, void (*depend)()) {
     if (Turns* turns = Turns::ofThisThread()) {
         const OutsideProduct outside;
-        beforeThreadStart();
+        turns->onStart();
         turns->start(*thread, std::move(state), depend);
     } else {
         __real__ZNSt6thread15_M_start_threadESt10unique_ptrINS_6_StateESt14default_deleteIS1_EEPFvvE(

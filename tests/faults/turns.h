@@ -14,8 +14,7 @@ namespace ferovane::testing {
 
 // While it lives, the thread that made it takes part, and every std::thread that a part-taker
 // starts. Their waits for a condition, their joins and steady_clock are on this clock (the calls
-// are redirected when the test program is linked). Nobody may wait for a lock that another holds
-// while it waits here.
+// are redirected when the test program is linked).
 class Turns {
 public:
     static constexpr double kForever = std::numeric_limits<double>::infinity();
@@ -40,6 +39,8 @@ public:
     void start(std::thread& thread, std::unique_ptr<std::thread::_State> state, void (*depend)());
     void join(std::thread& thread);
     void awaitOthers();  // until every other thread has ended
+
+    std::function<void()> onStart;  // before a thread is started; may throw std::system_error
 
 private:
     struct Part;
