@@ -416,7 +416,7 @@ void Judge::checkFansLeft() {
         if (!mayLeave(fan)) {
             complain("fan " + std::to_string(fan) + " left in manual mode without need");
         }
-        if (!flow_.isSession() && !flow_.returnsAll && !cutOff && !mayBeDeceived() &&
+        if (!flow_.isSession() && !flow_.returnsAll && !cutOff && !mayBeDeceived() && !allLate_ &&
             !names(text, fan)) {
             complain("fan " + std::to_string(fan) + " left in manual mode, and not named");
         }
