@@ -25,23 +25,6 @@ TEST(CurveLeaseTest, RisesAtOnceFallsSlowlyAndSkipsSmallChanges) {
               "F0Tg=2520 F0Tg=2480 F0Tg=2440 F0Tg=2400 F0Md=0");
 }
 
-TEST(AppleSiliconFanControlTest, UnlocksOnceAndTheLastFanLocksAgain) {
-    FanWorld world;
-    world.locked = true;
-    world.refusalsAfterUnlock = 3;
-    world.fan[1].mode = 3;
-    AppleSiliconFanControl control = world.handOver();
-    for (const auto& [fan, enabled] : {std::pair{0, true}, {1, true}, {0, false}, {1, false}}) {
-        control.setManual(fan, enabled);
-    }
-    EXPECT_EQ(world.writes, "Ftst=1 F0Md=1 F1Md=1 F0Md=0 F1Md=3 Ftst=0");
-}
-
-TEST(FanCurveTest, GivesTheEndOfASegmentExactly) {
-    // 0.6 + 99.4 would come out an ulp too high.
-    EXPECT_EQ((FanCurve{{{67, 0.6}, {73.4, 100}, {80, 100}}, CurveSensor::cpu}).percent(73.4), 100);
-}
-
 TEST(ModeHistoryTest, IsCutWhereALineWouldJoinWhatDoesNotBelongTogether) {
     const struct {
         double date;

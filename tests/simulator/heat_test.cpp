@@ -74,18 +74,4 @@ TEST(HeatTest, ALoadHeatsTheDieFirstAndTheFansFollow) {
     EXPECT_LT(mac.dieTemperature(), hot - 1) << "more air cools";
 }
 
-TEST(HeatTest, SpeedMultipliesHeatAndNotTheClocksAndStepsDoNotMatter) {
-    SimulatedMac slow = intelMac(2);
-    SimulatedMac fast = intelMac(2);
-    slow.set(Property::kLoad, 70);
-    fast.set(Property::kLoad, 70);
-    fast.set(Property::kSpeed, 20);
-    slow.advance(200);
-    for (int i = 0; i < 100; ++i) {
-        fast.advance(0.1);
-    }
-    EXPECT_NEAR(fast.dieTemperature(), slow.dieTemperature(), 0.5);
-    EXPECT_NEAR(fast.now(), 10, 1e-9);
-}
-
 }  // namespace

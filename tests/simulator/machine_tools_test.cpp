@@ -45,7 +45,6 @@ protected:
         return run(besideThisProgram("simulated-mac") + " " + words);
     }
     Result pmset(const std::string& words) { return run(own_ + "pmset " + words); }
-    Result kmutil(const std::string& words) { return run(own_ + "kmutil " + words); }
 
     SimulatedMac make(const char* model) {
         SimulatedMac mac = createMachineDirectory(mac_, model);
@@ -127,56 +126,6 @@ TEST_F(MachineToolsTest, PmsetSaysWhatTheRealOneSays) {
               "<LowPowerMode> not supported on <AC Power>\n" + usage);
     mac.set(Property::kPrivileged, 0);
     EXPECT_EQ(pmset("-c sleep 5").output, "'pmset' must be run as root...\n");
-}
-
-TEST_F(MachineToolsTest, KmutilLoadsWhatItFindsAndWhatIsApproved) {
-    SimulatedMac mac = make("MacBookPro16,1");
-    const std::string load = "load -b com.vorandel.DisableTurboBoost";
-    EXPECT_EQ(kmutil(load).status, 0);
-    EXPECT_EQ(mac.value(Property::kExtensionLoaded), 1);
-    EXPECT_EQ(kmutil("un" + load).status, 0);
-    EXPECT_EQ(mac.value(Property::kExtensionLoaded), 0);
-    struct {
-        ExtensionApproval approval;
-        unsigned places;
-        std::string words;
-        int status;
-        const char* text;
-    } const cases[] = {
-        {ExtensionApproval::kApproved, kTurboInLibrary, "un" + load, 1, "not found for unload"},
-        {ExtensionApproval::kApproved, kTurboApplication, load, 71, "No bundle was found at"},
-        {ExtensionApproval::kNotApproved, kTurboInLibrary, load, 27, "Code=27 \"Extension with"},
-        {ExtensionApproval::kRestartRequired, kTurboInLibrary, load, 28, "requires a reboot"},
-        {ExtensionApproval::kNotLoadable, kTurboInLibrary, load, 71, "Kernel request failed"},
-    };
-    for (const auto& wanted : cases) {
-        mac.set(Property::kExtensionApproval, static_cast<double>(wanted.approval));
-        mac.set(Property::kTurboApplications, wanted.places);
-        const Result result = kmutil(wanted.words);
-        EXPECT_EQ(result.status, wanted.status);
-        EXPECT_NE(result.errors.find(wanted.text), std::string::npos) << result.errors;
-        EXPECT_EQ(mac.value(Property::kExtensionLoaded), 0);
-    }
-}
-
-TEST_F(MachineToolsTest, ToolsFailHangAndRant) {
-    SimulatedMac mac = make("MacBookPro16,1");
-    mac.toolFails("pmset", 7, "no energy", kOnce);
-    const Result failed = pmset("-g custom");
-    EXPECT_EQ(failed.status, 7);
-    EXPECT_EQ(failed.errors, "no energy\n");
-    EXPECT_EQ(pmset("-g custom").status, 0) << "once only";
-    mac.toolMisbehaves(FaultKind::kToolMegabyte, "pmset", kOnce);
-    EXPECT_GT(pmset("-g custom").output.size(), 1U << 20U);
-    mac.toolMisbehaves(FaultKind::kToolGarbage, "", kOnce);
-    EXPECT_NE(kmutil("load -b x").output.find('\xFF'), std::string::npos);
-    mac.toolIgnoresChange("pmset", kOnce);
-    EXPECT_EQ(pmset("-c sleep 42").status, 0);
-    EXPECT_EQ(mac.powerSetting("AC Power", "sleep"), "10");
-    mac.toolMisbehaves(FaultKind::kToolHangs, "kmutil", kOnce);
-    EXPECT_EQ(run("timeout 0.3 " + own_ + "kmutil load -b x").status, 124);
-    mac.toolMisbehaves(FaultKind::kToolIgnoresSigterm, "kmutil", kOnce);
-    EXPECT_EQ(run("timeout -k 0.3 0.3 " + own_ + "kmutil load -b x").status, 137);
 }
 
 }  // namespace

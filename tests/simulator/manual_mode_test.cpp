@@ -20,24 +20,6 @@ struct Attached {
     Connection smc;
 };
 
-TEST(ManualModeTest, WithTheForcedMaskATargetCountsOnlyWhileItsBitIsSet) {
-    Attached test(intelMacWithMaskOnly(2));
-    SimulatedMac& mac = test.mac;
-    EXPECT_EQ(test.smc.write("F1Tg", 4000), 0);
-    mac.advance(5);
-    EXPECT_EQ(mac.fanTarget(1), 1950) << "the controller's own control rules";
-    EXPECT_EQ(test.smc.write("FS! ", 2), 0);
-    EXPECT_EQ(test.smc.write("F1Tg", 4000), 0);
-    mac.advance(10);
-    EXPECT_TRUE(mac.fanManual(1));
-    EXPECT_FALSE(mac.fanManual(0));
-    EXPECT_NEAR(mac.fanRpm(1), 4000, 20);
-    EXPECT_EQ(test.smc.write("FS! ", 0), 0);
-    mac.advance(10);
-    EXPECT_EQ(mac.fanTarget(1), 1950);
-    EXPECT_EQ(mac.writes(), "F1Tg=4000 FS! =2 F1Tg=4000 FS! =0");
-}
-
 TEST(ManualModeTest, TheLockOpensAndClosesSecondsAfterTheUnlock) {
     Attached test(appleSiliconMac(2, {.manualMode = ManualModeRule::kRefusedUntilUnlocked}));
     SimulatedMac& mac = test.mac;
@@ -69,19 +51,6 @@ TEST(ManualModeTest, AnUnlockThatExistsNeedNotBeNeededAndAYesMayMeanNothing) {
     EXPECT_EQ(test.smc.write("F0Md", 1), 0);
     test.mac.advance(60);
     EXPECT_TRUE(test.mac.fanManual(0));
-}
-
-TEST(ManualModeTest, SleepLosesEveryHold) {
-    for (auto make : {+[] { return intelMac(2); }, +[] { return intelMacWithMaskOnly(2); },
-                      +[] { return appleSiliconMac(2); }}) {
-        Attached test(make());
-        test.mac.otherTakesFan(1);
-        ASSERT_FALSE(test.mac.allFansAutomatic());
-        const double asleep = fv_continuous_seconds() - fv_uptime_seconds();
-        test.mac.sleep(3600);
-        EXPECT_NEAR(fv_continuous_seconds() - fv_uptime_seconds() - asleep, 3600, 1e-6);
-        EXPECT_TRUE(test.mac.allFansAutomatic());
-    }
 }
 
 TEST(ManualModeTest, TellsWhoHoldsAFanHoweverItWasTaken) {
