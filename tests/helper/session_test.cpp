@@ -230,17 +230,24 @@ TEST(SessionTest, BeginsNothingMoreOnceItEnds) {
     EXPECT_EQ(session.world.mac.writes(), "");
 }
 
-TEST(SessionTest, AHandBackWithoutALeaseIsFinishedBeforeTheProcessEnds) {
-    SessionWorld session;
-    simulator::SimulatedMac& mac = session.world.mac;
-    mac.otherTakesFan(0);
-    mac.otherTakesFan(1);
-    mac.delayWrites("", kLate);
-    session.tell("{\"command\":\"auto\"}\n");
-    ASSERT_TRUE(eventually([&] { return !mac.writes().empty(); }));
-    session.world.ownerAlive = false;
-    EXPECT_TRUE(session.endsItself());
-    EXPECT_TRUE(mac.allFansAutomatic());
+TEST(SessionTest, AHandBackIsFinishedBeforeTheProcessEnds) {
+    for (const bool ofALease : {true, false}) {
+        SessionWorld session;
+        simulator::SimulatedMac& mac = session.world.mac;
+        if (ofALease) {
+            ASSERT_TRUE(session.profile("balanced").ok);
+        } else {
+            mac.otherTakesFan(1);
+        }
+        mac.delayWrites("", kLate);
+        if (!ofALease) {
+            session.tell("{\"command\":\"auto\"}\n");
+            ASSERT_TRUE(eventually([&] { return !mac.writes().empty(); }));
+        }
+        session.world.ownerAlive = false;
+        EXPECT_TRUE(session.endsItself());
+        EXPECT_TRUE(mac.allFansAutomatic()) << ofALease;
+    }
 }
 
 TEST(SessionTest, AReaderThatHasStoppedKeepsNeitherAGoneOwnerNorAHangUpFromTheFans) {

@@ -63,10 +63,6 @@ TEST(HeatTest, ALoadHeatsTheDieFirstAndTheFansFollow) {
     EXPECT_GT(*mac.number("PSTR"), atRest + 20);
     mac.advance(300);
     EXPECT_GT(mac.fanRpm(0), 3000);
-    EXPECT_EQ(mac.writes(), "") << "nobody wrote";
-    mac.set(Property::kAcPower, 0);
-    EXPECT_EQ(mac.number("PDTR"), 0);
-    EXPECT_LT(*mac.number("B0AC"), -2000);
     const double hot = mac.dieTemperature();
     mac.otherTakesFan(0);
     mac.otherTakesFan(1);
