@@ -2,7 +2,6 @@
 
 #include <map>
 #include <string>
-#include <vector>
 
 #include "core/fan/fan_keys.h"
 #include "core/model/json_codec.h"
@@ -12,18 +11,6 @@ namespace ferovane {
 namespace {
 
 constexpr double kProbeIntervalSeconds = 0.25;
-
-// What tells whether and how the first fan can be controlled.
-std::vector<std::string> fanKeys() {
-    std::vector<const char*> names(FanKeys::kModes.begin(), FanKeys::kModes.end());
-    names.insert(names.end(),
-                 {FanKeys::kTarget, FanKeys::kSpeed, FanKeys::kMinimum, FanKeys::kMaximum});
-    std::vector<std::string> keys{FanKeys::kCount, FanKeys::kUnlock, FanKeys::kForcedMask};
-    for (const char* name : names) {
-        keys.push_back(FanKeys::of(0, name));
-    }
-    return keys;
-}
 
 }  // namespace
 
@@ -38,7 +25,7 @@ void printSnapshot(const HelperEnvironment& environment) {
 void printFanKeys(const HelperEnvironment& environment) {
     const auto smc = environment.makeSMC();
     std::map<std::string, double> values;
-    for (const std::string& key : fanKeys()) {
+    for (const std::string& key : FanKeys::ofFirstFan()) {
         if (const auto value = smc->number(key)) {
             values.emplace(key, *value);
         }

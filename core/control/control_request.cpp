@@ -1,6 +1,5 @@
 #include "core/control/control_request.h"
 
-#include "core/fan/fan_keys.h"
 #include "core/fan/profile.h"
 #include "core/model/scope_error.h"
 
@@ -59,11 +58,10 @@ void ControlRequest::validate() const {
     if (known == ControlCommand::profile) {
         validateProfile(*this);
     }
-    // Written so that NaN fails as well.
-    if (duration && !(*duration > 0 && *duration <= FanLimits::kLeaseSeconds)) {
+    if (duration && !kDuration.admits(*duration)) {
         throw ScopeError("无效控制时长");
     }
-    if (label && label->size() > kMaxModeLabelBytes) {
+    if (label && !kLabel.admits(*label)) {
         throw ScopeError("模式名称过长");
     }
 }

@@ -8,6 +8,8 @@
 #include <tuple>
 
 #include "core/fan/fan_curve.h"
+#include "core/fan/fan_keys.h"
+#include "core/fan/profile.h"
 #include "core/model/json_fields.h"
 #include "core/model/raw_enum.h"
 #include "core/power/power_optimization_plan.h"
@@ -44,8 +46,6 @@ struct RawEnum<ControlCommand> {
     }};
 };
 
-inline constexpr std::size_t kMaxModeLabelBytes = 80;  // in UTF-8: 26 Chinese characters
-
 struct ControlRequest {
     std::string command;  // any text, so that an unknown word is refused by name, not as malformed
     std::optional<std::string> profile = std::nullopt;  // a profile's command word
@@ -54,6 +54,10 @@ struct ControlRequest {
     std::optional<std::string> label = std::nullopt;    // what the monitor calls the mode
     std::optional<PowerOptimizationPlan> powerPlan = std::nullopt;  // with "power-optimize" only
     std::optional<PowerBackup> powerBackup = std::nullopt;          // with "power-restore" only
+
+    static constexpr JsonRange kDuration{
+        .least = 0, .most = FanLimits::kLeaseSeconds, .aboveLeast = true};
+    static constexpr JsonBytes kLabel{80};  // 26 Chinese characters
 
     // What `command` says; throws ScopeError when that is none of the ten words.
     ControlCommand knownCommand() const;
@@ -66,13 +70,21 @@ struct ControlRequest {
 
     static constexpr auto jsonFields() {
         using R = ControlRequest;
-        return std::tuple{jsonField("command", &R::command),
-                          jsonField("profile", &R::profile),
-                          jsonField("curve", &R::curve),
-                          jsonField("duration", &R::duration),
-                          jsonField("label", &R::label),
-                          jsonField("powerPlan", &R::powerPlan),
-                          jsonField("powerBackup", &R::powerBackup)};
+        const auto command = [](ControlCommand word) {
+            return JsonCondition{"command", rawValue(word)};
+        };
+        const JsonCondition profile = command(ControlCommand::profile);
+        const JsonCondition custom{"profile", commandWord(Profile::custom)};
+        return std::tuple{
+            jsonField("command", &R::command, jsonWordsOf<ControlCommand>()),
+            jsonField("profile", &R::profile, JsonNeeded<1>{profile}, kProfileWords),
+            jsonField("curve", &R::curve, JsonNeeded<2>{{profile, custom}}),
+            jsonField("duration", &R::duration, kDuration, JsonNote{"seconds"}),
+            jsonField("label", &R::label, kLabel, JsonNote{"what the monitor calls the mode"}),
+            jsonField("powerPlan", &R::powerPlan,
+                      JsonNeeded<1>{{command(ControlCommand::powerOptimize)}, true}),
+            jsonField("powerBackup", &R::powerBackup,
+                      JsonNeeded<1>{{command(ControlCommand::powerRestore)}, true})};
     }
 };
 

@@ -9,17 +9,11 @@
 namespace ferovane {
 namespace {
 
-constexpr std::size_t kMinimumPoints = 2;
-constexpr std::size_t kMaximumPoints = 8;
-constexpr double kMinimumCelsius = 30;
-constexpr double kMaximumCelsius = 100;
 constexpr double kMinimumStepCelsius = 2.0;  // a steeper rise would follow a sensor's noise
-constexpr double kFullSpeedCelsius = 90;     // every curve runs at full speed from here on
-constexpr double kFullPercent = 100;
 
 bool isInRange(const CurvePoint& point) {
-    return point.temperature >= kMinimumCelsius && point.temperature <= kMaximumCelsius &&
-           point.percent >= 0 && point.percent <= kFullPercent;
+    return CurvePoint::kCelsius.admits(point.temperature) &&
+           CurvePoint::kPercent.admits(point.percent);
 }
 
 bool follows(const CurvePoint& point, const CurvePoint& previous) {
@@ -71,7 +65,7 @@ FanCurve FanCurve::manual(double percent) {
 }
 
 void FanCurve::validate() const {
-    if (points.size() < kMinimumPoints || points.size() > kMaximumPoints) {
+    if (!kPoints.admits(points.size())) {
         throw ScopeError("曲线需要 2 至 8 个控制点");
     }
     for (std::size_t i = 0; i < points.size(); ++i) {

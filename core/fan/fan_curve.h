@@ -32,17 +32,26 @@ struct CurvePoint {
     double temperature = 0;  // degrees Celsius
     double percent = 0;      // of the rated range, 0 to 100
 
+    static constexpr JsonRange kCelsius{30, 100};
+    static constexpr JsonRange kPercent{0, 100};
+
     bool operator==(const CurvePoint&) const = default;
 
     static constexpr auto jsonFields() {
-        return std::tuple{jsonField("temperature", &CurvePoint::temperature),
-                          jsonField("percent", &CurvePoint::percent)};
+        return std::tuple{jsonField("temperature", &CurvePoint::temperature, kCelsius,
+                                    JsonNote{"degrees Celsius"}),
+                          jsonField("percent", &CurvePoint::percent, kPercent,
+                                    JsonNote{"of each fan's rated range"})};
     }
 };
 
 struct FanCurve {
     std::vector<CurvePoint> points;  // by rising temperature
     CurveSensor sensor = CurveSensor::hottest;
+
+    static constexpr JsonCount kPoints{2, 8};
+    static constexpr double kFullPercent = CurvePoint::kPercent.most;
+    static constexpr double kFullSpeedCelsius = 90;  // every curve runs at full speed from here on
 
     static const FanCurve& quiet();
     static const FanCurve& balanced();
@@ -63,8 +72,13 @@ struct FanCurve {
     bool operator==(const FanCurve&) const = default;
 
     static constexpr auto jsonFields() {
-        return std::tuple{jsonField("points", &FanCurve::points),
-                          jsonField("sensor", &FanCurve::sensor)};
+        return std::tuple{
+            jsonField("points", &FanCurve::points, kPoints,
+                      JsonEveryItem{"temperature", {.most = kFullSpeedCelsius}},
+                      JsonSomeItem{"percent", {.least = kFullPercent}},
+                      JsonNote{"each point is at least 2 degrees warmer than the one before it, "
+                               "and no slower; the last one is at full speed"}),
+            jsonField("sensor", &FanCurve::sensor)};
     }
 };
 

@@ -3,6 +3,7 @@
 
 #include <array>
 #include <string>
+#include <vector>
 
 namespace ferovane {
 
@@ -37,6 +38,15 @@ inline constexpr std::array<const char*, 2> kModes{kMode, "md"};
 // "F0Md". Needs no memory for an index within FanLimits.
 inline std::string of(int fan, const char* name) {
     return std::string("F").append(std::to_string(fan)).append(name);
+}
+
+// What tells whether and how the first fan can be controlled.
+inline std::vector<std::string> ofFirstFan() {
+    std::vector<std::string> keys{kCount, kUnlock, kForcedMask};
+    for (const char* name : {kModes[0], kModes[1], kTarget, kSpeed, kMinimum, kMaximum}) {
+        keys.push_back(of(0, name));
+    }
+    return keys;
 }
 
 }  // namespace FanKeys

@@ -19,10 +19,6 @@ ProfileText textOf(Profile profile) {
 
 }  // namespace
 
-std::string_view commandWord(Profile profile) {
-    return textOf(profile).command;
-}
-
 std::string_view explanation(Profile profile) {
     return textOf(profile).explanation;
 }

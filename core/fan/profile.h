@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "core/fan/fan_curve.h"
+#include "core/model/json_rules.h"
 #include "core/model/raw_enum.h"
 
 namespace ferovane {
@@ -40,6 +41,14 @@ struct RawEnum<Profile> {
     }();
 };
 
+inline constexpr auto kProfileWords = [] {
+    JsonWords<kProfileTexts.size()> list{};
+    for (std::size_t i = 0; i < list.words.size(); ++i) {
+        list.words[i] = kProfileTexts[i].command;
+    }
+    return list;
+}();
+
 // In the order in which a user is offered them.
 inline constexpr auto kAllProfiles = [] {
     std::array<Profile, kProfileTexts.size()> all{};
@@ -49,7 +58,14 @@ inline constexpr auto kAllProfiles = [] {
     return all;
 }();
 
-std::string_view commandWord(Profile profile);
+constexpr std::string_view commandWord(Profile profile) {
+    for (const ProfileText& text : kProfileTexts) {
+        if (text.profile == profile) {
+            return text.command;
+        }
+    }
+    return {};
+}
 std::string_view explanation(Profile profile);
 
 // The mode of exactly this command word.

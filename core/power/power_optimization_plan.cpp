@@ -1,7 +1,5 @@
 #include "core/power/power_optimization_plan.h"
 
-#include <algorithm>
-#include <array>
 #include <string>
 #include <string_view>
 
@@ -11,15 +9,11 @@ namespace ferovane {
 
 namespace {
 
-// The steps offered to the user, in minutes: far fewer than the system would take.
-constexpr std::array<std::int64_t, 3> kDisplayChoices{2, 5, 10};
-constexpr std::array<std::int64_t, 3> kIdleChoices{5, 10, 15};
-
 constexpr std::int64_t kLowPowerOn = 1;
 
-void requireChoice(const std::optional<std::int64_t>& minutes,
-                   const std::array<std::int64_t, 3>& choices, const char* failure) {
-    if (minutes && std::find(choices.begin(), choices.end(), *minutes) == choices.end()) {
+void requireChoice(const std::optional<std::int64_t>& minutes, const JsonChoices<3>& choices,
+                   const char* failure) {
+    if (minutes && !choices.admits(*minutes)) {
         throw ScopeError(failure);
     }
 }

@@ -25,11 +25,15 @@ struct PowerOptimizationPlan {
     PowerSource source = PowerSource::ac;  // the source the plan was made for
     PowerScope scope = PowerScope::current;
     bool lowPower = false;                                      // switch low-power mode on
-    std::optional<std::int64_t> displayMinutes = std::nullopt;  // 2, 5 or 10
-    std::optional<std::int64_t> idleMinutes = std::nullopt;     // 5, 10 or 15
+    std::optional<std::int64_t> displayMinutes = std::nullopt;  // minutes
+    std::optional<std::int64_t> idleMinutes = std::nullopt;     // minutes
     bool disableTurbo = false;
     // The reading that the plan was made from.
     std::optional<PowerConfiguration> expected = std::nullopt;
+
+    // The steps offered to the user, in minutes: far fewer than the system would take.
+    static constexpr JsonChoices<3> kDisplayChoices{{2, 5, 10}};
+    static constexpr JsonChoices<3> kIdleChoices{{5, 10, 15}};
 
     // Throws unless the minutes are among the choices offered.
     void validate() const;
@@ -52,8 +56,8 @@ struct PowerOptimizationPlan {
         return std::tuple{jsonField("source", &R::source),
                           jsonField("scope", &R::scope),
                           jsonField("lowPower", &R::lowPower),
-                          jsonField("displayMinutes", &R::displayMinutes),
-                          jsonField("idleMinutes", &R::idleMinutes),
+                          jsonField("displayMinutes", &R::displayMinutes, kDisplayChoices),
+                          jsonField("idleMinutes", &R::idleMinutes, kIdleChoices),
                           jsonField("disableTurbo", &R::disableTurbo),
                           jsonField("expected", &R::expected)};
     }

@@ -2,12 +2,6 @@
 
 namespace ferovane {
 
-namespace {
-
-constexpr std::int64_t kMaximumSleepMinutes = 240;  // the longest the settings panel ever offered
-
-}  // namespace
-
 std::string_view title(PowerSource source) {
     return source == PowerSource::ac ? "插电" : "电池";
 }
@@ -26,11 +20,6 @@ std::string_view title(PowerSetting setting) {
             return "系统闲置休眠";
     }
     return {};
-}
-
-bool valid(PowerSetting setting, std::int64_t value) {
-    const std::int64_t maximum = setting == PowerSetting::lowPowerMode ? 1 : kMaximumSleepMinutes;
-    return value >= 0 && value <= maximum;
 }
 
 std::string PowerEdit::id() const {

@@ -22,7 +22,13 @@ enum class PowerSetting { lowPowerMode, displaySleep, systemSleep };
 std::string_view title(PowerSetting setting);
 
 // Low-power mode: 0 or 1. Sleep times: 0 to 240 minutes, of which 0 means never.
-bool valid(PowerSetting setting, std::int64_t value);
+constexpr JsonRange rangeOf(PowerSetting setting) {
+    constexpr double kMaximumSleepMinutes = 240;  // the longest the settings panel ever offered
+    return {0, setting == PowerSetting::lowPowerMode ? 1 : kMaximumSleepMinutes};
+}
+constexpr bool valid(PowerSetting setting, std::int64_t value) {
+    return rangeOf(setting).admits(static_cast<double>(value));
+}
 
 // Where an optimisation applies low-power mode: to the plan's own source, or always to the battery.
 enum class PowerScope { current, batteryAutomatic };
@@ -66,8 +72,11 @@ struct PowerEdit {
 
     static constexpr auto jsonFields() {
         using R = PowerEdit;
+        constexpr JsonRangeBy<PowerSetting> range{"key", rangeOf};
+        constexpr JsonNote unit{"low-power mode: 0 or 1; sleep times: minutes, 0 means never"};
         return std::tuple{jsonField("source", &R::source), jsonField("key", &R::key),
-                          jsonField("before", &R::before), jsonField("after", &R::after)};
+                          jsonField("before", &R::before, range, unit),
+                          jsonField("after", &R::after, range, unit)};
     }
 };
 

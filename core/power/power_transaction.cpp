@@ -164,7 +164,7 @@ void PowerBackup::validate() const {
         return valid(edit.key, edit.before) && valid(edit.key, edit.after) &&
                pairs.emplace(edit.source, edit.key).second;
     });
-    const bool turboValid = !turboBefore || *turboBefore == 0 || *turboBefore == 1;
+    const bool turboValid = !turboBefore || kTurboStates.admits(*turboBefore);
     if (!editsValid || !turboValid) {
         throw ScopeError("恢复记录无效");
     }

@@ -22,6 +22,8 @@ struct PowerBackup {
     std::vector<PowerEdit> edits;             // in the order made
     std::optional<std::int64_t> turboBefore;  // 0 or 1; absent when turbo was not touched
 
+    static constexpr JsonChoices<2> kTurboStates{{0, 1}};
+
     PowerBackup() = default;  // to be filled by decoding
     // Gives itself a fresh id, and the time of its creation as its date.
     PowerBackup(std::vector<PowerEdit> editsMade, std::optional<std::int64_t> turboStateBefore,
@@ -35,8 +37,10 @@ struct PowerBackup {
 
     static constexpr auto jsonFields() {
         using R = PowerBackup;
-        return std::tuple{jsonField("id", &R::id), jsonField("date", &R::date),
-                          jsonField("edits", &R::edits), jsonField("turboBefore", &R::turboBefore)};
+        return std::tuple{
+            jsonField("id", &R::id), jsonField("date", &R::date),
+            jsonField("edits", &R::edits, JsonDistinct<PowerSource, PowerSetting>{"source", "key"}),
+            jsonField("turboBefore", &R::turboBefore, kTurboStates)};
     }
 };
 
@@ -64,8 +68,8 @@ namespace PowerTransaction {
 PowerOutcome apply(const PowerOptimizationPlan& plan, PowerSettingsAccess& access,
                    const std::function<Date()>& now = Date::now);
 
-// Undoes an apply whose outcome reaches nobody, undisturbed: tries every change that is still as the
-// plan left it, the last one first, and throws what could not be put back.
+// Undoes an apply whose outcome reaches nobody, undisturbed: tries every change that is still as
+// the plan left it, the last one first, and throws what could not be put back.
 void takeBack(const PowerBackup& backup, PowerSettingsAccess& access);
 
 // Undoes, from the last edit to the first, whatever is still as the plan left it; values changed by
