@@ -1,7 +1,7 @@
 # Sourced by the other scripts: makes sure that the tools and libraries of the build are there.
 # Installs them through the system's package manager when that is allowed, else names the command.
 
-debian_packages="build-essential cmake ninja-build nlohmann-json3-dev libgtest-dev libgmock-dev libbenchmark-dev python3"
+debian_packages="build-essential cmake ninja-build nlohmann-json3-dev libgtest-dev libgmock-dev libbenchmark-dev python3 python3-jsonschema"
 homebrew_packages="cmake ninja nlohmann-json googletest google-benchmark python3"
 
 missing_debian_packages() {
