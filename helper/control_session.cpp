@@ -29,6 +29,9 @@ SessionOwner authenticate(const std::vector<std::string>& args,
     const bool authorised = owner.uid == environment.realUser;
     const bool alive = environment.ownerAlive(owner.pid, owner.uid);
     if (!(root && parsed && authorised && alive)) {
+        if (root) {
+            environment.log(LogLine({kCallerRefused, args[1]}));
+        }
         throw ScopeError("原生授权会话身份验证失败");
     }
     return owner;

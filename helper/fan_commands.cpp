@@ -15,6 +15,7 @@
 #include "core/model/scope_error.h"
 #include "helper/fan_return.h"
 #include "helper/held_fans.h"
+#include "helper/lease_log.h"
 #include "helper/one_shot_lease.h"
 #include "helper/standard_streams.h"
 #include "helper/turbo_change.h"
@@ -24,6 +25,7 @@ namespace {
 
 constexpr std::size_t kCoolingArguments = 5;
 constexpr std::size_t kProfileArguments = 7;
+constexpr std::size_t kCommandWord = 1;
 constexpr std::size_t kModeArgument = 5;
 constexpr std::size_t kCurveArgument = 6;
 constexpr std::size_t kLongestCurveText = 4096;  // bytes of base64
@@ -58,6 +60,7 @@ ProfileRequest readProfileRequest(const std::vector<std::string>& args,
                             : std::nullopt;
     const auto mode = caller ? profileNamed(args[kModeArgument]) : std::nullopt;
     if (!mode || *mode == Profile::eco) {
+        environment.log(LogLine({kCallerRefused, args[kCommandWord]}));
         throw ScopeError("无效的模式会话参数");
     }
     const FanCurve fanCurve =
@@ -69,13 +72,18 @@ ProfileRequest readProfileRequest(const std::vector<std::string>& args,
 // Runs a lease. A fan that it could not hand back is told beside the error that ended it, and left
 // to the guardian at once: putting turbo back may take minutes.
 template <class Lease>
-void runLease(HeldFans& fans, FanGuardian& guardian, const HelperEnvironment& environment,
-              Lease&& lease) {
+void runLease(HeldFans& fans, LeaseLog& held, const EarlyEnd& ends,
+              const HelperEnvironment& environment, Lease&& lease) {
     try {
         lease();
+        held.end(nullptr, ends.reason());
     } catch (...) {
-        if (const std::exception_ptr unreturned = fans.returnHeld()) {
-            guardian.takeOver();
+        const std::exception_ptr unreturned = fans.returnHeld();
+        if (unreturned) {
+            held.takeOver();
+        }
+        held.end(std::current_exception(), {});
+        if (unreturned) {
             reportFailure(environment.errorDescriptor, unreturned);
         }
         throw;
@@ -104,17 +112,20 @@ void coolFans(const std::vector<std::string>& args, double duration,
                             ? OneShotCaller::authenticate(args, environment)
                             : std::nullopt;
     if (!caller) {
+        environment.log(LogLine({kCallerRefused, args[kCommandWord]}));
         throw ScopeError("无效的散热会话参数或发起程序已经退出");
     }
     environment.installStopHandlers();
-    auto guardian = environment.makeGuardian();
+    const auto guardian = environment.makeGuardian();
+    LeaseLog held(*guardian, environment.log);
     const auto smc = environment.makeSMC();
-    HeldFans fans(*smc, *guardian);
-    runLease(fans, *guardian, environment, [&] {
-        CoolingLease::run(fans, duration, environment.now, EarlyEnd(*caller, environment),
-                          [&](double left) {
-                              awaitRound(fans, std::min(kCoolingRoundSeconds, left), environment);
-                          });
+    HeldFans fans(*smc, held);
+    const EarlyEnd ends(*caller, environment);
+    held.begin(args[kCommandWord], duration);
+    runLease(fans, held, ends, environment, [&] {
+        CoolingLease::run(fans, duration, environment.now, ends, [&](double left) {
+            awaitRound(fans, std::min(kCoolingRoundSeconds, left), environment);
+        });
     });
     writeText(environment.outputDescriptor, "散热会话结束，已确认风扇恢复系统自动。\n");
 }
@@ -127,19 +138,21 @@ void runProfile(const std::vector<std::string>& args, const HelperEnvironment& e
     const auto sampler = environment.makeSampler();
     requireTemperatures(sampler->sample(), request.curve);
 
-    HeldFans fans(*smc, *guardian);
-    const auto power =
-        environment.makePowerAccess(*guardian, EarlyEnd(request.caller, environment));
+    LeaseLog held(*guardian, environment.log);
+    HeldFans fans(*smc, held);
+    const EarlyEnd ends(request.caller, environment);
+    const auto power = environment.makePowerAccess(*guardian, ends);
     TurboChange turbo(*power);
     if (request.profile != Profile::custom) {
         turbo.apply(disablesTurbo(request.profile));
         sampler->refreshTurbo();
     }
     turbo.rollBackOnFailure([&] {
-        runLease(fans, *guardian, environment, [&] {
+        held.begin(args[kModeArgument], FanLimits::kLeaseSeconds);
+        runLease(fans, held, ends, environment, [&] {
             CurveLease::run(
                 fans, request.curve, FanLimits::kLeaseSeconds, [&] { return sampler->sample(); },
-                environment.now, EarlyEnd(request.caller, environment),
+                environment.now, ends,
                 [&](double left) {
                     awaitRound(fans, std::min(kProfileRoundSeconds, left), environment);
                 },
@@ -152,6 +165,7 @@ void runProfile(const std::vector<std::string>& args, const HelperEnvironment& e
 void returnFans(const HelperEnvironment& environment) {
     environment.installStopHandlers();  // nothing asks for them: a hand-back that began is finished
     returnEveryFan(*environment.makeSMC());
+    environment.log(LogLine({kEveryFanReturned}));
     writeText(environment.outputDescriptor, "风扇已恢复系统自动。\n");
 }
 

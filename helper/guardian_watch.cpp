@@ -1,6 +1,5 @@
 #include "helper/guardian_watch.h"
 
-#include <syslog.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -13,8 +12,8 @@
 namespace ferovane {
 namespace {
 
-constexpr const char* kLogTag = "FerovaneHelper";
-constexpr const char* kLogText =
+constexpr const char* kReturned = "辅助进程意外结束，风扇已恢复系统自动";
+constexpr const char* kNotReturned =
     "辅助进程意外结束，恢复自动风扇失败；请重新启动电脑以恢复系统自动。";
 
 // All that would end or stop a process and tell of no fault in it: a signal meant for the helper
@@ -76,13 +75,10 @@ int keepGuard(int helper, HelperEnvironment (*makeEnvironment)()) {
     if (charge.fansHeld == 0) {
         return 0;
     }
-    if (returnPatiently(
-            kFirstReturnPauseSeconds, [&] { return handBack(makeEnvironment); }, fv_pause)) {
-        return 0;
-    }
-    ::openlog(kLogTag, LOG_PID, LOG_DAEMON);
-    ::syslog(LOG_ERR, "%s", kLogText);
-    return 1;
+    const bool returned = returnPatiently(
+        kFirstReturnPauseSeconds, [&] { return handBack(makeEnvironment); }, fv_pause);
+    fv_log(!returned, returned ? kReturned : kNotReturned);
+    return returned ? 0 : 1;
 }
 
 }  // namespace ferovane

@@ -25,8 +25,7 @@ inline constexpr char kGuardianStands = 'S';
 // Runs the guardian and returns its exit status. helper: a stream socket whose other end only the
 // helper has. Sleeps until that is closed; then ends the helper's tool and, when fans were held,
 // hands back every fan, again and again for some 25 seconds until it has read back that all are
-// automatic; tells the system log when they never were. makeEnvironment is called for
-// each attempt.
+// automatic; tells the system log whether they are. makeEnvironment is called for each attempt.
 int keepGuard(int helper, HelperEnvironment (*makeEnvironment)());
 
 }  // namespace ferovane

@@ -41,13 +41,19 @@ HelperEnvironment productionEnvironment() {
         return ::lstat(path.c_str(), &status) == 0;
     };
     environment.useUtilityPriority = fv_use_utility_priority;
-    environment.endProcess = [](int status) { ::_exit(status); };
+    const auto log = std::make_shared<SystemLog>(fv_log, fv_uptime_seconds);
+    environment.log = [log](const LogLine& line) { log->tell(line); };
+    environment.endProcess = [log](int status) {
+        log->settle();
+        ::_exit(status);
+    };
     environment.appleSilicon = SystemCapabilities::appleSilicon();
     environment.makeGuardian = [] { return std::make_unique<ProcessGuardian>(executablePath); };
     environment.makeSMC = [] { return std::make_unique<SMC>(); };
     environment.makeSampler = [] { return std::make_unique<HardwareSampler>(); };
-    environment.makePowerAccess = [](ToolKeeper& keeper, std::function<bool()> stop) {
-        return std::make_unique<SystemPowerAccess>(keeper, std::move(stop));
+    environment.makePowerAccess = [tell = environment.log](ToolKeeper& keeper,
+                                                           std::function<bool()> stop) {
+        return std::make_unique<SystemPowerAccess>(keeper, std::move(stop), tell);
     };
     return environment;
 }

@@ -11,6 +11,7 @@
 #include "core/power/power_settings_access.h"
 #include "helper/fan_guardian.h"
 #include "helper/session_timings.h"
+#include "helper/system_log.h"
 
 namespace ferovane {
 
@@ -31,6 +32,7 @@ struct HelperEnvironment {
     std::function<bool(const std::string& path)> fileExists;  // itself, not what a link points to
     std::function<void()> useUtilityPriority;                 // of the calling thread
     std::function<void(int status)> endProcess;               // at once: no destructor runs
+    Log log = kSilence;                                       // of what root did
     SessionTimings timings;
 
     bool appleSilicon = false;

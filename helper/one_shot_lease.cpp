@@ -1,5 +1,7 @@
 #include "helper/one_shot_lease.h"
 
+#include "helper/lease_log.h"
+
 namespace ferovane {
 namespace {
 
@@ -30,6 +32,13 @@ EarlyEnd::EarlyEnd(const OneShotCaller& caller, const HelperEnvironment& environ
 bool EarlyEnd::operator()() const {
     return environment_.shouldStop() || !environment_.ownerAlive(owner_.pid, owner_.uid) ||
            environment_.fileExists(stopFile_);
+}
+
+std::string_view EarlyEnd::reason() const {
+    return environment_.shouldStop()                          ? kStopSignal
+           : !environment_.ownerAlive(owner_.pid, owner_.uid) ? kOwnerGone
+           : environment_.fileExists(stopFile_)               ? kEndedByRequest
+                                                              : kTimeOver;
 }
 
 }  // namespace ferovane

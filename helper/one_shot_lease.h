@@ -3,6 +3,7 @@
 
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "core/model/uuid.h"
@@ -29,6 +30,9 @@ class EarlyEnd {
 public:
     EarlyEnd(const OneShotCaller& caller, const HelperEnvironment& environment);
     bool operator()() const;
+
+    // Why a lease is over that ends now and has not failed.
+    std::string_view reason() const;
 
 private:
     SessionOwner owner_;

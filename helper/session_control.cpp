@@ -57,8 +57,9 @@ SessionControl::SessionControl(SessionOwner owner, const HelperEnvironment& envi
     : owner_(owner),
       environment_(environment),
       guardian_(environment.makeGuardian()),
+      held_(*guardian_, environment.log),
       smc_(environment.makeSMC()),
-      fans_(*smc_, *guardian_),
+      fans_(*smc_, held_),
       sampler_(environment.makeSampler()),
       power_(environment.makePowerAccess(*guardian_, [this] { return isEnding(); })) {}
 
@@ -195,6 +196,7 @@ void SessionControl::returnFans() {
     if (failure || unreturned) {
         std::rethrow_exception(failure ? failure : unreturned);
     }
+    environment_.log(LogLine({kEveryFanReturned}));
 }
 
 // Gives what is still held another chance, and remembers how that went.
@@ -265,7 +267,7 @@ void SessionControl::start(const FanCurve& curve, const std::string& mode, const
         if (thread_.joinable()) {
             thread_.join();  // the ended lease's; it has nothing left to do
         }
-        thread_ = std::thread([this, curve, duration] { runLease(curve, duration); });
+        thread_ = std::thread([this, curve, mode, duration] { runLease(curve, mode, duration); });
     } catch (const std::exception&) {
         const ConditionGuard guard(lock_);
         running_ = false;
@@ -324,10 +326,12 @@ std::string_view SessionControl::finish() {
 
 // ---- On the lease's thread --------------------------------------------------------------------
 
-void SessionControl::runLease(const FanCurve& curve, double duration) noexcept {
+void SessionControl::runLease(const FanCurve& curve, const std::string& mode,
+                              double duration) noexcept {
     // First what an earlier lease could not hand back: such a fan is not free to be taken.
     std::exception_ptr failure = returnHeldFans();
     if (!failure) {
+        held_.begin(mode, duration);
         sampler_->reset();
         sampler_->refreshTurbo();
         try {
@@ -336,7 +340,9 @@ void SessionControl::runLease(const FanCurve& curve, double duration) noexcept {
             failure = std::current_exception();
             reportLateFailure(failure);
         }
+        const std::string_view why = whyEnded();
         keepReturning(failure);
+        held_.end(failure, why);
     }
     const ConditionGuard guard(lock_);
     lease_->failure = failure;
@@ -387,6 +393,18 @@ void SessionControl::holdCurve(const FanCurve& curve, double duration) {
             lease_->applied = true;
             lock_.broadcast();
         });
+}
+
+// Of a lease that ends now and has not failed.
+std::string_view SessionControl::whyEnded() {
+    if (environment_.shouldStop()) {
+        return kStopSignal;
+    }
+    if (!environment_.ownerAlive(owner_.pid, owner_.uid)) {
+        return kOwnerGone;
+    }
+    const ConditionGuard guard(lock_);
+    return stopRequested_ ? kEndedByRequest : kTimeOver;
 }
 
 bool SessionControl::mustStop() {

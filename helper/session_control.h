@@ -15,6 +15,7 @@
 #include "helper/condition_lock.h"
 #include "helper/held_fans.h"
 #include "helper/helper_environment.h"
+#include "helper/lease_log.h"
 #include "helper/session_owner.h"
 
 namespace ferovane {
@@ -98,18 +99,22 @@ private:
     void requireStoppedLocked() FV_REQUIRES(lock_);
     void awaitConfirmation() FV_EXCLUDES(lock_);
 
-    void runLease(const FanCurve& curve, double duration) noexcept FV_EXCLUDES(lock_);
+    void runLease(const FanCurve& curve, const std::string& mode, double duration) noexcept
+        FV_EXCLUDES(lock_);
     void holdCurve(const FanCurve& curve, double duration);
     void reportLateFailure(const std::exception_ptr& failure) noexcept FV_EXCLUDES(lock_);
     void keepReturning(const std::exception_ptr& failure) noexcept FV_EXCLUDES(lock_);
+    std::string_view whyEnded() FV_EXCLUDES(lock_);
     bool mustStop() FV_EXCLUDES(lock_);
     void waitForRound(double left) FV_EXCLUDES(lock_);
 
     const SessionOwner owner_;
     const HelperEnvironment& environment_;
     const std::unique_ptr<FanGuardian> guardian_;
+    LeaseLog held_;
     const std::unique_ptr<SMC> smc_;
-    HeldFans fans_;  // and through it the two above: the lease's while one runs, else the request's
+    HeldFans
+        fans_;  // and through it the three above: the lease's while one runs, else the request's
     const std::unique_ptr<HardwareSampler> sampler_;
     const std::unique_ptr<PowerSettingsAccess> power_;
     std::thread thread_;  // of the last lease; touched by the request thread only

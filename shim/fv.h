@@ -143,6 +143,11 @@ int fv_spawn_companion(const char* path, const char* name, int input_fd, int32_t
 /* The file this process was started from. -1 when it cannot be told or does not fit. */
 int fv_executable_path(char* path, size_t capacity);
 
+/* One line into the system's log, as an error or a notice, under the helper's name and number. What
+ * becomes of it is not known. May wait for the log: not called where anything else waits. One
+ * thread at a time. */
+void fv_log(bool failure, const char* text);
+
 /* The user's temporary directory, ending in a slash. -1 when it does not fit. */
 int fv_temporary_directory(char* path, size_t capacity);
 

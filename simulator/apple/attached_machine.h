@@ -4,6 +4,7 @@
 
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace simulator {
 
@@ -27,6 +28,9 @@ public:
 
     // Directory under which absolute paths of system tools and bundles are looked up.
     virtual std::string root() = 0;
+
+    // Takes a line that this process writes to the machine's log; may take its time.
+    virtual void log(std::string_view line) = 0;
 };
 
 // The machine named by FEROVANE_SIMULATED_MAC (looked up at the first call) or attached by a test;

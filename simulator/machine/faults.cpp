@@ -127,6 +127,7 @@ constexpr std::array<FaultForm, static_cast<std::size_t>(FaultKind::kCount)> kFo
     {"tool-garbage", "t", "", "it prints bytes that are no text first"},
     {"tool-megabyte", "t", "", "it prints a megabyte first"},
     {"tool-no-effect", "t", "", "it exits with 0 and changes nothing"},
+    {"log-hangs", "", "", "the system's log takes no line until the fault is cleared"},
     {"vanish-fan", "f", "", "the fan's keys are not found any more", vanishFan},
     {"other-write", "Kn", "value", "another program writes a key",
      [](World& world, const FaultRecord& told) { writeAsOther(world, told.key, told.number); }},

@@ -65,6 +65,7 @@ enum class FaultKind : std::uint32_t {
     kToolGarbage,
     kToolMegabyte,
     kToolNoEffect,
+    kLogHangs,
     // Momentary: they happen once.
     kVanishFan,
     kOtherWrites,

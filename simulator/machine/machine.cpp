@@ -26,6 +26,8 @@ constexpr double kHostPieceSeconds = 0.005;
 // Longer than the slowest part, the battery, takes to settle.
 constexpr double kSettledSeconds = 3600;
 constexpr double kSettlingStepSeconds = 0.5;  // on the way to the end of it, details do not matter
+// Between looks at whether the log takes lines again.
+constexpr useconds_t kLogLookMicroseconds = 10000;
 // A machine has been running for a while when it is first seen.
 constexpr double kUptimeAtCreation = 1000;
 
@@ -224,6 +226,16 @@ std::optional<double> Machine::thermalState() {
 
 std::optional<double> Machine::lowPowerMode() {
     return published(Property::kLowPowerFlag);
+}
+
+void Machine::log(std::string_view line) {
+    const auto hangs = [](World& world) {
+        return Faults::strike(world, FaultKind::kLogHangs, 0) != nullptr;
+    };
+    while (locked(hangs)) {
+        ::usleep(kLogLookMicroseconds);
+    }
+    locked([line](World& world) { world.noteProcess("log " + std::string(line)); });
 }
 
 std::optional<double> Machine::memoryPressureLevel() {

@@ -43,6 +43,7 @@ public:
     double continuousSeconds(double hostSeconds) override;
     double uptimeSeconds(double hostSeconds) override;
     std::string root() override { return root_; }
+    void log(std::string_view line) override;
 
 private:
     class Hold {

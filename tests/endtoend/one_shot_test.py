@@ -12,6 +12,10 @@ from simulated import HELPER, OWNER_UID, STOPS, Mac, Owner, eventually, finish, 
 DONE = {"cooling": "散热会话结束，已确认风扇恢复系统自动。\n",
         "test-fan": "散热会话结束，已确认风扇恢复系统自动。\n",
         "profile": "模式会话结束，风扇已恢复系统自动；保留睿频选择。\n"}
+LOGGED = {"cooling": ("cooling", 300), "test-fan": ("test-fan", 5),
+          "profile": ("balanced", 1800)}
+WHY = {"stop file": "已按请求结束控制", "owner": "发起程序已退出，控制已结束",
+       "SIGTERM": "辅助进程收到停止信号，控制已结束", "an hour's sleep": "控制时间已到"}
 TAKEN = {"cooling": "检测到风扇状态改变或无法读取，散热会话已停止\n",
          "profile": "风扇控制被改变或无法读取，已停止曲线\n"}
 FANS = {"MacBookPro11,4": 2, "MacBookPro16,1": 2, "iMac18,3": 1, "MacPro7,1": 4, "MacBook10,1": 0,
@@ -52,6 +56,24 @@ class OneShotTest(unittest.TestCase):
                     else:
                         self.assertEnded(mac, helper, 0, DONE[command])
                     self.assertLess(time.monotonic() - began, 8)
+                    mode, most = LOGGED[command]
+                    why = WHY.get(cause, TAKEN.get(command, "").rstrip())
+                    self.assertEqual(mac.log(), [
+                        f"风扇控制开始（{mode}），最长 {most} 秒",
+                        f"风扇控制结束（{mode}），风扇已恢复系统自动：{why}"])
+
+    @needs_root
+    def test_a_log_that_hangs_delays_nothing(self):
+        with Owner() as owner, Mac("MacBookPro16,1", "load=40", "speed=20") as mac:
+            mac.fault("log-hangs")
+            for command in TAKEN:
+                helper = mac.start(*lease(command, owner))
+                self.assertTrue(eventually(mac.held), helper.poll())
+                began = time.monotonic()
+                helper.terminate()
+                self.assertEnded(mac, helper, 0, DONE[command])
+                self.assertLess(time.monotonic() - began, 1.5)
+            self.assertEqual(mac.log(), [])
 
     @needs_root
     def test_a_hand_back_that_has_begun_is_finished(self):

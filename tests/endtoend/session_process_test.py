@@ -54,6 +54,19 @@ class SessionProcessTest(unittest.TestCase):
             restored = session.request("power-restore", powerBackup=reply["power"]["backup"])
             self.assertEqual(restored["message"], "恢复已结束；外部更改保留")
             self.assertEqual(session.request("shutdown")["message"], MANAGED)
+            self.assertEqual(end(session), 0)
+            changed = ["电源设置 displaysleep（ac）改为 5：已确认",
+                       "电源设置 sleep（ac）改为 10：已确认", "睿频改为禁用：已确认"]
+            ended = "，风扇已恢复系统自动：已按请求结束控制"
+            self.assertEqual(mac.log(), [
+                "睿频改为禁用：已确认", "风扇控制开始（quiet），最长 1800 秒",
+                "风扇控制结束（quiet）" + ended, "已按请求恢复全部风扇为系统自动",
+                "睿频改为启用：已确认", "风扇控制开始（test-fans），最长 5 秒",
+                "风扇控制结束（test-fans）" + ended, "风扇控制开始（custom），最长 1800 秒",
+                "风扇控制结束（custom）" + ended, "已按请求恢复全部风扇为系统自动",
+                *changed, "电源设置 sleep（ac）改回 30：已确认",
+                "电源设置 displaysleep（ac）改回 20：已确认", "睿频改回启用：已确认",
+                *changed, "电源设置 displaysleep（ac）改回 20：已确认", "睿频改回启用：已确认"])
 
     def test_a_stranger_is_refused_whatever_is_wrong(self):
         with Mac("MacBookPro16,1") as mac, Owner() as owner:
@@ -67,6 +80,7 @@ class SessionProcessTest(unittest.TestCase):
                     real, effective, effective))
                 self.assertEqual((result.returncode, result.stdout, result.stderr),
                                  (1, "", "原生授权会话身份验证失败\n"))
+            self.assertEqual(mac.log(), ["已拒绝调用：serve"] * 4, "and nobody else's process")
 
     def test_a_signal_or_a_line_too_long_ends_it_with_automatic_fans(self):
         for deed, status, message in (

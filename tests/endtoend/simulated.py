@@ -86,6 +86,10 @@ class Mac:
     def writes(self):
         return self.tool("journal", self.path, "--writes").split()
 
+    def log(self):
+        """What the helper told the machine's log."""
+        return [line.split(" log ", 1)[1] for line in self.journal() if " log " in line]
+
     def state(self):
         return json.loads(self.tool("show", self.path, "--json"))
 
