@@ -36,7 +36,6 @@ PROGRAMS = {
     "control": "control_tests",
     "hardware": "hardware_tests",
     "power": "power_tests",
-    "access": "system_power_access_tests",
     "shim": "shim_tests",
     "model": "model_tests",
     "analysis": "analysis_tests",

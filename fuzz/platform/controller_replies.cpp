@@ -1,5 +1,5 @@
-// A controller that answers whatever it likes. This program brings the driver's call along: it
-// keeps keys as a sane controller does, and at each call the input may choose to misbehave.
+// A controller that answers whatever it likes: the simulated Mac's, each of whose answers the input
+// may spoil on its way back.
 //
 // The input: some keys, then operations; each call in between takes a byte of mischief.
 #include <IOKit/IOKitLib.h>
@@ -8,25 +8,26 @@
 #include <array>
 #include <cmath>
 #include <cstring>
-#include <map>
 #include <string>
+#include <vector>
 
 #include "core/hardware/smc.h"
-#include "core/model/scope_error.h"
 #include "fuzz/json_properties.h"
 #include "simulator/machine/four_characters.h"
+#include "simulator/machine/simulated_mac.h"
 
 namespace {
 
 using namespace ferovane;
 using fuzzing::require;
-using simulator::packed;
 
 using Block = std::array<std::uint8_t, 80>;
-constexpr std::size_t kKeyAt = 0, kFirmwareAt = 4, kSizeAt = 28, kTypeAt = 32, kResultAt = 40,
-                      kCommandAt = 42, kIndexAt = 44, kDataAt = 48;
+constexpr std::size_t kKeyAt = 0, kFirmwareAt = 4, kSizeAt = 28, kResultAt = 40, kCommandAt = 42,
+                      kDataAt = 48;
 constexpr std::uint8_t kReadKey = 5, kWriteKey = 6, kKeyAtIndex = 8, kKeyInformation = 9;
-constexpr std::uint8_t kNoSuchKey = 0x84;
+
+std::size_t writes = 0;
+fuzzing::Input* mischief = nullptr;
 
 std::uint32_t wordAt(const Block& block, std::size_t offset) {
     std::uint32_t word = 0;
@@ -34,135 +35,80 @@ std::uint32_t wordAt(const Block& block, std::size_t offset) {
     return word;
 }
 
-void setWord(Block& block, std::size_t offset, std::uint32_t word) {
-    std::memcpy(block.data() + offset, &word, sizeof word);
-}
-
-class Controller {
-public:
-    // The keys that the input names, each with a type that suits it or with any.
-    void furnish(fuzzing::Input& input) {
-        constexpr std::array<std::string_view, 24> kNames{
-            "#KEY", "FNum", "FS! ", "F0Ac", "F0Mn", "F0Mx", "F0Md", "F0Tg",
-            "F1Ac", "F1Mn", "F1Mx", "F1md", "F1Tg", "F9Md", "F9Tg", "Ftst",
-            "TC0P", "TC0C", "TG0P", "Tp01", "PSTR", "VD0R", "ID0R", "F2Tg"};
-        constexpr std::array<std::string_view, 8> kTypes{"fpe2", "flt ", "ui8 ", "ui16",
-                                                         "ui32", "sp78", "ioft", "fp88"};
-        constexpr std::array<std::uint8_t, 8> kSizes{2, 4, 1, 2, 4, 2, 8, 2};
-        keys_.clear();
-        for (auto count = input.byte() % 32; count > 0; --count) {
-            const auto name = input.byte();
-            const std::uint32_t code =
-                name < 240 ? packed(kNames[name % kNames.size()]) : input.take<std::uint32_t>();
-            const auto form = input.byte();
-            Key& key = keys_[code];
-            key.type = packed(kTypes[form % kTypes.size()]);
-            key.size = form < 240 ? kSizes[form % kSizes.size()] : input.take<std::uint32_t>();
-            key.data = {};
-            const std::string_view bytes = input.take(std::min<std::uint32_t>(key.size, 32));
-            std::copy(bytes.begin(), bytes.end(), key.data.begin());
-        }
-    }
-
-    void misbehaveBy(fuzzing::Input& input) { mischief_ = &input; }
-
-    kern_return_t call(const Block& request, Block& reply, std::size_t& replySize) {
-        checkRequest(request);
-        reply = {};
-        answer(request, reply);
-        return mischief(reply, replySize);
-    }
-
-    std::size_t writes = 0;
-
-private:
-    struct Key {
-        std::uint32_t type = 0, size = 0;
-        std::array<std::uint8_t, 32> data{};
-    };
-
-    // What may ever be sent to the controller, read off the driver's interface.
-    void checkRequest(const Block& request) {
-        require(std::all_of(request.begin() + kFirmwareAt, request.begin() + kSizeAt,
-                            [](std::uint8_t byte) { return byte == 0; }),
-                "what has no use in a request is zero");
-        const std::uint8_t command = request[kCommandAt];
-        require(command == kReadKey || command == kWriteKey || command == kKeyAtIndex ||
-                    command == kKeyInformation,
-                "only four commands are ever used");
-        if (command == kReadKey || command == kWriteKey) {
-            const std::uint32_t size = wordAt(request, kSizeAt);
-            require(size >= 1 && size <= 32, "only sizes that fit are asked for or sent");
-        }
-        if (command == kWriteKey) {
-            ++writes;
-            checkWritable(simulator::unpacked(wordAt(request, kKeyAt)));
-        }
-    }
-
-    static void checkWritable(const std::string& key) {
+// What may ever be sent to the controller, read off the driver's interface.
+void checkRequest(const Block& request) {
+    require(std::all_of(request.begin() + kFirmwareAt, request.begin() + kSizeAt,
+                        [](std::uint8_t byte) { return byte == 0; }),
+            "what has no use in a request is zero");
+    const std::uint8_t command = request[kCommandAt];
+    const std::uint32_t size = wordAt(request, kSizeAt);
+    require(command == kKeyAtIndex || command == kKeyInformation ||
+                ((command == kReadKey || command == kWriteKey) && size >= 1 && size <= 32),
+            "only four commands are ever used, and only sizes that fit");
+    if (command == kWriteKey) {
+        ++writes;
+        const std::string key = simulator::unpacked(wordAt(request, kKeyAt));
         const std::string suffix = key.substr(2);
         const bool fanKey = key[0] == 'F' && key[1] >= '0' && key[1] <= '9' &&
                             (suffix == "Md" || suffix == "md" || suffix == "Tg");
         require(fanKey || key == "FS! ", "nothing but fan modes, targets and the mask is written");
     }
+}
 
-    void answer(const Block& request, Block& reply) {
-        if (request[kCommandAt] == kKeyAtIndex) {
-            const std::uint32_t index = wordAt(request, kIndexAt);
-            reply[kResultAt] = index < keys_.size() ? 0 : kNoSuchKey;
-            if (index < keys_.size()) {
-                setWord(reply, kKeyAt, std::next(keys_.begin(), index)->first);
-            }
-            return;
-        }
-        const auto found = keys_.find(wordAt(request, kKeyAt));
-        if (found == keys_.end()) {
-            reply[kResultAt] = kNoSuchKey;
-            return;
-        }
-        Key& key = found->second;
-        if (request[kCommandAt] == kWriteKey) {
-            std::copy_n(request.begin() + kDataAt, key.data.size(), key.data.begin());
-        }
-        setWord(reply, kSizeAt, key.size);
-        setWord(reply, kTypeAt, key.type);
-        std::copy(key.data.begin(), key.data.end(), reply.begin() + kDataAt);
+kern_return_t spoil(Block& reply, std::size_t& size) {
+    const auto overwrite = [&](std::size_t at, std::size_t most) {
+        std::ranges::copy(mischief->take(most), reply.begin() + std::ptrdiff_t(at));
+    };
+    switch (mischief->byte()) {
+        case 0xFF:
+            return mischief->take<std::int32_t>();
+        case 0xFE:
+            size = mischief->byte();
+            break;
+        case 0xFD:
+            overwrite(kResultAt, 1);
+            break;
+        case 0xFC:
+            overwrite(0, reply.size());
+            break;
+        case 0xFB:
+            overwrite(kDataAt, 4);
+            break;
+        case 0xFA:
+            overwrite(kSizeAt, 4);
+            break;
+        default:
+            break;
     }
+    return kIOReturnSuccess;
+}
 
-    kern_return_t mischief(Block& reply, std::size_t& replySize) {
-        const auto overwrite = [&](std::size_t at, std::size_t most) {
-            std::ranges::copy(mischief_->take(most), reply.begin() + std::ptrdiff_t(at));
-        };
-        replySize = reply.size();
-        switch (mischief_->byte()) {
-            case 0xFF:
-                return mischief_->take<std::int32_t>();
-            case 0xFE:
-                replySize = mischief_->byte();
-                break;
-            case 0xFD:
-                reply[kResultAt] = mischief_->byte();
-                break;
-            case 0xFC:
-                overwrite(0, reply.size());
-                break;
-            case 0xFB:
-                overwrite(kDataAt, 4);
-                break;
-            case 0xFA:
-                setWord(reply, kSizeAt, mischief_->take<std::uint32_t>());
-                break;
-            default:
-                break;
-        }
-        return kIOReturnSuccess;
+// The keys that the input names, each with a type that suits it or with any.
+void furnish(simulator::SimulatedMac& mac, fuzzing::Input& input) {
+    constexpr std::array<std::string_view, 24> kNames{
+        "#KEY", "FNum", "FS! ", "F0Ac", "F0Mn", "F0Mx", "F0Md", "F0Tg",
+        "F1Ac", "F1Mn", "F1Mx", "F1md", "F1Tg", "F9Md", "F9Tg", "Ftst",
+        "TC0P", "TC0C", "TG0P", "Tp01", "PSTR", "VD0R", "ID0R", "F2Tg"};
+    constexpr std::array<std::string_view, 8> kTypes{"fpe2", "flt ", "ui8 ", "ui16",
+                                                     "ui32", "sp78", "ioft", "fp88"};
+    constexpr std::array<std::uint8_t, 8> kSizes{2, 4, 1, 2, 4, 2, 8, 2};
+    static std::vector<std::string> before;
+    for (const std::string& key : before) {
+        mac.removeKey(key);
     }
-
-    std::map<std::uint32_t, Key> keys_;
-    fuzzing::Input* mischief_ = nullptr;
-};
-Controller controller;
+    before.clear();
+    for (auto count = input.byte() % 32; count > 0; --count) {
+        const auto name = input.byte();
+        before.push_back(name < 240 ? std::string(kNames[name % kNames.size()])
+                                    : simulator::unpacked(input.take<std::uint32_t>()));
+        const auto form = input.byte();
+        const auto size = form < 240 ? kSizes[form % kSizes.size()] : input.take<std::uint32_t>();
+        std::vector<std::uint8_t> bytes(std::min<std::uint32_t>(size, 32));
+        std::ranges::copy(input.take(bytes.size()), bytes.begin());
+        mac.setKey(before.back(), kTypes[form % kTypes.size()], bytes);
+        mac.setKeySize(before.back(), size);
+    }
+}
 
 void checkFans(SMC& smc) {
     const auto fans = smc.fans();
@@ -194,28 +140,19 @@ void checkSensorKeys(const SMC& smc) {
 }
 
 void setTarget(SMC& smc, int fan, double rpm) {
-    const std::size_t writesBefore = controller.writes;
+    const std::size_t before = writes;
     const bool confirmed = fuzzing::admits([&] { smc.setTarget(fan, rpm); });
     const bool usable = rpm >= 0 && rpm <= 65535;  // false for NaN
-    require(usable || (!confirmed && controller.writes == writesBefore),
-            "what is no speed is never written");
-    require(!confirmed || controller.writes == writesBefore + 1, "a target is written once");
+    require(usable || (!confirmed && writes == before), "what is no speed is never written");
+    require(!confirmed || writes == before + 1, "a target is written once");
 }
 
 void setManual(SMC& smc, int fan, bool enabled) {
-    const std::size_t writesBefore = controller.writes;
+    const std::size_t before = writes;
     const bool confirmed = fuzzing::admits([&] { smc.setManual(fan, enabled); });
-    const bool wrote = controller.writes > writesBefore;
-    require((fan >= 0 && fan < 10) || (!confirmed && !wrote),
+    require((fan >= 0 && fan < 10) || (!confirmed && writes == before),
             "only the ten fans there can be are switched");
-    require(!confirmed || wrote || !enabled, "a switched fan was written to");
-}
-
-// Mostly four characters, as keys have; now and then none, or twice as many.
-std::string keyFrom(fuzzing::Input& input, bool ofAnyLength) {
-    constexpr std::size_t kLengths = 9;
-    const std::size_t length = ofAnyLength ? input.byte() % kLengths : 4;
-    return std::string(input.take(length));
+    require(!confirmed || writes > before || !enabled, "a switched fan was written to");
 }
 
 void operate(SMC& smc, fuzzing::Input& input) {
@@ -235,53 +172,31 @@ void operate(SMC& smc, fuzzing::Input& input) {
         case 5:
             return checkSensorKeys(smc);
         default:
-            break;
+            // Mostly four characters, as keys have; now and then none, or twice as many.
+            const std::string key(input.take(odd ? input.byte() % 9U : 4U));
+            const auto number = smc.number(key);
+            require(!number || (std::strlen(key.c_str()) == 4 && std::isfinite(*number)),
+                    "a number is finite, and stands under a key");
     }
-    const std::string key = keyFrom(input, odd);
-    const bool isKey = std::strlen(key.c_str()) == 4;
-    if (choice % 8 == 6) {
-        const auto number = smc.number(key);
-        require(!number || (isKey && std::isfinite(*number)),
-                "a number is finite, and stands under a key");
-        return;
-    }
-    FVValue value{};  // as a caller of the shim would, with any key
-    value.data_size = input.byte() % 40;
-    const int code = fv_smc_write(1, key.c_str(), &value);
-    require((isKey && value.data_size >= 1 && value.data_size <= 32) || code == -1,
-            "an unusable argument is refused");
 }
 
 }  // namespace
 
 extern "C" {
 
-CFMutableDictionaryRef IOServiceMatching(const char*) {
-    return nullptr;
-}
-io_service_t IOServiceGetMatchingService(mach_port_t, CFDictionaryRef) {
-    return 7;
-}
-kern_return_t IOObjectRelease(io_object_t) {
-    return kIOReturnSuccess;
-}
-kern_return_t IOServiceClose(io_connect_t) {
-    return kIOReturnSuccess;
-}
-kern_return_t IOServiceOpen(io_service_t, task_port_t, std::uint32_t, io_connect_t* connect) {
-    *connect = 1;
-    return kIOReturnSuccess;
-}
-
-kern_return_t IOConnectCallStructMethod(mach_port_t, std::uint32_t selector, const void* input,
-                                        std::size_t inputSize, void* output,
-                                        std::size_t* outputSize) {
-    Block request{};
-    Block reply{};
+kern_return_t __real_IOConnectCallStructMethod(mach_port_t, std::uint32_t, const void*, std::size_t,
+                                               void*, std::size_t*);
+kern_return_t __wrap_IOConnectCallStructMethod(mach_port_t connection, std::uint32_t selector,
+                                               const void* input, std::size_t inputSize,
+                                               void* output, std::size_t* outputSize) {
+    Block request{}, reply{};
     require(selector == 2 && inputSize == request.size() && *outputSize == reply.size(),
             "every call is a structure of the driver's size");
     std::memcpy(request.data(), input, inputSize);
-    const kern_return_t code = controller.call(request, reply, *outputSize);
+    checkRequest(request);
+    __real_IOConnectCallStructMethod(connection, selector, input, inputSize, reply.data(),
+                                     outputSize);
+    const kern_return_t code = spoil(reply, *outputSize);
     std::memcpy(output, reply.data(), reply.size());
     return code;
 }
@@ -289,10 +204,14 @@ kern_return_t IOConnectCallStructMethod(mach_port_t, std::uint32_t selector, con
 }  // extern "C"
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    static auto mac = simulator::macFromKeyDump(
+        "key,type,size,attributes,bytes,result\nTC9C,sp78,2,C0,3200,00\n");
+    static const auto attached = mac.attach();
+    mac.set(simulator::Property::kPrivileged, 1);
     fuzzing::Input input(data, size);
     const bool appleSilicon = (input.byte() & 1) != 0;
-    controller.furnish(input);
-    controller.misbehaveBy(input);
+    furnish(mac, input);
+    mischief = &input;
     double seconds = 0;
     SMC smc({[&] { return seconds; }, [&](double pause) { seconds += pause; }, appleSilicon});
     constexpr int kMostOperations = 8;

@@ -300,36 +300,6 @@ TEST(HardwareSamplerTest, ExactCallsPerSample) {
     }
 }
 
-// A graphics processor that is off when a lease begins and grows hot in the middle of it.
-TEST(HardwareSamplerTest, WatchesGraphicsThatWakeUpDuringALease) {
-    auto mac = simulator::intelMac(2);
-    mac.setNumber("TG0P", 0);
-    const auto attached = mac.attach();
-    SMC smc({[&] { return mac.now(); }, [&](double seconds) { mac.advance(seconds); }, false});
-    auto sampler = datedSampler();
-    std::vector<std::optional<double>> graphics;
-    std::vector<bool> full;
-    CurveLease::run(
-        smc, FanCurve::quiet(), 10,
-        [&] {
-            const auto snapshot = sampler.sample();
-            graphics.push_back(snapshot.temperature(SensorCategory::gpu));
-            return snapshot;
-        },
-        [&] { return mac.now(); }, [&] { return full.size() == 3; },
-        [&](double) {
-            mac.setNumber("TG0P", full.size() == 1 ? 97 : 0);
-            mac.advance(2);
-        },
-        [&](const FanControlProgress& progress) {
-            full.push_back(progress.protectionActive && mac.fanTarget(0) == mac.fanMaximum(0) &&
-                           mac.fanTarget(1) == mac.fanMaximum(1));
-        },
-        [] {});
-    EXPECT_EQ(full, (std::vector{false, true, false}));
-    EXPECT_EQ(graphics, (std::vector<std::optional<double>>{{}, 97, {}}));
-}
-
 TEST(HardwareSamplerTest, WithoutControllerTheRestIsStillThere) {
     auto mac = simulator::macWithoutController();
     const auto attached = mac.attach();

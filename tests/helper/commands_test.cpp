@@ -4,6 +4,7 @@
 
 #include <map>
 
+#include "helper/system_power_access.h"
 #include "tests/helper/helper_world.h"
 
 namespace ferovane::testing {
@@ -51,6 +52,29 @@ TEST(CommandsTest, AutoSaysWhatItCouldNotReturn) {
         EXPECT_EQ(world.errors.text(), message);
         EXPECT_EQ(world.output.text(), "");
     }
+}
+
+struct NobodysKeeper : ToolKeeper {
+    void toolStarted(pid_t) override {}
+    void toolEnded() noexcept override {}
+};
+
+// That it runs the machine's tools, a session's processes show.
+TEST(SystemPowerAccessTest, TellsSourceAndDriverOnlyWhenTheyAreKnown) {
+    using simulator::Property;
+    HelperWorld world(simulator::intelMac(2));
+    NobodysKeeper keeper;
+    SystemPowerAccess access{keeper};
+    for (const int state : {0, 1}) {
+        world.mac.set(Property::kAcPower, state);
+        EXPECT_EQ(access.currentSource(), state == 1 ? PowerSource::ac : PowerSource::battery);
+        world.mac.set(Property::kExtensionLoaded, state);
+        EXPECT_EQ(access.turboState(), state);
+    }
+    world.mac.setAbsent(Property::kAcPower);
+    EXPECT_EQ(access.currentSource(), std::nullopt);
+    world.mac.set(Property::kExtensionAnswers, 0);
+    EXPECT_EQ(access.turboState(), std::nullopt);
 }
 
 }  // namespace

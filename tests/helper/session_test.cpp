@@ -11,26 +11,6 @@ const std::string kPlan =
     "\"current\",\"lowPower\":true,\"displayMinutes\":5,\"disableTurbo\":true}}";
 constexpr double kLate = 0.1;  // seconds after which a write settles that is read back in time
 
-TEST(SessionTest, ANewLeaseReplacesTheOldOneAfterItHasEnded) {
-    SessionWorld session;
-    session.world.environment.timings.fanTest = 5;
-    const ControlReply test = session.ask("{\"command\":\"test-fans\",\"label\":\"试转\"}");
-    ASSERT_TRUE(test.ok) << test.message;
-    EXPECT_EQ(test.label, "试转");
-    const ControlReply curve = session.ask(
-        "{\"command\":\"profile\",\"profile\":\"custom\",\"label\":\"x\",\"curve\":{\"points\":"
-        "[{\"temperature\":30,\"percent\":50},{\"temperature\":90,\"percent\":100}],"
-        "\"sensor\":\"CPU\"}}");
-    ASSERT_TRUE(curve.ok) << curve.message;
-    EXPECT_EQ(curve.label, "独立风扇策略");
-    EXPECT_NE(curve.session, test.session);
-    EXPECT_EQ(session.command("shutdown").message, kSystemManaged);
-    EXPECT_EQ(session.end(), "");
-    EXPECT_TRUE(session.world.mac.allFansAutomatic());
-    EXPECT_EQ(session.world.guardianRecord, "held returned held returned ");
-    EXPECT_TRUE(session.world.power.writes.empty()) << "neither touches turbo";
-}
-
 TEST(SessionTest, ALeaseThatFailsMakesGoodOneErrorOfItsHandBack) {
     SessionWorld session;
     ASSERT_TRUE(session.profile("balanced").ok);
@@ -177,7 +157,7 @@ TEST(SessionTest, OnAppleSiliconOnlyFansAreControlled) {
 }
 
 TEST(SessionTest, EveryCauseOfStoppingHandsTheFansBack) {
-    for (const std::string cause : {"input", "invalid shutdown", "reader", "long line"}) {
+    for (const std::string cause : {"input", "invalid shutdown", "reader"}) {
         SessionWorld session;
         ASSERT_TRUE(session.profile("balanced").ok);
         if (cause == "invalid shutdown") {
@@ -187,13 +167,8 @@ TEST(SessionTest, EveryCauseOfStoppingHandsTheFansBack) {
         } else if (cause == "reader") {
             session.replies.closeEnd(0);
             session.tell("{\"command\":\"status\"}\n");
-        } else if (cause == "long line") {
-            session.tell(std::string(20000, 'x'));
-            EXPECT_THROW(session.reply(), std::runtime_error);
         }
-        EXPECT_EQ(session.end(), cause == "reader"      ? "辅助进程写入失败"
-                                 : cause == "long line" ? "控制消息过长"
-                                                        : "");
+        EXPECT_EQ(session.end(), cause == "reader" ? "辅助进程写入失败" : "");
         EXPECT_TRUE(session.world.mac.allFansAutomatic()) << cause;
         EXPECT_EQ(session.world.guardianRecord, "held returned ") << cause;
     }

@@ -144,8 +144,8 @@ TEST(WriteListTest, AdmitsExactlyModeAndTargetOfTenFansAndTheMask) {
             writable.insert(std::string{'F', fan} + suffix);
         }
     }
-    // Every key of four printable characters, some 81 million.
-    for (std::string key(4, ' '); key[0] <= '~';) {
+    // Every key of four printable characters that begins like a fan's, some 857 000.
+    for (std::string key = "F   "; key[0] == 'F';) {
         if (attemptWrite(key) != -3) {
             admitted.insert(key);
         }

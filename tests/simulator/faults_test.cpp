@@ -2,6 +2,7 @@
 #include "simulator/machine/faults.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <iterator>
 #include <sstream>
@@ -23,81 +24,6 @@ protected:
     Connection smc_;
 };
 
-TEST_F(FaultsTest, ReadsFail) {
-    struct {
-        void (*strike)(SimulatedMac&);
-        int code;
-    } const cases[] = {
-        {[](SimulatedMac& mac) { mac.refuseReads("F0Ac", kNotReadable); }, kNotReadable},
-        {[](SimulatedMac& mac) { mac.refuseReads("", -536870198); }, -536870198},
-        {[](SimulatedMac& mac) { mac.refuseCalls(1); }, 1},
-        {[](SimulatedMac& mac) { mac.wrongKeySize("F0Ac", 0); }, -2},
-        {[](SimulatedMac& mac) { mac.wrongKeySize("F0Ac", 33); }, -2},
-        {[](SimulatedMac& mac) { mac.wrongKeySize("F0Ac", 2); }, kSizeMismatch},
-        {[](SimulatedMac& mac) { mac.wrongOutputSize(79); }, -1},
-        {[](SimulatedMac& mac) { mac.vanishFan(0); }, kKeyNotFound},
-        {[](SimulatedMac& mac) { mac.refuseOpening(-536870207, kOnce); }, 0},
-    };
-    for (const auto& wanted : cases) {
-        wanted.strike(mac_);
-        EXPECT_EQ(smc_.readCode("F0Ac"), wanted.code);
-        mac_.clearFaults();
-        EXPECT_EQ(smc_.readCode("F0Ac"), 0);
-    }
-}
-
-TEST_F(FaultsTest, ReadsLie) {
-    mac_.readZeros("F0Ac");
-    EXPECT_EQ(smc_.read("F0Ac"), 0);
-    mac_.clearFaults();
-    mac_.readGarbage("F0Ac");
-    EXPECT_NE(smc_.read("F0Ac"), smc_.read("F0Ac"));
-    mac_.clearFaults();
-    mac_.freezeReads("TC0C");
-    const double frozen = smc_.read("TC0C");
-    mac_.set(Property::kLoad, 100);
-    mac_.advance(60);
-    EXPECT_EQ(smc_.read("TC0C"), frozen);
-    EXPECT_GT(*mac_.number("TC0C"), frozen + 5);
-}
-
-TEST_F(FaultsTest, WritesFailOrDoNothingOrComeLate) {
-    mac_.refuseWrites("F0Md", kBadCommand);
-    EXPECT_EQ(smc_.write("F0Md", 1), kBadCommand);
-    EXPECT_EQ(smc_.write("F1Md", 1), 0) << "another key";
-    mac_.ignoreWrites("F1Tg");
-    EXPECT_EQ(smc_.write("F1Tg", 5000), 0);
-    EXPECT_EQ(smc_.read("F1Tg"), 1950);
-    mac_.clearFaults();
-    mac_.delayWrites("F1Tg", 1.9);
-    EXPECT_EQ(smc_.write("F1Tg", 5000), 0);
-    mac_.advance(1.8);
-    EXPECT_EQ(smc_.read("F1Tg"), 1950);
-    mac_.advance(0.2);
-    EXPECT_EQ(smc_.read("F1Tg"), 5000);
-    EXPECT_EQ(mac_.writes(), "F0Md=1!82 F1Md=1 F1Tg=5000 F1Tg=5000");
-}
-
-TEST_F(FaultsTest, StrikeTheVeryCallThatIsNamed) {
-    const auto sequence = [this] {
-        std::string codes;
-        for (int i = 0; i < 3; ++i) {
-            codes += std::to_string(smc_.readCode("F0Ac")) + " ";
-        }
-        return codes;
-    };
-    // A read is two calls: its information, then its bytes.
-    const char* expected[] = {"1 0 0 ", "1 0 0 ", "0 1 0 ", "0 1 0 ", "0 0 1 ", "0 0 1 "};
-    for (std::uint64_t k = 1; k <= 6; ++k) {
-        mac_.atCall(k).refuseCalls(1, kOnce);
-        EXPECT_EQ(sequence(), expected[k - 1]) << k;
-    }
-    mac_.atWrite(2).refuseWrites("", 0x89, kOnce);
-    EXPECT_EQ(smc_.write("F0Md", 1), 0);
-    EXPECT_EQ(smc_.write("F0Tg", 3000), 0x89);
-    EXPECT_EQ(smc_.write("F0Tg", 3000), 0);
-}
-
 TEST_F(FaultsTest, HappenInTheOrderOfTheirMoments) {
     mac_.at(20).driftTarget(0, 100);
     mac_.at(10).otherTakesFan(0);
@@ -113,6 +39,28 @@ TEST_F(FaultsTest, HappenInTheOrderOfTheirMoments) {
     EXPECT_NE(journal[2].find(" 15.000 world load=50"), std::string::npos);
     EXPECT_NE(journal[3].find(" 20.000 other write F0Tg=6300 -> 00"), std::string::npos);
     EXPECT_EQ(mac_.writes(), "") << "none of them by an attached process";
+}
+
+TEST_F(FaultsTest, TellWhoHoldsAFanHoweverItWasTaken) {
+    const auto holder = [this](int fan) {
+        return mac_.machine().locked(
+            [fan](World& world) { return world.state().fans[fan].holder; });
+    };
+    mac_.delayWrites("F0Md", 1, kOnce);
+    ASSERT_EQ(smc_.write("F0Md", 1), 0);
+    mac_.otherTakesFan(1);
+    mac_.advance(2);
+    EXPECT_EQ(holder(0), ::getpid());
+    EXPECT_EQ(holder(1), kHeldByOther);
+    mac_.sleep(1);
+    EXPECT_EQ(holder(1), 0);
+    mac_.otherKeepsTarget(1, 3000, 1.5);
+    ASSERT_EQ(smc_.write("F1Md", 0), 0);
+    mac_.advance(1.4);
+    EXPECT_FALSE(mac_.fanManual(1));
+    mac_.advance(0.2);
+    EXPECT_EQ(holder(1), kHeldByOther);
+    EXPECT_EQ(mac_.fanTarget(1), 3000);
 }
 
 TEST_F(FaultsTest, CanBeWrittenAsText) {

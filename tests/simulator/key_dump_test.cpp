@@ -100,24 +100,6 @@ TEST(KeyDumpTest, MakesAMachineOfAnybodysController) {
     EXPECT_GT(mac.fanRpm(0), 2100);
 }
 
-TEST(KeyDumpTest, FansThatRestBelowTheirMinimumStayThereUntilItIsHotter) {
-    for (const char* rows : {"F0Ac,fpe2,2,90,0000,00\nF0Tg,fpe2,2,D0,0000,00\n",
-                             "F0Ac,fpe2,2,90,1770,00\nF0Tg,fpe2,2,D0,1770,00\n"}) {
-        SimulatedMac mac = macFromKeyDump(dumpWith(rows + std::string("FS! ,ui16,2,C0,0000,00\n")));
-        const double rest = mac.fanTarget(0);
-        EXPECT_LT(rest, mac.fanMinimum(0));
-        mac.advance(3600);
-        EXPECT_EQ(mac.fanTarget(0), rest);
-        EXPECT_NEAR(mac.fanRpm(0), rest, 5);
-        mac.set(Property::kLoad, 100);
-        mac.advance(120);
-        EXPECT_GE(mac.fanTarget(0), mac.fanMinimum(0));
-        mac.set(Property::kLoad, 0);
-        mac.advance(7200);
-        EXPECT_EQ(mac.fanTarget(0), rest);
-    }
-}
-
 TEST(KeyDumpTest, AFanThatSomebodyHoldsInTheDumpIsManual) {
     const std::string held = "F0Ac,fpe2,2,90,2EE0,00\nF0Tg,fpe2,2,D0,2EE0,00\n";
     for (const char* row : {"FS! ,ui16,2,C0,0001,00\n", "F0Md,ui8,1,C0,01,00\n"}) {
