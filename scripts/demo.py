@@ -17,12 +17,13 @@ import tempfile
 import time
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
-sys.path.insert(0, str(ROOT / "client"))
+sys.path.insert(0, str(ROOT / "tests/endtoend"))
+os.environ.setdefault("FEROVANE_BIN", str(ROOT / "build/release/bin"))
 
+from simulated import BIN, HELPER, MONITOR, TOOL, Mac  # noqa: E402
 from control_client import ControlSession, SessionError  # noqa: E402
-from demo_machine import HELPER, DemoFailed, SimulatedMac, fans_left_manual, spawn  # noqa: E402
 from demo_page import page  # noqa: E402
-from demo_recording import Recording, Sampler  # noqa: E402
+from demo_recording import DemoFailed, Recording, Sampler, apart  # noqa: E402
 from demo_steps import Steps  # noqa: E402
 from demo_view import View  # noqa: E402
 
@@ -53,7 +54,6 @@ def arguments():
     parser.add_argument("--seconds", type=float, default=50, help="how long the session lives")
     parser.add_argument("--output", type=pathlib.Path, default=ROOT / "build/demo/run.html",
                         help="the page; the table stands beside it")
-    parser.add_argument("--binaries", type=pathlib.Path, default=ROOT / "build/release/bin")
     options = parser.parse_args()
     if not 5 <= options.seconds <= 3600:
         parser.error("--seconds: 5 to 3600")
@@ -78,8 +78,7 @@ def open_session(mac, ending, errors):
         print("Not started as root, and no user namespace can be had: the session is left out, the "
               "fans stay automatic. Try: sudo scripts/demo\n", flush=True)
         return None
-    return ending.enter_context(ControlSession(
-        mac.command(HELPER), errors=errors, spawn=spawn))
+    return ending.enter_context(ControlSession([HELPER], errors=errors, spawn=apart(mac)))
 
 
 def run(sampler, steps, recording, view, options, interrupts, now):
@@ -130,6 +129,13 @@ def hold_session(mac, recording, table, options, interrupts):
     return have_table
 
 
+def fans_left_manual(state):
+    """The ids of the fans that the system does not drive itself."""
+    return [fan["id"] for fan in state["fans"]
+            if fan["manual"] or fan["holder"] != "system" or state["unlocked"]
+            or state["forcedMask"] >> fan["id"] & 1]
+
+
 def prove(mac, recording, patience):
     """Says, from the simulator's own books, in what state the machine was left; `patience` seconds
     are for the guardian of a helper that was killed."""
@@ -151,10 +157,8 @@ def prove(mac, recording, patience):
 
 
 def demonstrate(mac, options, interrupts):
-    mac.set(ac=1, load=QUIET_LOAD, speed=SPEED, turbo_applications="pro",
-            extension_approval="approved")
-    print(f"$ simulated-mac run MACHINE -- {HELPER} probe\n")
-    print(mac.output(HELPER, "probe"), flush=True)
+    print(f"$ simulated-mac run MACHINE -- {HELPER.name} probe\n")
+    print(mac.tool("run", mac.path, "--", HELPER, "probe"), flush=True)
     recording = Recording(mac.state())
     options.output.parent.mkdir(parents=True, exist_ok=True)
     table = options.output.with_suffix(".csv")
@@ -179,13 +183,20 @@ def main():
     options = arguments()
     become_root()
     try:
-        with SimulatedMac(options.binaries, options.model) as mac:
+        for program in (TOOL, HELPER, MONITOR):
+            if not program.is_file():
+                raise DemoFailed(f"{BIN} holds no {program.name}; scripts/build makes it")
+        with Mac(options.model, "ac=1", f"load={QUIET_LOAD}", f"speed={SPEED}",
+                 "turbo-applications=pro", "extension-approval=approved") as mac:
             return demonstrate(mac, options, interrupts)
     except BrokenPipeError:  # whoever read our output has had enough
         os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
         return 1
     except (DemoFailed, OSError) as error:
         print(f"demo: {error}", file=sys.stderr)
+        return 1
+    except subprocess.CalledProcessError as error:
+        print(f"demo: {error.stderr.strip()}", file=sys.stderr)
         return 1
 
 

@@ -1,17 +1,27 @@
 """What is known of a run: samples, what the session said, and what was done; all in seconds since
 the run began."""
 
+import functools
 import json
 import os
 import selectors
 import signal
 import subprocess
 
-from demo_machine import MONITOR, spawn
-
+from simulated import MONITOR
 LONGEST_LINE = 1 << 20  # bytes; a sample has some two thousand
 STOP_SECONDS = 5.0
 APPLE_SILICON = "Apple Silicon"  # the controller of such a machine, in the simulator's words
+
+
+class DemoFailed(Exception):
+    """The demo cannot go on; the text says why."""
+
+
+def apart(mac):
+    """Starts programs on the machine that an interrupt typed at the terminal does not reach: the
+    demo alone decides when they end."""
+    return functools.partial(mac.spawn, start_new_session=True)
 
 
 class Recording:
@@ -97,8 +107,7 @@ class Sampler:
     """The example monitor on the machine: one line of JSON a second, a table at its end."""
 
     def __init__(self, mac, seconds, table):
-        command = mac.command(MONITOR, str(seconds), table)
-        self._process = spawn(command, stdout=subprocess.PIPE, bufsize=0)
+        self._process = apart(mac)([MONITOR, seconds, table], stdout=subprocess.PIPE, bufsize=0)
         self._output = self._process.stdout.fileno()
         os.set_blocking(self._output, False)
         self._selector = selectors.DefaultSelector()

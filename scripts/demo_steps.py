@@ -48,7 +48,7 @@ class Steps:
     # ---- Steps --------------------------------------------------------------------------------
 
     def get_busy(self):
-        self._mac.set(load=BUSY_LOAD)
+        self._mac.set(f"load={BUSY_LOAD}")
         self._note(f"处理器负载升至 {BUSY_LOAD} %", f"the machine gets busy: load {BUSY_LOAD} %")
 
     def performance(self):

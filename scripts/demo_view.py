@@ -68,7 +68,7 @@ class View:
 
     def draw(self, elapsed, line, reply):
         if not self._terminal:
-            print(self._single(elapsed, line, reply), flush=True)
+            print("   ".join([*self._lines(elapsed, line, reply)][1:]), flush=True)
             return
         width = shutil.get_terminal_size().columns - 1
         self._erase()
@@ -106,17 +106,6 @@ class View:
         found = "；".join(finding["text"] for finding in line["findings"])
         yield f"new lease  {lease_text(line)}"
         yield f"diagnosis  {line['diagnosis']}{'：' if found else ''}{found}"
-
-    def _single(self, elapsed, line, reply):
-        targets = targets_in(reply)
-        fans = "  ".join(
-            f"fan {fan['id']} {number(fan.get('rpm'), 'RPM')} → "
-            f"{number(targets.get(fan['id']), 'RPM')}"
-            for fan in line["fans"])
-        return (f"{clock(elapsed)}  {mode_text(reply)}  "
-                f"CPU {number(line.get('cpuTemperature'), '°C', 1)}  {fans}  "
-                f"left {remaining_text(reply)}  turbo {turbo_text(reply)}"
-                f"{self._protection(reply)}  {line['diagnosis']}")
 
     @staticmethod
     def _protection(reply):

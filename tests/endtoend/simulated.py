@@ -17,6 +17,7 @@ BIN = pathlib.Path(os.environ["FEROVANE_BIN"])
 # On macOS the product drives the real fans and settings, whatever machine it is told of; there these
 # tests run the helper that is linked with the simulated one.
 HELPER = BIN / ("FerovaneHelperSimulated" if sys.platform == "darwin" else "FerovaneHelper")
+MONITOR = BIN / ("monitor-example-simulated" if sys.platform == "darwin" else "monitor-example")
 TOOL = BIN / "simulated-mac"
 OWNER_UID = 24680  # anybody but root
 WAIT_SECONDS = 30
@@ -69,7 +70,7 @@ class Mac:
     @staticmethod
     def tool(*arguments):
         return subprocess.run([TOOL, *map(str, arguments)], check=True, capture_output=True,
-                              text=True).stdout
+                              text=True, start_new_session=True).stdout
 
     def set(self, *settings):
         self.tool("set", self.path, *settings)
@@ -112,9 +113,12 @@ class Mac:
         return subprocess.run([HELPER, *map(str, words)], env=self.environment(), text=True,
                               timeout=timeout, user=user, **options)
 
+    def spawn(self, command, **options):
+        return subprocess.Popen([*map(str, command)], env=self.environment(), **options)
+
     def start(self, *words, **options):
-        return subprocess.Popen([HELPER, *map(str, words)], env=self.environment(), text=True,
-                                stdout=subprocess.PIPE, stderr=subprocess.PIPE, **options)
+        return self.spawn([HELPER, *words], text=True, stdout=subprocess.PIPE,
+                          stderr=subprocess.PIPE, **options)
 
 
 class Owner:
@@ -144,9 +148,8 @@ def lease(command, owner, session=None):
 def session_on(mac, owner):
     """A session of the owner's: root by effect, the owner's user by authorisation."""
     def spawn(command, **popen):
-        return subprocess.Popen(command, env=mac.environment(),
-                                preexec_fn=lambda: os.setresuid(OWNER_UID, 0, 0), **popen)
-    return ControlSession([str(HELPER)], *owner.words, errors=subprocess.PIPE, spawn=spawn)
+        return mac.spawn(command, preexec_fn=lambda: os.setresuid(OWNER_UID, 0, 0), **popen)
+    return ControlSession([HELPER], *owner.words, errors=subprocess.PIPE, spawn=spawn)
 
 
 def end(session):
