@@ -1,6 +1,5 @@
 #include "core/fan/curve_lease.h"
 
-#include <algorithm>
 #include <cmath>
 #include <optional>
 
@@ -13,9 +12,6 @@
 namespace ferovane::CurveLease {
 namespace {
 
-constexpr double kFullPercent = 100;
-constexpr double kFallPerRoundPercent = 4.0;  // so that a fan slows down without being heard to
-constexpr double kDeadBandRpm = 30.0;         // a smaller change is not worth a write
 // A target reads back rounded to the controller's own steps, which are below this.
 constexpr double kTargetToleranceRpm = 3.0;
 
@@ -33,15 +29,14 @@ public:
             throw ScopeError("风扇控制被改变或无法读取，已停止曲线");
         }
         const bool hot = CurvePolicy::requiresMaximum(snapshot);
-        const double desired = hot ? kFullPercent : curve_.percent(celsius);
-        percent_ = std::clamp(first ? desired : std::max(desired, *percent_ - kFallPerRoundPercent),
-                              0.0, kFullPercent);
+        percent_ =
+            CurvePolicy::followed(percent_, hot ? FanCurve::kFullPercent : curve_.percent(celsius));
         for (const PlannedFan& fan : plan_) {
             if (first) {
                 hardware_.setManual(fan.id, true);
             }
-            const double rpm = fan.minimum + (fan.maximum - fan.minimum) * *percent_ / kFullPercent;
-            if (first || isWorthWriting(fan.id, rpm)) {
+            const double rpm = CurvePolicy::rpm(*percent_, fan.minimum, fan.maximum);
+            if (first || CurvePolicy::isWorthWriting(lastWritten(fan.id), rpm)) {
                 hardware_.setTarget(fan.id, rpm);
                 written_[fan.id] = rpm;
             }
@@ -52,9 +47,9 @@ public:
     const std::map<int, double>& written() const { return written_; }
 
 private:
-    bool isWorthWriting(int id, double rpm) const {
+    double lastWritten(int id) const {
         const auto last = written_.find(id);
-        return std::abs(rpm - (last == written_.end() ? 0 : last->second)) >= kDeadBandRpm;
+        return last == written_.end() ? 0 : last->second;
     }
 
     CoolingHardware& hardware_;

@@ -2,7 +2,8 @@
 
 #include <algorithm>
 #include <cmath>
-#include <optional>
+
+#include "core/fan/fan_curve.h"
 
 namespace ferovane::CurvePolicy {
 namespace {
@@ -13,6 +14,8 @@ constexpr double kHotStorageCelsius = 75;
 constexpr int kSeriousThermalState = 2;
 constexpr int kCriticalThermalState = 3;
 constexpr double kSlowFraction = 0.1;  // of a fan's rated range
+constexpr double kFallPerRoundPercent = 4.0;
+constexpr double kDeadBandRpm = 30.0;
 
 bool isAtLeast(const std::optional<double>& celsius, double limit) {
     return celsius && *celsius >= limit;
@@ -36,6 +39,23 @@ double percent(double rpm, double minimum, double maximum) {
         return 0;
     }
     return std::clamp((rpm - minimum) / (maximum - minimum) * 100, 0.0, 100.0);
+}
+
+double rpm(double percent, double minimum, double maximum) {
+    return minimum + (maximum - minimum) * percent / FanCurve::kFullPercent;
+}
+
+double followed(std::optional<double> previous, double desired) {
+    return std::clamp(previous ? std::max(desired, *previous - kFallPerRoundPercent) : desired, 0.0,
+                      FanCurve::kFullPercent);
+}
+
+bool isWorthWriting(double last, double rpm) {
+    return std::abs(rpm - last) >= kDeadBandRpm;
+}
+
+bool requiresMaximum(double cpuCelsius) {
+    return cpuCelsius >= kHotCpuCelsius;
 }
 
 bool requiresMaximum(const Snapshot& snapshot) {
