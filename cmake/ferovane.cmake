@@ -1,7 +1,9 @@
 # What every target of the project shares, and the two kinds of target there are.
 
+# Ours alone: a program that links the library is compiled with its own warnings.
 add_library(ferovane_options INTERFACE)
 target_include_directories(ferovane_options INTERFACE ${PROJECT_SOURCE_DIR})
+target_compile_features(ferovane_options INTERFACE cxx_std_20)
 target_compile_options(ferovane_options INTERFACE
     -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion
     $<$<COMPILE_LANGUAGE:CXX>:-Wold-style-cast>
@@ -35,7 +37,7 @@ endif()
 function(ferovane_library name)
     cmake_parse_arguments(arg "" "" "SOURCES;LINKS" ${ARGN})
     add_library(${name} STATIC ${arg_SOURCES})
-    target_link_libraries(${name} PUBLIC ferovane_options ${arg_LINKS})
+    target_link_libraries(${name} PUBLIC ${arg_LINKS} PRIVATE ferovane_options)
 endfunction()
 
 # What is tested keeps its build's optimisation. What tests has only to compile soon, which under a
