@@ -145,11 +145,11 @@ def lease(command, owner, session=None):
     return words + (["balanced", "-"] if command == "profile" else [])
 
 
-def session_on(mac, owner):
+def session_on(mac, owner, helper=HELPER):
     """A session of the owner's: root by effect, the owner's user by authorisation."""
     def spawn(command, **popen):
         return mac.spawn(command, preexec_fn=lambda: os.setresuid(OWNER_UID, 0, 0), **popen)
-    return ControlSession([HELPER], *owner.words, errors=subprocess.PIPE, spawn=spawn)
+    return ControlSession([helper], *owner.words, errors=subprocess.PIPE, spawn=spawn)
 
 
 def end(session):
