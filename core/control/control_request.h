@@ -77,7 +77,7 @@ struct ControlRequest {
         const JsonCondition custom{"profile", commandWord(Profile::custom)};
         return std::tuple{
             jsonField("command", &R::command, jsonWordsOf<ControlCommand>()),
-            jsonField("profile", &R::profile, JsonNeeded<1>{profile}, kProfileWords),
+            jsonField("profile", &R::profile, JsonNeeded<1>{{profile}}, kProfileWords),
             jsonField("curve", &R::curve, JsonNeeded<2>{{profile, custom}}),
             jsonField("duration", &R::duration, kDuration, JsonNote{"seconds"}),
             jsonField("label", &R::label, kLabel, JsonNote{"what the monitor calls the mode"}),

@@ -15,7 +15,8 @@ struct FanTarget {
     bool operator==(const FanTarget&) const = default;
 
     static constexpr auto jsonFields() {
-        return std::tuple{jsonField("id", &FanTarget::id), jsonField("rpm", &FanTarget::rpm)};
+        return std::tuple{jsonField("id", &FanTarget::id, JsonNote{"fan index from 0"}),
+                          jsonField("rpm", &FanTarget::rpm, JsonNote{"revolutions per minute"})};
     }
 };
 

@@ -37,8 +37,10 @@ struct HardwareSensorReading {
 
     static constexpr auto jsonFields() {
         using R = HardwareSensorReading;
-        return std::tuple{jsonField("key", &R::key), jsonField("label", &R::label),
-                          jsonField("kind", &R::kind), jsonField("value", &R::value)};
+        return std::tuple{
+            jsonField("key", &R::key), jsonField("label", &R::label), jsonField("kind", &R::kind),
+            jsonField("value", &R::value,
+                      JsonNote{"in rpm, degrees Celsius, watts, volts or amperes, by the kind"})};
     }
 };
 

@@ -46,10 +46,14 @@ struct FanReading {
 
     static constexpr auto jsonFields() {
         using R = FanReading;
-        return std::tuple{
-            jsonField("id", &R::id),           jsonField("rpm", &R::rpm),
-            jsonField("minimum", &R::minimum), jsonField("maximum", &R::maximum),
-            jsonField("manual", &R::manual),   jsonField("controllable", &R::controllable)};
+        constexpr JsonNote speed{"revolutions per minute"};
+        return std::tuple{jsonField("id", &R::id, JsonNote{"fan index from 0"}),
+                          jsonField("rpm", &R::rpm, speed),
+                          jsonField("minimum", &R::minimum, speed),
+                          jsonField("maximum", &R::maximum, speed),
+                          jsonField("manual", &R::manual,
+                                    JsonNote{"false: system automatic; absent: it cannot be told"}),
+                          jsonField("controllable", &R::controllable)};
     }
 };
 
@@ -101,22 +105,26 @@ struct Snapshot {
 
     static constexpr auto jsonFields() {
         using R = Snapshot;
-        return std::tuple{jsonField("date", &R::date),
-                          jsonField("cpuUsage", &R::cpuUsage),
-                          jsonField("sensors", &R::sensors),
-                          jsonField("fans", &R::fans),
-                          jsonField("speedLimit", &R::speedLimit),
-                          jsonField("schedulerLimit", &R::schedulerLimit),
-                          jsonField("availableCPUs", &R::availableCPUs),
-                          jsonField("totalCPUs", &R::totalCPUs),
-                          jsonField("thermalState", &R::thermalState),
-                          jsonField("thermalWarning", &R::thermalWarning),
-                          jsonField("turbo", &R::turbo),
-                          jsonField("acPower", &R::acPower),
-                          jsonField("lowPower", &R::lowPower),
-                          jsonField("smcAvailable", &R::smcAvailable),
-                          jsonField("memoryPressure", &R::memoryPressure),
-                          jsonField("additionalSensors", &R::additionalSensors)};
+        constexpr JsonNote limit{"percent, 100 means unlimited"};
+        return std::tuple{
+            jsonField("date", &R::date),
+            jsonField("cpuUsage", &R::cpuUsage, JsonNote{"percent"}),
+            jsonField("sensors", &R::sensors),
+            jsonField("fans", &R::fans),
+            jsonField("speedLimit", &R::speedLimit, limit),
+            jsonField("schedulerLimit", &R::schedulerLimit, limit),
+            jsonField("availableCPUs", &R::availableCPUs),
+            jsonField("totalCPUs", &R::totalCPUs),
+            jsonField("thermalState", &R::thermalState,
+                      JsonNote{"0 nominal, 1 fair, 2 serious, 3 critical, else unknown"}),
+            jsonField("thermalWarning", &R::thermalWarning),
+            jsonField("turbo", &R::turbo),
+            jsonField("acPower", &R::acPower),
+            jsonField("lowPower", &R::lowPower),
+            jsonField("smcAvailable", &R::smcAvailable),
+            jsonField("memoryPressure", &R::memoryPressure,
+                      JsonNote{"1 normal, 2 warning, 4 critical"}),
+            jsonField("additionalSensors", &R::additionalSensors)};
     }
 };
 
