@@ -162,6 +162,12 @@ void FaultWorld::fillEnvironment(bool appleSilicon) {
     // Looks at stops less often than the helper does, so that a case is not mostly such looks.
     environment.timings.watchdogPoll = 0.5;
     environment.timings.leasePoll = 0.5;
+    environment.log = [this](const LogLine& line) {
+        const OutsideProduct outside;
+        if (onLog && !ended_) {
+            onLog(line.text());
+        }
+    };
     environment.endProcess = [this](int status) { endOfProcess(status); };
     environment.appleSilicon = appleSilicon;
     environment.makeGuardian = [this] { return std::make_unique<Guardian>(*this); };

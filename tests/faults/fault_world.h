@@ -126,6 +126,7 @@ public:
     std::function<void()> afterControllerCall;
     std::function<void(bool held)> toGuardian;              // what the guardian is told
     std::function<void(const std::string& line)> onOutput;  // a whole line was written
+    std::function<void(const std::string& line)> onLog;     // the same to the system's log
     std::function<void()> atEnd;  // at the very end of the helper's process
 
     // ---- What the code under test did ------------------------------------------------------

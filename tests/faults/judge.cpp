@@ -89,6 +89,7 @@ Judge::Judge(FaultWorld& world, const MachineKind& machine, const Flow& flow,
     world.afterControllerCall = [this] { seeMachine(); };
     world.toGuardian = [this](bool held) { hearGuardian(held); };
     world.onOutput = [this](const std::string& line) { hearOutput(line); };
+    world.onLog = [this](const std::string& line) { hearLog(line); };
     world.atEnd = [this] { checkEnd(); };
 }
 
@@ -224,6 +225,7 @@ void Judge::seeWrites(const std::vector<FanWrite>& writes) {
 
 void Judge::seeTaking(const FanWrite& write) {
     complainIf(!world_.guarded, "a fan taken, and the guardian does not know");
+    complainIf(!logged_ && !mayBeDeceived(), "a fan taken, and the log does not know");
     complainIf(!isFit() && !wasAskedToReturn() && isCalm(), "a fan taken that had to be refused");
     const std::size_t window = kCallsPerFan * static_cast<std::size_t>(fanCount_) + kCallsOfTaking +
                                (write.isMode ? 0 : kCallsOfReadBack);
@@ -270,6 +272,16 @@ void Judge::seeMachine() {
 void Judge::hearGuardian(bool held) {
     complainIf(!held && !fansLeft().empty() && !mayBeDeceived() && !late_,
                "the guardian told that fans are returned that are not");
+}
+
+void Judge::hearLog(const std::string& line) {
+    const bool begins = contains(line, "风扇控制开始");
+    if (begins || contains(line, "风扇控制结束")) {
+        complainIf(logged_ == begins, "the log's leases do not begin and end in turn");
+        logged_ = begins;
+    }
+    complainIf(contains(line, "风扇已恢复") && !fansLeft().empty() && !mayBeDeceived() && !late_,
+               "the log told that fans are returned that are not");
 }
 
 std::vector<int> Judge::fansLeft() {
@@ -402,6 +414,7 @@ void Judge::checkEnd() {
 
 void Judge::checkFansLeft() {
     const std::string text = world_.told();
+    complainIf(logged_ && !contains(text, kUnreturned), "a lease ended, and the log does not know");
     const std::vector<int> left = fansLeft();
     isLeft = !left.empty();
     const bool cutOff = world_.muffled || !world_.undelivered.empty();

@@ -40,6 +40,7 @@ private:
     void seeMachine();
     void hearGuardian(bool held);
     void hearOutput(const std::string& line);
+    void hearLog(const std::string& line);
     void hearReply(const ControlReply& reply, Ask ask);
     void checkForeseen(const ControlReply& reply, Ask ask);
     void checkControlTold(const ControlReply& reply);
@@ -83,7 +84,7 @@ private:
     std::vector<double> modesBefore_;
     double driver_;  // 1 when it should be loaded
     int descriptors_;
-    bool held_ = false, wasHeld_ = false;
+    bool held_ = false, wasHeld_ = false, logged_ = false;  // logged_: a lease that runs
     double heldSince_ = 0, heldUntil_ = 0;
     Fans taken_, returnedOfOthers_;
     std::size_t answered_ = 0;
