@@ -33,6 +33,14 @@ void fv_smc_close(uint32_t connection); /* 0 is ignored */
 /* key: exactly four characters. -1 bad argument or wrong reply size, -2 key size outside 1..32. */
 int fv_smc_read(uint32_t connection, const char* key, FVValue* value);
 
+/* What the controller tells of a key without its value: bytes, of which there may be more than 32,
+ * type, and its attribute bits (0x80 readable, 0x40 writable). Codes as for fv_smc_read, but -2. */
+typedef struct {
+    uint32_t data_size, data_type;
+    uint8_t attributes;
+} FVKeyInformation;
+int fv_smc_describe(uint32_t connection, const char* key, FVKeyInformation* information);
+
 /* Writes only fan mode and target keys and the forced-fan mask; any other key is refused with -3
  * before the controller is called. The value's type is not sent. Unconfirmed: read it back. */
 int fv_smc_write(uint32_t connection, const char* key, const FVValue* value);

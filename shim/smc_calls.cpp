@@ -132,25 +132,38 @@ void fv_smc_close(uint32_t connection) {
     }
 }
 
+int fv_smc_describe(uint32_t connection, const char* key, FVKeyInformation* information) {
+    if (connection == 0 || !isKey(key) || information == nullptr) {
+        return kBadArgumentOrReply;
+    }
+    SMCBlock block{};
+    block.key = packedKey(key);
+    const int code = exchange(connection, Command::keyInformation, block);
+    *information = {};
+    if (code == 0) {
+        *information = {block.dataSize, block.dataType, block.attributes};
+    }
+    return code;
+}
+
 int fv_smc_read(uint32_t connection, const char* key, FVValue* value) {
     if (connection == 0 || !isKey(key) || value == nullptr) {
         return kBadArgumentOrReply;
     }
     *value = {};
-    SMCBlock information{};
-    information.key = packedKey(key);
-    if (const int code = exchange(connection, Command::keyInformation, information); code != 0) {
+    FVKeyInformation information{};
+    if (const int code = fv_smc_describe(connection, key, &information); code != 0) {
         return code;
     }
-    if (!isUsableSize(information.dataSize)) {
+    if (!isUsableSize(information.data_size)) {
         return kUnusableSize;
     }
-    value->data_size = information.dataSize;
-    value->data_type = information.dataType;
+    value->data_size = information.data_size;
+    value->data_type = information.data_type;
 
     SMCBlock content{};
     content.key = packedKey(key);
-    content.dataSize = information.dataSize;
+    content.dataSize = information.data_size;
     if (const int code = exchange(connection, Command::readKey, content); code != 0) {
         return code;
     }

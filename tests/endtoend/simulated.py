@@ -54,12 +54,12 @@ def eventually(condition, seconds=WAIT_SECONDS):
 
 
 class Mac:
-    def __init__(self, model, *settings):
+    def __init__(self, model, *settings, made_from="--model"):
         self._folder = tempfile.TemporaryDirectory(prefix="ferovane-test-")
         os.chmod(self._folder.name, 0o755)
         self.path = os.path.join(self._folder.name, "mac")
         self.model = model
-        self.tool("create", self.path, "--model", model, *settings)
+        self.tool("create", self.path, made_from, model, *settings)
 
     def __enter__(self):
         return self
