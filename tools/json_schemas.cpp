@@ -152,8 +152,10 @@ void say(Member& member, const JsonRangeBy<E>& rule) {
     }
 }
 
-// These two are said at other times.
+// These are said at other times.
 void say(Member&, const JsonNote&) {}
+template <std::size_t N>
+void say(Member&, const JsonExamples<N>&) {}
 template <std::size_t N>
 void say(Member&, const JsonNeeded<N>&) {}
 
@@ -162,6 +164,10 @@ template <class Rule>
 void sayNote(Member&, const Rule&) {}
 void sayNote(Member& member, const JsonNote& note) {
     member.value["description"] = member.unruled["description"] = note.text;
+}
+template <std::size_t N>
+void sayNote(Member& member, const JsonExamples<N>& known) {
+    member.value["examples"] = member.unruled["examples"] = known.list.words;
 }
 
 // After the rules that then hold.
@@ -190,6 +196,17 @@ std::type_identity<T> unwrapped(std::optional<T>*);
 template <class T>
 std::type_identity<T> unwrapped(T*);
 
+void allowNull(Json& schema) {
+    Json& types = schema["type"];
+    if (!types.is_array()) {
+        types = Json::array({types});
+    }
+    types.push_back("null");
+    if (schema.contains("enum")) {
+        schema["enum"].push_back(nullptr);
+    }
+}
+
 template <class R>
 Json describeRecord(const Form& form) {
     Json properties = Json::object(), required = Json::array(), conditions = Json::array();
@@ -210,10 +227,7 @@ Json describeRecord(const Form& form) {
         if (std::is_same_v<Held, M>) {
             required.push_back(member.name);
         } else if (form.nullable) {
-            member.value["type"] = {member.value["type"], "null"};
-            if (member.value.contains("enum")) {
-                member.value["enum"].push_back(nullptr);
-            }
+            allowNull(member.value);
         }
         properties[member.name] = member.value;
     };
@@ -253,26 +267,32 @@ Json describeParts(std::map<E, T>*, const Form& form) {
 }
 
 // The kinds of value that a scalar's own reader takes for what it wants.
+template <class Integer>
+void addLimits(Json& schema) {
+    schema["minimum"] = std::numeric_limits<Integer>::min();
+    schema["maximum"] = std::numeric_limits<Integer>::max();
+}
+
 template <class T>
 Json describeScalar(const Form& form) {
     const auto takes = [&](const JsonScalar& scalar) {
         T value{};
         return JsonForm<T>::type.read(&value, scalar, form.dates) != JsonProblem::wrongType;
     };
+    const bool whole = takes(std::int64_t{1}) && !takes(0.5);
     Json types = Json::array();
     if (takes(true)) {
         types.push_back("boolean");
     }
     if (takes(std::int64_t{1})) {
-        types.push_back(takes(0.5) ? "number" : "integer");
+        types.push_back(whole ? "integer" : "number");
     }
     if (takes(std::string_view())) {
         types.push_back("string");
     }
     Json schema{{"type", types.size() == 1 ? types.front() : types}};
     if constexpr (JsonInteger<T>) {
-        schema["minimum"] = std::numeric_limits<T>::min();
-        schema["maximum"] = std::numeric_limits<T>::max();
+        addLimits<T>(schema);
     } else if constexpr (RawEnumeration<T>) {
         schema["enum"] = rawValues<T>();
     } else if constexpr (std::is_same_v<T, Uuid>) {
@@ -280,6 +300,8 @@ Json describeScalar(const Form& form) {
     } else if constexpr (std::is_same_v<T, Date>) {
         const bool text = form.dates == JsonDates::iso8601;
         schema[text ? "pattern" : "description"] = text ? kIso8601Pattern : kSecondsNote;
+    } else if (whole) {
+        addLimits<std::int64_t>(schema);
     }
     return schema;
 }

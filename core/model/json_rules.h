@@ -58,6 +58,12 @@ constexpr auto jsonWordsOf() {
     return list;
 }
 
+// Texts that are known today; the member may hold others tomorrow.
+template <std::size_t N>
+struct JsonExamples {
+    JsonWords<N> list;
+};
+
 // A text of at most so many bytes in UTF-8.
 struct JsonBytes {
     std::size_t most;

@@ -89,6 +89,8 @@ def broken(dice, message, odd):
 @needs_root
 class SchemaTest(unittest.TestCase):
     def setUp(self):
+        for schema in SCHEMAS.values():
+            schema.check_schema(schema.schema)
         self.dice = random.Random(SEED)
         self.counts = collections.Counter()
         self.judge = subprocess.Popen([BIN / "message-judge"], stdin=subprocess.PIPE,
