@@ -14,7 +14,7 @@ import unittest
 import uuid
 
 from simulated import (BIN, CONFIRMED, CURVE, HELPER, OWNER_UID, Mac, Owner, ProcessFigures,
-                       children_of, end, eventually, lease, needs_root,
+                       children_of, end, eventually, finish, lease, needs_root,
                        processes_attached, processes_with, session_on, uses_sanitizer, wake_ups)
 
 KILLS = int(os.environ.get("FEROVANE_KILLS", "24"))
@@ -27,6 +27,7 @@ GIVES_UP_SECONDS = 60  # it tries for some 25
 PRIVATE_KIB = 600
 RETURNED = "辅助进程意外结束，风扇已恢复系统自动"
 NOT_RETURNED = "辅助进程意外结束，恢复自动风扇失败；请重新启动电脑以恢复系统自动。"
+LOST = "风扇守护进程意外结束且无法重新启动，已停止风扇控制"
 MACHINES = {"MacBookPro11,4": 30, "MacBookPro16,1": 30, "iMac18,3": 30, "MacPro7,1": 30,
             "M1Pro": 60, "M4Max": 70}
 KINDS = ("cooling", "profile", "serve")
@@ -142,6 +143,19 @@ class GuardianTest(unittest.TestCase):
         print(f"{KILLS} helpers and {sum(killed)} guardians killed; fans held for "
               f"{statistics.median(took):.2f} s, at most {max(took):.2f} s")
         self.assertEqual([text for text in wrong if text], [])
+
+    def test_without_a_guardian_the_lease_ends_and_says_so(self):
+        with Owner() as owner:
+            for kind in KINDS:
+                with self.subTest(kind):
+                    case = Case("MacBookPro16,1", kind, owner)
+                    self.assertTrue(eventually(case.mac.held))
+                    os.unlink(case.file)
+                    case.kill_guardian()
+                    self.assertTrue(eventually(case.mac.automatic, LEASE_ENDS_SECONDS))
+                    if kind != "serve":
+                        self.assertEqual(finish(case.helper)[::2], (1, LOST + "\n"))
+                    case.close()
 
     def test_a_guardian_that_starts_when_the_helper_is_killed_hands_back(self):
         with Owner() as owner:

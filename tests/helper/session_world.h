@@ -17,6 +17,7 @@
 #include "core/model/scope_error.h"
 #include "helper/control_session.h"
 #include "tests/helper/helper_world.h"
+#include "tests/support/pipe.h"
 
 namespace ferovane::testing {
 
@@ -28,25 +29,6 @@ inline bool eventually(const std::function<bool()>& holds) {
     }
     return holds();
 }
-
-struct Pipe {
-    Pipe() {
-        if (::pipe(ends) != 0) {
-            throw std::runtime_error("no pipe");
-        }
-    }
-    ~Pipe() {
-        closeEnd(0);
-        closeEnd(1);
-    }
-    void closeEnd(int end) {
-        if (ends[end] >= 0) {
-            ::close(ends[end]);
-            ends[end] = -1;
-        }
-    }
-    int ends[2] = {-1, -1};  // reading, writing
-};
 
 // Fills a pipe to its last byte: the next write to it blocks, however short.
 inline void fillPipe(int writingEnd) {

@@ -8,6 +8,8 @@
 
 #include <functional>
 
+#include "tests/support/pipe.h"
+
 namespace tests {
 
 // Runs body in a forked child and ends that with what it returns. Killed and reaped at the latest
@@ -55,22 +57,6 @@ inline int exitStatusOf(const std::function<int()>& body) {
     return ChildProcess(body).exitStatus();
 }
 
-// A pipe between this process and its children.
-struct Pipe {
-    Pipe() { (void)!pipe(ends); }
-    Pipe(const Pipe&) = delete;
-    Pipe& operator=(const Pipe&) = delete;
-    ~Pipe() {
-        close(ends[0]);
-        close(ends[1]);
-    }
-    void tell() const { (void)!write(ends[1], "!", 1); }
-    void await() const {
-        char mark = 0;
-        (void)!read(ends[0], &mark, 1);
-    }
-
-    int ends[2] = {-1, -1};  // to read, to write
-};
+using ferovane::testing::Pipe;
 
 }  // namespace tests

@@ -92,7 +92,7 @@ TEST(SpawnToolTest, DoesNothingUntilToldAndEndsWithAParentThatIsKilled) {
         return waitpid(parent, nullptr, 0) == parent ? 0 : 1;
     });
     EXPECT_EQ(status, 0);
-    close(output.ends[1]);
+    output.closeEnd(1);
     char text[8] = {};
     EXPECT_EQ(read(output.ends[0], text, sizeof text), 0) << "the tool ran, or still stands";
 }

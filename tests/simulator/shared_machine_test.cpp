@@ -1,17 +1,18 @@
 // One machine directory, several processes, some of which are killed.
 #include <gtest/gtest.h>
 #include <sys/resource.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <csignal>
 #include <cstdlib>
 #include <fstream>
+#include <functional>
 #include <thread>
 
 #include "simulator/machine/machine.h"
 #include "simulator/machine/simulated_mac.h"
+#include "tests/shim/child_process.h"
 #include "tests/simulator/machine_fixture.h"
 
 namespace {
@@ -32,19 +33,16 @@ protected:
     }
 
     // A process that writes until it is killed.
-    pid_t forkWriter() {
-        const pid_t child = ::fork();
-        if (child == 0) {
-            SimulatedMac own = openMachineDirectory(directory);
-            const auto attached = own.attach();
-            const Connection smc;
-            for (int write = 0;; ++write) {
-                smc.write("F0Md", write % 2);
-                smc.write("F0Tg", 3000 + write % 1000);
-            }
+    std::function<int()> writer = [this] {
+        SimulatedMac own = openMachineDirectory(directory);
+        const auto attached = own.attach();
+        const Connection smc;
+        for (int write = 0;; ++write) {
+            smc.write("F0Md", write % 2);
+            smc.write("F0Tg", 3000 + write % 1000);
         }
-        return child;
-    }
+        return 0;
+    };
 
     ScratchDirectory scratch;
     std::string directory = scratch.path("mac");
@@ -57,14 +55,14 @@ TEST_F(SharedMachineTest, WritersThatAreKilledNeitherLockNorDamageItAndNoLineIsL
     std::srand(1);
     for (int round = 0; round < 40; ++round) {
         const auto before = mac.calls().writes;
-        const pid_t writers[] = {forkWriter(), forkWriter()};
+        tests::ChildProcess writers[] = {tests::ChildProcess(writer), tests::ChildProcess(writer)};
         while (mac.calls().writes == before) {
             std::this_thread::yield();
         }
-        for (const pid_t writer : writers) {
+        for (tests::ChildProcess& child : writers) {
             std::this_thread::sleep_for(std::chrono::microseconds(std::rand() % 1000));
-            ::kill(writer, SIGKILL);
-            ASSERT_EQ(::waitpid(writer, nullptr, 0), writer);
+            ::kill(child.pid(), SIGKILL);
+            ASSERT_EQ(child.exitStatus(), -SIGKILL);
         }
         mac.otherWrites("F1Tg", 2000 + round);  // hangs if the lock was lost
         EXPECT_EQ(mac.fanTarget(1), 2000 + round);
@@ -78,15 +76,15 @@ TEST_F(SharedMachineTest, WritersThatAreKilledNeitherLockNorDamageItAndNoLineIsL
 }
 
 TEST_F(SharedMachineTest, AKeyTableThatWasBeingSortedIsSortedAgain) {
-    const pid_t child = ::fork();
-    if (child == 0) {  // dies with the lock held
-        mac.machine().locked([](World& world) {
-            world.state().keysBusy = 1;
-            std::reverse(world.index(), world.index() + world.state().keyCount);
-            ::_exit(0);
-        });
-    }
-    ASSERT_EQ(::waitpid(child, nullptr, 0), child);
+    ASSERT_EQ(tests::exitStatusOf([this] {  // dies with the lock held
+                  mac.machine().locked([](World& world) {
+                      world.state().keysBusy = 1;
+                      std::reverse(world.index(), world.index() + world.state().keyCount);
+                      ::_exit(7);
+                  });
+                  return 0;
+              }),
+              7);
     EXPECT_EQ(mac.number("F1Mx"), 4905);
 }
 
@@ -118,17 +116,16 @@ TEST_F(SharedMachineTest, WhatIsNoWholeMachineIsRefused) {
 
 // A full disk, played by a limit on file sizes; in a process of its own, for it is not undone.
 TEST_F(SharedMachineTest, AJournalOnAFullDiskLosesWholeLinesAndTheMachineGoesOn) {
-    const pid_t child = ::fork();
-    if (child == 0) {
-        std::signal(SIGXFSZ, SIG_IGN);
-        const rlimit small = {200, 200};
-        ::setrlimit(RLIMIT_FSIZE, &small);
-        for (int load = 1; load <= 20; ++load) {
-            mac.set(Property::kLoad, load);
-        }
-        ::_exit(0);
-    }
-    ASSERT_EQ(::waitpid(child, nullptr, 0), child);
+    ASSERT_EQ(tests::exitStatusOf([this] {
+                  std::signal(SIGXFSZ, SIG_IGN);
+                  const rlimit small = {200, 200};
+                  ::setrlimit(RLIMIT_FSIZE, &small);
+                  for (int load = 1; load <= 20; ++load) {
+                      mac.set(Property::kLoad, load);
+                  }
+                  return 0;
+              }),
+              0);
     EXPECT_EQ(mac.value(Property::kLoad), 20);
     mac.set(Property::kLoad, 50);
     const auto journal = mac.journal();
