@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Start-up time and memory of whole helper processes, beside an empty C++ program.
 
-    python3 bench/process_bench.py [--bin build/release/bin] [--repeat 21]
+    [FEROVANE_BIN=build/release/bin] python3 bench/process_bench.py [--repeat 21]
 
 The floor is an empty dynamic C++ program that is compiled here; floor and helper take turns, so that
 both meet the same machine, and all of it is pinned to one processor. The helper runs on a simulated
@@ -10,17 +10,23 @@ Mac, whose own work (opening its state, ageing it) counts as the helper's.
 
 import argparse
 import os
+import pathlib
 import platform
 import statistics
 import struct
 import subprocess
+import sys
 import tempfile
-import time
+
+ROOT = pathlib.Path(__file__).resolve().parent.parent
+sys.path.insert(0, str(ROOT / "tests/endtoend"))
+os.environ.setdefault("FEROVANE_BIN", str(ROOT / "build/release/bin"))
+
+from simulated import HELPER, Mac  # noqa: E402
 
 PROCESSOR = 1
 PROBE_PAUSE_MS = 250.0  # between the two samples of `probe`
 MODEL = "MacBookPro16,1"
-MACHINE_VARIABLE = "FEROVANE_SIMULATED_MAC"
 
 # The helper sleeps for the first time right after its first write, to read it back. Preloaded, this
 # notes the moment of that first sleep in an inherited file.
@@ -147,25 +153,18 @@ def row(name, values, floor, goal):
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    parser.add_argument("--bin", default="build/release/bin")
     parser.add_argument("--repeat", type=int, default=21)
     options = parser.parse_args()
     scheduling = take_processor()
-    helper = os.path.abspath(os.path.join(options.bin, "FerovaneHelper"))
-    simulator = os.path.abspath(os.path.join(options.bin, "simulated-mac"))
-
+    helper = str(HELPER)
     times = {name: [] for name in ("empty", "probe", "bare probe", "auto")}
     memory = {name: [] for name in times}
-    with tempfile.TemporaryDirectory() as directory:
+    with tempfile.TemporaryDirectory() as directory, Mac(MODEL) as mac:
         empty = compile_text(directory, "empty.cpp", "#include <string>\n#include <iostream>\n"
                              "int main() { std::cout << std::string(); }\n")
         sleeps = compile_text(directory, "sleeps.c", FIRST_SLEEP, "-shared", "-fPIC", "-ldl")
         launcher = compile_text(directory, "launcher.c", LAUNCHER)
-        mac = os.path.join(directory, "mac")
-        subprocess.run([simulator, "create", mac, "--model", MODEL], check=True,
-                       stdout=subprocess.DEVNULL)
-        attached = {**os.environ, MACHINE_VARIABLE: mac}
-        bare = {k: v for k, v in os.environ.items() if k != MACHINE_VARIABLE}
+        attached, bare = mac.environment(), dict(os.environ)
         for _ in range(options.repeat):
             for name, command, environment in (("empty", [empty], bare),
                                                ("probe", [helper, "probe"], attached),

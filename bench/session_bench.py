@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """What a session costs and how soon its end is over, beside a C echo and a Python server.
 
-    python3 bench/session_bench.py [--bin build/release/bin] [--requests 100000]
+    [FEROVANE_BIN=build/release/bin] python3 bench/session_bench.py [--requests 100000]
 
 The client is a C program compiled here, pinned to one processor together with each server in turn:
 unpinned, waking the other processor would hide everything. The C server answers every line with the
@@ -9,11 +9,9 @@ bytes of the helper's own reply and looks at nothing.
 """
 
 import argparse
-import json
 import os
 import platform
 import random
-import re
 import shutil
 import statistics
 import subprocess
@@ -21,7 +19,8 @@ import sys
 import tempfile
 import time
 
-from process_bench import MACHINE_VARIABLE, MODEL, compile_text, take_processor
+from process_bench import MODEL, compile_text, take_processor
+from simulated import HELPER, Mac, Owner, number_of, wake_ups
 
 REQUEST = b'{"command":"status"}\n'
 ROUNDS = 5
@@ -142,20 +141,9 @@ class Server:
                               check=True, pass_fds=pipes, stdout=subprocess.PIPE).stdout
         return [int(line) / 1000 for line in told.split()]
 
-    def status(self, field):
-        with open(f"/proc/{self.process.pid}/status", encoding="ascii") as file:
-            return int(re.search(rf"^{field}:\s*(\d+)", file.read(), re.M)[1])
-
-    def descriptors(self):
-        return len(os.listdir(f"/proc/{self.process.pid}/fd"))
-
-    def wake_ups(self):
-        """Voluntary switches of all threads so far."""
-        total = 0
-        for thread in os.listdir(f"/proc/{self.process.pid}/task"):
-            with open(f"/proc/{self.process.pid}/task/{thread}/status", encoding="ascii") as file:
-                total += int(re.search(r"^voluntary_ctxt_switches:\s*(\d+)", file.read(), re.M)[1])
-        return total
+    def resident_and_descriptors(self):
+        folder = f"/proc/{self.process.pid}"
+        return number_of(f"{folder}/status", "VmRSS"), len(os.listdir(f"{folder}/fd"))
 
     def processor_seconds(self):
         total = 0
@@ -213,80 +201,65 @@ def system_calls(start_helper):
 
 def idle(name, server):
     time.sleep(0.5)
-    wakes, seconds, start = server.wake_ups(), server.processor_seconds(), time.monotonic()
+    pid = server.process.pid
+    wakes, seconds, start = wake_ups(pid), server.processor_seconds(), time.monotonic()
     time.sleep(IDLE_SECONDS)
     passed = time.monotonic() - start
-    print(f"{name:<30}{(server.wake_ups() - wakes) / passed:10.2f}"
+    resident, descriptors = server.resident_and_descriptors()
+    print(f"{name:<30}{(wake_ups(pid) - wakes) / passed:10.2f}"
           f"{(server.processor_seconds() - seconds) / passed * 1e6:12.0f}"
-          f"{server.status('VmRSS'):10}{server.descriptors():8}")
+          f"{resident:10}{descriptors:8}")
 
 
-def held(show):
-    state = json.loads(subprocess.run(show, check=True, stdout=subprocess.PIPE).stdout)
-    return any(fan["manual"] for fan in state["fans"])
-
-
-def milliseconds_until_automatic(start_helper, show, end):
+def milliseconds_until_automatic(start_helper, mac, end):
     """From the cause to fans that are automatic, once; the look itself takes a few milliseconds."""
-    owner = subprocess.Popen(["sleep", "600"])
-    session = start_helper(owner.pid)
-    session.ask(b'{"command":"profile","profile":"performance"}\n')
-    if not held(show):
-        raise SystemExit("the profile holds no fan")
-    time.sleep(random.uniform(0.5, 1.0))  # any moment between two looks of the watchdog
-    start = time.monotonic()
-    end(session, owner)
-    while held(show):
-        pass
-    taken = time.monotonic() - start
-    session.process.wait(20)
-    session.process.stdin.close()
-    session.process.stdout.close()
-    owner.kill()
-    owner.wait()
+    with Owner(uid=os.getuid()) as owner:
+        session = start_helper(owner.process.pid)
+        session.ask(b'{"command":"profile","profile":"performance"}\n')
+        if mac.automatic():
+            raise SystemExit("the profile holds no fan")
+        time.sleep(random.uniform(0.5, 1.0))  # any moment between two looks of the watchdog
+        start = time.monotonic()
+        end(session, owner)
+        while not mac.automatic():
+            pass
+        taken = time.monotonic() - start
+        session.process.wait(20)
+        session.process.stdin.close()
+        session.process.stdout.close()
     return taken * 1000
 
 
-def stopping(start_helper, show):
-    def owner_dies(_, owner):
-        owner.kill()
-        owner.wait()  # until then it is a zombie, which counts as ended as well
-
+def stopping(start_helper, mac):
     causes = {"SIGTERM to automatic": lambda session, _: session.process.terminate(),
-              "owner's death to automatic": owner_dies}
+              "owner's death to automatic": lambda _, owner: owner.kill()}
     print(f"\n{'milliseconds':<30}{'median':>8}{'least':>8}{'most':>8}")
     for name, end in causes.items():
-        taken = [milliseconds_until_automatic(start_helper, show, end) for _ in range(STOPS)]
+        taken = [milliseconds_until_automatic(start_helper, mac, end) for _ in range(STOPS)]
         print(f"{name:<30}{statistics.median(taken):8.0f}{min(taken):8.0f}{max(taken):8.0f}")
     looks = []
     for _ in range(STOPS):
         start = time.monotonic()
-        held(show)
+        mac.automatic()
         looks.append((time.monotonic() - start) * 1000)
     print(f"{'one look at the fans':<30}{statistics.median(looks):8.0f}")
 
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    parser.add_argument("--bin", default="build/release/bin")
     parser.add_argument("--requests", type=int, default=100000, help="of the long session")
     options = parser.parse_args()
-    helper = os.path.abspath(os.path.join(options.bin, "FerovaneHelper"))
-    simulator = os.path.abspath(os.path.join(options.bin, "simulated-mac"))
+    helper = str(HELPER)
     print(f"{platform.machine()}, {os.cpu_count()} processors, load {os.getloadavg()[0]:.1f}, "
           f"{take_processor()}, {helper}, {MODEL}\n")
-    with tempfile.TemporaryDirectory() as directory:
+    with tempfile.TemporaryDirectory() as directory, Mac(MODEL) as mac:
         echo = compile_text(directory, "echo.c", ECHO)
         client = compile_text(directory, "client.c", CLIENT)
         threads = compile_text(directory, "threads.cpp", TWO_THREADS, "-pthread")
         poll = compile_text(directory, "poll.cpp", BARE_POLL)
-        mac = os.path.join(directory, "mac")
-        subprocess.run([simulator, "create", mac, "--model", MODEL], check=True,
-                       stdout=subprocess.DEVNULL)
-        environment = {**os.environ, MACHINE_VARIABLE: mac}
-
         def start_helper(before=(), owner=os.getpid()):
-            return Server([*before, helper, "serve", str(owner), str(os.getuid())], environment)
+            return Server([*before, helper, "serve", str(owner), str(os.getuid())],
+                          mac.environment())
 
         session = start_helper()
         reply = session.ask().decode().strip()
@@ -303,9 +276,9 @@ def main():
         session = start_helper()
         session.ask_often(client, 1000)
         time.sleep(1)  # until every thread has done all that it ever does
-        before = session.status("VmRSS"), session.descriptors()
+        before = session.resident_and_descriptors()
         session.ask_often(client, options.requests - 1000)
-        after = session.status("VmRSS"), session.descriptors()
+        after = session.resident_and_descriptors()
         print(f"\nresident KiB and descriptors after 1 000 requests {before}, "
               f"after {options.requests} {after}")
         session.end()
@@ -322,7 +295,7 @@ def main():
             idle(name, server)
             server.end()
 
-        stopping(lambda owner: start_helper(owner=owner), [simulator, "show", mac, "--json"])
+        stopping(lambda owner: start_helper(owner=owner), mac)
 
 
 if __name__ == "__main__":

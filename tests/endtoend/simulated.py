@@ -124,9 +124,9 @@ class Mac:
 class Owner:
     """The process on whose behalf the helper acts; a user's, not root's."""
 
-    def __init__(self, seconds=600):
-        self.process = subprocess.Popen(["sleep", str(seconds)], user=OWNER_UID)
-        self.words = (self.process.pid, OWNER_UID)
+    def __init__(self, seconds=600, uid=OWNER_UID):
+        self.process = subprocess.Popen(["sleep", str(seconds)], user=uid)
+        self.words = (self.process.pid, uid)
 
     def kill(self):
         self.process.kill()
@@ -165,7 +165,8 @@ def finish(process, timeout=WAIT_SECONDS):
     return process.returncode, output, errors
 
 
-def _number(path, name):
+def number_of(path, name):
+    """The number that stands behind a name in a file of /proc."""
     with open(path, encoding="utf-8", errors="replace") as file:
         return int(re.search(rf"^{name}:\s*(\d+)", file.read(), re.M)[1])
 
@@ -175,9 +176,9 @@ class ProcessFigures:
 
     def __init__(self, pid):
         memory = f"/proc/{pid}/smaps_rollup"
-        self.private = _number(memory, "Private_Clean") + _number(memory, "Private_Dirty")
+        self.private = number_of(memory, "Private_Clean") + number_of(memory, "Private_Dirty")
         # What no file stands behind, shared with a guardian or not: all that a leak can add to.
-        self.anonymous = _number(memory, "Anonymous")
+        self.anonymous = number_of(memory, "Anonymous")
         self.descriptors = len(os.listdir(f"/proc/{pid}/fd"))
         self.threads = len(os.listdir(f"/proc/{pid}/task"))
         self.children = len(children_of(pid))
@@ -185,12 +186,12 @@ class ProcessFigures:
 
 def uses_sanitizer(pid):
     """Their shadow takes terabytes of addresses, and freed memory is kept back for long."""
-    return _number(f"/proc/{pid}/status", "VmSize") > 1 << 30
+    return number_of(f"/proc/{pid}/status", "VmSize") > 1 << 30
 
 
 def wake_ups(pid):
     """Times so far that a thread of the process waited and was woken."""
-    return sum(_number(f"/proc/{pid}/task/{thread}/status", "voluntary_ctxt_switches")
+    return sum(number_of(f"/proc/{pid}/task/{thread}/status", "voluntary_ctxt_switches")
                for thread in os.listdir(f"/proc/{pid}/task"))
 
 
