@@ -1,5 +1,5 @@
 // What other programs tell the power service about why the machine has to stay awake, however odd
-// their records are. This program answers the platform's call itself.
+// their records are.
 //
 // The input is a list of steps, one byte each: another process, another list, another member of a
 // record, with whatever the member needs behind it.
@@ -114,7 +114,8 @@ void furnish(fuzzing::Input& input) {
 
 }  // namespace
 
-extern "C" IOReturn IOPMCopyAssertionsByProcess(CFDictionaryRef* handedOut) {
+// In the place of the simulated Mac's answer.
+extern "C" IOReturn __wrap_IOPMCopyAssertionsByProcess(CFDictionaryRef* handedOut) {
     if (byProcess) {
         *handedOut = static_cast<CFDictionaryRef>(CFRetain(byProcess.get()));
     }
