@@ -78,14 +78,28 @@ private:
     }
 
     ControlReply reply(std::string_view line, bool& shutdown) {
+        std::optional<RequestId> id;
+        std::string command;
+        ControlReply answer;
         try {
             const auto request = decodeJson<ControlRequest>(line);
-            shutdown = request.command == "shutdown";  // the wish counts, whatever comes with it
+            id = request.id;
+            command = request.command;
+            shutdown = command == "shutdown";  // the wish counts, whatever comes with it
             request.validate();
-            return control_.handle(request);
+            answer = control_.handle(request);
         } catch (const std::exception& error) {
-            return {false, describe(error)};
+            answer.message = describe(error);
+            answer.code = rawValue(codeOf(error));
+            id = requestIdIn(line);
         }
+        if (!id) {
+            answer.code.reset();  // whoever gives no id is told nothing new
+        } else if (command == "status") {
+            answer.ended = control_.takeEnding();
+        }
+        answer.id = std::move(id);
+        return answer;
     }
 
     void leave(const std::exception* error) {

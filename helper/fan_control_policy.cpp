@@ -30,7 +30,8 @@ bool touchesFansOnly(const ControlRequest& request) {
 void validate(const ControlRequest& request, bool appleSilicon) {
     request.validate();
     if (appleSilicon && !touchesFansOnly(request)) {
-        throw ScopeError("Apple Silicon 当前仅支持独立风扇控制，不支持 Intel 睿频或电源设置控制");
+        throw ScopeError("Apple Silicon 当前仅支持独立风扇控制，不支持 Intel 睿频或电源设置控制",
+                         ResultCode::unsupported);
     }
 }
 

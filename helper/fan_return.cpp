@@ -11,7 +11,7 @@ void returnEveryFan(CoolingHardware& hardware) {
         ids.push_back(fan.id);
     }
     if (ids.empty()) {
-        throw ScopeError("没有可读取的风扇");
+        throw ScopeError("没有可读取的风扇", ResultCode::unreadable);
     }
     CoolingLease::restoreAuto(ids, hardware);
 }

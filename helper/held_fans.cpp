@@ -97,7 +97,7 @@ std::exception_ptr HeldFans::returnHeld() noexcept {
         return nullptr;
     } catch (const std::exception& failure) {
         try {
-            throw ScopeError(namingHeld(failure));
+            throw ScopeError(namingHeld(failure), ResultCode::notReturned);
         } catch (...) {
             return std::current_exception();
         }

@@ -9,12 +9,6 @@
 
 namespace ferovane {
 
-// Why a lease ended that did not fail.
-inline constexpr const char* kTimeOver = "控制时间已到";
-inline constexpr const char* kEndedByRequest = "已按请求结束控制";
-inline constexpr const char* kOwnerGone = "发起程序已退出，控制已结束";
-inline constexpr const char* kStopSignal = "辅助进程收到停止信号，控制已结束";
-
 // Stands between the fans that are held and the guardian, who learns everything that this learns.
 // One thread at a time.
 class LeaseLog : public FanGuardian {

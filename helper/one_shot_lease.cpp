@@ -1,6 +1,6 @@
 #include "helper/one_shot_lease.h"
 
-#include "helper/lease_log.h"
+#include "core/control/lease_ending.h"
 
 namespace ferovane {
 namespace {
@@ -35,10 +35,10 @@ bool EarlyEnd::operator()() const {
 }
 
 std::string_view EarlyEnd::reason() const {
-    return environment_.shouldStop()                          ? kStopSignal
-           : !environment_.ownerAlive(owner_.pid, owner_.uid) ? kOwnerGone
-           : environment_.fileExists(stopFile_)               ? kEndedByRequest
-                                                              : kTimeOver;
+    return textOf(environment_.shouldStop()                          ? LeaseEnd::stop
+                  : !environment_.ownerAlive(owner_.pid, owner_.uid) ? LeaseEnd::owner
+                  : environment_.fileExists(stopFile_)               ? LeaseEnd::request
+                                                                     : LeaseEnd::time);
 }
 
 }  // namespace ferovane

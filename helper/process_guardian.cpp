@@ -75,13 +75,13 @@ struct ProcessGuardian::Socket {
 ProcessGuardian::ProcessGuardian(std::function<std::string()> helperPath)
     : helperPath_(std::move(helperPath)) {
     if (!start()) {
-        throw ScopeError(kNoGuardian);
+        throw ScopeError(kNoGuardian, ResultCode::resources);
     }
     try {
         watcher_ = std::thread([this] { watch(); });
     } catch (const std::exception&) {
         release();
-        throw ScopeError(kNoGuardian);
+        throw ScopeError(kNoGuardian, ResultCode::resources);
     }
 }
 
@@ -126,7 +126,8 @@ void ProcessGuardian::replace(std::unique_lock<std::mutex>& lock) noexcept {
 void ProcessGuardian::fansHeld() {
     const std::lock_guard lock(mutex_);
     if (!charge({1, charge_.toolGroup})) {
-        throw ScopeError(charge_.fansHeld == 0 ? kNoGuardian : kGuardianLost);
+        throw ScopeError(charge_.fansHeld == 0 ? kNoGuardian : kGuardianLost,
+                         ResultCode::resources);
     }
 }
 
@@ -144,7 +145,7 @@ void ProcessGuardian::takeOver() noexcept {
 void ProcessGuardian::toolStarted(pid_t group) {
     const std::lock_guard lock(mutex_);
     if (charge_.toolGroup != 0 || !charge({charge_.fansHeld, group})) {
-        throw ScopeError(kUnguardedTool);
+        throw ScopeError(kUnguardedTool, ResultCode::resources);
     }
 }
 

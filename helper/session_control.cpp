@@ -19,8 +19,6 @@
 namespace ferovane {
 namespace {
 
-constexpr const char* kConfirmed = "控制已确认生效";
-constexpr const char* kSystemManaged = "风扇由系统管理";
 constexpr const char* kOldLeaseRuns = "等待风扇恢复自动超时，未开始下一操作";
 constexpr const char* kNotConfirmed = "控制确认超时，已请求恢复系统自动";
 constexpr const char* kSessionEnds = "会话正在结束，未开始新操作";
@@ -30,6 +28,9 @@ constexpr const char* kCustomLabel = "独立风扇策略";
 constexpr const char* kFanTestMode = "test-fans";
 constexpr const char* kFanTestLabel = "风扇测试";
 constexpr double kFanTestPercent = 100.0;
+
+// Two clocks of one machine, read one after the other, are never so far apart unless it slept.
+constexpr double kSleptSeconds = 1;
 
 // Tells the sampler, however a change of turbo has gone.
 class TurboNews {
@@ -49,6 +50,18 @@ std::string textOf(const std::exception_ptr& failure) {
     } catch (const std::exception& error) {
         return describe(error);
     }
+}
+
+ResultCode codeOf(const std::exception_ptr& failure) noexcept {
+    try {
+        std::rethrow_exception(failure);
+    } catch (const std::exception& error) {
+        return ferovane::codeOf(error);
+    }
+}
+
+void sayConfirmed(ControlReply& reply) {
+    reply.say("控制已确认生效", ResultCode::confirmed);
 }
 
 }  // namespace
@@ -121,7 +134,7 @@ bool SessionControl::isEnding() {
 
 void SessionControl::requireGoingOn() {
     if (isEnding()) {
-        throw ScopeError(kSessionEnds);
+        throw ScopeError(kSessionEnds, ResultCode::ending);
     }
 }
 
@@ -157,16 +170,22 @@ ControlReply SessionControl::optimize(const PowerOptimizationPlan& plan) {
     requireGoingOn();
     const TurboNews news(*sampler_);
     PowerOutcome outcome = PowerTransaction::apply(plan, *power_);
-    const char* message = outcome.changed ? "优化设置已确认生效" : "所选设置已满足";
-    return powerReply(std::move(outcome), message);
+    const bool changed = outcome.changed;
+    ControlReply reply = powerReply(std::move(outcome));
+    changed ? reply.say("优化设置已确认生效", ResultCode::applied)
+            : reply.say("所选设置已满足", ResultCode::unchanged);
+    return reply;
 }
 
 ControlReply SessionControl::restore(const PowerBackup& backup) {
     requireGoingOn();
     const TurboNews news(*sampler_);
     PowerOutcome outcome = PowerTransaction::restore(backup, *power_);
-    const char* message = outcome.skipped == 0 ? "原设置已恢复" : "恢复已结束；外部更改保留";
-    return powerReply(std::move(outcome), message);
+    const bool whole = outcome.skipped == 0;
+    ControlReply reply = powerReply(std::move(outcome));
+    whole ? reply.say("原设置已恢复", ResultCode::restored)
+          : reply.say("恢复已结束；外部更改保留", ResultCode::partlyRestored);
+    return reply;
 }
 
 void SessionControl::takeBack(const ControlReply& undelivered) noexcept {
@@ -193,6 +212,9 @@ void SessionControl::returnFans() {
     }
     // A fan that is held and no longer listed was not among them.
     const std::exception_ptr unreturned = returnHeldFans();
+    if (failure && unreturned) {
+        throw ScopeError(textOf(failure), ResultCode::notReturned);  // the graver news
+    }
     if (failure || unreturned) {
         std::rethrow_exception(failure ? failure : unreturned);
     }
@@ -217,10 +239,14 @@ ControlReply SessionControl::status() {
 }
 
 ControlReply SessionControl::stateLocked(std::optional<std::int64_t> turbo) {
-    const bool held = running_ && lease_ && lease_->applied;
-    ControlReply reply{true, unreturned_ ? textOf(unreturned_)
-                             : held      ? kConfirmed
-                                         : kSystemManaged};
+    ControlReply reply{true, ""};
+    if (unreturned_) {
+        reply.say(textOf(unreturned_), codeOf(unreturned_));
+    } else if (running_ && lease_ && lease_->applied) {
+        sayConfirmed(reply);
+    } else {
+        reply.say("风扇由系统管理", ResultCode::automatic);
+    }
     reply.turbo = turbo;
     if (running_ && lease_ && !unreturned_) {
         reply.session = lease_->session;
@@ -235,17 +261,28 @@ ControlReply SessionControl::stateLocked(std::optional<std::int64_t> turbo) {
     return reply;
 }
 
+std::optional<LeaseEnding> SessionControl::takeEnding() {
+    const ConditionGuard guard(lock_);
+    if (!ended_) {
+        return std::nullopt;
+    }
+    const std::string_view text = textOf(ended_->reason);
+    LeaseEnding ending{ended_->session, std::string(rawValue(ended_->reason)),
+                       text.empty() ? textOf(ended_->failure) : std::string(text)};
+    ended_.reset();
+    return ending;
+}
+
 ControlReply SessionControl::confirmed() {
     ControlReply reply = status();
-    reply.message = kConfirmed;
+    sayConfirmed(reply);
     return reply;
 }
 
-ControlReply SessionControl::powerReply(PowerOutcome outcome, const char* message) {
+ControlReply SessionControl::powerReply(PowerOutcome outcome) {
     const auto turbo = power_->turboState();
     const ConditionGuard guard(lock_);
     ControlReply reply = stateLocked(turbo);
-    reply.message = message;
     reply.power = std::move(outcome);
     return reply;
 }
@@ -259,7 +296,7 @@ void SessionControl::start(const FanCurve& curve, const std::string& mode, const
         const ConditionGuard guard(lock_);
         requireStoppedLocked();
         if (finished_) {
-            throw ScopeError(kSessionEnds);
+            throw ScopeError(kSessionEnds, ResultCode::ending);
         }
         beginLocked(mode, name, duration);
     }
@@ -272,14 +309,14 @@ void SessionControl::start(const FanCurve& curve, const std::string& mode, const
         const ConditionGuard guard(lock_);
         running_ = false;
         lock_.broadcast();
-        throw ScopeError(kNoThread);
+        throw ScopeError(kNoThread, ResultCode::resources);
     }
     awaitConfirmation();
 }
 
 void SessionControl::beginLocked(const std::string& mode, const std::string& name,
                                  double duration) {
-    lease_ = Lease{Uuid::random().text(), mode, name, duration, std::nullopt, false, nullptr};
+    lease_ = Lease{Uuid::random().text(), mode, name, duration, std::nullopt, 0, false, nullptr};
     stopRequested_ = false;
     running_ = true;
 }
@@ -295,7 +332,7 @@ void SessionControl::requireStoppedLocked() {
     askToStopLocked();
     if (!lock_.waitLocked(environment_.timings.leaseEnd, environment_.timings.leasePoll,
                           environment_.uptime, [this]() FV_REQUIRES(lock_) { return !running_; })) {
-        throw ScopeError(kOldLeaseRuns);
+        throw ScopeError(kOldLeaseRuns, ResultCode::timeout);
     }
 }
 
@@ -310,7 +347,7 @@ void SessionControl::awaitConfirmation() {
     if (!lease_->applied) {
         stopRequested_ = true;
         lock_.broadcast();
-        throw ScopeError(kNotConfirmed);
+        throw ScopeError(kNotConfirmed, ResultCode::timeout);
     }
 }
 
@@ -330,6 +367,7 @@ void SessionControl::runLease(const FanCurve& curve, const std::string& mode,
                               double duration) noexcept {
     // First what an earlier lease could not hand back: such a fan is not free to be taken.
     std::exception_ptr failure = returnHeldFans();
+    LeaseEnd reason = LeaseEnd::failed;
     if (!failure) {
         held_.begin(mode, duration);
         sampler_->reset();
@@ -340,11 +378,14 @@ void SessionControl::runLease(const FanCurve& curve, const std::string& mode,
             failure = std::current_exception();
             reportLateFailure(failure);
         }
-        const std::string_view why = whyEnded();
+        reason = reasonFor(failure);
         keepReturning(failure);
-        held_.end(failure, why);
+        held_.end(failure, textOf(reason));
     }
     const ConditionGuard guard(lock_);
+    if (lease_->applied) {
+        ended_ = Ended{std::move(lease_->session), reason, failure};
+    }
     lease_->failure = failure;
     running_ = false;
     lock_.broadcast();
@@ -387,6 +428,7 @@ void SessionControl::holdCurve(const FanCurve& curve, double duration) {
         [this](const FanControlProgress& progress) {
             const ConditionGuard guard(lock_);
             lease_->progress = progress;
+            lease_->asleep = asleep();
         },
         [this] {
             const ConditionGuard guard(lock_);
@@ -395,16 +437,30 @@ void SessionControl::holdCurve(const FanCurve& curve, double duration) {
         });
 }
 
-// Of a lease that ends now and has not failed.
-std::string_view SessionControl::whyEnded() {
-    if (environment_.shouldStop()) {
-        return kStopSignal;
+// Of a lease that has just ended. Whether its fans could be handed back is another matter.
+LeaseEnd SessionControl::reasonFor(const std::exception_ptr& failure) noexcept {
+    const ResultCode code = failure ? codeOf(failure) : ResultCode::notReturned;
+    const bool lost = code == ResultCode::occupied || code == ResultCode::unreadable;
+    if (!lost && code != ResultCode::notReturned) {
+        return LeaseEnd::failed;
     }
-    if (!environment_.ownerAlive(owner_.pid, owner_.uid)) {
-        return kOwnerGone;
-    }
+    const bool stops = environment_.shouldStop();
+    const bool ownerGone = !environment_.ownerAlive(owner_.pid, owner_.uid);
     const ConditionGuard guard(lock_);
-    return stopRequested_ ? kEndedByRequest : kTimeOver;
+    if (!lost && (stops || ownerGone || stopRequested_)) {
+        return stops ? LeaseEnd::stop : ownerGone ? LeaseEnd::owner : LeaseEnd::request;
+    }
+    if (asleep() - lease_->asleep > kSleptSeconds) {
+        return LeaseEnd::sleep;
+    }
+    return !lost                          ? LeaseEnd::time
+           : code == ResultCode::occupied ? LeaseEnd::otherProgram
+                                          : LeaseEnd::unreadable;
+}
+
+// Seconds that the machine has slept, from an unknown time on.
+double SessionControl::asleep() const {
+    return environment_.now() - environment_.uptime();
 }
 
 bool SessionControl::mustStop() {

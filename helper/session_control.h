@@ -59,6 +59,10 @@ public:
     // known to be automatic again.
     ControlReply status() FV_EXCLUDES(lock_);
 
+    // Why the last lease that had been confirmed is over; absent when none has ended since this
+    // was last called.
+    std::optional<LeaseEnding> takeEnding() FV_EXCLUDES(lock_);
+
     // Starts a lease in the background, after ending the one that runs, and returns once its first
     // targets were confirmed. name: the label that status shows. duration: seconds.
     void start(const FanCurve& curve, const std::string& mode, const std::string& name,
@@ -77,7 +81,15 @@ private:
         std::string label;
         double duration = 0;
         std::optional<FanControlProgress> progress;
+        double asleep = 0;  // seconds that the machine had slept at the last progress
         bool applied = false;
+        std::exception_ptr failure;
+    };
+
+    // A confirmed lease that is over.
+    struct Ended {
+        std::string session;
+        LeaseEnd reason;
         std::exception_ptr failure;
     };
 
@@ -90,7 +102,7 @@ private:
     void returnFans() FV_EXCLUDES(lock_);
     std::exception_ptr returnHeldFans() noexcept FV_EXCLUDES(lock_);
     ControlReply confirmed();
-    ControlReply powerReply(PowerOutcome outcome, const char* message) FV_EXCLUDES(lock_);
+    ControlReply powerReply(PowerOutcome outcome) FV_EXCLUDES(lock_);
     ControlReply stateLocked(std::optional<std::int64_t> turbo) FV_REQUIRES(lock_);
 
     void beginLocked(const std::string& mode, const std::string& name, double duration)
@@ -104,7 +116,8 @@ private:
     void holdCurve(const FanCurve& curve, double duration);
     void reportLateFailure(const std::exception_ptr& failure) noexcept FV_EXCLUDES(lock_);
     void keepReturning(const std::exception_ptr& failure) noexcept FV_EXCLUDES(lock_);
-    std::string_view whyEnded() FV_EXCLUDES(lock_);
+    LeaseEnd reasonFor(const std::exception_ptr& failure) noexcept FV_EXCLUDES(lock_);
+    double asleep() const;
     bool mustStop() FV_EXCLUDES(lock_);
     void waitForRound(double left) FV_EXCLUDES(lock_);
 
@@ -125,6 +138,7 @@ private:
     bool stopRequested_ FV_GUARDED_BY(lock_) = false;  // the running lease is to end
     bool finished_ FV_GUARDED_BY(lock_) = false;       // nothing new may start
     std::optional<Lease> lease_ FV_GUARDED_BY(lock_);
+    std::optional<Ended> ended_ FV_GUARDED_BY(lock_);
     std::exception_ptr unreturned_ FV_GUARDED_BY(lock_);  // why fans may still be manual
 };
 

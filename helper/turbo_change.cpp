@@ -29,7 +29,8 @@ void TurboChange::rollBack(const std::exception& cause) {
     try {
         access_.undisturbed().setTurbo(*disabledBefore_);
     } catch (const std::exception& error) {
-        throw ScopeError(describe(cause) + "；睿频回退失败：" + describe(error));
+        throw ScopeError(describe(cause) + "；睿频回退失败：" + describe(error),
+                         ResultCode::notUndone);
     }
 }
 

@@ -22,11 +22,11 @@ constexpr std::size_t kWriteBytes = 512;
 constexpr int kSendPollMilliseconds = 100;  // between looks at whether sending is given up
 
 [[noreturn]] void failTooLong() {
-    throw ScopeError("控制消息过长");
+    throw ScopeError("控制消息过长", ResultCode::invalid);
 }
 
 [[noreturn]] void failToSend() {
-    throw ScopeError("辅助进程写入失败");
+    throw ScopeError("辅助进程写入失败", ResultCode::ending);
 }
 
 // A descriptor that cannot be polled is simply written to.
@@ -75,7 +75,7 @@ std::optional<std::string> ControlChannel::takeLine() {
 bool ControlChannel::waitUntilReadable(double deadline) const {
     const double remaining = deadline - uptime_();
     if (!(remaining > 0)) {
-        throw ScopeError("辅助进程响应超时");
+        throw ScopeError("辅助进程响应超时", ResultCode::ending);
     }
     const bool cut = remaining > longestWaitSeconds_;
     pollfd waiting{fd_, POLLIN, 0};
@@ -86,7 +86,7 @@ bool ControlChannel::waitUntilReadable(double deadline) const {
     }
     // Only a wait for all that remained has run out; one that was cut short goes on.
     if (ready == 0 ? !cut : errno != EINTR) {
-        throw ScopeError("辅助进程通信中断或超时");
+        throw ScopeError("辅助进程通信中断或超时", ResultCode::ending);
     }
     return false;
 }
@@ -96,7 +96,7 @@ bool ControlChannel::receive() {
     std::array<char, kReadBytes> chunk{};
     const ssize_t count = read(fd_, chunk.data(), chunk.size());
     if (count < 0 && errno != EINTR && errno != EAGAIN) {
-        throw ScopeError("辅助进程读取失败");
+        throw ScopeError("辅助进程读取失败", ResultCode::ending);
     }
     if (count > 0) {
         buffer_.append(chunk.data(), static_cast<std::size_t>(count));

@@ -4,10 +4,14 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <tuple>
 
 #include "core/control/fan_session_status.h"
+#include "core/control/lease_ending.h"
+#include "core/control/request_id.h"
 #include "core/model/json_fields.h"
+#include "core/model/result_code.h"
 #include "core/power/power_transaction.h"
 
 namespace ferovane {
@@ -21,15 +25,37 @@ struct ControlReply {
     std::optional<std::int64_t> turbo = std::nullopt;   // 0 not loaded, 1 turbo disabled
     std::optional<FanSessionStatus> fanStatus = std::nullopt;
     std::optional<PowerOutcome> power = std::nullopt;  // set by whoever ran a power command
+    // Only in the reply to a request with an id.
+    std::optional<RequestId> id = std::nullopt;       // the request's
+    std::optional<std::string> code = std::nullopt;   // a ResultCode's word; there may be new ones
+    std::optional<LeaseEnding> ended = std::nullopt;  // of "status": the last lease, told once
+
+    void say(std::string_view text, ResultCode result) {
+        message = text;
+        code = rawValue(result);
+    }
+
+    // The code as far as it is known here.
+    std::optional<ResultCode> knownCode() const {
+        return code ? fromRawValue<ResultCode>(*code) : std::nullopt;
+    }
 
     bool operator==(const ControlReply&) const = default;
 
     static constexpr auto jsonFields() {
         using R = ControlReply;
-        return std::tuple{jsonField("ok", &R::ok),           jsonField("message", &R::message),
-                          jsonField("session", &R::session), jsonField("profile", &R::profile),
-                          jsonField("label", &R::label),     jsonField("turbo", &R::turbo),
-                          jsonField("power", &R::power),     jsonField("fanStatus", &R::fanStatus)};
+        return std::tuple{
+            jsonField("ok", &R::ok),
+            jsonField("message", &R::message),
+            jsonField("session", &R::session),
+            jsonField("profile", &R::profile),
+            jsonField("label", &R::label),
+            jsonField("turbo", &R::turbo),
+            jsonField("power", &R::power),
+            jsonField("fanStatus", &R::fanStatus),
+            jsonField("id", &R::id, JsonNote{"the request's"}),
+            jsonField("code", &R::code, JsonNote{"with an id only; there may be new ones"}),
+            jsonField("ended", &R::ended, JsonNote{"to \"status\" only, once after each lease"})};
     }
 };
 

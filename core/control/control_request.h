@@ -7,6 +7,7 @@
 #include <string_view>
 #include <tuple>
 
+#include "core/control/request_id.h"
 #include "core/fan/fan_curve.h"
 #include "core/fan/fan_keys.h"
 #include "core/fan/profile.h"
@@ -54,10 +55,12 @@ struct ControlRequest {
     std::optional<std::string> label = std::nullopt;    // what the monitor calls the mode
     std::optional<PowerOptimizationPlan> powerPlan = std::nullopt;  // with "power-optimize" only
     std::optional<PowerBackup> powerBackup = std::nullopt;          // with "power-restore" only
+    std::optional<RequestId> id = std::nullopt;  // the monitor's own; asks for the reply's code
 
     static constexpr JsonRange kDuration{
         .least = 0, .most = FanLimits::kLeaseSeconds, .aboveLeast = true};
     static constexpr JsonBytes kLabel{80};  // 26 Chinese characters
+    static constexpr JsonBytes kId{64};     // of one that is text
 
     // What `command` says; throws ScopeError when that is none of the ten words.
     ControlCommand knownCommand() const;
@@ -84,8 +87,14 @@ struct ControlRequest {
             jsonField("powerPlan", &R::powerPlan,
                       JsonNeeded<1>{{command(ControlCommand::powerOptimize)}, true}),
             jsonField("powerBackup", &R::powerBackup,
-                      JsonNeeded<1>{{command(ControlCommand::powerRestore)}, true})};
+                      JsonNeeded<1>{{command(ControlCommand::powerRestore)}, true}),
+            jsonField("id", &R::id, kId,
+                      JsonNote{"the monitor's own; asks for it and a code in the reply"})};
     }
 };
+
+// The id in a request's line, whatever else is wrong with the line; absent when it has none, or
+// none that a reply could repeat.
+std::optional<RequestId> requestIdIn(std::string_view line);
 
 }  // namespace ferovane

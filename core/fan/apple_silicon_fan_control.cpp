@@ -75,7 +75,7 @@ std::string AppleSiliconFanControl::requireModeKey(int fan) {
     if (std::optional<std::string> key = modeKey(fan)) {
         return *std::move(key);
     }
-    throw FanRefusal("此风扇没有可识别的 Apple Silicon 模式接口");
+    throw FanRefusal("此风扇没有可识别的 Apple Silicon 模式接口", ResultCode::unsupported);
 }
 
 AppleSiliconFanControl::Original AppleSiliconFanControl::free(int fan) {
@@ -102,7 +102,8 @@ void AppleSiliconFanControl::take(int fan) {
         try {
             restore(fan, original.key);
         } catch (const std::exception& failure) {
-            throw ScopeError(joinFailures({describe(cause), restoreFailure({describe(failure)})}));
+            throw ScopeError(joinFailures({describe(cause), restoreFailure({describe(failure)})}),
+                             ResultCode::notReturned);
         }
         throw;
     }

@@ -44,8 +44,8 @@ void run(CoolingHardware& hardware, double duration, const LeaseClock& now,
             hardware.setTarget(fan.id, fan.maximum);
         }
         while (span.contains(now()) && !isCancelled()) {
-            if (!areHeld(plan, targets, kTargetToleranceRpm, hardware)) {
-                throw ScopeError("检测到风扇状态改变或无法读取，散热会话已停止");
+            if (const auto loss = lossOf(plan, targets, kTargetToleranceRpm, hardware)) {
+                throw ScopeError("检测到风扇状态改变或无法读取，散热会话已停止", *loss);
             }
             wait(span.left(now()));
         }

@@ -25,8 +25,8 @@ public:
     bool drive(const Snapshot& snapshot) {
         const double celsius = controlTemperature(curve_, snapshot);
         const bool first = !percent_;
-        if (!first && !areHeld(plan_, written_, kTargetToleranceRpm, hardware_)) {
-            throw ScopeError("风扇控制被改变或无法读取，已停止曲线");
+        if (!first) {
+            requireHeld();
         }
         const bool hot = CurvePolicy::requiresMaximum(snapshot);
         percent_ =
@@ -47,6 +47,12 @@ public:
     const std::map<int, double>& written() const { return written_; }
 
 private:
+    void requireHeld() {
+        if (const auto loss = lossOf(plan_, written_, kTargetToleranceRpm, hardware_)) {
+            throw ScopeError("风扇控制被改变或无法读取，已停止曲线", *loss);
+        }
+    }
+
     double lastWritten(int id) const {
         const auto last = written_.find(id);
         return last == written_.end() ? 0 : last->second;
@@ -64,7 +70,7 @@ private:
 double controlTemperature(const FanCurve& curve, const Snapshot& snapshot) {
     const std::optional<double> followed = temperature(curve.sensor, snapshot);
     if (!snapshot.cpuTemperature() || !followed || !std::isfinite(*followed)) {
-        throw ScopeError("控制温度传感器不可用，已停止曲线并恢复系统自动");
+        throw ScopeError("控制温度传感器不可用，已停止曲线并恢复系统自动", ResultCode::unreadable);
     }
     return *followed;
 }
@@ -74,7 +80,7 @@ void run(CoolingHardware& hardware, const FanCurve& curve, double duration, cons
          const OnUpdate& onUpdate, const OnApplied& onApplied) {
     curve.validate();
     if (!(duration > 0 && duration <= FanLimits::kLeaseSeconds)) {
-        throw ScopeError("曲线会话最长 30 分钟");
+        throw ScopeError("曲线会话最长 30 分钟", ResultCode::invalid);
     }
     if (isCancelled()) {
         return;

@@ -66,18 +66,19 @@ FanCurve FanCurve::manual(double percent) {
 
 void FanCurve::validate() const {
     if (!kPoints.admits(points.size())) {
-        throw ScopeError("曲线需要 2 至 8 个控制点");
+        throw ScopeError("曲线需要 2 至 8 个控制点", ResultCode::invalid);
     }
     for (std::size_t i = 0; i < points.size(); ++i) {
         if (!isInRange(points[i])) {
-            throw ScopeError("曲线温度范围为 30–100°C，转速范围为 0–100%");
+            throw ScopeError("曲线温度范围为 30–100°C，转速范围为 0–100%", ResultCode::invalid);
         }
         if (i > 0 && !follows(points[i], points[i - 1])) {
-            throw ScopeError("温度控制点至少间隔 2°C，转速必须随温度升高而不降低");
+            throw ScopeError("温度控制点至少间隔 2°C，转速必须随温度升高而不降低",
+                             ResultCode::invalid);
         }
     }
     if (points.back().temperature > kFullSpeedCelsius || points.back().percent != kFullPercent) {
-        throw ScopeError("最后一个点必须在 90°C 或更低达到 100% 转速");
+        throw ScopeError("最后一个点必须在 90°C 或更低达到 100% 转速", ResultCode::invalid);
     }
 }
 

@@ -45,7 +45,7 @@ void restoreAuto(const std::vector<int>& ids, CoolingHardware& hardware) {
         }
     }
     if (failed) {
-        throw ScopeError(restoreFailure(causes));
+        throw ScopeError(restoreFailure(causes), ResultCode::notReturned);
     }
 }
 

@@ -4,6 +4,7 @@
 #include <functional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "core/fan/cooling_hardware.h"
@@ -14,7 +15,8 @@ namespace ferovane {
 // A fan that was not taken. Nothing was written to it, so nothing of it is to be handed back.
 class FanRefusal : public ScopeError {
 public:
-    using ScopeError::ScopeError;
+    explicit FanRefusal(std::string message, ResultCode code = ResultCode::occupied)
+        : ScopeError(std::move(message), code) {}
 };
 
 inline constexpr const char* kFanNotAutomatic = "风扇未处于系统自动，请先退出其他风扇控制程序";

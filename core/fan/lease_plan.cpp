@@ -78,17 +78,26 @@ std::optional<LeaseObstacle> badTarget(const FanReading& fan, CoolingHardware& h
     return std::nullopt;
 }
 
-bool isHeld(const PlannedFan& planned, const std::map<int, double>& written, double toleranceRpm,
-            const std::vector<FanReading>& fans, CoolingHardware& hardware) {
+// What tells that somebody else has changed the fan, or that nothing tells; absent while it is
+// held.
+std::optional<ResultCode> lossOf(const PlannedFan& planned, const std::map<int, double>& written,
+                                 double toleranceRpm, const std::vector<FanReading>& fans,
+                                 CoolingHardware& hardware) {
     const auto fan = std::find_if(fans.begin(), fans.end(), [&](const FanReading& reading) {
         return reading.id == planned.id;
     });
-    if (fan == fans.end() || !fan->manual.value_or(false)) {
-        return false;
+    if (fan == fans.end() || !fan->manual) {
+        return ResultCode::unreadable;
+    }
+    if (!*fan->manual) {
+        return ResultCode::occupied;
     }
     const std::optional<double> target = readTarget(planned.id, hardware);
     const auto last = written.find(planned.id);
-    return target && last != written.end() && std::abs(*target - last->second) < toleranceRpm;
+    if (target && last != written.end() && std::abs(*target - last->second) < toleranceRpm) {
+        return std::nullopt;
+    }
+    return target && std::isfinite(*target) ? ResultCode::occupied : ResultCode::unreadable;
 }
 
 }  // namespace
@@ -124,12 +133,14 @@ std::optional<LeaseObstacle> findObstacle(LeaseKind lease, FanCheck check, const
 std::vector<PlannedFan> planFans(LeaseKind lease, CoolingHardware& hardware) {
     const std::vector<FanReading> fans = hardware.fans();
     if (fans.empty()) {
-        throw ScopeError(refusal(lease, FanCheck::free));
+        throw ScopeError(refusal(lease, FanCheck::free), ResultCode::unreadable);
     }
     for (const FanCheck check : kFanChecks) {
         for (const FanReading& fan : fans) {
-            if (findObstacle(lease, check, fan, hardware)) {
-                throw ScopeError(refusal(lease, check));
+            if (const auto obstacle = findObstacle(lease, check, fan, hardware)) {
+                const bool isTaken = obstacle->kind == Kind::heldByAnother;
+                throw ScopeError(refusal(lease, check),
+                                 isTaken ? ResultCode::occupied : ResultCode::unreadable);
             }
         }
     }
@@ -150,21 +161,25 @@ std::vector<int> idsOf(const std::vector<PlannedFan>& plan) {
     return ids;
 }
 
-bool areHeld(const std::vector<PlannedFan>& plan, const std::map<int, double>& written,
-             double toleranceRpm, CoolingHardware& hardware) {
+std::optional<ResultCode> lossOf(const std::vector<PlannedFan>& plan,
+                                 const std::map<int, double>& written, double toleranceRpm,
+                                 CoolingHardware& hardware) {
     try {
         const std::vector<FanReading> fans = hardware.fans();
-        return std::all_of(plan.begin(), plan.end(), [&](const PlannedFan& fan) {
-            return isHeld(fan, written, toleranceRpm, fans, hardware);
-        });
+        for (const PlannedFan& fan : plan) {
+            if (const auto loss = lossOf(fan, written, toleranceRpm, fans, hardware)) {
+                return loss;
+            }
+        }
+        return std::nullopt;
     } catch (const std::exception&) {
-        return false;
+        return ResultCode::unreadable;
     }
 }
 
 void CoolingLease::validateInheritedTarget(const FanReading& fan, CoolingHardware& hardware) {
     if (badTarget(fan, hardware)) {
-        throw ScopeError(refusal(LeaseKind::cooling, FanCheck::target));
+        throw ScopeError(refusal(LeaseKind::cooling, FanCheck::target), ResultCode::unreadable);
     }
 }
 

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "core/fan/cooling_hardware.h"
+#include "core/model/result_code.h"
 #include "core/model/snapshot.h"
 
 namespace ferovane {
@@ -64,10 +65,12 @@ struct PlannedFan {
 std::vector<PlannedFan> planFans(LeaseKind lease, CoolingHardware& hardware);
 std::vector<int> idsOf(const std::vector<PlannedFan>& plan);
 
-// Whether every planned fan is still listed, manual, and less than `toleranceRpm` away from the
-// target that was written (by fan index). Whatever cannot be read means no.
-bool areHeld(const std::vector<PlannedFan>& plan, const std::map<int, double>& written,
-             double toleranceRpm, CoolingHardware& hardware);
+// Absent while every planned fan is still listed, manual, and less than `toleranceRpm` away from
+// the target that was written (by fan index). Else of the first fan that is not: `occupied` when
+// somebody has changed it, `unreadable` when nothing tells.
+std::optional<ResultCode> lossOf(const std::vector<PlannedFan>& plan,
+                                 const std::map<int, double>& written, double toleranceRpm,
+                                 CoolingHardware& hardware);
 
 namespace CoolingLease {
 

@@ -30,11 +30,12 @@ constexpr int kNotANumberCode = -1;
 constexpr int kNotAdmittedCode = -3;  // fv_smc_write's own refusal
 
 ScopeError readFailed(const std::string& key, int code) {
-    return ScopeError("SMC " + key + " 读取失败（" + std::to_string(code) + "）");
+    return ScopeError("SMC " + key + " 读取失败（" + std::to_string(code) + "）",
+                      ResultCode::unreadable);
 }
 
 ScopeError numberNotSupported(const std::string& key) {
-    return ScopeError("SMC " + key + " 不支持写入这个数值");
+    return ScopeError("SMC " + key + " 不支持写入这个数值", ResultCode::unsupported);
 }
 
 ScopeError writeFailed(const std::string& key, int code) {
@@ -49,7 +50,8 @@ ScopeError notConfirmed(const std::string& key, double target, std::optional<dou
 
 ScopeError noModeKey(int fan) {
     // Users count fans from 1.
-    return ScopeError("风扇 " + std::to_string(fan + 1) + " 没有可识别的模式接口");
+    return ScopeError("风扇 " + std::to_string(fan + 1) + " 没有可识别的模式接口",
+                      ResultCode::unsupported);
 }
 
 void sleepFully(double seconds) {

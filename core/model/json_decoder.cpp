@@ -286,7 +286,8 @@ void JsonDecoder::fail(JsonProblem problem, const Place& place) const {
 
 void JsonDecoder::failSaying(std::string_view what) const {
     const std::string path = this->path();
-    throw ScopeError((path.empty() ? "JSON 内容" : "JSON 成员 " + path + " ") + std::string(what));
+    throw ScopeError((path.empty() ? "JSON 内容" : "JSON 成员 " + path + " ") + std::string(what),
+                     ResultCode::invalid);
 }
 
 void JsonDecoder::failMalformed(std::size_t byte) const {

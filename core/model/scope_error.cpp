@@ -16,6 +16,14 @@ std::string describe(const std::exception& error) {
     return std::string(userText(error));
 }
 
+ResultCode codeOf(const std::exception& error) noexcept {
+    if (const auto* ours = dynamic_cast<const ScopeError*>(&error)) {
+        return ours->code();
+    }
+    const bool outOfMemory = dynamic_cast<const std::bad_alloc*>(&error) != nullptr;
+    return outOfMemory ? ResultCode::resources : ResultCode::internal;
+}
+
 std::string joinFailures(const std::vector<std::string>& failures) {
     std::string joined;
     for (const std::string& failure : failures) {

@@ -18,10 +18,10 @@ constexpr double kWriteSeconds = 12;  // it waits for the power daemon to store 
 PowerConfiguration NativePowerSettings::read(const ToolRunner& run) {
     const auto result = run(kTool, {"-g", "custom"}, kReadSeconds);
     if (result.outputLost) {
-        throw ScopeError("磁盘空间不足，无法取得电源设置");
+        throw ScopeError("磁盘空间不足，无法取得电源设置", ResultCode::resources);
     }
     if (result.status != 0) {
-        throw ScopeError("电源设置读取失败");
+        throw ScopeError("电源设置读取失败", ResultCode::unreadable);
     }
     return PowerConfiguration::parse(result.output);
 }
@@ -29,7 +29,7 @@ PowerConfiguration NativePowerSettings::read(const ToolRunner& run) {
 void NativePowerSettings::write(PowerSetting setting, PowerSource source, std::int64_t value,
                                 const ToolRunner& run) {
     if (!valid(setting, value)) {
-        throw ScopeError("电源参数不在允许范围");
+        throw ScopeError("电源参数不在允许范围", ResultCode::invalid);
     }
     const auto result = run(
         kTool,

@@ -14,7 +14,7 @@ constexpr std::int64_t kLowPowerOn = 1;
 void requireChoice(const std::optional<std::int64_t>& minutes, const JsonChoices<3>& choices,
                    const char* failure) {
     if (minutes && !choices.admits(*minutes)) {
-        throw ScopeError(failure);
+        throw ScopeError(failure, ResultCode::invalid);
     }
 }
 
@@ -68,7 +68,7 @@ void PowerOptimizationPlan::requireReadable(const PowerConfiguration& configurat
     const auto wanted = targets();
     for (const auto& target : wanted) {
         if (!configuration.value(target.key, target.source)) {
-            throw ScopeError(std::string(unreadable(target.key)));
+            throw ScopeError(std::string(unreadable(target.key)), ResultCode::unreadable);
         }
     }
     if (!expected) {
@@ -77,7 +77,7 @@ void PowerOptimizationPlan::requireReadable(const PowerConfiguration& configurat
     for (const auto& target : wanted) {
         if (configuration.value(target.key, target.source) !=
             expected->value(target.key, target.source)) {
-            throw ScopeError("电源设置已变化，请刷新后重新选择措施");
+            throw ScopeError("电源设置已变化，请刷新后重新选择措施", ResultCode::changed);
         }
     }
 }

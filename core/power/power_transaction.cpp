@@ -30,16 +30,16 @@ Work check(const PowerOptimizationPlan& plan, PowerSettingsAccess& access) {
     const auto configuration = access.configuration();
     plan.requireReadable(configuration);
     if (access.currentSource() != plan.source) {
-        throw ScopeError("供电状态已变化，请刷新优化方案");
+        throw ScopeError("供电状态已变化，请刷新优化方案", ResultCode::changed);
     }
     if (plan.idleMinutes && access.hasSleepBlockers()) {
-        throw ScopeError("存在阻止休眠的任务，未修改休眠设置");
+        throw ScopeError("存在阻止休眠的任务，未修改休眠设置", ResultCode::occupied);
     }
     bool switchesTurbo = false;
     if (plan.disableTurbo) {
         const auto turbo = access.turboState();
         if (turbo != kTurboEnabled && turbo != kTurboDisabled) {
-            throw ScopeError("睿频状态不可确认");
+            throw ScopeError("睿频状态不可确认", ResultCode::unreadable);
         }
         switchesTurbo = turbo == kTurboEnabled;
     }
@@ -166,7 +166,7 @@ void PowerBackup::validate() const {
     });
     const bool turboValid = !turboBefore || kTurboStates.admits(*turboBefore);
     if (!editsValid || !turboValid) {
-        throw ScopeError("恢复记录无效");
+        throw ScopeError("恢复记录无效", ResultCode::invalid);
     }
 }
 
@@ -185,7 +185,8 @@ PowerOutcome PowerTransaction::apply(const PowerOptimizationPlan& plan, PowerSet
         if (notRestored.empty()) {
             throw;
         }
-        throw ScopeError(describe(failure) + "；" + kNotPutBack + joinFailures(notRestored));
+        throw ScopeError(describe(failure) + "；" + kNotPutBack + joinFailures(notRestored),
+                         ResultCode::notUndone);
     }
 }
 
@@ -193,7 +194,7 @@ void PowerTransaction::takeBack(const PowerBackup& backup, PowerSettingsAccess& 
     const Work work{backup.edits, 0, backup.turboBefore.has_value()};
     const auto notRestored = Changes::made(work, access).putBack();
     if (!notRestored.empty()) {
-        throw ScopeError(kNotPutBack + joinFailures(notRestored));
+        throw ScopeError(kNotPutBack + joinFailures(notRestored), ResultCode::notUndone);
     }
 }
 

@@ -46,7 +46,7 @@ public:
                 return;
             }
         }
-        throw ScopeError("无法创建命令输出文件");
+        throw ScopeError("无法创建命令输出文件", ResultCode::resources);
     }
     OutputFile(const OutputFile&) = delete;
     OutputFile& operator=(const OutputFile&) = delete;
@@ -196,7 +196,7 @@ CommandResult ProcessRunner::run(const std::string& path, const std::vector<std:
         }
     });
     if (!ended) {
-        throw ScopeError("命令超时。请刷新状态确认结果。");
+        throw ScopeError("命令超时。请刷新状态确认结果。", ResultCode::timeout);
     }
     const auto status = tool.finish();
     if (!status) {

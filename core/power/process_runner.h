@@ -28,7 +28,7 @@ using ToolRunner = std::function<CommandResult(
 // The work was given up because its process is to end. What it has changed is to be put back.
 class WorkStopped : public ScopeError {
 public:
-    WorkStopped() : ScopeError("会话正在结束，操作已中止") {}
+    WorkStopped() : ScopeError("会话正在结束，操作已中止", ResultCode::ending) {}
 };
 
 namespace ProcessRunner {

@@ -66,7 +66,7 @@ std::string SleepBlocker::id() const {
 std::vector<SleepBlocker> SleepBlocker::read(Assertions assertions) {
     Collection collection;
     if (assertions(collect, &collection) != 0) {
-        throw ScopeError("休眠阻止状态不可读取");
+        throw ScopeError("休眠阻止状态不可读取", ResultCode::unreadable);
     }
     if (collection.failure) {
         std::rethrow_exception(collection.failure);

@@ -51,7 +51,8 @@ void setTurbo(bool disable, const TurboOperations& operations) {
     if (result.status == 0 && operations.driverState() == wanted) {
         return;
     }
-    throw ScopeError("睿频操作未确认。需要已安装且获得系统批准的驱动。\n" + result.output);
+    throw ScopeError("睿频操作未确认。需要已安装且获得系统批准的驱动。\n" + result.output,
+                     ResultCode::driver);
 }
 
 void setTurbo(bool disable, const ToolRunner& run) {

@@ -66,6 +66,31 @@ TEST(ControlRequestTest, TheFirstBrokenRuleSpeaks) {
         const auto request = decodeJson<ControlRequest>(R"({"command":)" + members + "}");
         EXPECT_EQ(testing::failureOf([&] { request.validate(); }), message) << members;
     }
+    for (const std::string id :
+         {"7", "-9223372036854775808", "5.0", R"("")", R"("a\u0000\"é")",
+          R"("0123456789012345678901234567890123456789012345678901234567890123")"}) {
+        const auto request = decodeJson<ControlRequest>(R"({"command":"auto","id":)" + id + "}");
+        request.validate();
+        const RequestId& known = request.id.value();
+        EXPECT_EQ(encodeJson(ControlReply{.ok = true, .message = "", .id = known}),
+                  R"({"ok":true,"message":"","id":)" + (id == "5.0" ? "5" : id) + "}");
+        EXPECT_EQ(requestIdIn(R"({"command":[],"id":)" + id + "}"), known);
+    }
+    const std::pair<std::string, const char*> noIds[] = {
+        {"null", ""},
+        {R"("0123456789012345678901234567890123456789012345678901234567890123é")", "请求编号过长"},
+        {"true", "JSON 成员 id 应为文本或整数"},
+        {"[7]", "JSON 成员 id 应为文本或整数"},
+        {"1.5", "JSON 成员 id 应为文本或整数"},
+        {"9223372036854775808", "JSON 成员 id 超出数值范围"},
+        {R"(7,"id":7)", "JSON 成员 id 重复出现"},
+    };
+    for (const auto& [id, message] : noIds) {
+        const std::string line = R"({"command":"auto","id":)" + id + "}";
+        EXPECT_EQ(testing::failureOf([&] { decodeJson<ControlRequest>(line).validate(); }),
+                  message);
+        EXPECT_EQ(requestIdIn(line), std::nullopt) << id;
+    }
     std::string words;
     for (const auto& [command, word] : RawEnum<ControlCommand>::cases) {
         words.append(word).append(" ");
@@ -112,12 +137,16 @@ TEST(ControlReplyTest, WritesItsMembersInOrder) {
     reply.power.emplace();
     reply.power->changed = true;
     reply.power->startedAt = Date{736259400};
+    reply.id = RequestId{"r1"};
+    reply.code = rawValue(ResultCode::confirmed);
+    reply.ended = LeaseEnding{"S-0", "time", "控制时间已到"};
     EXPECT_EQ(encodeJson(reply),
               R"({"ok":true,"message":"控制已确认生效","session":"S-1","profile":"quiet",)"
               R"("label":"静音","turbo":1,"power":{"changed":true,"skipped":0,)"
               R"("startedAt":736259400},"fanStatus":{"remainingSeconds":1799.5,)"
               R"("targets":[{"id":0,"rpm":2000},{"id":1,"rpm":1834.25}],)"
-              R"("protectionActive":false}})");
+              R"("protectionActive":false},"id":"r1","code":"confirmed",)"
+              R"("ended":{"session":"S-0","reason":"time","message":"控制时间已到"}})");
     EXPECT_EQ(decodeJson<ControlReply>(encodeJson(reply)), reply);
 }
 

@@ -50,7 +50,8 @@ public:
         HelperEnvironment& environment = world.environment;
         environment.inputDescriptor = requests.ends[0];
         environment.outputDescriptor = replies.ends[1];
-        environment.now = environment.uptime = hostSeconds;
+        environment.now = [this] { return hostSeconds() + slept; };
+        environment.uptime = hostSeconds;
         environment.timings = {.request = 20,
                                .watchdogPoll = watchdogPoll,
                                .leasePoll = 0.005,
@@ -107,6 +108,7 @@ public:
     Pipe requests, replies;
     std::string failure;
     std::atomic<int> endedWith = -1;
+    std::atomic<double> slept = 0;  // seconds that the machine was asleep
 
 private:
     static double hostSeconds() {
