@@ -9,6 +9,7 @@ these hands the fans back to the system. The helper must be started as root by t
 session (that user's id is its real user id).
 """
 
+import contextlib
 import json
 import os
 import selectors
@@ -21,7 +22,8 @@ ENDING_SECONDS = 15.0  # a lease has 12 to hand its fans back
 
 
 class SessionError(Exception):
-    """The session cannot go on: the helper is gone, silent, or does not speak the protocol."""
+    """The session is over: the helper is gone, silent, or does not speak the protocol. Only after "the
+    request is too long" does it go on."""
 
 
 class RequestFailed(Exception):
@@ -42,6 +44,7 @@ class ControlSession:
         self._selector = selectors.DefaultSelector()
         self._selector.register(self.process.stdout, selectors.EVENT_READ)
         self._received = b""
+        self.over = None  # why no request is sent any more
 
     def request(self, command, timeout=REPLY_SECONDS, **members):
         """Sends one request and returns the reply's members; raises RequestFailed with the user's
@@ -61,21 +64,36 @@ class ControlSession:
 
     def send_line(self, line):
         """Writes raw bytes; the helper takes them as they are."""
-        try:
-            while line:  # a signal may cut a write short
-                line = line[self.process.stdin.write(line):]
-        except BrokenPipeError as error:
-            raise SessionError(f"the helper has ended: {self._exit_text()}") from error
+        with self._ending_at_failure():
+            try:
+                while line:  # a signal may cut a write short
+                    line = line[self.process.stdin.write(line):]
+            except BrokenPipeError as error:
+                raise SessionError(f"the helper has ended: {self._exit_text()}") from error
 
     def read_reply(self, timeout=REPLY_SECONDS):
-        line = self._read_line(time.monotonic() + timeout)
+        with self._ending_at_failure():
+            line = self._read_line(time.monotonic() + timeout)
+            try:
+                reply = json.loads(line)
+            except ValueError as error:
+                raise SessionError("the reply is not JSON") from error
+            if not isinstance(reply, dict) or not isinstance(reply.get("ok"), bool):
+                raise SessionError("the reply is not a control reply")
+            return reply
+
+    @contextlib.contextmanager
+    def _ending_at_failure(self):
+        """A reply that was not waited for would be taken for that of the next request: none is made.
+        The helper sees the end of its input and hands the fans back."""
+        if self.over:
+            raise SessionError(f"the session is over: {self.over}")
         try:
-            reply = json.loads(line)
-        except ValueError as error:
-            raise SessionError("the reply is not JSON") from error
-        if not isinstance(reply, dict) or not isinstance(reply.get("ok"), bool):
-            raise SessionError("the reply is not a control reply")
-        return reply
+            yield
+        except BaseException as error:
+            self.over = str(error) or type(error).__name__
+            self.process.stdin.close()
+            raise
 
     def _read_line(self, deadline):
         while b"\n" not in self._received:

@@ -11,7 +11,7 @@ namespace FanLimits {
 
 inline constexpr int kFans = 10;                // a fan's keys have one digit for its index, from 0
 inline constexpr double kRatedRpm = 12000;      // no Mac's fan is rated higher: a misread value
-inline constexpr double kLeaseSeconds = 1800;   // for which fans may be held without a new request
+inline constexpr double kLeaseSeconds = 1800;   // for which fans are held at most
 inline constexpr double kCoolingSeconds = 300;  // for which they may be held at full speed
 
 constexpr bool isFan(int index) {

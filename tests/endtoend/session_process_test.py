@@ -120,13 +120,15 @@ class ClientTest(unittest.TestCase):
                 ("sys.exit(3)", "has ended: exit status 3"),
                 ("say(b'{\"ok\":tr'); sys.exit(1)", "has ended: exit status 1"),
                 ("request()", "does not answer"),
-                ("for _ in range(60): say(b' '); time.sleep(0.05)", "does not answer"),
+                ("for _ in range(40): say(b' '); time.sleep(0.05)\nsay(OK)", "does not answer"),
                 (f"say(b'x' * {LONGEST_LINE}); request()", "too long"),
                 ("say(b'{\\n')", "not JSON"), ("say(b'[1]\\n')", "not a control reply"),
                 ("say(b'{\"ok\":1,\"message\":\"m\"}\\n')", "not a control reply")):
             with self.subTest(deeds), self.session(deeds) as session:
                 with self.assertRaisesRegex(SessionError, text):
                     session.request("status", timeout=1.5)
+                with self.assertRaisesRegex(SessionError, "session is over: .*" + text):
+                    session.request("auto")
 
     def test_replies_are_lines_and_a_refusal_leaves_the_session_open(self):
         with self.session("say(OK[:9]); time.sleep(0.1); say(OK[9:] + OK.replace(b'true', b'false'))"
