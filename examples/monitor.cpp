@@ -1,17 +1,20 @@
 // A monitor in one page: what a program that links FerovaneCore has to do to show a machine's heat.
 //
-//     monitor-example SECONDS FILE.csv
+//     monitor-example SECONDS FILE.csv [PROFILE HELPER...]
 //
 // Samples once a second and prints each second as a line of JSON: temperatures, fans, the common
 // sensors, the diagnosis, and whether the fans could be taken. At the end, or when told to stop, it
-// saves all samples as a table. Needs no privileges.
+// saves all samples as a table. Needs no privileges, unless a fan profile is named: that is held
+// meanwhile by a helper, which the command HELPER starts as root.
 #include <cstdio>
 #include <exception>
 #include <fstream>
+#include <functional>
 #include <optional>
 #include <string>
 #include <tuple>
 #include <utility>
+#include <variant>
 #include <vector>
 
 #include "core/analysis/diagnostic_engine.h"
@@ -19,6 +22,7 @@
 #include "core/analysis/process_list.h"
 #include "core/analysis/sensor_catalog.h"
 #include "core/analysis/system_telemetry.h"
+#include "core/control/control_client.h"
 #include "core/hardware/hardware_sampler.h"
 #include "core/hardware/smc.h"
 #include "core/hardware/system_capabilities.h"
@@ -139,7 +143,8 @@ void print(const Snapshot& snapshot, const DiagnosticReport& report, std::vector
     std::fflush(stdout);
 }
 
-std::vector<Snapshot> watch(int seconds) {
+// meanwhile: once a second.
+std::vector<Snapshot> watch(int seconds, const std::function<void()>& meanwhile) {
     HardwareSampler sampler;
     SMC smc;  // the sampler keeps its own to itself
     Diagnosis diagnosis;
@@ -148,22 +153,61 @@ std::vector<Snapshot> watch(int seconds) {
     while (!fv_should_stop() && samples.size() < static_cast<std::size_t>(seconds)) {
         samples.push_back(sampler.sample());
         print(samples.back(), diagnosis.of(samples.back()), leaseReport(smc, samples.back()));
+        meanwhile();
         fv_pause(start + static_cast<double>(samples.size()) - fv_continuous_seconds());
     }
     return samples;
 }
 
+// What the helper says, for the user: at the start and the end, and when something happens between.
+class FanMode {
+public:
+    FanMode(std::string profile, const std::vector<std::string>& helper) : client_(helper) {
+        show(client_.request({.command = "profile", .profile = std::move(profile)}), true);
+    }
+    ~FanMode() { show(client_.end(), true); }
+    FanMode(const FanMode&) = delete;
+    FanMode& operator=(const FanMode&) = delete;
+
+    void look() { show(client_.request({.command = "status"}), false); }
+
+private:
+    static void show(const ControlAnswer& answer, bool always) {
+        if (const auto* failure = std::get_if<ControlFailure>(&answer)) {
+            std::fprintf(stderr, "%s\n", failure->message.c_str());
+            return;
+        }
+        const auto& reply = std::get<ControlReply>(answer);
+        if (always || !reply.ok) {
+            std::fprintf(stderr, "%s\n", reply.message.c_str());
+        }
+        if (reply.ended) {
+            std::fprintf(stderr, "%s\n", reply.ended->message.c_str());
+        }
+    }
+
+    ControlClient client_;
+};
+
 }  // namespace
 
 int main(int argc, char** argv) {
-    const auto seconds = argc == 3 ? parseInt32(argv[1]) : std::nullopt;
+    constexpr int kProfile = 3, kHelper = 4;  // arguments
+    const bool complete = argc == kProfile || argc > kHelper;
+    const auto seconds = complete ? parseInt32(argv[1]) : std::nullopt;
     if (!seconds || *seconds < 1 || *seconds > kLongestSeconds) {
-        std::fputs("Usage: monitor-example SECONDS FILE.csv\n", stderr);
+        std::fputs("Usage: monitor-example SECONDS FILE.csv [PROFILE HELPER...]\n", stderr);
         return 2;
     }
     fv_install_stop_handlers();
     try {
-        const std::vector<Snapshot> samples = watch(*seconds);
+        std::optional<FanMode> mode;
+        if (argc > kHelper) {
+            mode.emplace(argv[kProfile], std::vector<std::string>(argv + kHelper, argv + argc));
+        }
+        const std::vector<Snapshot> samples =
+            watch(*seconds, [&] { mode ? mode->look() : void(); });
+        mode.reset();
         std::ofstream file(argv[2], std::ios::binary);
         file << Export::csv(samples) << std::flush;
         if (!file) {

@@ -1,6 +1,7 @@
 #include "core/control/control_channel.h"
 
 #include <poll.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -18,6 +19,13 @@ constexpr std::size_t kReadBytes = 4096;
 
 // What a pipe takes without blocking once it says that it takes anything.
 constexpr std::size_t kWriteBytes = 512;
+
+// A reader that is gone is a failed write: asked for with each write, or of the socket.
+#ifdef SO_NOSIGPIPE
+constexpr int kQuietly = 0;
+#else
+constexpr int kQuietly = MSG_NOSIGNAL;
+#endif
 
 constexpr int kSendPollMilliseconds = 100;  // between looks at whether sending is given up
 
@@ -43,8 +51,18 @@ void awaitReader(int fd, const std::function<bool()>& giveUp) {
 
 }  // namespace
 
-ControlChannel::ControlChannel(int fd, Uptime uptime, double longestWaitSeconds)
-    : fd_(fd), uptime_(std::move(uptime)), longestWaitSeconds_(longestWaitSeconds) {}
+ControlChannel::ControlChannel(int fd, Uptime uptime, double longestWaitSeconds, bool isSocket)
+    : fd_(fd),
+      uptime_(std::move(uptime)),
+      longestWaitSeconds_(longestWaitSeconds),
+      isSocket_(isSocket) {
+#ifdef SO_NOSIGPIPE
+    const int on = 1;
+    if (isSocket_) {
+        setsockopt(fd_, SOL_SOCKET, SO_NOSIGPIPE, &on, sizeof on);
+    }
+#endif
+}
 
 std::optional<std::string> ControlChannel::readLine(double timeoutSeconds) {
     const double deadline = uptime_() + timeoutSeconds;
@@ -111,7 +129,9 @@ void ControlChannel::sendLine(std::string line, const std::function<bool()>& giv
     line += '\n';
     for (std::string_view rest = line; !rest.empty();) {
         awaitReader(fd_, giveUp);
-        const ssize_t count = write(fd_, rest.data(), std::min(rest.size(), kWriteBytes));
+        const std::size_t size = std::min(rest.size(), kWriteBytes);
+        const ssize_t count =
+            isSocket_ ? ::send(fd_, rest.data(), size, kQuietly) : write(fd_, rest.data(), size);
         if (count > 0) {
             rest.remove_prefix(static_cast<std::size_t>(count));
         } else if (count == 0 || (errno != EINTR && errno != EAGAIN)) {

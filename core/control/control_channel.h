@@ -18,13 +18,14 @@ inline constexpr std::size_t kMaxControlLineBytes = 16383;
 inline constexpr double kLongestControlWaitSeconds = 150;
 
 // Used by one thread at a time. The descriptor is the caller's, to open and to close; whether it
-// blocks is all one, and a write to it whose reader is gone must not raise SIGPIPE. After an error
+// blocks is all one; unless it is a socket, and said to be, SIGPIPE must be ignored. After an error
 // the channel stays usable as far as the descriptor is, with the bytes received so far kept.
 class ControlChannel {
 public:
     using Uptime = std::function<double()>;  // seconds, monotonic
 
-    ControlChannel(int fd, Uptime uptime, double longestWaitSeconds = kLongestControlWaitSeconds);
+    ControlChannel(int fd, Uptime uptime, double longestWaitSeconds = kLongestControlWaitSeconds,
+                   bool isSocket = false);
     ControlChannel(const ControlChannel&) = delete;
     ControlChannel& operator=(const ControlChannel&) = delete;
 
@@ -50,6 +51,7 @@ private:
     int fd_;
     Uptime uptime_;
     double longestWaitSeconds_;
+    bool isSocket_;
     std::string buffer_;  // received and not yet returned
 };
 

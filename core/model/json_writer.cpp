@@ -216,7 +216,8 @@ void Writer::escaped(char c) {
 
 void Writer::number(double number) {
     if (!std::isfinite(number)) {
-        throw ScopeError("JSON 成员 " + std::string(lastName_) + " 不是有限数值，无法写出");
+        throw ScopeError("JSON 成员 " + std::string(lastName_) + " 不是有限数值，无法写出",
+                         ResultCode::invalid);
     }
     std::array<char, kShortestMaxLength> digits;
     out_.append(digits.data(), writeShortest(number, digits.data()));
