@@ -43,9 +43,12 @@ endfunction()
 # What is tested keeps its build's optimisation. What tests has only to compile soon, which under a
 # sanitizer takes twice as long with any optimisation.
 function(ferovane_compiles_soon name)
-    if(NOT FEROVANE_FUZZERS)
-        set(level $<IF:$<BOOL:${FEROVANE_SANITIZE}>,-O0,-O1>)
-        target_compile_options(${name} PRIVATE $<$<NOT:$<CONFIG:Debug>>:${level}>)
+    if(FEROVANE_FUZZERS)
+        return()
+    elseif(FEROVANE_SANITIZE)
+        target_compile_options(${name} PRIVATE -O0)
+    else()
+        target_compile_options(${name} PRIVATE $<$<NOT:$<CONFIG:Debug>>:-O1>)
     endif()
 endfunction()
 
