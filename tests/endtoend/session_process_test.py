@@ -33,7 +33,8 @@ class SessionProcessTest(unittest.TestCase):
             automatic = session.request("profile", profile="automatic")
             self.assertEqual((automatic["turbo"], automatic.get("session")), (1, None))
             self.assertEqual(session.request("turbo-enable")["turbo"], 0)
-            self.assertEqual(session.request("test-fans")["profile"], "test-fans")
+            self.assertEqual(session.request("test-fans", label="secret")["profile"],
+                             "test-fans")
             custom = session.request("profile", profile="custom", curve=CURVE)
             self.assertEqual(custom["label"], "独立风扇策略")
             self.assertEqual([t["id"] for t in custom["fanStatus"]["targets"]], [0, 1])
