@@ -2,25 +2,15 @@
 #include <IOKit/pwr_mgt/IOPM.h>
 #include <IOKit/pwr_mgt/IOPMLib.h>
 
-#include <cmath>
 #include <cstdio>
 
 #include "simulator/machine/cf_values.h"
 #include "simulator/machine/machine.h"
+#include "simulator/machine/power_keys.h"
 
 namespace {
 
 using namespace simulator;
-
-// A throttled processor shows in the speed limit, as long as nobody fixed another one.
-PropertyValue speedLimit(World& world) {
-    PropertyValue limit = world.property(Property::kSpeedLimit);
-    constexpr double kNominal = 100;
-    if (limit.form == PropertyForm::kNumber && limit.number == kNominal) {
-        limit.number = std::round(kNominal * world.state().heat.throttle);
-    }
-    return limit;
-}
 
 OwnedCF<CFTypeRef> entry(const AssertionRecord& assertion) {
     if (assertion.type[0] == '\0') {
@@ -66,7 +56,7 @@ IOReturn IOPMCopyCPUPowerStatus(CFDictionaryRef* status) {
     }
     auto limits = cfDictionary();
     machine->locked([&limits](World& world) {
-        cfSet(limits.get(), kIOPMCPUPowerLimitProcessorSpeedKey, speedLimit(world));
+        cfSet(limits.get(), kIOPMCPUPowerLimitProcessorSpeedKey, PowerKeys::speedLimit(world));
         cfSet(limits.get(), kIOPMCPUPowerLimitSchedulerTimeKey,
               world.property(Property::kSchedulerLimit));
         cfSet(limits.get(), kIOPMCPUPowerLimitProcessorCountKey,

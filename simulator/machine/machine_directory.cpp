@@ -83,8 +83,8 @@ void writeFile(const fs::path& path, const std::string& content) {
     }
 }
 
-void placeTool(const fs::path& root, const fs::path& directory, const std::string& name) {
-    const fs::path script = root / "usr/bin" / name;
+void placeTool(const fs::path& folder, const fs::path& directory, const std::string& name) {
+    const fs::path script = folder / name;
     // -p: a helper whose real user is not root still runs its tools as root, as it does on a Mac.
     writeFile(script, "#!/bin/sh -p\nexec " + quoted(toolPath()) + " " + name + " " +
                           quoted(fs::absolute(directory).string()) + " \"$@\"\n");
@@ -95,9 +95,14 @@ void placeTool(const fs::path& root, const fs::path& directory, const std::strin
 void placeRoot(const fs::path& directory) {
     const fs::path root = directory / "root";
     fs::create_directories(root / "usr/bin");
+    fs::create_directories(root / "usr/sbin");
     fs::create_directories(root / "Applications");
-    placeTool(root, directory, "pmset");
-    placeTool(root, directory, "kmutil");
+    for (const char* name : {"pmset", "kmutil", "powermetrics"}) {
+        placeTool(root / "usr/bin", directory, name);
+    }
+    for (const char* name : {"ioreg", "sysctl"}) {
+        placeTool(root / "usr/sbin", directory, name);
+    }
 }
 
 // Keeps every other creation out of the directory: two at once would take each other's files for

@@ -89,6 +89,15 @@ bool batteryCharging(World& world) {
     return onMains(world) && world.number(Property::kBatteryPercent, kFullPercent) < kFullPercent;
 }
 
+PropertyValue speedLimit(World& world) {
+    PropertyValue limit = world.property(Property::kSpeedLimit);
+    constexpr double kNominal = 100;
+    if (limit.form == PropertyForm::kNumber && limit.number == kNominal) {
+        limit.number = std::round(kNominal * world.state().heat.throttle);
+    }
+    return limit;
+}
+
 std::optional<double> number(World& world, const KeyRecord& key) {
     switch (key.role) {
         case KeyRole::kAdapterPower:

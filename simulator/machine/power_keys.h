@@ -17,4 +17,8 @@ std::optional<double> number(World& world, const KeyRecord& key);
 double batteryMilliamps(World& world);
 bool batteryCharging(World& world);
 
+// The published speed limit, percent. A throttled processor shows in it, as long as nobody fixed
+// another one.
+PropertyValue speedLimit(World& world);
+
 }  // namespace simulator::PowerKeys

@@ -28,6 +28,9 @@ int run(const Words& words);
 // The machine's own tools, as the scripts in its root start them: DIR, then the tool's arguments.
 int pmset(const Words& words);
 int kmutil(const Words& words);
+int sysctl(const Words& words);
+int ioreg(const Words& words);
+int powermetrics(const Words& words);
 
 // The first word, which names the machine directory; throws UsageError when it is missing.
 const std::string& directoryIn(const Words& words);

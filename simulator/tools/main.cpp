@@ -38,6 +38,9 @@ constexpr std::array kCommands = {
     Command{"run", run, "run DIR -- COMMAND …", "run a command attached to the machine"},
     Command{"pmset", pmset, "", ""},
     Command{"kmutil", kmutil, "", ""},
+    Command{"sysctl", sysctl, "", ""},
+    Command{"ioreg", ioreg, "", ""},
+    Command{"powermetrics", powermetrics, "", ""},
 };
 
 void printHelp(std::FILE* stream) {

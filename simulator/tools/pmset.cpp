@@ -1,5 +1,5 @@
-// The power tool of a simulated Mac, as far as programs use it: "-g custom", and changes of one
-// source's settings or of all.
+// The power tool of a simulated Mac, as far as programs use it: "-g custom", "-g ps",
+// "-g therm", and changes of one source's settings or of all.
 #include <algorithm>
 #include <array>
 #include <cstdio>
@@ -7,6 +7,7 @@
 #include <map>
 
 #include "simulator/machine/machine.h"
+#include "simulator/machine/power_keys.h"
 #include "simulator/machine/power_settings.h"
 #include "simulator/tools/machine_tool.h"
 
@@ -186,8 +187,44 @@ int printCustom(SimulatedMac& mac) {
     return 0;
 }
 
+int printSource(SimulatedMac& mac) {
+    const auto power = mac.value(Property::kAcPower);
+    if (power) {
+        const auto source = *power == 0   ? PowerSettings::kBattery
+                            : *power == 1 ? PowerSettings::kMains
+                                          : std::string_view("UPS Power");
+        std::printf("Now drawing from '%s'\n", std::string(source).c_str());
+    }
+    return 0;
+}
+
+// Levels themselves are left out: how the real tool prints them is not known to us.
+int printLimits(SimulatedMac& mac) {
+    if (!mac.value(Property::kThermalWarning)) {
+        std::puts("Note: No thermal warning level has been recorded");
+    }
+    std::puts("Note: No performance warning level has been recorded");
+    const auto print = [](const char* name, std::optional<double> value) {
+        if (value) {
+            std::printf("\t%s \t= %.0f\n", name, *value);
+        }
+    };
+    const auto speed = mac.machine().locked(PowerKeys::speedLimit);
+    print("CPU_Scheduler_Limit", mac.value(Property::kSchedulerLimit));
+    print("CPU_Available_CPUs", mac.value(Property::kAvailableCpus));
+    print("CPU_Speed_Limit",
+          speed.form == PropertyForm::kNumber ? std::optional(speed.number) : std::nullopt);
+    return 0;
+}
+
 int perform(MachineTool& tool) {
     const Words& words = tool.arguments();
+    if (words.size() == 2 && words[0] == "-g" && words[1] == "ps") {
+        return printSource(tool.mac());
+    }
+    if (words.size() == 2 && words[0] == "-g" && words[1] == "therm") {
+        return printLimits(tool.mac());
+    }
     if (words.size() == 2 && words[0] == "-g" && words[1] == "custom") {
         return printCustom(tool.mac());
     }

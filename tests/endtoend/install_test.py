@@ -17,28 +17,27 @@ HASTE = ("-DCMAKE_UNITY_BUILD=ON", "-DCMAKE_UNITY_BUILD_BATCH_SIZE=0", "-DCMAKE_
 
 
 def run(*words, **environment):
-    return subprocess.run([*map(str, words)], env={**os.environ, **environment}, text=True,
+    """The exit status and everything that was printed."""
+    done = subprocess.run([*map(str, words)], env={**os.environ, **environment}, text=True,
                           stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+    return done.returncode, done.stdout
 
 
 @needs_root
 @unittest.skipIf(sys.platform == "darwin", "the installed helper drives the real fans there")
 class InstallTest(unittest.TestCase):
     def setUp(self):
-        self.folder = tempfile.TemporaryDirectory(prefix="ferovane-test-")
-        self.addCleanup(self.folder.cleanup)
-        self.prefix = pathlib.Path(self.folder.name, "a b")
+        folder = tempfile.TemporaryDirectory(prefix="ferovane-test-")
+        self.addCleanup(folder.cleanup)
+        self.folder, self.prefix = folder.name, pathlib.Path(folder.name, "a b")
 
-    def script(self, name, *words, **environment):
+    def script(self, name, **environment):
         build = ["--build", BIN.parent] if name == "install" else []
-        return run("sh", SOURCE / "scripts" / name, *build, "--prefix", self.prefix, *words,
-                   **environment)
+        return run("sh", SOURCE / "scripts" / name, *build, "--prefix", self.prefix, **environment)
 
     def install(self):
-        os.umask(0)
-        done = self.script("install")
-        os.umask(0o022)
-        self.assertEqual(done.returncode, 0, done.stdout)
+        status, output = self.script("install")
+        self.assertEqual(status, 0, output)
 
     def test_a_strangers_program_builds_with_it(self):
         self.install()
@@ -46,13 +45,15 @@ class InstallTest(unittest.TestCase):
                              (f"-DFEROVANE_SOURCE={SOURCE}", "added")):
             with self.subTest(build), Mac("M1Pro") as mac:
                 build = BIN.parent / "consumer" / build
-                for made in (run("cmake", "-G", "Ninja", "-S", CONSUMER, "-B", build, found, *HASTE),
-                             run("cmake", "--build", build, "--target", "consumer")):
-                    self.assertEqual(made.returncode, 0, made.stdout)
+                for words in (("-G", "Ninja", "-S", CONSUMER, "-B", build, found, *HASTE),
+                              ("--build", build, "--target", "consumer")):
+                    status, output = run("cmake", *words)
+                    self.assertEqual(status, 0, output)
                 self.assertRegex(mac.tool("run", mac.path, "--", build / "consumer"),
                                  r'^\[{"id":0,"rpm":\d.*,{"id":1,.*"controllable":true}]\n$')
 
     def test_it_is_replaced_and_removed_when_nobody_holds_a_fan_with_it(self):
+        self.addCleanup(os.umask, os.umask(0))
         self.install()
         for path in self.prefix.rglob("*"):
             self.assertEqual(path.stat().st_mode & 0o022 | path.stat().st_uid, 0, path)
@@ -62,13 +63,13 @@ class InstallTest(unittest.TestCase):
             session = session_on(mac, owner, helper)
             before = helper.stat().st_ino
             for name in ("install", "uninstall"):
-                refused = self.script(name, **machine)
-                self.assertIn(f"(process {session.process.pid} ", refused.stdout)
-                self.assertEqual((refused.returncode, helper.stat().st_ino), (1, before))
+                status, output = self.script(name, **machine)
+                self.assertIn(f"(process {session.process.pid} ", output)
+                self.assertEqual((status, helper.stat().st_ino), (1, before))
             end(session)
             # A header of a version before, and something of somebody else's.
             listed = self.prefix / "share/ferovane/installed-files"
-            gone, other = (self.prefix / "include" / name for name in ("gone.h", "other.h"))
+            gone, other = self.prefix / "include/gone.h", self.prefix / "include/other.h"
             listed.write_text(f"{listed.read_text()}{gone}\n")
             gone.touch()
             other.touch()
@@ -77,22 +78,20 @@ class InstallTest(unittest.TestCase):
             self.assertFalse(gone.exists())
             mac.write("F0Md", 1)
             mac.fault("refuse-write", "key=F0Md", "code=0x82")
-            self.assertEqual(self.script("uninstall", **machine).returncode, 1)
+            self.assertEqual(self.script("uninstall", **machine)[0], 1)
             self.assertTrue(helper.exists())
             mac.fault("clear")
-            removed = self.script("uninstall", **machine)
-            self.assertEqual(removed.returncode, 0, removed.stdout)
-            self.assertIn(f"  {helper}\n", removed.stdout)
+            status, output = self.script("uninstall", **machine)
+            self.assertEqual((status, f"  {helper}\n" in output), (0, True), output)
             self.assertTrue(mac.automatic())
         self.assertEqual([path for path in self.prefix.rglob("*") if path.is_file()], [other])
 
     def test_no_place_that_others_may_write_to(self):
         for mode, user in ((0o775, 0), (0o757, 0), (0o755, 1)):
-            os.chmod(self.folder.name, mode)
-            os.chown(self.folder.name, user, 0)
-            refused = self.script("install")
-            self.assertEqual(refused.returncode, 1, refused.stdout)
-            self.assertIn("no place for what root runs", refused.stdout)
+            os.chmod(self.folder, mode)
+            os.chown(self.folder, user, 0)
+            status, output = self.script("install")
+            self.assertEqual((status, "no place for what root runs" in output), (1, True), output)
             self.assertFalse(self.prefix.exists())
 
 
