@@ -160,14 +160,14 @@ std::vector<Snapshot> watch(int seconds, const std::function<void()>& meanwhile)
 }
 
 // What the helper says, for the user: at the start and the end, and when something happens between.
-class FanMode {
+class HeldProfile {
 public:
-    FanMode(std::string profile, const std::vector<std::string>& helper) : client_(helper) {
+    HeldProfile(std::string profile, const std::vector<std::string>& helper) : client_(helper) {
         show(client_.request({.command = "profile", .profile = std::move(profile)}), true);
     }
-    ~FanMode() { show(client_.end(), true); }
-    FanMode(const FanMode&) = delete;
-    FanMode& operator=(const FanMode&) = delete;
+    ~HeldProfile() { show(client_.end(), true); }
+    HeldProfile(const HeldProfile&) = delete;
+    HeldProfile& operator=(const HeldProfile&) = delete;
 
     void look() { show(client_.request({.command = "status"}), false); }
 
@@ -201,7 +201,7 @@ int main(int argc, char** argv) {
     }
     fv_install_stop_handlers();
     try {
-        std::optional<FanMode> mode;
+        std::optional<HeldProfile> mode;
         if (argc > kHelper) {
             mode.emplace(argv[kProfile], std::vector<std::string>(argv + kHelper, argv + argc));
         }
