@@ -6,7 +6,7 @@ namespace ferovane::testing {
 namespace {
 
 const std::string kSystemManaged = "风扇由系统管理";
-const std::string kPlan =
+const std::string kPlanLine =
     "{\"command\":\"power-optimize\",\"powerPlan\":{\"source\":\"battery\",\"scope\":"
     "\"current\",\"lowPower\":true,\"displayMinutes\":5,\"disableTurbo\":true}}";
 constexpr double kLate = 0.1;  // seconds after which a write settles that is read back in time
@@ -87,7 +87,7 @@ TEST(SessionTest, SaysSoWhileAFanCouldNotBeHandedBackAndANewLeaseFirstMakesThatG
     const std::string failure = "恢复自动风扇失败：SMC F1Md 写入失败（134）；此机型可能不支持控制";
     EXPECT_EQ(session.command("auto"), (ControlReply{false, failure}));
     EXPECT_EQ(session.command("status"), (ControlReply{false, failure + "（风扇 2）"}));
-    const ControlReply applied = session.ask(kPlan);
+    const ControlReply applied = session.ask(kPlanLine);
     EXPECT_EQ(applied.message, "优化设置已确认生效");
     EXPECT_TRUE(applied.ok && applied.power && applied.power->backup) << "it costs no backup";
     session.world.mac.clearFaults();
@@ -249,7 +249,7 @@ TEST(SessionTest, ATurboChangeThatIsCutInAndAPlanWhoseReplyNobodyGetsAreTakenBac
     EXPECT_EQ(session.command("turbo-disable"), (ControlReply{false, "会话正在结束，操作已中止"}));
     EXPECT_EQ(session.world.power.turbo, 0);
     session.replies.closeEnd(0);
-    session.tell(kPlan + "\n");
+    session.tell(kPlanLine + "\n");
     EXPECT_EQ(session.end(), "辅助进程写入失败");
     EXPECT_EQ(session.world.power.settings, laptopSettings());
     EXPECT_EQ(session.world.power.turbo, 0);
