@@ -66,23 +66,19 @@ TEST(ControlRequestTest, TheFirstBrokenRuleSpeaks) {
         const auto request = decodeJson<ControlRequest>(R"({"command":)" + members + "}");
         EXPECT_EQ(testing::failureOf([&] { request.validate(); }), message) << members;
     }
-    for (const std::string id :
-         {"7", "-9223372036854775808", "5.0", R"("")", R"("a\u0000\"é")",
-          R"("0123456789012345678901234567890123456789012345678901234567890123")"}) {
-        const auto request = decodeJson<ControlRequest>(R"({"command":"auto","id":)" + id + "}");
+    const std::string longest = "\"" + repeated("i", 64) + "\"";
+    for (const std::string& id : {std::string("-9223372036854775808"), longest}) {
+        const std::string text = R"({"command":"auto","id":)" + id + "}";
+        const auto request = decodeJson<ControlRequest>(text);
         request.validate();
-        const RequestId& known = request.id.value();
-        EXPECT_EQ(encodeJson(ControlReply{.ok = true, .message = "", .id = known}),
-                  R"({"ok":true,"message":"","id":)" + (id == "5.0" ? "5" : id) + "}");
-        EXPECT_EQ(requestIdIn(R"({"command":[],"id":)" + id + "}"), known);
+        EXPECT_EQ(encodeJson(request), text);
+        EXPECT_EQ(requestIdIn(R"({"command":[],"id":)" + id + "}"), request.id);
     }
     const std::pair<std::string, const char*> noIds[] = {
         {"null", ""},
-        {R"("0123456789012345678901234567890123456789012345678901234567890123é")", "请求编号过长"},
+        {"\"é" + longest.substr(2), "请求编号过长"},
         {"true", "JSON 成员 id 应为文本或整数"},
-        {"[7]", "JSON 成员 id 应为文本或整数"},
         {"1.5", "JSON 成员 id 应为文本或整数"},
-        {"9223372036854775808", "JSON 成员 id 超出数值范围"},
         {R"(7,"id":7)", "JSON 成员 id 重复出现"},
     };
     for (const auto& [id, message] : noIds) {

@@ -7,7 +7,7 @@ import subprocess
 import sys
 import unittest
 
-from simulated import (CURVE, HELPER, MANAGED, OWNER_UID, PLAN, Mac, Owner, end, eventually,
+from simulated import (BIN, CURVE, HELPER, MANAGED, OWNER_UID, PLAN, Mac, Owner, end, eventually,
                        needs_root, session_on)
 from control_client import LONGEST_LINE, ControlSession, RequestFailed, SessionError
 
@@ -82,6 +82,16 @@ class SessionProcessTest(unittest.TestCase):
                 self.assertEqual((result.returncode, result.stdout, result.stderr),
                                  (1, "", "原生授权会话身份验证失败\n"))
             self.assertEqual(mac.log(), ["已拒绝调用：serve"] * 4, "and nobody else's process")
+
+    def test_the_example_monitor_holds_a_profile_by_the_client_of_the_library(self):
+        monitor = "monitor-example-simulated" if sys.platform == "darwin" else "monitor-example"
+        with Mac("MacPro7,1") as mac:
+            result = subprocess.run([BIN / monitor, "2", "/dev/null", "performance", HELPER],
+                                    env=mac.environment(), capture_output=True, text=True)
+            self.assertEqual((result.returncode, result.stderr),
+                             (0, "控制已确认生效\n风扇由系统管理\n"))
+            self.assertIn("F0Md=1", mac.writes())
+            self.assertTrue(mac.automatic())
 
     def test_a_signal_or_a_line_too_long_ends_it_with_automatic_fans(self):
         for deed, status, message in (
