@@ -27,7 +27,7 @@ auto openDescriptors() {
     return std::distance(begin(list), end(list));
 }
 
-class ControlClientTest : public testing::Test {
+class ControlClientTest : public ::testing::Test {
 protected:
     void SetUp() override {
         std::signal(SIGPIPE, SIG_DFL);
