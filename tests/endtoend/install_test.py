@@ -16,13 +16,6 @@ HASTE = ("-DCMAKE_UNITY_BUILD=ON", "-DCMAKE_UNITY_BUILD_BATCH_SIZE=0", "-DCMAKE_
          "-DCMAKE_CXX_FLAGS_DEBUG=-O0")
 
 
-def run(*words, **environment):
-    """The exit status and everything that was printed."""
-    done = subprocess.run([*map(str, words)], env={**os.environ, **environment}, text=True,
-                          stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
-    return done.returncode, done.stdout
-
-
 @needs_root
 @unittest.skipIf(sys.platform == "darwin", "the installed helper drives the real fans there")
 class InstallTest(unittest.TestCase):
@@ -31,58 +24,55 @@ class InstallTest(unittest.TestCase):
         self.addCleanup(folder.cleanup)
         self.folder, self.prefix = folder.name, pathlib.Path(folder.name, "a b")
 
-    def script(self, name, **environment):
-        build = ["--build", BIN.parent] if name == "install" else []
-        return run("sh", SOURCE / "scripts" / name, *build, "--prefix", self.prefix, **environment)
+    def run_(self, *words, status=0, mac=None):
+        """Everything that was printed."""
+        done = subprocess.run([*map(str, words)], env=mac and mac.environment(), text=True,
+                              stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+        self.assertEqual(done.returncode, status, done.stdout)
+        return done.stdout
 
-    def install(self):
-        status, output = self.script("install")
-        self.assertEqual(status, 0, output)
+    def script(self, name, **outcome):
+        build = ["--build", BIN.parent] if name == "install" else []
+        return self.run_("sh", SOURCE / "scripts" / name, *build, "--prefix", self.prefix, **outcome)
 
     def test_a_strangers_program_builds_with_it(self):
-        self.install()
+        self.script("install")
         for found, build in ((f"-DFerovane_DIR={self.prefix}/lib/cmake/Ferovane", "installed"),
                              (f"-DFEROVANE_SOURCE={SOURCE}", "added")):
             with self.subTest(build), Mac("M1Pro") as mac:
                 build = BIN.parent / "consumer" / build
-                for words in (("-G", "Ninja", "-S", CONSUMER, "-B", build, found, *HASTE),
-                              ("--build", build, "--target", "consumer")):
-                    status, output = run("cmake", *words)
-                    self.assertEqual(status, 0, output)
-                self.assertRegex(mac.tool("run", mac.path, "--", build / "consumer"),
+                self.run_("cmake", "-G", "Ninja", "-S", CONSUMER, "-B", build, found, *HASTE)
+                self.run_("cmake", "--build", build, "--target", "consumer")
+                self.assertRegex(self.run_(build / "consumer", mac=mac),
                                  r'^\[{"id":0,"rpm":\d.*,{"id":1,.*"controllable":true}]\n$')
 
     def test_it_is_replaced_and_removed_when_nobody_holds_a_fan_with_it(self):
         self.addCleanup(os.umask, os.umask(0))
-        self.install()
+        self.script("install")
         for path in self.prefix.rglob("*"):
             self.assertEqual(path.stat().st_mode & 0o022 | path.stat().st_uid, 0, path)
         helper = self.prefix / "libexec/FerovaneHelper"
         with Mac("M1Pro") as mac, Owner() as owner:
-            machine = {"FEROVANE_SIMULATED_MAC": mac.path}
             session = session_on(mac, owner, helper)
             before = helper.stat().st_ino
             for name in ("install", "uninstall"):
-                status, output = self.script(name, **machine)
-                self.assertIn(f"(process {session.process.pid} ", output)
-                self.assertEqual((status, helper.stat().st_ino), (1, before))
+                self.assertIn(f"(process {session.process.pid} ", self.script(name, status=1, mac=mac))
+            self.assertEqual(helper.stat().st_ino, before)
             end(session)
             # A header of a version before, and something of somebody else's.
-            listed = self.prefix / "share/ferovane/installed-files"
             gone, other = self.prefix / "include/gone.h", self.prefix / "include/other.h"
-            listed.write_text(f"{listed.read_text()}{gone}\n")
+            with open(self.prefix / "share/ferovane/installed-files", "a") as listed:
+                listed.write(f"{gone}\n")
             gone.touch()
             other.touch()
-            self.install()
-            self.assertNotEqual(helper.stat().st_ino, before)
-            self.assertFalse(gone.exists())
+            self.script("install")
+            self.assertEqual((helper.stat().st_ino == before, gone.exists()), (False, False))
             mac.write("F0Md", 1)
             mac.fault("refuse-write", "key=F0Md", "code=0x82")
-            self.assertEqual(self.script("uninstall", **machine)[0], 1)
+            self.script("uninstall", status=1, mac=mac)
             self.assertTrue(helper.exists())
             mac.fault("clear")
-            status, output = self.script("uninstall", **machine)
-            self.assertEqual((status, f"  {helper}\n" in output), (0, True), output)
+            self.assertIn(f"  {helper}\n", self.script("uninstall", mac=mac))
             self.assertTrue(mac.automatic())
         self.assertEqual([path for path in self.prefix.rglob("*") if path.is_file()], [other])
 
@@ -90,8 +80,7 @@ class InstallTest(unittest.TestCase):
         for mode, user in ((0o775, 0), (0o757, 0), (0o755, 1)):
             os.chmod(self.folder, mode)
             os.chown(self.folder, user, 0)
-            status, output = self.script("install")
-            self.assertEqual((status, "no place for what root runs" in output), (1, True), output)
+            self.assertIn("no place for what root runs", self.script("install", status=1))
             self.assertFalse(self.prefix.exists())
 
 
