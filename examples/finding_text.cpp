@@ -66,6 +66,8 @@ std::string textOf(const DiagnosticFinding& finding) {
             return "电量" + valueText(finding, "%") + "，可以开启低电量模式";
         case DiagnosticKind::unavailable:
             return "部分数据不可用，结论可能不完整";
+        case DiagnosticKind::health:
+            return subject;
     }
     return "";
 }

@@ -26,7 +26,8 @@ enum class DiagnosticKind {
     diskActivity,
     wakeRequests,
     batteryPolicy,
-    unavailable
+    unavailable,
+    health  // of a fan, a sensor or the cooling; never from the engine (health_finding.h)
 };
 
 // What a view offers next to a finding.
@@ -55,7 +56,8 @@ struct DiagnosticFinding {
     DiagnosticKind kind = DiagnosticKind::unavailable;
     DiagnosticSeverity severity = DiagnosticSeverity::information;
     DiagnosticConfidence confidence = DiagnosticConfidence::unavailable;
-    std::optional<std::string> subject;  // "CPU", "GPU" or the name of an application
+    // "CPU", "GPU" or the name of an application; of the kind `health` the whole sentence.
+    std::optional<std::string> subject;
     // By kind: the thermal state's number, percent of full speed, degrees Celsius, percent of one
     // core, the kernel's pressure level, bytes per second, requests, percent of charge.
     std::optional<double> value;
