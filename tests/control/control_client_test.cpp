@@ -57,6 +57,10 @@ TEST_F(ControlClientTest, AnyFailureIsAValueAndTheEndOfTheSession) {
         EXPECT_EQ(asked(client), first) << then;
         EXPECT_FALSE(client.isAlive());
     }
+    ControlClient gone({"/bin/sh", "-c", "exit"});
+    siginfo_t end{};
+    ASSERT_EQ(::waitid(P_ALL, 0, &end, WEXITED | WNOWAIT), 0);
+    EXPECT_EQ(asked(gone), "failure 辅助进程写入失败");
     ControlClient none({"/no/such/helper"});
     EXPECT_EQ(asked(none), "failure 无法启动辅助进程");
 }
