@@ -381,6 +381,8 @@ void SessionControl::runLease(const FanCurve& curve, const std::string& mode,
         reason = reasonFor(failure);
         keepReturning(failure);
         held_.end(failure, textOf(reason));
+    } else {
+        keepReturning(failure);
     }
     const ConditionGuard guard(lock_);
     if (lease_->applied) {

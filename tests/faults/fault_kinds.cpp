@@ -13,36 +13,22 @@ namespace {
 
 constexpr double kHour = 3600;
 constexpr double kHalfAMinute = 30;
+constexpr double kOutageSeconds = 6;
 
 // ---- Which calls -------------------------------------------------------------------------------
 
-template <CallKind... kinds>
-bool at(const Call& call, const Flow&) {
-    return ((call.kind == kinds) || ...);
+constexpr Calls kAny = ~Calls{0};
+constexpr Calls kDescriptor = calls({CallKind::read, CallKind::poll, CallKind::write});
+constexpr Calls kWithoutLock = ~calls({CallKind::clock, CallKind::probe});
+
+bool fans(const Flow& flow) {
+    return flow.controlsFans;
 }
-constexpr auto atWrite = at<CallKind::keyWrite>;
-constexpr auto atRead = at<CallKind::keyRead>;
-constexpr auto atClock = at<CallKind::clock>;
-constexpr auto atTransfer = at<CallKind::read, CallKind::write>;
-constexpr auto atDescriptor = at<CallKind::read, CallKind::poll, CallKind::write>;
-constexpr auto atTool = at<CallKind::tool>;
-bool atAny(const Call&, const Flow&) {
-    return true;
-}
-bool atController(const Call& call, const Flow&) {
-    return call.isController();
-}
-bool atFans(const Call& call, const Flow& flow) {
-    return call.isController() && flow.controlsFans;
-}
-bool inOneShotLease(const Call&, const Flow& flow) {
+bool oneShotLease(const Flow& flow) {
     return flow.lease;
 }
-bool inSession(const Call&, const Flow& flow) {
+bool session(const Flow& flow) {
     return flow.isSession();
-}
-bool inFanSession(const Call& call, const Flow& flow) {
-    return flow.isSession() && flow.controlsFans && !call.mayHoldLock();
 }
 
 // ---- What happens ------------------------------------------------------------------------------
@@ -54,6 +40,12 @@ void failWith(FaultWorld& world, const Call&) {
 template <int number>
 void stopSignal(FaultWorld& world, const Call&) {
     world.sendSignal(number);
+}
+void nothing(FaultWorld& world, const Call&) {
+    world.mishap.nothing = true;
+}
+void nothingForGood(FaultWorld& world, const Call& call) {
+    world.lasting[call.kind].nothing = true;
 }
 void temperaturesGone(FaultWorld& world, const Call&) {
     for (const char* sensor : {"TC0C", "TC0P", "TC1C", "TCMb", "Tp01", "Tp05"}) {
@@ -84,85 +76,90 @@ void FaultKind::strike(FaultWorld& world, const Call& call) const {
 }
 
 const std::vector<FaultKind>& faultKinds() {
+    using enum CallKind;
     using enum Harm;
     using W = FaultWorld;
     using C = const Call;
+    constexpr Calls kWrite = calls({keyWrite});
+    constexpr Calls kRead = calls({keyRead});
+    constexpr Calls kInfo = calls({keyInfo});
 
     static const std::vector<FaultKind> kinds{
         // The controller. A write is read back for two seconds.
-        {"refuse-call code=0x82 times=1", once, atController},
-        {"refuse-call code=0x82 times=3", lasting, atController},
-        {"refuse-call code=0x82", lasting, atController},
-        {"controller out for a while", outage, atController, controllerOut},
-        {"refuse-write key=@ code=0x82 times=1", once, atWrite},
-        {"refuse-write key=@ code=-536870207 times=1", once, atWrite},  // no privilege
-        {"refuse-write key=@ code=0x82", lasting, atWrite},
-        {"refuse-read key=@ code=0x85", lasting, atRead},
-        {"ignore-write key=@ times=1", once, atWrite},
-        {"ignore-write key=@ times=3", lasting, atWrite},
-        {"ignore-write key=@", lasting, atWrite},
-        {"delay-write key=@ seconds=1.9 times=1", none, atWrite},
-        {"delay-write key=@ seconds=2.1 times=1", once, atWrite},
-        {"delay-write seconds=1.9", late, atWrite},
-        {"delay-write seconds=2.1", late, atWrite},
-        {"garbage key=@ times=1", lieOnce, atRead},
-        {"garbage key=@ times=3", lies, atRead},
-        {"garbage key=@", lies, atRead},
-        {"zero key=@ times=1", lieOnce, atRead},
-        {"freeze key=@", lies, atRead},
-        {"output-size size=79 times=1", once, atController},
-        {"output-size size=79", lasting, atController},
-        {"key-size key=@ size=33 times=1", once, at<CallKind::keyInfo>},
-        {"key-size key=@ size=1", lasting, at<CallKind::keyInfo>},
-        {"no connection", lasting, at<CallKind::open>, failWith<EIO>},
-        {"no answer", fails, at<CallKind::probe>, [](W& w, C&) { w.mishap.nothing = true; }},
-        {"no answers for good", fails, at<CallKind::probe>,
-         [](W& w, C&) { w.lasting[CallKind::probe].nothing = true; }},
-        {"temperatures gone", fails, atController, temperaturesGone},
+        {"refuse-call code=0x82 times=1", hit, kController},
+        {"refuse-call code=0x82 times=3", hit, kController},
+        {"refuse-call code=0x82", hit, kController},
+        {"controller out for a while", hit, kController, nullptr, controllerOut},
+        {"refuse-write key=@ code=0x82 times=1", hit, kWrite},
+        {"refuse-write key=@ code=-536870207 times=1", hit, kWrite},  // no privilege
+        {"refuse-write key=@ code=0x82", hit, kWrite},
+        {"refuse-read key=@ code=0x85 times=3", hit, kRead},
+        {"refuse-read key=@ code=0x85", hit, kRead},
+        {"ignore-write key=@ times=1", hit, kWrite},
+        {"ignore-write key=@ times=3", hit, kWrite},
+        {"ignore-write key=@", hit, kWrite},
+        {"delay-write key=@ seconds=1.9 times=1", none, kWrite},
+        {"delay-write key=@ seconds=2.1 times=1", late, kWrite},
+        {"delay-write seconds=1.9", late, kWrite},
+        {"delay-write seconds=2.1", late, kWrite},
+        {"garbage key=@ times=1", lies, kRead},
+        {"garbage key=@ times=3", lies, kRead},
+        {"garbage key=@", lies, kRead},
+        {"zero key=@ times=1", lies, kRead},
+        {"freeze key=@", lies, kRead},
+        {"output-size size=79 times=1", hit, kController},
+        {"output-size size=79", hit, kController},
+        {"key-size key=@ size=33 times=1", hit, kInfo},
+        {"key-size key=@ size=1", hit, kInfo},
+        {"no connection", hit, calls({open}), nullptr, failWith<EIO>},
+        {"no answer", fails, calls({probe}), nullptr, nothing},
+        {"no answers for good", fails, calls({probe}), nullptr, nothingForGood},
+        {"temperatures gone", fails, kController, nullptr, temperaturesGone},
 
         // Another program, and the world. No lease would set that target, so that none agrees by
         // chance.
-        {"take-fan fan=last", rival, atFans},
-        {"release-fan fan=0", rival, atFans},
-        {"drift-target fan=0 rpm=250", rival, atFans},
-        {"keep-target fan=0 rpm=9000 seconds=25", rival, atFans},
-        {"hold-unlock value=1", rival, atFans},
-        {"vanish-fan fan=last", lasting, atFans},
-        {"sleep seconds=3600", fails, atFans},
-        {"clock set back", fails, atClock, [](W& w, C&) { w.mishap.clockShift = -kHour; }},
-        {"clock set back for good", fails, atClock,
-         [](W& w, C&) { w.lasting[CallKind::clock].clockShift = -kHalfAMinute; }},
-        {"clock ahead", fails, atClock, [](W& w, C&) { w.mishap.clockShift = kHour; }},
+        {"take-fan fan=last", rival, kController, fans},
+        {"release-fan fan=0", rival, kController, fans},
+        {"drift-target fan=0 rpm=250", rival, kController, fans},
+        {"keep-target fan=0 rpm=9000 seconds=25", rival, kController, fans},
+        {"hold-unlock value=1", rival, kController, fans},
+        {"vanish-fan fan=last", hit, kController, fans},
+        {"sleep seconds=3600", time, kController, fans},
+        {"clock set back", time, calls({clock}), fans,
+         [](W& w, C&) { w.mishap.clockShift = -kHour; }},
+        {"clock set back for good", time, calls({clock}), fans,
+         [](W& w, C&) { w.lasting[clock].clockShift = -kHalfAMinute; }},
+        {"clock ahead", time, calls({clock}), fans, [](W& w, C&) { w.mishap.clockShift = kHour; }},
 
         // The system.
-        {"interrupted", none, atDescriptor, failWith<EINTR>},
-        {"input or output failed", fails, atDescriptor, failWith<EIO>},
-        {"reader gone for good", fails, at<CallKind::write>,
-         [](W& w, C&) { w.lasting[CallKind::write].error = EPIPE; }},
-        {"nothing read or written", fails, atDescriptor, [](W& w, C&) { w.mishap.nothing = true; }},
-        {"one byte", none, atTransfer, [](W& w, C&) { w.mishap.oneByte = true; }},
-        {"one byte at a time for good", none, atTransfer,
+        {"interrupted", none, kDescriptor, nullptr, failWith<EINTR>},
+        {"input or output failed", channel, kDescriptor, nullptr, failWith<EIO>},
+        {"reader gone for good", channel, calls({write}), nullptr,
+         [](W& w, C&) { w.lasting[write].error = EPIPE; }},
+        {"nothing read or written", channel, kDescriptor, nullptr, nothing},
+        {"one byte", none, calls({read, write}), nullptr,
+         [](W& w, C&) { w.mishap.oneByte = true; }},
+        {"one byte at a time for good", none, calls({read, write}), nullptr,
          [](W& w, C& c) { w.lasting[c.kind].oneByte = true; }},
-        {"no thread", fails, at<CallKind::threadStart>, failWith<EAGAIN>},
+        {"no thread", fails, calls({threadStart}), nullptr, failWith<EAGAIN>},
 
         // The tool that switches turbo.
-        {"tool works and says it failed", fails, atTool, failWith<EIO>},
-        {"tool without effect", fails, atTool, [](W& w, C&) { w.mishap.nothing = true; }},
-        {"tools without effect for good", fails, atTool,
-         [](W& w, C&) { w.lasting[CallKind::tool].nothing = true; }},
-        {"tool hangs", fails, atTool,
+        {"tool works and says it failed", fails, calls({tool}), nullptr, failWith<EIO>},
+        {"tool without effect", fails, calls({tool}), nullptr, nothing},
+        {"tools without effect for good", fails, calls({tool}), nullptr, nothingForGood},
+        {"tool hangs", fails, calls({tool}), nullptr,
          [](W& w, C&) { w.mishap = {.nothing = true, .hangs = true}; }},
 
         // What ends a lease.
-        {"SIGTERM", cause, atAny, stopSignal<SIGTERM>},
-        {"SIGINT", cause, atAny, stopSignal<SIGINT>},
-        {"SIGHUP", cause, atAny, stopSignal<SIGHUP>},
-        {"owner gone", cause, atAny, [](W& w, C&) { w.ownerAlive = false; }},
-        {"stop file", cause, inOneShotLease, [](W& w, C&) { w.stopFileAt = 0; }},
-        {"end of input", cause, inSession, [](W& w, C&) { w.closeInputNow(); }},
-        {"shutdown", fails, inSession,
+        {"SIGTERM", cause, kAny, nullptr, stopSignal<SIGTERM>},
+        {"SIGINT", cause, kAny, nullptr, stopSignal<SIGINT>},
+        {"SIGHUP", cause, kAny, nullptr, stopSignal<SIGHUP>},
+        {"owner gone", cause, kAny, nullptr, [](W& w, C&) { w.ownerAlive = false; }},
+        {"stop file", cause, kAny, oneShotLease, [](W& w, C&) { w.stopFileAt = 0; }},
+        {"end of input", cause, kAny, session, [](W& w, C&) { w.closeInputNow(); }},
+        {"shutdown", fails, kAny, session,
          [](W& w, C&) { w.sendNow("{\"command\":\"shutdown\"}", Ask::shutdown); }},
-        {"replacement", fails, inFanSession,
+        {"replacement", fails, kWithoutLock, session,
          [](W& w, C&) { w.sendNow("{\"command\":\"test-fans\"}", Ask::lease); }},
     };
     return kinds;

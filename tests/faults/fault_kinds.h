@@ -12,12 +12,11 @@ namespace ferovane::testing {
 enum class Harm : std::uint8_t {
     none,     // nothing that anybody could notice
     fails,    // what is asked for may fail; the fans have nothing to do with it
-    once,     // one call to the controller, or a few, go wrong
-    lieOnce,  // one reading is wrong
-    lasting,  // the controller does not do as it is told any more
-    lies,     // the controller says what is not so, again and again
-    late,     // every write takes effect late
-    outage,   // the controller is out for a while
+    channel,  // likewise, and the session may end
+    hit,      // calls to the controller go wrong
+    lies,     // what it answers is not so
+    late,     // what it is told takes effect late
+    time,     // the clock is wrong, or the machine sleeps
     rival,    // another program
     cause,    // a reason to stop
 };
@@ -26,13 +25,17 @@ enum class Harm : std::uint8_t {
 struct FaultKind {
     std::string_view name;
     Harm harm;
-    bool (*canStrike)(const Call& call, const Flow& flow);
-    void (*happens)(FaultWorld& world, const Call& call) = nullptr;  // or what the name says
+    Calls calls;
+    bool (*isIn)(const Flow& flow) = nullptr;                        // null: any
+    void (*happens)(FaultWorld& world, const Call& call) = nullptr;  // null: what the name says
 
+    bool canStrike(Calls made, const Flow& flow) const {
+        return (calls & made) != 0 && (isIn == nullptr || isIn(flow));
+    }
+    bool is(std::string_view word) const { return name.starts_with(word); }
+    bool isOfOneKey() const { return name.find("key=@") != name.npos; }
     void strike(FaultWorld& world, const Call& call) const;
 };
 const std::vector<FaultKind>& faultKinds();
-
-inline constexpr double kOutageSeconds = 6;
 
 }  // namespace ferovane::testing

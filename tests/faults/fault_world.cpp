@@ -218,7 +218,7 @@ Mishap FaultWorld::enter(Call call) {
     if (ended_) {
         return {};
     }
-    if (!call.mayHoldLock()) {
+    if (call.mayBeWaitedFor()) {
         turns.sometimesYield();
     }
     ++calls;
@@ -259,39 +259,57 @@ std::vector<int> FaultWorld::fansTaken() {
 
 std::vector<FanWrite> FaultWorld::fanWrites(const simulator::ControllerBlock& write) {
     const std::string key = simulator::unpacked(write.key);
-    const bool isMask = key == "FS! ";
-    if (!isMask && key[0] != 'F') {
+    if (write.command != simulator::kWriteCommand) {
         return {};
     }
-    return mac.machine().locked([&](simulator::World& world) {
-        std::vector<FanWrite> writes;
+    const std::optional<double> number = mac.machine().locked([&](simulator::World& world) {
         const simulator::KeyRecord* record = simulator::KeyTable::find(world, write.key);
-        const auto number =
-            record != nullptr ? simulator::KeyTable::decode(*record, write.data) : std::nullopt;
-        const simulator::WorldState& state = world.state();
-        for (std::uint32_t i = 0; isMask && number && i < state.fanCount; ++i) {
-            const auto mask = static_cast<std::uint32_t>(*number);
-            if (((mask ^ state.forcedMask) >> i & 1) != 0) {
-                writes.push_back({static_cast<int>(i), true, static_cast<double>(mask >> i & 1)});
-            }
-        }
-        if (!isMask && number) {
-            writes.push_back({key[1] - '0', key.substr(2) != "Tg", *number});
-        }
-        return writes;
+        // A fan that has vanished has no keys; its modes have one byte.
+        return record != nullptr ? simulator::KeyTable::decode(*record, write.data)
+                                 : std::optional<double>(write.data[0]);
     });
-}
-
-void FaultWorld::noteWrites(const simulator::ControllerBlock& in) {
-    if (!ended_ && in.command == simulator::kWriteCommand && beforeFanWrite) {
-        beforeFanWrite(fanWrites(in));
+    if (!number) {
+        return {};
     }
+    if (key == "FS! ") {
+        return maskWrites(static_cast<std::uint32_t>(*number));
+    }
+    return {{key[1] - '0', key.substr(2) != "Tg", *number}};
 }
 
-void FaultWorld::noteAnswer() {
+std::vector<FanWrite> FaultWorld::maskWrites(std::uint32_t mask) {
+    std::vector<FanWrite> writes;
+    for (int i = 0; i < mac.fanCount(); ++i) {
+        const bool manual = (mask >> i & 1) != 0;
+        const bool before = (maskWritten_ >> i & 1) != 0;
+        if (manual != fan(i).manual || (before && !manual)) {
+            writes.push_back({i, true, manual ? 1.0 : 0.0});
+        }
+    }
+    maskWritten_ = mask;
+    return writes;
+}
+
+int FaultWorld::controllerCall(const simulator::ControllerBlock& in,
+                               const std::function<int()>& real) {
+    constexpr int kRead = 5;
+    constexpr CallKind kCommands[] = {CallKind::keyRead, CallKind::keyWrite, CallKind::keyName,
+                                      CallKind::keyName, CallKind::keyInfo};
+    Call call{kCommands[in.command - kRead], in.key};
+    const std::vector<FanWrite> writes = fanWrites(in);
+    for (const FanWrite& write : writes) {
+        call.takes = call.takes || write.takes();
+        call.returns = call.returns || write.returns();
+    }
+    enter(call);
+    if (!ended_ && beforeFanWrite) {
+        beforeFanWrite(writes);
+    }
+    const int code = real();
     if (!ended_ && afterControllerCall) {
         afterControllerCall();
     }
+    return code;
 }
 
 // ---- The monitor ------------------------------------------------------------------------------
@@ -299,11 +317,13 @@ void FaultWorld::noteAnswer() {
 void FaultWorld::sendNow(const std::string& line, Ask ask) {
     input_ += line + "\n";
     asked.push_back(ask);
+    farewellAt = ask == Ask::shutdown ? std::min(farewellAt, mac.now()) : farewellAt;
     turns.notify(&input_);
 }
 
 void FaultWorld::closeInputNow() {
     inputClosed_ = true;
+    farewellAt = std::min(farewellAt, mac.now());
     turns.notify(&input_);
 }
 
@@ -317,16 +337,12 @@ void FaultWorld::sendSignal(int number) {
 }
 
 void FaultWorld::takeMonitorStep() {
-    if (nextStep_ == monitor.size()) {
-        inputClosed_ = true;
-        return;
-    }
-    const MonitorStep& step = monitor[nextStep_++];
+    const bool isOver = nextStep_ == monitor.size();
+    const MonitorStep step = isOver ? MonitorStep{.closes = true} : monitor[nextStep_++];
     if (step.closes) {
-        inputClosed_ = true;
+        closeInputNow();
     } else if (!step.line.empty()) {
-        input_ += step.line + "\n";
-        asked.push_back(step.ask);
+        sendNow(step.line, step.ask);
     }
 }
 

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <initializer_list>
 #include <map>
 #include <memory>
 #include <optional>
@@ -39,6 +40,18 @@ enum class CallKind : std::uint8_t {
     tool,         // a switch of turbo
 };
 
+// Several kinds of calls, a bit each.
+using Calls = std::uint32_t;
+constexpr Calls calls(std::initializer_list<CallKind> kinds) {
+    Calls set = 0;
+    for (const CallKind kind : kinds) {
+        set |= Calls{1} << static_cast<unsigned>(kind);
+    }
+    return set;
+}
+inline constexpr Calls kController =
+    calls({CallKind::keyInfo, CallKind::keyRead, CallKind::keyWrite, CallKind::keyName});
+
 // One call of the code under test to the outside.
 struct Call {
     CallKind kind;
@@ -46,14 +59,13 @@ struct Call {
     bool takes = false;     // puts a fan into manual mode
     bool returns = false;   // puts a fan into automatic mode
 
-    bool isController() const { return kind <= CallKind::keyName; }
-    // Then no other thread may run before it.
-    bool mayHoldLock() const { return kind == CallKind::clock || kind == CallKind::probe; }
+    // Whether other threads may run before it: then it holds no lock.
+    bool mayBeWaitedFor() const { return kind != CallKind::clock && kind != CallKind::probe; }
     std::string keyText() const;
 };
 
 // What a write to the controller means for a fan. A write of the mask is one for each bit that
-// changes.
+// changes, or that the write before it had set.
 struct FanWrite {
     int fan;
     bool isMode;  // else its target
@@ -111,6 +123,7 @@ public:
     double ownerLeavesAt = Turns::kForever;
     double stopFileAt = Turns::kForever;
     double stopSignalAt = Turns::kForever;
+    double farewellAt = Turns::kForever;  // when the monitor asked for the end of the session
     double pauseSlice = 0.2;  // seconds until a pause notices a signal; as in the shim's own
 
     Mishap mishap;                       // of the call that is being made
@@ -144,21 +157,19 @@ public:
     // ---- The machine as it is --------------------------------------------------------------
     FanState fan(int fan);
     std::vector<int> fansTaken();  // in manual mode, and by no other program
-    std::vector<FanWrite> fanWrites(const simulator::ControllerBlock& write);
 
     HelperEnvironment environment;
     Turns turns;
 
     // ---- Where the redirected calls arrive -------------------------------------------------
     Mishap enter(Call call);
+    int controllerCall(const simulator::ControllerBlock& in, const std::function<int()>& real);
     static bool own(int descriptor) {
         return descriptor >= kInputDescriptor && descriptor <= kErrorDescriptor;
     }
     int poll(short events, short& revents, int milliseconds);
     long read(void* bytes, std::size_t size);
     long write(int descriptor, const void* bytes, std::size_t size);
-    void noteWrites(const simulator::ControllerBlock& in);
-    void noteAnswer();
     std::uint32_t entropy() { return ++drawn_; }
 
 private:
@@ -168,6 +179,8 @@ private:
     bool awaitInput(double deadline);
     void takeMonitorStep();
     void endOfProcess(int status);
+    std::vector<FanWrite> fanWrites(const simulator::ControllerBlock& write);
+    std::vector<FanWrite> maskWrites(std::uint32_t mask);
 
     std::string input_;
     bool inputClosed_ = false;
@@ -176,6 +189,7 @@ private:
     std::optional<double> stepAt_;  // when it is taken; absent until it is waited for
     std::uint32_t drawn_ = 0;
     std::size_t checked_ = 0;  // bytes of output that were handed on
+    std::uint32_t maskWritten_ = 0;
 };
 
 }  // namespace ferovane::testing

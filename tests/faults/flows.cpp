@@ -8,16 +8,14 @@ namespace ferovane::testing {
 namespace {
 
 using simulator::AppleSiliconOptions;
-using simulator::Property;
 using Mode = AppleSiliconOptions::ManualMode;
 
 constexpr double kCoolingSeconds = 300;
 constexpr double kProfileSeconds = 1800;
 constexpr double kFanTestSeconds = 5;
 constexpr double kSoon = 7;  // seconds: the first rounds are over
-constexpr double kBusyPercent = 60;
 constexpr double kLongIdle = 60;
-constexpr std::uint64_t kMostRequests = 4;
+constexpr int kMostRequests = 4;
 
 const std::string kSession = "6f1c2f0e-7a44-4d2b-9a3d-0e6c9bb0a1f2";
 // {"points":[{"temperature":30,"percent":20},{"temperature":80,"percent":100}],"sensor":"CPU"}
@@ -28,14 +26,6 @@ const std::string kCurve =
 MachineKind appleSilicon(const char* name, bool canBeHeld, const AppleSiliconOptions& options) {
     const auto make = [options](int fans) { return simulator::appleSiliconMac(fans, options); };
     return {name, true, canBeHeld, make};
-}
-
-// Under a load that lets every fan run, or it could not be leased.
-simulator::SimulatedMac builtInUnderLoad(const std::string& name) {
-    simulator::SimulatedMac mac = simulator::builtInMac(name);
-    mac.set(Property::kLoad, kBusyPercent);
-    mac.settle();
-    return mac;
 }
 
 // ---- One-shot commands -------------------------------------------------------------------------
@@ -62,9 +52,9 @@ Flow single(const std::string& word, int turboDisabled = -1) {
     return {.name = word, .words = {word}, .turboDisabled = turboDisabled};
 }
 
-Flow drawOneShot(const MachineKind& machine, bool lengthy, Draw& draw) {
+Flow drawOneShot(const MachineKind& machine, bool lengthy, Dice& dice) {
     Flow flow;
-    switch (draw.below(lengthy ? 7 : 11)) {
+    switch (dice.upTo(lengthy ? 6 : 11)) {
         case 0:
         case 1:
             flow = cooling("cooling", kCoolingSeconds);
@@ -75,7 +65,7 @@ Flow drawOneShot(const MachineKind& machine, bool lengthy, Draw& draw) {
             break;
         case 4:
             if (!machine.appleSilicon) {
-                flow = draw.oneIn(2) ? profile("quiet", 1) : profile("balanced", 0);
+                flow = dice.oneIn(2) ? profile("quiet", 1) : profile("balanced", 0);
                 break;
             }
             [[fallthrough]];
@@ -85,20 +75,21 @@ Flow drawOneShot(const MachineKind& machine, bool lengthy, Draw& draw) {
             break;
         case 7:
         case 8:
+        case 9:
             flow = single("auto");
             flow.controlsFans = flow.returnsAll = true;
             return flow;
-        case 9:
-            return draw.oneIn(2) ? single("turbo-disable", 1) : single("turbo-enable", 0);
+        case 10:
+            return dice.oneIn(2) ? single("turbo-disable", 1) : single("turbo-enable", 0);
         default:
-            return single(draw.oneIn(2) ? "probe" : "fan-probe");
+            return single(dice.oneIn(2) ? "probe" : "fan-probe");
     }
     const bool mayLast = lengthy || flow.seconds < kSoon;
-    if (!mayLast || draw.oneIn(2)) {
-        flow.ending = draw.seconds(mayLast ? flow.seconds : kSoon);
+    if (!mayLast || dice.oneIn(2)) {
+        flow.ending = drawSeconds(dice, mayLast ? flow.seconds : kSoon);
         constexpr double FaultWorld::*causes[] = {
             &FaultWorld::ownerLeavesAt, &FaultWorld::stopFileAt, &FaultWorld::stopSignalAt};
-        flow.cause = causes[draw.below(std::size(causes))];
+        flow.cause = causes[dice.upTo(2)];
     }
     return flow;
 }
@@ -109,22 +100,22 @@ MonitorStep command(const std::string& word, Ask ask) {
     return {encodeJson(ControlRequest{.command = word}), ask};
 }
 
-MonitorStep drawProfile(bool appleSilicon, Draw& draw) {
-    if (!draw.oneIn(3)) {
-        const FanCurve curve{{{30, 10.0 * static_cast<double>(draw.below(7))}, {80, 100}},
+MonitorStep drawProfile(bool appleSilicon, Dice& dice) {
+    if (!dice.oneIn(3)) {
+        const FanCurve curve{{{30, 10.0 * static_cast<double>(dice.upTo(6))}, {80, 100}},
                              CurveSensor::cpu};
         return {
             encodeJson(ControlRequest{.command = "profile", .profile = "custom", .curve = curve}),
             Ask::lease};
     }
-    const char* word = draw.oneIn(2) ? "quiet" : "balanced";
+    const char* word = dice.oneIn(2) ? "quiet" : "balanced";
     return {encodeJson(ControlRequest{.command = "profile", .profile = word}),
             appleSilicon ? Ask::refused : Ask::lease};
 }
 
-MonitorStep drawRequest(bool appleSilicon, Draw& draw) {
+MonitorStep drawRequest(bool appleSilicon, Dice& dice) {
     const Ask onIntel = appleSilicon ? Ask::refused : Ask::turbo;
-    switch (draw.below(12)) {
+    switch (dice.upTo(11)) {
         case 0:
             return command("hello", Ask::status);
         case 1:
@@ -138,41 +129,41 @@ MonitorStep drawRequest(bool appleSilicon, Draw& draw) {
             return {encodeJson(ControlRequest{.command = "profile", .profile = "automatic"}),
                     appleSilicon ? Ask::refused : Ask::automatic};
         case 6:
-            return draw.oneIn(2) ? MonitorStep{"{nonsense", Ask::refused}
+            return dice.oneIn(2) ? MonitorStep{"{nonsense", Ask::refused}
                                  : command("dance", Ask::refused);
         case 7:
-            return command(draw.oneIn(2) ? "turbo-disable" : "turbo-enable", onIntel);
+            return command(dice.oneIn(2) ? "turbo-disable" : "turbo-enable", onIntel);
         default:
-            return drawProfile(appleSilicon, draw);
+            return drawProfile(appleSilicon, dice);
     }
 }
 
-Flow drawSession(const MachineKind& machine, bool lengthy, Draw& draw) {
+Flow drawSession(const MachineKind& machine, bool lengthy, Dice& dice) {
     Flow flow{.name = "session", .words = {"serve", "4711", "501"}, .seconds = kProfileSeconds};
     flow.controlsFans = true;
-    for (std::uint64_t left = 1 + draw.below(kMostRequests); left > 0; --left) {
-        flow.monitor.push_back(drawRequest(machine.appleSilicon, draw));
+    for (int left = 1 + dice.upTo(kMostRequests - 1); left > 0; --left) {
+        flow.monitor.push_back(drawRequest(machine.appleSilicon, dice));
     }
     // The monitor takes its time: nothing, a moment, or up to longer than a lease lasts.
     const double most[] = {0.1, 6, 40, kProfileSeconds * 1.1};
     for (MonitorStep& step : flow.monitor) {
-        step.after = 0.05 + draw.seconds(most[draw.below(lengthy ? 4 : draw.oneIn(8) ? 3 : 2)]);
+        step.after = 0.05 + drawSeconds(dice, most[dice.upTo(lengthy ? 3 : dice.oneIn(8) ? 2 : 1)]);
     }
-    switch (draw.below(4)) {
+    switch (dice.upTo(3)) {
         case 0:
             flow.monitor.push_back(command("shutdown", Ask::shutdown));
-            flow.monitor.back().after = 0.05 + draw.seconds(kSoon);
+            flow.monitor.back().after = 0.05 + drawSeconds(dice, kSoon);
             break;
         case 1:
-            flow.monitor.push_back({.after = 0.05 + draw.seconds(kSoon), .closes = true});
+            flow.monitor.push_back({.after = 0.05 + drawSeconds(dice, kSoon), .closes = true});
             break;
         default:
             flow.monitor.push_back({.after = kLongIdle});
-            flow.ending = draw.seconds(kSoon);
+            flow.ending = drawSeconds(dice, kSoon);
             for (const MonitorStep& step : flow.monitor) {
                 flow.ending += step.after < kLongIdle || lengthy ? step.after : 0;
             }
-            flow.cause = draw.oneIn(2) ? &FaultWorld::ownerLeavesAt : &FaultWorld::stopSignalAt;
+            flow.cause = dice.oneIn(2) ? &FaultWorld::ownerLeavesAt : &FaultWorld::stopSignalAt;
             flow.ending -= flow.ending > kProfileSeconds ? kProfileSeconds : 0;
     }
     for (const MonitorStep& step : flow.monitor) {
@@ -189,17 +180,21 @@ Flow drawSession(const MachineKind& machine, bool lengthy, Draw& draw) {
 bool always(const MachineKind&, const Flow&) {
     return true;
 }
-bool onAppleSilicon(const MachineKind& machine, const Flow&) {
-    return machine.appleSilicon && machine.canBeHeld && machine.name != "without unlock";
+bool toTake(const MachineKind&, const Flow& flow) {
+    return !flow.returnsAll;
 }
-bool withModeKeys(const MachineKind& machine, const Flow&) {
-    return machine.ownFans == 0 && machine.name != "forced mask" && machine.name != "lower case";
+bool onAppleSilicon(const MachineKind& machine, const Flow& flow) {
+    return machine.appleSilicon && machine.canBeHeld && machine.name != "without unlock" &&
+           !flow.returnsAll;
+}
+bool withModeKeys(const MachineKind& machine, const Flow& flow) {
+    return machine.name != "forced mask" && machine.name != "lower case" && !flow.returnsAll;
 }
 bool oneShot(const MachineKind&, const Flow& flow) {
-    return !flow.isSession() && flow.turboDisabled < 0;
+    return flow.lease && flow.turboDisabled < 0;
 }
 bool curve(const MachineKind&, const Flow& flow) {
-    return !flow.cooling;
+    return !flow.cooling && !flow.returnsAll;
 }
 
 template <int fan>
@@ -216,7 +211,7 @@ const char* const kFirstMode = "F0Md";
 
 }  // namespace
 
-const std::vector<MachineKind>& smallMachines() {
+const std::vector<MachineKind>& machines() {
     static const std::vector<MachineKind> kinds{
         {"mode keys", false, true, simulator::intelMac},
         {"forced mask", false, true, simulator::intelMacWithMaskOnly},
@@ -230,25 +225,9 @@ const std::vector<MachineKind>& smallMachines() {
     return kinds;
 }
 
-const std::vector<MachineKind>& builtInMachines() {
-    static const std::vector<MachineKind> machines = [] {
-        std::vector<MachineKind> kinds;
-        for (const simulator::ModelInfo& model : simulator::builtInModels()) {
-            simulator::SimulatedMac mac = builtInUnderLoad(model.name);
-            if (mac.fanCount() > 0) {
-                const auto make = [name = model.name](int) { return builtInUnderLoad(name); };
-                kinds.push_back(
-                    {model.name, mac.machine().appleSilicon(), false, make, mac.fanCount()});
-            }
-        }
-        return kinds;
-    }();
-    return machines;
-}
-
-Flow drawFlow(const MachineKind& machine, bool lengthy, Draw& draw) {
-    return draw.oneIn(2) ? drawSession(machine, lengthy, draw)
-                         : drawOneShot(machine, lengthy, draw);
+Flow drawFlow(const MachineKind& machine, bool lengthy, Dice& dice) {
+    return dice.oneIn(2) ? drawSession(machine, lengthy, dice)
+                         : drawOneShot(machine, lengthy, dice);
 }
 
 const std::vector<Condition>& conditions() {
@@ -260,11 +239,11 @@ const std::vector<Condition>& conditions() {
         {"a mode that nobody knows", true, withModeKeys,
          [](FaultWorld& w, Flow&) { w.mac.otherWrites("F0Md", 2); }},
         {"a mode that cannot be read", true, withModeKeys, unreadable<kFirstMode>},
-        {"a target that cannot be read", true, always, unreadable<kFirstTarget>},
-        {"a rated maximum that cannot be read", true, always, unreadable<kFirstMaximum>},
+        {"a target that cannot be read", true, toTake, unreadable<kFirstTarget>},
+        {"a rated maximum that cannot be read", true, toTake, unreadable<kFirstMaximum>},
         {"a target above its range", true, oneShot,
          [](FaultWorld& w, Flow&) { w.mac.otherWrites("F0Tg", w.mac.fanMaximum(0) + 500); }},
-        {"a rated maximum below the minimum", true, always,
+        {"a rated maximum below the minimum", true, toTake,
          [](FaultWorld& w, Flow&) { w.mac.setNumber("F0Mx", w.mac.fanMinimum(0) - 100); }},
         {"a rated minimum of 0", true, curve,
          [](FaultWorld& w, Flow&) { w.mac.setNumber("F0Mn", 0); }},

@@ -7,8 +7,8 @@
 #include <string_view>
 #include <vector>
 
-#include "tests/faults/draw.h"
 #include "tests/faults/fault_world.h"
+#include "tests/support/dice.h"
 
 namespace ferovane::testing {
 
@@ -17,11 +17,8 @@ struct MachineKind {
     bool appleSilicon;
     bool canBeHeld;  // the others refuse every lease
     std::function<simulator::SimulatedMac(int fans)> make;
-    int ownFans = 0;  // what it has whatever is asked for; 0: as many as are asked for
 };
-const std::vector<MachineKind>& smallMachines();
-// With hundreds of keys. Whether they can be held depends on the day.
-const std::vector<MachineKind>& builtInMachines();
+const std::vector<MachineKind>& machines();
 
 struct Flow {
     static constexpr double kNever = std::numeric_limits<double>::infinity();
@@ -39,10 +36,16 @@ struct Flow {
     double FaultWorld::*cause = nullptr;  // which
 
     bool isSession() const { return words.front() == "serve"; }
+    bool usesTools() const { return isSession() || turboDisabled >= 0; }
 };
 
+// Up to so many, in whole milliseconds, so that no rounding differs.
+inline double drawSeconds(Dice& dice, double most) {
+    return dice.upTo(static_cast<int>(most * 1000)) / 1000.0;
+}
+
 // lengthy: with endings and pauses as long as a lease, else of a few seconds.
-Flow drawFlow(const MachineKind& machine, bool lengthy, Draw& draw);
+Flow drawFlow(const MachineKind& machine, bool lengthy, Dice& dice);
 
 // What a machine may be like, or a caller, so that no fan may be taken; and what it may be like
 // without that.

@@ -3,14 +3,13 @@
 #pragma once
 
 #include <cstdint>
-#include <map>
+#include <initializer_list>
 #include <optional>
 #include <set>
 #include <string>
 #include <vector>
 
 #include "core/control/control_reply.h"
-#include "tests/faults/failing_memory.h"
 #include "tests/faults/fault_kinds.h"
 
 namespace ferovane::testing {
@@ -28,17 +27,28 @@ public:
     std::vector<std::string> complaints;
     bool isLeft = false;  // a fan is in manual mode that should not be; perhaps rightly told so
 
-    double heldSeconds = 0;  // in which a fan was
-
 private:
-    using Fans = std::set<int>;
+    using Keys = std::set<std::string>;  // "": all of them
+
+    struct Fan {
+        double modeBefore;
+        std::optional<std::size_t> othersSince;  // calls made before another program took it
+        bool returnedOfOthers = false;
+        bool taken = false;       // once
+        int orders = 0;           // to be automatic, since it was last told to be manual
+        double orderedAt = 0;     // the last of them
+        double targetBefore = 0;  // the last target but one, until when
+        double targetChangedAt = 0;
+    };
 
     void complain(const std::string& text);
     void complainIf(bool isWrong, const char* text);
+    void seeRival(const FaultKind& kind);
     void seeWrites(const std::vector<FanWrite>& writes);
+    void seeTarget(const FanWrite& write);
     void seeTaking(const FanWrite& write);
+    void seeReturning(const FanWrite& write);
     void seeMachine();
-    void hearGuardian(bool held);
     void hearOutput(const std::string& line);
     void hearLog(const std::string& line);
     void hearReply(const ControlReply& reply, Ask ask);
@@ -46,50 +56,50 @@ private:
     void checkControlTold(const ControlReply& reply);
     void checkEnd();
     void checkFansLeft();
+    void checkFanLeft(int fan, const std::string& told, bool cutOff);
     void checkSettings();
+    void checkFailure(int status);
 
-    int hits() const { return hits_ + (FailingMemory::hasStruck() ? 1 : 0); }
-    bool isFit() const { return condition_ == nullptr || !condition_->refuses; }
-    bool isCalm() const { return calm_ && hits() == 0; }
-    bool mayBeDeceived() const { return lies_ || (lieOnce_ && hits() > 1); }
+    Fan& of(int fan) { return fans_[static_cast<std::size_t>(fan)]; }
+    static bool has(const Keys& keys, std::initializer_list<std::string> any);
+    static bool hasSwitch(const Keys& keys, int fan);
+    bool isTouched(int fan) const;
+    bool isHit() const;
+    bool isFit() const;
+    bool isCalm() const { return calm_ && !isHit(); }
     bool wasAskedToReturn() const;
-    bool mayLeave(int fan) const;
-    double now() { return world_.mac.now(); }
+    bool mayThinkItReturned(int fan) const;
+    bool mayLeave(int fan, double end);
     std::vector<int> fansLeft();
+    bool leavesKnown();  // and could know
+    double slowest(double secondsPerFan) const;
+    double now() { return world_.mac.now(); }
     double driverLoaded();
 
     FaultWorld& world_;
     const MachineKind& machine_;
     const Flow& flow_;
     const Condition* condition_;
-    const int fanCount_;
     const double start_;
 
     // What has struck.
-    bool calm_ = true, rival_ = false;
-    int hits_ = 0;
-    bool lieOnce_ = false, lies_ = false, late_ = false, allLate_ = false, toolsWrong_ = false,
-         slept_ = false;  // slept_: or the clock is wrong
-    bool deaf_ = false;
-    Fans spoilt_;  // whose switch does not do as it is told any more
-    double outageEnds_ = 0;
+    bool calm_ = true, rival_ = false, timeIsWrong_ = false, toolsWrong_ = false;
+    Keys hit_, lied_, late_;  // hit_: in any way
+    double lastHitAt_ = -Turns::kForever;
     double causeAt_ = Turns::kForever;
     double interferedAt_ = Turns::kForever;  // with a fan that was held
     bool onlyMoved_ = false;                 // its target, which the lease may set anew unknowing
     double keptAt_ = Turns::kForever;
-    std::map<int, std::size_t> othersSince_;  // calls made before another program took the fan
-    std::optional<std::size_t> unlockSince_;
+    std::optional<std::size_t> unlockSince_;  // calls made before
 
     // What was seen.
-    std::vector<double> modesBefore_;
+    std::vector<Fan> fans_;
     double driver_;  // 1 when it should be loaded
     int descriptors_;
     bool held_ = false, wasHeld_ = false, logged_ = false;  // logged_: a lease that runs
     double heldSince_ = 0, heldUntil_ = 0;
-    Fans taken_, returnedOfOthers_;
     std::size_t answered_ = 0;
-    std::map<int, std::pair<double, double>> before_;  // a fan's target before, and until when
-    double leaseEnds_ = 0;                             // of a session's lease, as was told; 0: none
+    double leaseEnds_ = 0;  // of a session's lease, as was told; 0: none
 };
 
 }  // namespace ferovane::testing

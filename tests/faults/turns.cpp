@@ -1,11 +1,6 @@
 #include "tests/faults/turns.h"
 
-#include <time.h>
-
 #include <algorithm>
-#include <cerrno>
-#include <chrono>
-#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <semaphore>
@@ -18,8 +13,6 @@ namespace {
 
 // A wait that is over at once still costs something: a loop of such waits must come to an end.
 constexpr double kShortestWait = 1e-6;
-constexpr double kLockedSeconds = 0.01;  // until a lock is tried again
-constexpr double kNanosecondsPerSecond = 1e9;
 constexpr unsigned kCallsPerYield = 4;
 
 }  // namespace
@@ -165,18 +158,13 @@ void Turns::end(Part& part) {
     passOn(part, false);
 }
 
-extern "C" void
-__real__ZNSt6thread15_M_start_threadESt10unique_ptrINS_6_StateESt14default_deleteIS1_EEPFvvE(
-    std::thread*, std::unique_ptr<std::thread::_State>, void (*)());
-extern "C" void __real__ZNSt6thread4joinEv(std::thread*);
-
 void Turns::start(std::thread& thread, std::unique_ptr<std::thread::_State> state,
                   void (*depend)()) {
+    onStart();
     auto part = std::make_shared<Part>();
     part->wakeAt = now();
     part->since = ++order_;
-    __real__ZNSt6thread15_M_start_threadESt10unique_ptrINS_6_StateESt14default_deleteIS1_EEPFvvE(
-        &thread, std::make_unique<PartState>(*this, part, std::move(state)), depend);
+    reallyStart(&thread, std::make_unique<PartState>(*this, part, std::move(state)), depend);
     part->handle = thread.native_handle();
     parts_.push_back(std::move(part));
 }
@@ -193,82 +181,7 @@ void Turns::join(std::thread& thread) {
         part->handle = {};
         parts_.erase(std::find(parts_.begin(), parts_.end(), part));
     }
-    __real__ZNSt6thread4joinEv(&thread);
+    reallyJoin(&thread);
 }
-
-// ---- What the linker redirects here ------------------------------------------------------------
-
-extern "C" {
-
-std::int64_t __real__ZNSt6chrono3_V212steady_clock3nowEv();
-std::int64_t __wrap__ZNSt6chrono3_V212steady_clock3nowEv() {
-    if (Turns* turns = Turns::ofThisThread()) {
-        const OutsideProduct outside;
-        return static_cast<std::int64_t>(turns->now() * kNanosecondsPerSecond);
-    }
-    return __real__ZNSt6chrono3_V212steady_clock3nowEv();
-}
-
-int __real_pthread_cond_clockwait(pthread_cond_t*, pthread_mutex_t*, clockid_t, const timespec*);
-int __wrap_pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mutex,
-                                  clockid_t clock, const timespec* until) {
-    Turns* turns = Turns::ofThisThread();
-    if (turns == nullptr) {
-        return __real_pthread_cond_clockwait(condition, mutex, clock, until);
-    }
-    const double deadline = static_cast<double>(until->tv_sec) +
-                            static_cast<double>(until->tv_nsec) / kNanosecondsPerSecond;
-    pthread_mutex_unlock(mutex);
-    const bool notified = turns->waitFor(condition, deadline);
-    pthread_mutex_lock(mutex);
-    return notified ? 0 : ETIMEDOUT;
-}
-
-// Whoever holds it may be waiting for its turn.
-int __real_pthread_mutex_lock(pthread_mutex_t*);
-int __wrap_pthread_mutex_lock(pthread_mutex_t* mutex) {
-    Turns* turns = Turns::ofThisThread();
-    if (turns == nullptr) {
-        return __real_pthread_mutex_lock(mutex);
-    }
-    int result = pthread_mutex_trylock(mutex);
-    for (; result == EBUSY; result = pthread_mutex_trylock(mutex)) {
-        turns->sleep(kLockedSeconds);
-    }
-    return result;
-}
-
-void __real__ZNSt18condition_variable10notify_allEv(std::condition_variable*);
-void __wrap__ZNSt18condition_variable10notify_allEv(std::condition_variable* condition) {
-    if (Turns* turns = Turns::ofThisThread()) {
-        const OutsideProduct outside;
-        turns->notify(condition);
-    } else {
-        __real__ZNSt18condition_variable10notify_allEv(condition);
-    }
-}
-
-void __wrap__ZNSt6thread15_M_start_threadESt10unique_ptrINS_6_StateESt14default_deleteIS1_EEPFvvE(
-    std::thread* thread, std::unique_ptr<std::thread::_State> state, void (*depend)()) {
-    if (Turns* turns = Turns::ofThisThread()) {
-        const OutsideProduct outside;
-        turns->onStart();
-        turns->start(*thread, std::move(state), depend);
-    } else {
-        __real__ZNSt6thread15_M_start_threadESt10unique_ptrINS_6_StateESt14default_deleteIS1_EEPFvvE(
-            thread, std::move(state), depend);
-    }
-}
-
-void __wrap__ZNSt6thread4joinEv(std::thread* thread) {
-    if (Turns* turns = Turns::ofThisThread()) {
-        const OutsideProduct outside;
-        turns->join(*thread);
-    } else {
-        __real__ZNSt6thread4joinEv(thread);
-    }
-}
-
-}  // extern "C"
 
 }  // namespace ferovane::testing

@@ -12,6 +12,15 @@
 
 namespace ferovane::testing {
 
+// std::thread's own way to start and to join, which the linker redirects to Turns.
+extern "C" void
+__real__ZNSt6thread15_M_start_threadESt10unique_ptrINS_6_StateESt14default_deleteIS1_EEPFvvE(
+    std::thread*, std::unique_ptr<std::thread::_State>, void (*)());
+extern "C" void __real__ZNSt6thread4joinEv(std::thread*);
+inline constexpr auto reallyStart =
+    __real__ZNSt6thread15_M_start_threadESt10unique_ptrINS_6_StateESt14default_deleteIS1_EEPFvvE;
+inline constexpr auto reallyJoin = __real__ZNSt6thread4joinEv;
+
 // While it lives, the thread that made it takes part, and every std::thread that a part-taker
 // starts. Their waits for a condition, their joins and steady_clock are on this clock (the calls
 // are redirected when the test program is linked).

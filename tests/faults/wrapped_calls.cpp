@@ -1,10 +1,15 @@
 #include <poll.h>
+#include <pthread.h>
 #include <signal.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <condition_variable>
 #include <cstdint>
 #include <cstring>
 #include <random>
+#include <thread>
+#include <utility>
 
 #include "shim/fv.h"
 #include "tests/faults/failing_memory.h"
@@ -12,6 +17,9 @@
 
 namespace ferovane::testing {
 namespace {
+
+constexpr double kLockedSeconds = 0.01;  // until a lock is tried again
+constexpr double kNanosecondsPerSecond = 1e9;
 
 // The calls by which the code under test reaches the outside. On a thread that takes no part in a
 // FaultWorld they do what they always do.
@@ -50,22 +58,7 @@ int __wrap_IOConnectCallStructMethod(std::uint32_t connection, std::uint32_t sel
     return redirected(true, real, [&](FaultWorld& world) {
         simulator::ControllerBlock in{};
         std::memcpy(&in, input, sizeof in);
-        Call call{in.command == 9   ? CallKind::keyInfo
-                  : in.command == 5 ? CallKind::keyRead
-                  : in.command == 6 ? CallKind::keyWrite
-                                    : CallKind::keyName,
-                  in.key};
-        if (call.kind == CallKind::keyWrite) {
-            for (const FanWrite& write : world.fanWrites(in)) {
-                call.takes = call.takes || write.takes();
-                call.returns = call.returns || write.returns();
-            }
-        }
-        world.enter(call);
-        world.noteWrites(in);
-        const int code = real();
-        world.noteAnswer();
-        return code;
+        return world.controllerCall(in, real);
     });
 }
 
@@ -147,6 +140,63 @@ int __wrap_sigaction(int number, const struct sigaction* action, struct sigactio
             world.handled[number] = action->sa_handler != SIG_DFL;
             return 0;
         });
+}
+
+// ---- Time and threads --------------------------------------------------------------------------
+
+std::int64_t __real__ZNSt6chrono3_V212steady_clock3nowEv();
+std::int64_t __wrap__ZNSt6chrono3_V212steady_clock3nowEv() {
+    return redirected(true, __real__ZNSt6chrono3_V212steady_clock3nowEv, [](FaultWorld& world) {
+        return static_cast<std::int64_t>(world.turns.now() * kNanosecondsPerSecond);
+    });
+}
+
+decltype(pthread_cond_clockwait) __real_pthread_cond_clockwait;
+int __wrap_pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mutex,
+                                  clockid_t clock, const timespec* until) {
+    return redirected(
+        true, [&] { return __real_pthread_cond_clockwait(condition, mutex, clock, until); },
+        [&](FaultWorld& world) {
+            pthread_mutex_unlock(mutex);
+            const bool notified = world.turns.waitFor(
+                condition, static_cast<double>(until->tv_sec) +
+                               static_cast<double>(until->tv_nsec) / kNanosecondsPerSecond);
+            pthread_mutex_lock(mutex);
+            return notified ? 0 : ETIMEDOUT;
+        });
+}
+
+// Whoever holds it may be waiting for its turn.
+decltype(pthread_mutex_lock) __real_pthread_mutex_lock;
+int __wrap_pthread_mutex_lock(pthread_mutex_t* mutex) {
+    FaultWorld* world = here();
+    if (world == nullptr) {
+        return __real_pthread_mutex_lock(mutex);
+    }
+    int result = pthread_mutex_trylock(mutex);
+    for (; result == EBUSY; result = pthread_mutex_trylock(mutex)) {
+        world->turns.sleep(kLockedSeconds);
+    }
+    return result;
+}
+
+void __real__ZNSt18condition_variable10notify_allEv(std::condition_variable*);
+void __wrap__ZNSt18condition_variable10notify_allEv(std::condition_variable* condition) {
+    redirected(
+        true, [&] { __real__ZNSt18condition_variable10notify_allEv(condition); },
+        [&](FaultWorld& world) { world.turns.notify(condition); });
+}
+
+void __wrap__ZNSt6thread15_M_start_threadESt10unique_ptrINS_6_StateESt14default_deleteIS1_EEPFvvE(
+    std::thread* thread, std::unique_ptr<std::thread::_State> state, void (*depend)()) {
+    redirected(
+        true, [&] { reallyStart(thread, std::move(state), depend); },
+        [&](FaultWorld& world) { world.turns.start(*thread, std::move(state), depend); });
+}
+
+void __wrap__ZNSt6thread4joinEv(std::thread* thread) {
+    redirected(
+        true, [&] { reallyJoin(thread); }, [&](FaultWorld& world) { world.turns.join(*thread); });
 }
 
 }  // extern "C"

@@ -28,6 +28,10 @@ public:
     std::optional<Value> maybe(int absentOneIn, Value value) {
         return oneIn(absentOneIn) ? std::nullopt : std::optional<Value>(value);
     }
+    template <class Choices>
+    const auto& oneOf(const Choices& choices) {
+        return choices[random_() % choices.size()];
+    }
     std::mt19937_64& engine() { return random_; }
 
 private:
