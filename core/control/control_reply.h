@@ -50,11 +50,12 @@ struct ControlReply {
             jsonField("session", &R::session),
             jsonField("profile", &R::profile),
             jsonField("label", &R::label),
-            jsonField("turbo", &R::turbo),
+            jsonField("turbo", &R::turbo, JsonNote{"0: its driver is not loaded; 1: turbo is off"}),
             jsonField("power", &R::power),
             jsonField("fanStatus", &R::fanStatus),
             jsonField("id", &R::id, JsonNote{"the request's"}),
-            jsonField("code", &R::code, JsonNote{"with an id only; there may be new ones"}),
+            jsonField("code", &R::code, JsonExamples{jsonWordsOf<ResultCode>()},
+                      JsonNote{"with an id only; there may be new ones"}),
             jsonField("ended", &R::ended, JsonNote{"to \"status\" only, once after each lease"})};
     }
 };

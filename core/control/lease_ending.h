@@ -50,7 +50,9 @@ struct LeaseEnding {
 
     static constexpr auto jsonFields() {
         using R = LeaseEnding;
-        return std::tuple{jsonField("session", &R::session), jsonField("reason", &R::reason),
+        return std::tuple{jsonField("session", &R::session),
+                          jsonField("reason", &R::reason, JsonExamples{jsonWordsOf<LeaseEnd>()},
+                                    JsonNote{"there may be new ones"}),
                           jsonField("message", &R::message)};
     }
 };

@@ -63,6 +63,8 @@ template <std::size_t N>
 struct JsonExamples {
     JsonWords<N> list;
 };
+template <std::size_t N>
+JsonExamples(JsonWords<N>) -> JsonExamples<N>;
 
 // A text of at most so many bytes in UTF-8.
 struct JsonBytes {

@@ -26,7 +26,7 @@ COMMANDS = ("hello", "status", "profile", "profile", "auto", "turbo-disable", "t
             "power-optimize", "power-restore", "power-restore")
 # What a schema cannot say: bytes of UTF-8, one item against the next, how a number is written, leap
 # years.
-BEYOND = "^模式名称过长|^温度控制点至少间隔|超出数值范围$|不是有效的日期$"
+BEYOND = "^(模式名称|请求编号)过长|^温度控制点至少间隔|超出数值范围$|不是有效的日期$"
 ODD = (None, True, False, 0, -1, 1, 3, 0.5, 241, 1801, 2**31, 1e17, -2**63 - 1, "", "x", "profile", "custom",
        "风" * 27, "a" * 81, [], {}, ["ac"], {"a": 1}, {"points": []}, CURVE, PLAN, "2023-02-29T00:00:00Z",
        "2024-13-01T00:00:00Z", "2024-06-31T00:00:00Z")
@@ -52,7 +52,7 @@ def a_request(dice, backup):
         "duration": (0.001, 60, 1800, None), "label": ("", "夜间" * 13, "a" * 80, None),
         "powerPlan": (PLAN, {**PLAN, "displayMinutes": None, "idleMinutes": 10.0}, {
             **PLAN, "scope": "batteryAutomatic", "expected": {"profiles": dice.choice(expected)}}),
-        "powerBackup": (BACKUP, backup)}
+        "powerBackup": (BACKUP, backup), "id": (7, 2**63 - 1, "风" * 21 + "a", None)}
     command = dice.choice(COMMANDS)
     return {"command": command, **{
         name: dice.choice(values) for name, values in members.items()
@@ -125,6 +125,9 @@ class SchemaTest(unittest.TestCase):
             reply = self.said("ControlReply", session.exchange(request))
             if refusal:
                 self.assertEqual((reply["ok"], reply["message"]), (False, refusal), request)
+            if "id" in reply:
+                self.assertEqual((reply["id"], reply["code"] == "invalid"), (request["id"], bool(refusal)))
+                self.assertIn(reply["code"], SCHEMAS["ControlReply"].schema["properties"]["code"]["examples"])
             backup = reply.get("power", {}).get("backup", backup)
         for name, word in (("Snapshot", "probe"), ("FanProbe", "fan-probe")):
             self.said(name, json.loads(mac.run(word).stdout))
