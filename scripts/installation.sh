@@ -17,6 +17,7 @@ helper_in() {
 processes_of() {
     case "$(uname -s)" in
     Linux)
+        set -- "$(cd "$(dirname "$1")" && pwd -P)/${1##*/}"
         for process in /proc/[0-9]*; do
             case "$(readlink "$process/exe")" in
             "$1" | "$1 (deleted)") echo "${process#/proc/}" ;;
