@@ -69,34 +69,62 @@ ProfileRequest readProfileRequest(const std::vector<std::string>& args,
     return {*caller, *mode, fanCurve};
 }
 
-// Runs a lease. A fan that it could not hand back is told beside the error that ended it, and left
-// to the guardian at once: putting turbo back may take minutes.
-template <class Lease>
-void runLease(HeldFans& fans, LeaseLog& held, const EarlyEnd& ends,
-              const HelperEnvironment& environment, Lease&& lease) {
-    try {
-        lease();
-        held.end(nullptr, ends.reason());
-    } catch (...) {
-        const std::exception_ptr unreturned = fans.returnHeld();
-        if (unreturned) {
-            held.takeOver();
-        }
-        held.end(std::current_exception(), {});
-        if (unreturned) {
-            reportFailure(environment.errorDescriptor, unreturned);
-        }
-        throw;
-    }
-}
+// The fans of one command, and whom it serves.
+class OneShotLease {
+public:
+    OneShotLease(const OneShotCaller& caller, FanGuardian& guardian,
+                 const HelperEnvironment& environment)
+        : environment_(environment),
+          smc_(environment.makeSMC()),
+          held_(guardian, environment.log),
+          fans_(*smc_, held_),
+          ends_(caller, environment) {}
 
-void awaitRound(HeldFans& fans, double seconds, const HelperEnvironment& environment) {
-    bool stopped = false;
-    for (double left = seconds; left > 0 && !stopped; left -= kGuardedSeconds) {
-        stopped = environment.pause(std::min(left, kGuardedSeconds));
-        fans.stayGuarded();
+    HeldFans& fans() { return fans_; }
+    const EarlyEnd& ends() const { return ends_; }
+
+    // Runs a lease. A fan that it could not hand back is told beside the error that ended it, and
+    // left to the guardian at once: putting turbo back may take minutes. mode: for the log.
+    template <class Lease>
+    void run(std::string_view mode, double duration, Lease&& lease) {
+        asleep_ = asleep(environment_);
+        held_.begin(mode, duration);
+        try {
+            lease();
+            tellEnd(nullptr);
+        } catch (...) {
+            const std::exception_ptr unreturned = fans_.returnHeld();
+            if (unreturned) {
+                held_.takeOver();
+                reportFailure(environment_.errorDescriptor, unreturned);
+            }
+            tellEnd(std::current_exception());
+            throw;
+        }
     }
-}
+
+    void awaitRound(double seconds) {
+        bool stopped = false;
+        asleep_ = asleep(environment_);
+        for (double left = seconds; left > 0 && !stopped; left -= kGuardedSeconds) {
+            stopped = environment_.pause(std::min(left, kGuardedSeconds));
+            fans_.stayGuarded();
+        }
+    }
+
+private:
+    void tellEnd(const std::exception_ptr& failure) noexcept {
+        const bool slept = sleptSince(asleep_, environment_);
+        held_.end(textOf(ends_.reason(failure, slept), failure));
+    }
+
+    const HelperEnvironment& environment_;
+    const std::unique_ptr<SMC> smc_;
+    LeaseLog held_;
+    HeldFans fans_;
+    const EarlyEnd ends_;
+    double asleep_ = 0;  // seconds that the machine had slept at the last look at the fans
+};
 
 void requireTemperatures(const Snapshot& snapshot, const FanCurve& fanCurve) {
     if (!snapshot.cpuTemperature() || !temperature(fanCurve.sensor, snapshot)) {
@@ -117,14 +145,10 @@ void coolFans(const std::vector<std::string>& args, double duration,
     }
     environment.installStopHandlers();
     const auto guardian = environment.makeGuardian();
-    LeaseLog held(*guardian, environment.log);
-    const auto smc = environment.makeSMC();
-    HeldFans fans(*smc, held);
-    const EarlyEnd ends(*caller, environment);
-    held.begin(args[kCommandWord], duration);
-    runLease(fans, held, ends, environment, [&] {
-        CoolingLease::run(fans, duration, environment.now, ends, [&](double left) {
-            awaitRound(fans, std::min(kCoolingRoundSeconds, left), environment);
+    OneShotLease lease(*caller, *guardian, environment);
+    lease.run(args[kCommandWord], duration, [&] {
+        CoolingLease::run(lease.fans(), duration, environment.now, lease.ends(), [&](double left) {
+            lease.awaitRound(std::min(kCoolingRoundSeconds, left));
         });
     });
     writeText(environment.outputDescriptor, "散热会话结束，已确认风扇恢复系统自动。\n");
@@ -133,29 +157,23 @@ void coolFans(const std::vector<std::string>& args, double duration,
 void runProfile(const std::vector<std::string>& args, const HelperEnvironment& environment) {
     const ProfileRequest request = readProfileRequest(args, environment);
     environment.installStopHandlers();
-    auto guardian = environment.makeGuardian();
-    const auto smc = environment.makeSMC();
+    const auto guardian = environment.makeGuardian();
+    OneShotLease lease(request.caller, *guardian, environment);
     const auto sampler = environment.makeSampler();
     requireTemperatures(sampler->sample(), request.curve);
 
-    LeaseLog held(*guardian, environment.log);
-    HeldFans fans(*smc, held);
-    const EarlyEnd ends(request.caller, environment);
-    const auto power = environment.makePowerAccess(*guardian, ends);
+    const auto power = environment.makePowerAccess(*guardian, lease.ends());
     TurboChange turbo(*power);
     if (request.profile != Profile::custom) {
         turbo.apply(disablesTurbo(request.profile));
         sampler->refreshTurbo();
     }
     turbo.rollBackOnFailure([&] {
-        held.begin(args[kModeArgument], FanLimits::kLeaseSeconds);
-        runLease(fans, held, ends, environment, [&] {
+        lease.run(args[kModeArgument], FanLimits::kLeaseSeconds, [&] {
             CurveLease::run(
-                fans, request.curve, FanLimits::kLeaseSeconds, [&] { return sampler->sample(); },
-                environment.now, ends,
-                [&](double left) {
-                    awaitRound(fans, std::min(kProfileRoundSeconds, left), environment);
-                },
+                lease.fans(), request.curve, FanLimits::kLeaseSeconds,
+                [&] { return sampler->sample(); }, environment.now, lease.ends(),
+                [&](double left) { lease.awaitRound(std::min(kProfileRoundSeconds, left)); },
                 [](const FanControlProgress&) {}, [] {});
         });
     });
@@ -164,8 +182,16 @@ void runProfile(const std::vector<std::string>& args, const HelperEnvironment& e
 
 void returnFans(const HelperEnvironment& environment) {
     environment.installStopHandlers();  // nothing asks for them: a hand-back that began is finished
-    returnEveryFan(*environment.makeSMC());
-    environment.log(LogLine({kEveryFanReturned}));
+    std::exception_ptr failure;
+    try {
+        returnEveryFan(*environment.makeSMC());
+    } catch (...) {
+        failure = std::current_exception();
+    }
+    tellReturned(environment.log, failure);
+    if (failure) {
+        std::rethrow_exception(failure);
+    }
     writeText(environment.outputDescriptor, "风扇已恢复系统自动。\n");
 }
 

@@ -16,4 +16,15 @@ void returnEveryFan(CoolingHardware& hardware) {
     CoolingLease::restoreAuto(ids, hardware);
 }
 
+void tellReturned(const Log& log, const std::exception_ptr& failure) noexcept {
+    if (!failure) {
+        return log(LogLine({"已按请求恢复全部风扇为系统自动"}));
+    }
+    try {
+        std::rethrow_exception(failure);
+    } catch (const std::exception& error) {
+        log(LogLine({"未能按请求恢复全部风扇为系统自动：", userText(error)}, true));
+    }
+}
+
 }  // namespace ferovane

@@ -2,8 +2,6 @@
 
 #include <string>
 
-#include "core/model/scope_error.h"
-
 namespace ferovane {
 
 void LeaseLog::begin(std::string_view mode, double seconds) noexcept {
@@ -12,19 +10,12 @@ void LeaseLog::begin(std::string_view mode, double seconds) noexcept {
     told_ = false;
 }
 
-void LeaseLog::end(const std::exception_ptr& failure, std::string_view why) noexcept {
-    const auto tell = [this](std::string_view reason) {
-        log_(LogLine({"风扇控制结束（", mode_, "），",
-                      held_ ? "未确认风扇恢复系统自动：" : "风扇已恢复系统自动：", reason},
-                     held_));
-    };
+void LeaseLog::end(std::string_view why) noexcept {
     if (told_) {
         leftHeld_ = held_;
-        try {
-            failure ? std::rethrow_exception(failure) : tell(why);
-        } catch (const std::exception& error) {
-            tell(userText(error));
-        }
+        log_(LogLine({"风扇控制结束（", mode_, "），",
+                      held_ ? "未确认风扇恢复系统自动：" : "风扇已恢复系统自动：", why},
+                     held_));
     }
     mode_ = {};
 }

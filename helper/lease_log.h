@@ -1,7 +1,6 @@
 // Each lease that took a fan, in the system's log: that it began, and why it ended.
 #pragma once
 
-#include <exception>
 #include <string_view>
 
 #include "helper/fan_guardian.h"
@@ -20,8 +19,8 @@ public:
     // the end. seconds: its longest time.
     void begin(std::string_view mode, double seconds) noexcept;
 
-    // It is over, and has done what it could to hand its fans back. why: where nothing failed.
-    void end(const std::exception_ptr& failure, std::string_view why) noexcept;
+    // It is over, and has done what it could to hand its fans back.
+    void end(std::string_view why) noexcept;
 
     void fansHeld() override;
     void fansReturned() noexcept override;

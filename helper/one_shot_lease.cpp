@@ -1,7 +1,5 @@
 #include "helper/one_shot_lease.h"
 
-#include "core/control/lease_ending.h"
-
 namespace ferovane {
 namespace {
 
@@ -34,11 +32,10 @@ bool EarlyEnd::operator()() const {
            environment_.fileExists(stopFile_);
 }
 
-std::string_view EarlyEnd::reason() const {
-    return textOf(environment_.shouldStop()                          ? LeaseEnd::stop
-                  : !environment_.ownerAlive(owner_.pid, owner_.uid) ? LeaseEnd::owner
-                  : environment_.fileExists(stopFile_)               ? LeaseEnd::request
-                                                                     : LeaseEnd::time);
+LeaseEnd EarlyEnd::reason(const std::exception_ptr& failure, bool slept) const noexcept {
+    return reasonFor(failure,
+                     {environment_.shouldStop(), !environment_.ownerAlive(owner_.pid, owner_.uid),
+                      environment_.fileExists(stopFile_), slept});
 }
 
 }  // namespace ferovane

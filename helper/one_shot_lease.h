@@ -3,11 +3,11 @@
 
 #include <optional>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "core/model/uuid.h"
 #include "helper/helper_environment.h"
+#include "helper/lease_reason.h"
 #include "helper/session_owner.h"
 
 namespace ferovane {
@@ -31,8 +31,8 @@ public:
     EarlyEnd(const OneShotCaller& caller, const HelperEnvironment& environment);
     bool operator()() const;
 
-    // Why a lease is over that ends now and has not failed.
-    std::string_view reason() const;
+    // Of a lease that ends now. slept: as in LeaseSurroundings.
+    LeaseEnd reason(const std::exception_ptr& failure, bool slept) const noexcept;
 
 private:
     SessionOwner owner_;

@@ -13,6 +13,7 @@
 #include "core/power/power_transaction.h"
 #include "helper/fan_control_policy.h"
 #include "helper/fan_return.h"
+#include "helper/lease_reason.h"
 #include "helper/standard_streams.h"
 #include "helper/turbo_change.h"
 
@@ -28,9 +29,6 @@ constexpr const char* kCustomLabel = "独立风扇策略";
 constexpr const char* kFanTestMode = "test-fans";
 constexpr const char* kFanTestLabel = "风扇测试";
 constexpr double kFanTestPercent = 100.0;
-
-// Two clocks of one machine, read one after the other, are never so far apart unless it slept.
-constexpr double kSleptSeconds = 1;
 
 // Tells the sampler, however a change of turbo has gone.
 class TurboNews {
@@ -212,13 +210,13 @@ void SessionControl::returnFans() {
     }
     // A fan that is held and no longer listed was not among them.
     const std::exception_ptr unreturned = returnHeldFans();
+    tellReturned(environment_.log, failure ? failure : unreturned);
     if (failure && unreturned) {
         throw ScopeError(textOf(failure), ResultCode::notReturned);  // the graver news
     }
     if (failure || unreturned) {
         std::rethrow_exception(failure ? failure : unreturned);
     }
-    environment_.log(LogLine({kEveryFanReturned}));
 }
 
 // Gives what is still held another chance, and remembers how that went.
@@ -266,9 +264,8 @@ std::optional<LeaseEnding> SessionControl::takeEnding() {
     if (!ended_) {
         return std::nullopt;
     }
-    const std::string_view text = textOf(ended_->reason);
     LeaseEnding ending{ended_->session, std::string(rawValue(ended_->reason)),
-                       text.empty() ? textOf(ended_->failure) : std::string(text)};
+                       std::string(textOf(ended_->reason, ended_->failure))};
     ended_.reset();
     return ending;
 }
@@ -316,7 +313,8 @@ void SessionControl::start(const FanCurve& curve, const std::string& mode, const
 
 void SessionControl::beginLocked(const std::string& mode, const std::string& name,
                                  double duration) {
-    lease_ = Lease{Uuid::random().text(), mode, name, duration, std::nullopt, 0, false, nullptr};
+    lease_ = Lease{Uuid::random().text(), mode,  name,   duration, std::nullopt,
+                   asleep(environment_),  false, nullptr};
     stopRequested_ = false;
     running_ = true;
 }
@@ -378,9 +376,9 @@ void SessionControl::runLease(const FanCurve& curve, const std::string& mode,
             failure = std::current_exception();
             reportLateFailure(failure);
         }
-        reason = reasonFor(failure);
+        reason = reasonOfEnd(failure);
         keepReturning(failure);
-        held_.end(failure, textOf(reason));
+        held_.end(textOf(reason, failure));
     } else {
         keepReturning(failure);
     }
@@ -430,7 +428,7 @@ void SessionControl::holdCurve(const FanCurve& curve, double duration) {
         [this](const FanControlProgress& progress) {
             const ConditionGuard guard(lock_);
             lease_->progress = progress;
-            lease_->asleep = asleep();
+            lease_->asleep = asleep(environment_);
         },
         [this] {
             const ConditionGuard guard(lock_);
@@ -440,29 +438,13 @@ void SessionControl::holdCurve(const FanCurve& curve, double duration) {
 }
 
 // Of a lease that has just ended. Whether its fans could be handed back is another matter.
-LeaseEnd SessionControl::reasonFor(const std::exception_ptr& failure) noexcept {
-    const ResultCode code = failure ? codeOf(failure) : ResultCode::notReturned;
-    const bool lost = code == ResultCode::occupied || code == ResultCode::unreadable;
-    if (!lost && code != ResultCode::notReturned) {
-        return LeaseEnd::failed;
-    }
+// Of a lease that ends now.
+LeaseEnd SessionControl::reasonOfEnd(const std::exception_ptr& failure) noexcept {
     const bool stops = environment_.shouldStop();
     const bool ownerGone = !environment_.ownerAlive(owner_.pid, owner_.uid);
     const ConditionGuard guard(lock_);
-    if (!lost && (stops || ownerGone || stopRequested_)) {
-        return stops ? LeaseEnd::stop : ownerGone ? LeaseEnd::owner : LeaseEnd::request;
-    }
-    if (asleep() - lease_->asleep > kSleptSeconds) {
-        return LeaseEnd::sleep;
-    }
-    return !lost                          ? LeaseEnd::time
-           : code == ResultCode::occupied ? LeaseEnd::otherProgram
-                                          : LeaseEnd::unreadable;
-}
-
-// Seconds that the machine has slept, from an unknown time on.
-double SessionControl::asleep() const {
-    return environment_.now() - environment_.uptime();
+    return reasonFor(failure,
+                     {stops, ownerGone, stopRequested_, sleptSince(lease_->asleep, environment_)});
 }
 
 bool SessionControl::mustStop() {

@@ -116,8 +116,7 @@ private:
     void holdCurve(const FanCurve& curve, double duration);
     void reportLateFailure(const std::exception_ptr& failure) noexcept FV_EXCLUDES(lock_);
     void keepReturning(const std::exception_ptr& failure) noexcept FV_EXCLUDES(lock_);
-    LeaseEnd reasonFor(const std::exception_ptr& failure) noexcept FV_EXCLUDES(lock_);
-    double asleep() const;
+    LeaseEnd reasonOfEnd(const std::exception_ptr& failure) noexcept FV_EXCLUDES(lock_);
     bool mustStop() FV_EXCLUDES(lock_);
     void waitForRound(double left) FV_EXCLUDES(lock_);
 

@@ -31,9 +31,8 @@ private:
 using Log = std::function<void(const LogLine&)>;
 inline const Log kSilence = [](const LogLine&) {};
 
-// The beginnings of lines that several commands write.
+// The beginning of a line that several commands write.
 inline constexpr const char* kCallerRefused = "已拒绝调用：";
-inline constexpr const char* kEveryFanReturned = "已按请求恢复全部风扇为系统自动";
 
 // Keeps the log from delaying anything: lines wait in a queue of fixed size for a thread that ends
 // with the last of them. More than kLogLinesPerMinute, or than fit into the queue, are left out and

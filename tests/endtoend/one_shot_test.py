@@ -15,7 +15,7 @@ DONE = {"cooling": "散热会话结束，已确认风扇恢复系统自动。\n"
 LOGGED = {"cooling": ("cooling", 300), "test-fan": ("test-fan", 5),
           "profile": ("balanced", 1800)}
 WHY = {"stop file": "已按请求结束控制", "owner": "发起程序已退出，控制已结束",
-       "SIGTERM": "辅助进程收到停止信号，控制已结束", "an hour's sleep": "控制时间已到"}
+       "SIGTERM": "辅助进程收到停止信号，控制已结束", "an hour's sleep": "电脑曾经休眠，控制已结束"}
 TAKEN = {"cooling": "检测到风扇状态改变或无法读取，散热会话已停止\n",
          "profile": "风扇控制被改变或无法读取，已停止曲线\n"}
 FANS = {"MacBookPro11,4": 2, "MacBookPro16,1": 2, "iMac18,3": 1, "MacPro7,1": 4, "MacBook10,1": 0,
