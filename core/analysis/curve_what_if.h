@@ -20,7 +20,7 @@ enum class CurveFigure {
     minutesAbove85,  // degrees Celsius, of a day
     minutesAbove95,
     meanRpm,
-    changesPerHour,  // of the target, as a lease writes it
+    changesPerHour,  // of the target, as a lease writes it; of the speed, where there was none
 };
 inline constexpr std::size_t kCurveFigures = 6;
 std::string_view title(CurveFigure figure);

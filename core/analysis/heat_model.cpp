@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
-#include <iterator>
 #include <limits>
 #include <random>
 #include <utility>
@@ -33,7 +32,7 @@ constexpr std::array kExponents{0.5, 0.7, 1.0};
 constexpr std::array kHiddenShares{0.5, 1.0, 1.5};
 
 using Step = RecordedDay::Step;
-using Days = std::span<const RecordedDay>;
+using Days = std::vector<const RecordedDay*>;  // one may count several times
 
 std::optional<double> finiteIn(const std::optional<double>& value) {
     return value && std::isfinite(*value) ? value : std::nullopt;
@@ -108,22 +107,16 @@ double sinkRead(const HeatModel& model, const Drive& drive) {
 
 // An hour at most with a room of its own. Fans run faster in a warmer room: one that drifts
 // unnoticed would make them look useless.
-struct Stretch {
-    double times;  // that it counts
-    std::vector<Drive> drives;
-};
+using Stretch = std::vector<Drive>;
 
-std::vector<Stretch> stretchesOf(Days days, const std::vector<int>& times, const HeatModel& model) {
+std::vector<Stretch> stretchesOf(const Days& days, const HeatModel& model) {
     std::vector<Stretch> stretches;
-    for (std::size_t day = 0; day < days.size(); ++day) {
-        if (times[day] == 0) {
-            continue;
-        }
-        for (const Drive& drive : drivesOf(days[day], model)) {
-            if (drive.begins || stretches.back().drives.size() >= kRoomSteps) {
-                stretches.push_back({static_cast<double>(times[day]), {}});
+    for (const RecordedDay* day : days) {
+        for (const Drive& drive : drivesOf(*day, model)) {
+            if (drive.begins || stretches.back().size() >= kRoomSteps) {
+                stretches.emplace_back();
             }
-            stretches.back().drives.push_back(drive);
+            stretches.back().push_back(drive);
         }
     }
     return stretches;
@@ -133,13 +126,13 @@ std::vector<Stretch> stretchesOf(Days days, const std::vector<int>& times, const
 // taken for heat that nobody tells, in the share that the model has as its hidden heat.
 void fitDie(const std::vector<Stretch>& stretches, HeatModel& model) {
     double count = 0, heat = 0, above = 0, heatHeat = 0, heatAbove = 0;
-    for (const auto& [times, drives] : stretches) {
-        for (const Drive& drive : drives) {
-            count += times;
-            heat += times * drive.heat;
-            above += times * (drive.die - drive.sink);
-            heatHeat += times * drive.heat * drive.heat;
-            heatAbove += times * drive.heat * (drive.die - drive.sink);
+    for (const Stretch& stretch : stretches) {
+        for (const Drive& drive : stretch) {
+            ++count;
+            heat += drive.heat;
+            above += drive.die - drive.sink;
+            heatHeat += drive.heat * drive.heat;
+            heatAbove += drive.heat * (drive.die - drive.sink);
         }
     }
     model.dieResistance = (heatAbove - heat * above / count) / (heatHeat - heat * heat / count);
@@ -151,10 +144,10 @@ void fitDie(const std::vector<Stretch>& stretches, HeatModel& model) {
 // suits it best, is closest to what was read; and the sum of squares that is left.
 double fitSink(const std::vector<Stretch>& stretches, HeatModel& model) {
     double readRead = 0, heatRead = 0, heatHeat = 0;
-    for (const auto& [times, drives] : stretches) {
-        Sink sink{drives.front().sink};
+    for (const Stretch& stretch : stretches) {
+        Sink sink{stretch.front().sink};
         double rr = 0, hr = 0, hh = 0, roomRead = 0, roomHeat = 0, roomRoom = 0;
-        for (const Drive& drive : drives) {
+        for (const Drive& drive : stretch) {
             sink.advance(model, drive);
             const double read = sinkRead(model, drive) - sink.air;
             rr += read * read;
@@ -164,9 +157,9 @@ double fitSink(const std::vector<Stretch>& stretches, HeatModel& model) {
             roomHeat += sink.room * sink.heat;
             roomRoom += sink.room * sink.room;
         }
-        readRead += times * (rr - roomRead * roomRead / roomRoom);
-        heatRead += times * (hr - roomHeat * roomRead / roomRoom);
-        heatHeat += times * (hh - roomHeat * roomHeat / roomRoom);
+        readRead += rr - roomRead * roomRead / roomRoom;
+        heatRead += hr - roomHeat * roomRead / roomRoom;
+        heatHeat += hh - roomHeat * roomHeat / roomRoom;
     }
     model.sinkResistance = heatRead / heatHeat;
     return readRead - model.sinkResistance * heatRead;
@@ -174,8 +167,8 @@ double fitSink(const std::vector<Stretch>& stretches, HeatModel& model) {
 
 // Everything that is linear is solved for; for the two that are not, neighbours at `reach` are
 // tried until none is better, then closer ones.
-HeatModel fitted(Days days, const std::vector<int>& times, HeatModel model, double reach) {
-    const std::vector<Stretch> stretches = stretchesOf(days, times, model);
+HeatModel fitted(const Days& days, HeatModel model, double reach) {
+    const std::vector<Stretch> stretches = stretchesOf(days, model);
     fitDie(stretches, model);
     double error = fitSink(stretches, model);
     while (reach > kFinestSearch) {
@@ -208,8 +201,8 @@ bool isPhysical(const HeatModel& model) {
 
 // Of enough days, that have what it takes. The last one is held out.
 HeatFit fitBy(Days days, const FanRange& range, bool fromLoad) {
-    const RecordedDay& heldOut = days.back();
-    days = days.first(days.size() - 1);
+    const RecordedDay& heldOut = *days.back();
+    days.pop_back();
     HeatFit fit;
     fit.model.range = range;
     fit.model.fromLoad = fromLoad;
@@ -218,8 +211,8 @@ HeatFit fitBy(Days days, const FanRange& range, bool fromLoad) {
         return fit;
     };
     std::vector<double> told, speeds;
-    for (const RecordedDay& day : days) {
-        for (const Step& step : day.steps) {
+    for (const RecordedDay* day : days) {
+        for (const Step& step : day->steps) {
             told.push_back(fromLoad ? step.load : step.watts);
             speeds.push_back(step.rpm);
         }
@@ -231,15 +224,14 @@ HeatFit fitBy(Days days, const FanRange& range, bool fromLoad) {
         spread < HeatFit::kLeastFanSpreadOfRange * (range.maximum - range.minimum)) {
         return refused(HeatRefusal::fanNotVaried);
     }
-    std::vector<int> times(days.size(), 1);
-    fit.model = fitted(days, times, fit.model, kWidestSearch);
+    fit.model = fitted(days, fit.model, kWidestSearch);
     // What a machine draws beside its die is not heat of the die.
     const double beside = std::min(fit.model.hiddenHeat, 0.0);
     const double least = quantile(told, kLow) + beside, most = quantile(told, kHigh) + beside;
     if (!(most >= HeatFit::kLeastHeatRatio * least)) {
         return refused(HeatRefusal::heatNotVaried);
     }
-    if (!isPhysical(fit.model) || least <= 0) {
+    if (!isPhysical(fit.model) || least < 0) {
         return refused(HeatRefusal::fitInvalid);
     }
     fit.errors = follow(fit.model, heldOut).errors;
@@ -248,14 +240,14 @@ HeatFit fitBy(Days days, const FanRange& range, bool fromLoad) {
     }
     std::minstd_rand random;
     for (std::size_t i = 0; i < kRefits; ++i) {
-        std::fill(times.begin(), times.end(), 0);
+        Days drawn;
         for (std::size_t day = 0; day < days.size(); ++day) {
-            ++times[random() % days.size()];
+            drawn.push_back(days[random() % days.size()]);
         }
         HeatModel other = fit.model;
         other.flowExponent = kExponents[i % kExponents.size()];
         other.hiddenHeat = kHiddenShares[i / kExponents.size() % kHiddenShares.size()];
-        fit.refits.push_back(fitted(days, times, other, kRefitSearch));
+        fit.refits.push_back(fitted(drawn, other, kRefitSearch));
     }
     const bool clear = std::all_of(fit.refits.begin(), fit.refits.end(), [](const HeatModel& it) {
         return it.movedShare >= kLeastMovedShare;
@@ -383,18 +375,21 @@ HeatTrack follow(const HeatModel& model, const RecordedDay& day) {
     return track;
 }
 
-HeatFit HeatFit::of(Days all, const FanRange& range) {
+HeatFit HeatFit::of(std::span<const RecordedDay> all, const FanRange& range) {
     if (!(range.minimum >= 0 && range.maximum > range.minimum && std::isfinite(range.maximum))) {
         return {HeatRefusal::fanRange};
     }
-    std::vector<RecordedDay> days;
-    std::copy_if(all.begin(), all.end(), std::back_inserter(days),
-                 [](const RecordedDay& day) { return day.hours() >= kFewestHours; });
+    Days days;
+    for (const RecordedDay& day : all) {
+        if (day.hours() >= kFewestHours) {
+            days.push_back(&day);
+        }
+    }
     if (days.size() <= kFewestDays) {
         return {HeatRefusal::tooFewDays};
     }
     const auto inAll = [&days](bool RecordedDay::*has) {
-        return std::all_of(days.begin(), days.end(), [has](auto& day) { return day.*has; });
+        return std::all_of(days.begin(), days.end(), [has](auto* day) { return day->*has; });
     };
     HeatFit fit{HeatRefusal::noPower};
     if (inAll(&RecordedDay::hasWatts)) {

@@ -8,7 +8,6 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
-#include <functional>
 #include <optional>
 #include <string>
 #include <utility>
@@ -18,9 +17,9 @@
 #include "core/fan/curve_lease.h"
 #include "core/fan/fan_keys.h"
 #include "core/hardware/smc.h"
-#include "core/model/scope_error.h"
 #include "simulator/machine/simulated_mac.h"
 #include "tests/support/dice.h"
+#include "tests/support/failure_text.h"
 
 namespace ferovane::testing {
 namespace {
@@ -30,27 +29,19 @@ using simulator::Property;
 const char* const kScale = std::getenv("FEROVANE_HEAT_HOURS");
 const double kHours = kScale != nullptr ? std::atof(kScale) : 1.05;
 
-// How a machine lives.
-struct Life {
-    std::string machine = "MacBookPro11,4";
-    std::optional<FanCurve> curve = {};  // absent: the system's own control
-    double leakage = 0;                  // percent of load more per K, in no record
-    double graphics = 0;                 // percent every other ten minutes, in no record either
+struct Machine {
+    std::string name;
+    FanRange fans;
 };
+const Machine kLaptop{"MacBookPro11,4", {2080, 5928}};
+const Machine kTower{"MacPro7,1", {500, 2275}};
 
-FanRange rangeOf(const std::string& machine) {
-    simulator::SimulatedMac mac = simulator::builtInMac(machine);
-    FanRange range;
-    for (int fan = 0; fan < mac.fanCount(); ++fan) {
-        range.minimum += mac.fanMinimum(fan) / mac.fanCount();
-        range.maximum += mac.fanMaximum(fan) / mac.fanCount();
-    }
-    return range;
-}
-
-// A day, read every two seconds. The same day has the same work, whatever the fans do.
-RecordedDay record(const Life& life, int day) {
-    simulator::SimulatedMac mac = simulator::builtInMac(life.machine);
+// A day under a curve, or under the system's own control, read every two seconds. The same day has
+// the same work, whatever the fans do. In no record: leakage, as percent of load more per K, and
+// graphics load, in percent every other ten minutes.
+RecordedDay record(const Machine& machine, const std::optional<FanCurve>& curve, int day,
+                   double leakage = 0, double graphics = 0) {
+    simulator::SimulatedMac mac = simulator::builtInMac(machine.name);
     const auto attached = mac.attach();
     SMC smc({[&] { return mac.now(); }, [&](double time) { mac.advance(time); }, false});
     Dice dice(unsigned(day) + 1);
@@ -65,9 +56,9 @@ RecordedDay record(const Life& life, int day) {
     const auto pass = [&](double seconds) {
         const auto step = std::size_t(mac.now() / 2);
         load = work[step % work.size()];
-        mac.set(Property::kLoad,
-                std::clamp(load + life.leakage * (mac.dieTemperature() - 50), 0.0, 100.0));
-        mac.set(Property::kGraphicsLoad, step / 300 % 2 == 0 ? 0 : life.graphics);
+        const double leaked = leakage * (mac.dieTemperature() - 50);
+        mac.set(Property::kLoad, std::clamp(load + leaked, 0.0, 100.0));
+        mac.set(Property::kGraphicsLoad, step / 300 % 2 == 0 ? 0 : graphics);
         mac.set(Property::kAmbient, 19 + 3 * day % 8 + std::sin(day + mac.now() / 4600));
         mac.advance(seconds);
     };
@@ -83,11 +74,14 @@ RecordedDay record(const Life& life, int day) {
                             {"Th1H", "", read(mac.heatSinkTemperature())}};
         snapshot.additionalSensors.emplace();
         for (const char* key : {"PCPT", "PC0R", "PSTR"}) {
-            if (const auto watts = mac.number(key); watts && life.leakage == 0) {
+            if (const auto watts = mac.number(key); watts && leakage == 0) {
                 snapshot.additionalSensors->push_back({key, "", HardwareSensorKind::power, *watts});
             }
         }
-        snapshot.fans = smc.fans();
+        snapshot.fans.resize(std::size_t(mac.fanCount()));
+        for (std::size_t fan = 0; fan < snapshot.fans.size(); ++fan) {
+            snapshot.fans[fan].rpm = mac.fanRpm(int(fan));
+        }
         samples.push_back(recordedSample(snapshot, CurveSensor::hottest));
         return snapshot;
     };
@@ -95,44 +89,39 @@ RecordedDay record(const Life& life, int day) {
     mac.settle();
     const auto over = [&] { return mac.now() >= kHours * 3600; };
     while (!over()) {
-        if (!life.curve) {
+        if (curve) {
+            CurveLease::run(
+                smc, *curve, FanLimits::kLeaseSeconds, sample, [&] { return mac.now(); }, over,
+                [&](double) { pass(2); }, [](const FanControlProgress&) {}, [] {});
+        } else {
             sample();
             pass(2);
-            continue;
         }
-        CurveLease::run(
-            smc, *life.curve, FanLimits::kLeaseSeconds, sample, [&] { return mac.now(); }, over,
-            [&](double) { pass(2); }, [](const FanControlProgress&) {}, [] {});
     }
     return RecordedDay::from(samples);
 }
 
-std::vector<RecordedDay> recorded(const Life& life) {
-    return {record(life, 1), record(life, 2), record(life, 3), record(life, 4)};
-}
-
-std::string thrown(const std::function<void()>& act) {
-    try {
-        act();
-    } catch (const ScopeError& error) {
-        return error.message();
+std::vector<RecordedDay> fourDays(const Machine& machine, const std::optional<FanCurve>& curve,
+                                  double leakage = 0, double graphics = 0) {
+    std::vector<RecordedDay> days;
+    for (int day = 1; day <= 4; ++day) {
+        days.push_back(record(machine, curve, day, leakage, graphics));
     }
-    return "";
+    return days;
 }
 
 TEST(HeatModelTest, ForetellsCurvesAndDaysThatItHasNotSeen) {
-    std::vector<std::string> machines{"MacBookPro11,4"};
+    std::vector<Machine> machines{kLaptop};
     if (kScale != nullptr) {
-        machines.insert(machines.end(), {"MacBookPro16,1", "iMac18,3", "MacPro7,1", "M1Pro"});
+        machines = {kLaptop, kTower, {"MacBookPro16,1", {1768, 5101}}, {"iMac18,3", {1200, 2867}}};
     }
-    for (const std::string& machine : machines) {
-        for (const bool leased : {false, true}) {
-            const auto usual = leased ? std::optional(FanCurve::balanced()) : std::nullopt;
-            const HeatFit fit = HeatFit::of(recorded({machine, usual}), rangeOf(machine));
-            ASSERT_FALSE(fit.refusal) << machine << ": " << title(*fit.refusal);
-            const std::vector<RecordedDay> day{record({machine, usual}, 7)};
+    for (const Machine& machine : machines) {
+        for (const auto& usual : {std::optional<FanCurve>(), std::optional(FanCurve::balanced())}) {
+            const HeatFit fit = HeatFit::of(fourDays(machine, usual), machine.fans);
+            ASSERT_FALSE(fit.refusal) << machine.name << ": " << title(*fit.refusal);
+            const std::vector<RecordedDay> day{record(machine, usual, 7)};
             for (const FanCurve& curve : {FanCurve::quiet(), FanCurve::performance()}) {
-                const RecordedDay truth = record({machine, curve}, 7);
+                const RecordedDay truth = record(machine, curve, 7);
                 const CurveRun told = rerun(fit.model, day, curve);
                 const std::size_t steps = std::min(told.die.size(), truth.steps.size());
                 ASSERT_GT(double(steps), kHours * 1790);
@@ -147,9 +136,9 @@ TEST(HeatModelTest, ForetellsCurvesAndDaysThatItHasNotSeen) {
                 const auto& [change, low, high] = answer.differences[0];
                 const double really = celsius - answer.before[0];
                 std::printf(
-                    "%-15s %s by %s: %.2f K rms, rpm %+.1f %%, mean %+.1f K (%+.1f to "
-                    "%+.1f), really %+.1f K\n",
-                    machine.c_str(), leased ? "balanced" : "automatic",
+                    "%-14s %-9s %-5s %.2f K rms %+.1f %% rpm; mean %+.1f (%+.1f to %+.1f), "
+                    "really %+.1f K\n",
+                    machine.name.c_str(), usual ? "balanced" : "automatic",
                     fit.model.fromLoad ? "load" : "watts", std::sqrt(squares),
                     100 * (toldRpm / rpm - 1), change, low, high, really);
                 EXPECT_LE(std::sqrt(squares), 2);
@@ -161,87 +150,71 @@ TEST(HeatModelTest, ForetellsCurvesAndDaysThatItHasNotSeen) {
 }
 
 TEST(HeatModelTest, RefusesWhatWouldMislead) {
-    const FanRange range = rangeOf(Life().machine);
-    const std::vector<RecordedDay> good = recorded({});
     using R = HeatRefusal;
-    const auto refuses = [&](const char* what, std::vector<RecordedDay> days, R one, R other,
-                             FanRange rated) {
-        const HeatFit fit = HeatFit::of(days, rated);
-        ASSERT_TRUE(fit.refusal) << what;
-        EXPECT_TRUE(fit.refusal == one || fit.refusal == other) << what << title(*fit.refusal);
-        EXPECT_EQ(thrown([&] { whatIf(fit, good, {}, FanCurve::quiet()); }), title(*fit.refusal));
-    };
-    refuses("no rating", good, R::fanRange, R::fanRange, {2000, 2000});
-    refuses("three days", {good[0], good[1], good[2]}, R::tooFewDays, R::tooFewDays, range);
-    refuses("graphics", recorded({Life().machine, {}, 0, 100}), R::fitInvalid, R::notAccurate,
-            range);
-    if (kScale != nullptr) {
-        const FanCurve fixed{{{30, 40}, {86, 40}, {90, 100}}, CurveSensor::hottest};
-        refuses("fixed", recorded({Life().machine, fixed}), R::fanNotVaried, R::fanNotVaried,
-                range);
-        refuses("leakage", recorded({Life().machine, FanCurve::balanced(), 0.9}), R::fanUnclear,
-                R::notAccurate, range);
-    }
-    // What befalls each step of each day, from 0.
-    using Change = void (*)(RecordedDay::Step & step, std::size_t day, std::size_t i);
-    const struct {
-        const char* what;
-        Change change;
-        R one, other;
-    } changes[] = {
-        {"fans never varied", [](auto& it, auto, auto) { it.rpm = 3000; }, R::fanNotVaried, {}},
-        {"constant power",
-         [](auto& it, auto, auto) { it.watts = it.load = 20; },
-         R::heatNotVaried,
-         {}},
-        {"frozen sink", [](auto& it, auto, auto i) { it.sink = 31 + double(i % 2); }, R::fitInvalid,
-         R::notAccurate},
-        {"sensors mixed up",
-         [](auto& it, auto, auto) { std::swap(it.sink, it.die); },
-         R::fitInvalid,
-         {}},
-        {"another fan", [](auto& it, auto, auto i) { it.rpm = i / 200 % 2 == 0 ? 2000 : 5000; },
-         R::fanUnclear, R::notAccurate},
-        {"dried paste",
-         [](auto& it, auto day, auto) { it.die += day == 3 ? 8 : 0; },
-         R::notAccurate,
-         {}},
-    };
-    for (const auto& [what, change, one, other] : changes) {
-        std::vector<RecordedDay> days = good;
-        for (std::size_t day = 0; day < days.size(); ++day) {
-            for (std::size_t i = 0; i < days[day].steps.size(); ++i) {
-                change(days[day].steps[i], day, i);
+    using Days = std::vector<RecordedDay>;
+    const Days good = fourDays(kLaptop, {});
+    const auto with = [&](auto change) {
+        Days days = good;
+        for (std::size_t i = 0; i < days[0].steps.size() * days.size(); ++i) {
+            const std::size_t day = i % days.size(), step = i / days.size();
+            if (step < days[day].steps.size()) {
+                change(days[day].steps[step], day, step / 200 % 2 == 0);
             }
         }
-        refuses(what, days, one, other, range);
+        return days;
+    };
+    const struct {
+        R refusal;
+        Days days;
+        FanRange fans = kLaptop.fans;
+    } cases[] = {
+        {R::fanRange, good, {2000, 2000}},
+        {R::tooFewDays, {good[0], good[1], good[2]}},
+        {R::fanNotVaried, with([](auto& it, auto, bool) { it.rpm = 3000; })},
+        {R::heatNotVaried, with([](auto& it, auto, bool) { it.watts = it.load = 20; })},
+        // A sink's sensor that is stuck, then one that is the die's, then a source of heat that
+        // nobody reads.
+        {R::fitInvalid, with([](auto& it, auto, bool odd) { it.sink = odd ? 31 : 31.25; })},
+        {R::fitInvalid, with([](auto& it, auto, bool) { std::swap(it.sink, it.die); })},
+        {R::fitInvalid, kScale != nullptr ? fourDays(kLaptop, {}, 0, 100) : Days()},
+        {R::notAccurate, with([](auto& it, auto day, bool) { it.die += day == 3 ? 8 : 0; })},
+        // Another machine's fan, then heat that follows the die, which nobody reads either.
+        {R::fanUnclear, with([](auto& it, auto, bool odd) { it.rpm = odd ? 5000 : 2000; })},
+        {R::fanUnclear, kScale != nullptr ? fourDays(kLaptop, FanCurve::balanced(), 0.9) : Days()},
+    };
+    for (const auto& [refusal, days, fans] : cases) {
+        const HeatFit fit = HeatFit::of(days, fans);
+        ASSERT_TRUE(fit.refusal);
+        EXPECT_TRUE(fit.refusal == refusal || days.empty())
+            << title(refusal) << ", not " << title(*fit.refusal);
+        EXPECT_EQ(failureOf([&] { whatIf(fit, good, {}, FanCurve::quiet()); }),
+                  title(*fit.refusal));
     }
 }
 
 TEST(HeatModelTest, ProposesTheQuietestCurveThatKeepsAWish) {
-    const Life life{"MacPro7,1"};
-    const HeatFit fit = HeatFit::of(recorded(life), rangeOf(life.machine));
-    const std::vector<RecordedDay> days{record(life, 7)};
+    const HeatFit fit = HeatFit::of(fourDays(kTower, {}), kTower.fans);
+    const std::vector<RecordedDay> days{record(kTower, {}, 7)};
     FanCurve curve = quietestCurve(fit, days, 88, CurveSensor::cpu);
-    EXPECT_EQ(thrown([&] { curve.validate(); }), "");
-    const RecordedDay truth = record({life.machine, curve}, 7);
+    curve.validate();
+    const RecordedDay truth = record(kTower, curve, 7);
     const auto above = std::count_if(truth.steps.begin(), truth.steps.end(),
-                                     [](const RecordedDay::Step& step) { return step.die > 88; });
+                                     [](const auto& step) { return step.die > 88; });
     EXPECT_LE(double(above), 0.02 * double(truth.steps.size()));
-    EXPECT_LT(whatIf(fit, days, FanCurve::balanced(), curve).differences[4].change, -100);
-    EXPECT_EQ(thrown([&] { quietestCurve(fit, days, 60, CurveSensor::cpu); }),
+    EXPECT_LT(whatIf(fit, days, FanCurve::balanced(), curve).differences[4].high, -100);
+    EXPECT_EQ(failureOf([&] { quietestCurve(fit, days, 60, CurveSensor::cpu); }),
               "即使全速运转也无法满足期望温度");
-    EXPECT_EQ(thrown([&] { quietestCurve(fit, days, 91, CurveSensor::cpu); }),
+    EXPECT_EQ(failureOf([&] { quietestCurve(fit, days, 91, CurveSensor::cpu); }),
               "期望温度范围为 60–90°C");
-    EXPECT_EQ(thrown([&] { whatIf(fit, {}, {}, curve); }), "所选日期的记录不完整，无法推算曲线");
-    curve.points.back().percent = 99;
-    EXPECT_NE(thrown([&] { whatIf(fit, days, curve, FanCurve::quiet()); }), "");
+    EXPECT_EQ(failureOf([&] { whatIf(fit, {}, {}, curve); }), "所选日期的记录不完整，无法推算曲线");
     HeatFit narrow = fit;
     narrow.slowest = 1000;
     narrow.model.fromLoad = true;
     EXPECT_EQ(
         whatIf(narrow, days, {}, FanCurve::quiet()).notes,
         (std::vector{CurveNote::powerAsRecorded, CurveNote::fromLoad, CurveNote::unseenSpeeds}));
+    curve.points.back().percent = 99;
+    EXPECT_NE(failureOf([&] { whatIf(fit, days, curve, FanCurve::quiet()); }), "");
 }
 
 // A straight line stays one, whatever the moments at which it was read.
