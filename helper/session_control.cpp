@@ -58,8 +58,9 @@ ResultCode codeOf(const std::exception_ptr& failure) noexcept {
     }
 }
 
+// Also of "profile" with "automatic", after which no lease runs.
 void sayConfirmed(ControlReply& reply) {
-    reply.say("控制已确认生效", ResultCode::confirmed);
+    reply.say("控制已确认生效", reply.session ? ResultCode::confirmed : ResultCode::automatic);
 }
 
 }  // namespace
@@ -241,6 +242,7 @@ ControlReply SessionControl::stateLocked(std::optional<std::int64_t> turbo) {
     if (unreturned_) {
         reply.say(textOf(unreturned_), codeOf(unreturned_));
     } else if (running_ && lease_ && lease_->applied) {
+        reply.session = lease_->session;
         sayConfirmed(reply);
     } else {
         reply.say("风扇由系统管理", ResultCode::automatic);

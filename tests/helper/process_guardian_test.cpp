@@ -88,8 +88,8 @@ TEST_F(ProcessGuardianTest, WithoutOneNoFanMayBeTakenNorHeldAndNoToolMayRun) {
         killChildren();
         EXPECT_EQ(failureOf([this] { guardian_->fansHeld(); }),
                   "风扇守护进程意外结束且无法重新启动，已停止风扇控制");
+        guardian_->fansReturned();  // once the thread that tries to replace it is through
         EXPECT_TRUE(livingChildren().empty());
-        guardian_->fansReturned();
         guardian_.reset();
     }
 }

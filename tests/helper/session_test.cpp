@@ -42,15 +42,22 @@ TEST(SessionTest, NothingIsWaitedForWithoutEndAndWhatComesTooLateIsEnded) {
     EXPECT_TRUE(session.world.mac.allFansAutomatic());
 }
 
-TEST(SessionTest, AFanTestEndsByItselfAndReturnsAFanThatWasLeftThoughNobodyAsks) {
+TEST(SessionTest, ALeaseThatIsOverGoesOnReturningAFanThatWasLeftThoughNobodyAsks) {
     SessionWorld session;
     session.world.environment.timings.returnPause = 0.01;
     ASSERT_TRUE(session.command("test-fans").ok);
     session.world.mac.refuseWrites("F1Md", simulator::kNotWritable, 4);
     EXPECT_TRUE(eventually([&] { return session.world.mac.allFansAutomatic(); }));
     EXPECT_TRUE(eventually([&] { return session.command("status").message == kSystemManaged; }));
+    ASSERT_TRUE(session.profile("balanced").ok);
+    session.world.mac.refuseWrites("F1Md", simulator::kNotWritable);
+    ASSERT_FALSE(session.command("auto").ok);
+    ASSERT_FALSE(session.profile("balanced").ok);
+    session.world.mac.clearFaults();
+    EXPECT_TRUE(eventually([&] { return session.world.mac.allFansAutomatic(); }))
+        << "by the lease that could not begin";
     EXPECT_EQ(session.end(), "");
-    EXPECT_EQ(session.world.guardianRecord, "held returned ");
+    EXPECT_EQ(session.world.guardianRecord, "held returned held returned ");
     EXPECT_EQ(session.world.errors.text().rfind("恢复自动风扇失败：SMC F1Md", 0), 0U);
 }
 
