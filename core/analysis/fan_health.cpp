@@ -56,7 +56,9 @@ std::optional<double> ifFinite(std::optional<double> value) {
 
 FanHealth::FanHealth(const std::vector<FanHabit>& saved) {
     for (const FanHabit& habit : saved) {
-        fans_[habit.id].habit = habit;
+        if (habit.id >= 0 && habit.id < kMostFans) {
+            fans_[habit.id].habit = habit;
+        }
     }
 }
 
@@ -83,6 +85,9 @@ void FanHealth::add(Date date, std::span<const FanSample> samples) {
     };
     const bool together = samples.size() > 1 && std::ranges::all_of(samples, fellSilent);
     for (const FanSample& given : samples) {
+        if (given.id < 0 || given.id >= kMostFans) {
+            continue;
+        }
         Fan& fan = fans_[given.id];
         fan.habit.id = given.id;
         const FanSample sample{given.id, ifFinite(given.target), ifFinite(given.measured),

@@ -75,10 +75,13 @@ public:
     static constexpr double kReachedShare = 0.9;  // of the usual, which is to be reached there
     static constexpr int kCeilingDays = 3;        // different days on which it was not
 
-    FanHealth() = default;
-    explicit FanHealth(const std::vector<FanHabit>& saved);
+    static constexpr int kMostFans = 100;  // a fan with a higher index is not looked at
 
-    // One sample of all fans. Dates not later than the last one, or not finite, do not count.
+    FanHealth() = default;
+    explicit FanHealth(const std::vector<FanHabit>& saved);  // with what habits() gave
+
+    // One sample of all fans. A second one of the same moment, or without a finite date, does not
+    // count; a clock that was set back is a pause.
     void add(Date date, std::span<const FanSample> fans);
 
     // Whether fans that seem stopped turn, as the machine's heat tells it; absent while it does not

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <cstdint>
+#include <iterator>
 #include <string_view>
 #include <utility>
 
@@ -231,7 +233,8 @@ void HeatTrend::addDay(const HeatDay& day) {
             check();
             record_.nextCheck = day.day + kCheckDays;
         }
-    } else if (day.day - days.front().day >= kBaselineDays - 1 && days.size() >= kBaselineValid) {
+    } else if (std::int64_t{day.day} - days.front().day >= kBaselineDays - 1 &&
+               days.size() >= kBaselineValid) {
         record_.baseline = medians(days);
         record_.baselineFrom = days.front().day;
         record_.nextCheck = day.day + kWindowDays;

@@ -1,10 +1,12 @@
 // Whether a machine is hotter at like load than weeks ago.
 #pragma once
 
+#include <cstddef>
 #include <optional>
 #include <span>
 #include <string>
 #include <tuple>
+#include <utility>
 #include <vector>
 
 #include "core/analysis/health_finding.h"

@@ -176,37 +176,32 @@ void SensorHealth::followRun(Sensor& sensor, double others, Date date) {
         sensor.path += others;
         sensor.lowest = std::min(sensor.lowest, sensor.path);
         sensor.highest = std::max(sensor.highest, sensor.path);
+        sensor.moved = std::max(sensor.moved, sensor.highest - sensor.lowest);
         return;
     }
     if (sensor.known > 0) {
-        // A run that has ended was natural.
-        if (sensor.flatSamples >= kFrozenSamples) {
-            habit.calmest = std::max(habit.calmest, sensor.highest - sensor.lowest);
-        }
         const double step = std::abs(sensor.change);
         habit.step = habit.step == 0 ? step : std::min(habit.step, step);
         sensor.path += others;
     }
     sensor.flatSince = date;
-    sensor.lastFlatSamples = std::exchange(sensor.flatSamples, 0);
+    // A run that has ended was natural.
+    sensor.missed = sensor.flatSamples >= kFrozenSamples ? sensor.moved : 0;
+    habit.calmest = std::max(habit.calmest, sensor.missed);
+    sensor.flatSamples = 0;
+    sensor.moved = 0;
     sensor.lowest = sensor.highest = sensor.path;
 }
 
 void SensorHealth::learn(Sensor& sensor, double passed) {
     SensorHabit& habit = sensor.habit;
-    if (sensor.known == 0) {
-        sensor.blockSeconds = 0;
-        sensor.blockValue = sensor.value;
-        sensor.blockPath = sensor.path;
-        return;
-    }
     habit.observed += passed;
     sensor.blockSeconds += passed;
-    if (sensor.blockSeconds < kBlockSeconds) {
+    if (sensor.known > 0 && sensor.blockSeconds < kBlockSeconds) {
         return;
     }
     const double x = sensor.path - sensor.blockPath, y = sensor.value - sensor.blockValue;
-    if (std::abs(x) >= kLeastMove && sensor.state == SensorState::live) {
+    if (sensor.known > 0 && std::abs(x) >= kLeastMove && sensor.state == SensorState::live) {
         const double kept = habit.pairs < kMostPairs ? 1 : 1 - 1 / kMostPairs;
         habit.pairs = habit.pairs * kept + 1;
         habit.xx = habit.xx * kept + x * x;
@@ -215,7 +210,7 @@ void SensorHealth::learn(Sensor& sensor, double passed) {
     }
     sensor.blockSeconds = 0;
     sensor.blockValue = sensor.value;
-    sensor.blockPath = sensor.path;
+    sensor.blockPath = sensor.lowest = sensor.highest = sensor.path;
 }
 
 void SensorHealth::followJump(Sensor& sensor, const Moves& moves, Date date, double passed) {
@@ -255,7 +250,7 @@ void SensorHealth::followJump(Sensor& sensor, const Moves& moves, Date date, dou
     } else if (size > std::max({isDie(habit.key) ? kDieJumpKelvin : kJumpKelvin,
                                 kJumpPerSecond * passed, kLonelyTimes * habit.loneliest}) &&
                sensor.state == SensorState::live) {
-        sensor.jump = Jump{date, usual, sensor.value, 0, sensor.lastFlatSamples >= kFrozenSamples};
+        sensor.jump = Jump{date, usual, sensor.value, 0, sensor.missed >= kPredictedKelvin};
     }
 }
 
@@ -303,9 +298,8 @@ bool SensorHealth::standsStill(const Sensor& sensor, Date date) {
     const double gain = habit.xy / habit.xx;
     const double explained = gain * habit.xy;
     const double noise = std::sqrt(std::max(habit.yy - explained, 0.0) / habit.pairs);
-    const double moved = sensor.highest - sensor.lowest;
-    return explained >= kLeastFit * habit.yy && moved >= kHabitTimes * habit.calmest &&
-           moved * std::abs(gain) >=
+    return explained >= kLeastFit * habit.yy && sensor.moved >= kHabitTimes * habit.calmest &&
+           sensor.moved * std::abs(gain) >=
                std::max({kPredictedSteps * habit.step, kPredictedKelvin, kNoiseTimes * noise});
 }
 

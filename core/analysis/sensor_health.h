@@ -34,8 +34,8 @@ struct SensorHabit {
     // Its changes (y) from minute to minute beside those of all others on average (x).
     double pairs = 0, xx = 0, xy = 0, yy = 0;
     double longestAbsence = 0;  // after which it came back
-    double calmest = 0;         // by how much the others have moved while it naturally stood still
-    double loneliest = 0;       // by how much it has naturally moved alone
+    double calmest = 0;  // by how much the others moved in a minute while it naturally stood still
+    double loneliest = 0;  // by how much it has naturally moved alone
 
     bool operator==(const SensorHabit&) const = default;
     static constexpr auto jsonFields() {
@@ -84,7 +84,8 @@ public:
     explicit SensorHealth(const std::vector<SensorHabit>& saved);
 
     // A snapshot without any temperature tells of the reader and not of sensors: it does not count,
-    // and neither does one that is not later than the last, or without a finite date.
+    // and neither does a second one of the same moment or one without a finite date. A clock that
+    // was set back is a pause.
     void add(const Snapshot& snapshot);
 
     SensorState state(std::string_view key) const;  // live for one that was never seen
@@ -105,7 +106,7 @@ private:
         Date since;
         double from = 0, to = 0;
         int samples = 0;
-        bool fromRest = false;  // it had stood still: it may have been stuck before
+        bool fromRest = false;  // it had stood still while others moved: it may have been stuck
     };
     struct Sensor {
         SensorHabit habit;
@@ -116,11 +117,12 @@ private:
         bool counted = false;          // its change says what the machine does
         double value = 0, change = 0;  // now, and since the sample before
         double path = 0;               // how far the others have moved on average
-        // The run of equal values: since when, how long, and the range of that path in it.
+        // The run of equal values: since when, how long, and the longest way that the path went
+        // within a minute of it; a slow drift of the others is no reason to move.
         Date flatSince;
         int flatSamples = 0;
-        int lastFlatSamples = 0;  // of the run before
-        double lowest = 0, highest = 0;
+        double missed = 0;  // the same of the run before, when that was long
+        double lowest = 0, highest = 0, moved = 0;
         int liveSamples = 0;  // since it was parked
         double absent = 0;    // seconds
         Date absentSince;
