@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "core/analysis/diagnostic_engine.h"
+#include "core/analysis/machine_health.h"
 #include "core/analysis/process_activity.h"
 #include "core/analysis/process_list.h"
 #include "core/analysis/sensor_catalog.h"
@@ -110,21 +111,31 @@ std::optional<int> sleepBlockers() {
 // Keeps what a diagnosis needs from one sample to the next.
 class Diagnosis {
 public:
-    DiagnosticReport of(const Snapshot& snapshot) {
+    DiagnosticReport of(const Snapshot& snapshot, SMC& smc) {
         // Dated when it was read: finding a machine's sensors makes the first sample an old one.
         if (const auto processes = processes_.read()) {
             activity_.add(Date::now(), *processes);
         }
-        return engine_.evaluate({snapshot, activity_.sources(), activity_.date(),
-                                 activity_.windowSeconds(), sleepBlockers(),
-                                 SystemTelemetry::read().batteryPercent,
-                                 SystemCapabilities::lowPowerMode()});
+        DiagnosticReport report = engine_.evaluate({snapshot, activity_.sources(), activity_.date(),
+                                                    activity_.windowSeconds(), sleepBlockers(),
+                                                    SystemTelemetry::read().batteryPercent,
+                                                    SystemCapabilities::lowPowerMode()});
+        std::vector<FanTarget> targets;
+        for (const FanReading& fan : snapshot.fans) {
+            if (const auto target = smc.target(fan.id)) {
+                targets.push_back({fan.id, *target});
+            }
+        }
+        health_.add(snapshot, targets);
+        addHealth(health_.findings(), report);
+        return report;
     }
 
 private:
     ProcessList processes_;
     ProcessActivity activity_;
     DiagnosticEngine engine_;
+    MachineHealth health_;
 };
 
 void print(const Snapshot& snapshot, const DiagnosticReport& report, std::vector<LeaseRow> leases) {
@@ -152,7 +163,7 @@ std::vector<Snapshot> watch(int seconds, const std::function<void()>& meanwhile)
     const double start = fv_continuous_seconds();
     while (!fv_should_stop() && samples.size() < static_cast<std::size_t>(seconds)) {
         samples.push_back(sampler.sample());
-        print(samples.back(), diagnosis.of(samples.back()), leaseReport(smc, samples.back()));
+        print(samples.back(), diagnosis.of(samples.back(), smc), leaseReport(smc, samples.back()));
         meanwhile();
         fv_pause(start + static_cast<double>(samples.size()) - fv_continuous_seconds());
     }
