@@ -123,8 +123,8 @@ std::vector<Stretch> stretchesOf(const Days& days, const HeatModel& model) {
 }
 
 // The straight line between heat and what the die is above the sink. What is left without heat is
-// taken for heat that nobody tells, in the share that the model has as its hidden heat.
-void fitDie(const std::vector<Stretch>& stretches, HeatModel& model) {
+// taken, in this share, for heat that nobody tells.
+void fitDie(const std::vector<Stretch>& stretches, double hiddenShare, HeatModel& model) {
     double count = 0, heat = 0, above = 0, heatHeat = 0, heatAbove = 0;
     for (const Stretch& stretch : stretches) {
         for (const Drive& drive : stretch) {
@@ -137,7 +137,7 @@ void fitDie(const std::vector<Stretch>& stretches, HeatModel& model) {
     }
     model.dieResistance = (heatAbove - heat * above / count) / (heatHeat - heat * heat / count);
     model.dieOffset = (above - model.dieResistance * heat) / count;
-    model.hiddenHeat *= model.dieOffset / model.dieResistance;
+    model.hiddenHeat = hiddenShare * model.dieOffset / model.dieResistance;
 }
 
 // The resistance from sink to air with which the free run over all stretches, each in the room that
@@ -167,9 +167,9 @@ double fitSink(const std::vector<Stretch>& stretches, HeatModel& model) {
 
 // Everything that is linear is solved for; for the two that are not, neighbours at `reach` are
 // tried until none is better, then closer ones.
-HeatModel fitted(const Days& days, HeatModel model, double reach) {
+HeatModel fitted(const Days& days, HeatModel model, double hiddenShare, double reach) {
     const std::vector<Stretch> stretches = stretchesOf(days, model);
-    fitDie(stretches, model);
+    fitDie(stretches, hiddenShare, model);
     double error = fitSink(stretches, model);
     while (reach > kFinestSearch) {
         bool found = false;
@@ -224,7 +224,7 @@ HeatFit fitBy(Days days, const FanRange& range, bool fromLoad) {
         spread < HeatFit::kLeastFanSpreadOfRange * (range.maximum - range.minimum)) {
         return refused(HeatRefusal::fanNotVaried);
     }
-    fit.model = fitted(days, fit.model, kWidestSearch);
+    fit.model = fitted(days, fit.model, 1, kWidestSearch);
     // What a machine draws beside its die is not heat of the die.
     const double beside = std::min(fit.model.hiddenHeat, 0.0);
     const double least = quantile(told, kLow) + beside, most = quantile(told, kHigh) + beside;
@@ -246,8 +246,8 @@ HeatFit fitBy(Days days, const FanRange& range, bool fromLoad) {
         }
         HeatModel other = fit.model;
         other.flowExponent = kExponents[i % kExponents.size()];
-        other.hiddenHeat = kHiddenShares[i / kExponents.size() % kHiddenShares.size()];
-        fit.refits.push_back(fitted(drawn, other, kRefitSearch));
+        const double hidden = kHiddenShares[i / kExponents.size() % kHiddenShares.size()];
+        fit.refits.push_back(fitted(drawn, other, hidden, kRefitSearch));
     }
     const bool clear = std::all_of(fit.refits.begin(), fit.refits.end(), [](const HeatModel& it) {
         return it.movedShare >= kLeastMovedShare;

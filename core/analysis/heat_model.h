@@ -60,8 +60,8 @@ struct FanRange {
     double minimum = 0, maximum = 0;
 };
 
-// Heat is in watts, or in percent of load where no power was recorded. What follows the load within
-// the lease's round, as a die does, cannot be told from it and takes kDieSeconds.
+// Heat is in watts, or in percent of load where no power was recorded. A die follows it faster than
+// samples a step apart could tell: it is taken to need kDieSeconds.
 struct HeatModel {
     static constexpr double kDieSeconds = 2;
 
@@ -70,7 +70,7 @@ struct HeatModel {
     double flowExponent = 0.7;  // one machine does not tell 0.5 from 1
     double dieResistance = 0;   // K per unit of heat, from die to sink
     double dieOffset = 0;       // K between the two without any heat that is told
-    double hiddenHeat = 1;      // which that shows, and the sink has to carry off, too
+    double hiddenHeat = 0;      // which that shows, and the sink has to carry off, too
     double sinkResistance = 0;  // K per unit of heat, from sink to air at full flow
     double sinkSeconds = 30;    // the sink's time constant at full flow
     double movedShare = 0.5;    // of its conductance there, that is gone without any flow
