@@ -43,8 +43,9 @@ private:
 // What the guardian was told, in a word per change.
 class RecordingGuardian : public FanGuardian {
 public:
-    explicit RecordingGuardian(std::string& record) : record_(record) {}
-    void fansHeld() override { tell("held "); }
+    RecordingGuardian(std::string& record, const std::atomic<bool>& lost)
+        : record_(record), lost_(lost) {}
+    void fansHeld() override { lost_ ? throw ScopeError("无人守护") : tell("held "); }
     void fansReturned() noexcept override { tell("returned "); }
     void takeOver() noexcept override { tell("over "); }
 
@@ -55,6 +56,7 @@ private:
         }
     }
     std::string& record_;
+    const std::atomic<bool>& lost_;
 };
 
 // A file without a name that collects what is written to a descriptor.
@@ -112,7 +114,7 @@ struct HelperWorld {
         environment.endProcess = [](int) {};
         environment.appleSilicon = appleSilicon;
         environment.makeGuardian = [this] {
-            return std::make_unique<RecordingGuardian>(guardianRecord);
+            return std::make_unique<RecordingGuardian>(guardianRecord, guardianLost);
         };
         environment.makeSMC = [this, appleSilicon] {
             return std::make_unique<SMC>(
@@ -144,6 +146,7 @@ struct HelperWorld {
     int pauses = 0;
     std::function<void()> onPause;  // after each pause of a command
     std::string guardianRecord;
+    std::atomic<bool> guardianLost = false;
 };
 
 }  // namespace ferovane::testing

@@ -39,15 +39,15 @@ TEST(CoolingCommandTest, ReadsItsArgumentsStrictly) {
 // Knows so often, and is gone then.
 class MortalGuardian : public RecordingGuardian {
 public:
-    MortalGuardian(std::string& record, int left) : RecordingGuardian(record), left_(left) {}
+    MortalGuardian(HelperWorld& world, int left)
+        : RecordingGuardian(world.guardianRecord, world.guardianLost), world_(world), left_(left) {}
     void fansHeld() override {
-        if (left_-- == 0) {
-            throw ScopeError("无人守护");
-        }
+        world_.guardianLost = left_-- == 0;
         RecordingGuardian::fansHeld();
     }
 
 private:
+    HelperWorld& world_;
     int left_;
 };
 
@@ -56,7 +56,7 @@ TEST(CoolingCommandTest, NoFanIsTakenWithoutAGuardianNorHeldForAnotherRound) {
         for (int left = 0; left < 6; ++left) {
             HelperWorld world(simulator::intelMac(2));
             world.environment.makeGuardian = [&] {
-                return std::make_unique<MortalGuardian>(world.guardianRecord, left);
+                return std::make_unique<MortalGuardian>(world, left);
             };
             EXPECT_EQ(word == "cooling" ? world.cool() : world.profile("custom", kCurve), 1);
             EXPECT_EQ(world.errors.text(), "无人守护\n");

@@ -181,6 +181,15 @@ TEST(SessionTest, EveryCauseOfStoppingHandsTheFansBack) {
     }
 }
 
+TEST(SessionTest, ALeaseEndsThatNobodyGuardsAnyMore) {
+    SessionWorld session;
+    ASSERT_TRUE(session.profile("balanced").ok);
+    session.world.guardianLost = true;
+    EXPECT_TRUE(eventually([&] { return session.world.mac.allFansAutomatic(); }));
+    session.end();
+    EXPECT_EQ(session.world.errors.text(), "无人守护\n");
+}
+
 TEST(SessionTest, ALeaseSeesByItselfThatItIsToStop) {
     constexpr double kNoWatchdog = 3600;  // seconds until it looks for the first time
     for (const bool signal : {false, true}) {
