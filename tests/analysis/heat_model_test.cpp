@@ -163,6 +163,10 @@ TEST(HeatModelTest, RefusesWhatWouldMislead) {
         }
         return days;
     };
+    // The last day takes no part in the fit.
+    const Days other = with([](auto& it, auto day, bool) { it.die += day == 3 ? 0.25 : 0; });
+    EXPECT_EQ(HeatFit::of(other, kLaptop.fans).model.dieOffset,
+              HeatFit::of(good, kLaptop.fans).model.dieOffset);
     const struct {
         R refusal;
         Days days;
