@@ -190,6 +190,10 @@ std::string openMetrics(const Snapshot& snapshot) {
 }
 
 void write(const std::filesystem::path& file, const std::string& text) {
+    if (std::filesystem::exists(std::filesystem::symlink_status(file)) &&
+        !std::filesystem::is_regular_file(std::filesystem::symlink_status(file))) {
+        throw ScopeError("不是普通文件：" + file.string());
+    }
     // A collector reads files of its own ending only, so not this one.
     const std::filesystem::path fresh = file.string() + "." + std::to_string(getpid());
     std::ofstream stream(fresh, std::ios::binary);

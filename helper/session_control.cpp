@@ -341,6 +341,9 @@ void SessionControl::awaitConfirmation() {
     lock_.waitLocked(
         environment_.timings.confirmation, environment_.timings.leasePoll, environment_.uptime,
         [this]() FV_REQUIRES(lock_) { return !running_ || lease_->applied || lease_->failure; });
+    if (lease_->failure && unreturned_) {  // the graver news
+        throw ScopeError(textOf(lease_->failure), ResultCode::notReturned);
+    }
     if (lease_->failure) {
         std::rethrow_exception(lease_->failure);
     }
@@ -440,7 +443,6 @@ void SessionControl::holdCurve(const FanCurve& curve, double duration) {
 }
 
 // Of a lease that has just ended. Whether its fans could be handed back is another matter.
-// Of a lease that ends now.
 LeaseEnd SessionControl::reasonOfEnd(const std::exception_ptr& failure) noexcept {
     const bool stops = environment_.shouldStop();
     const bool ownerGone = !environment_.ownerAlive(owner_.pid, owner_.uid);

@@ -125,8 +125,8 @@ private:
     const std::unique_ptr<FanGuardian> guardian_;
     LeaseLog held_;
     const std::unique_ptr<SMC> smc_;
-    HeldFans
-        fans_;  // and through it the three above: the lease's while one runs, else the request's
+    // And through it the three above: the lease's while one runs, else the request's.
+    HeldFans fans_;
     const std::unique_ptr<HardwareSampler> sampler_;
     const std::unique_ptr<PowerSettingsAccess> power_;
     std::thread thread_;  // of the last lease; touched by the request thread only

@@ -36,13 +36,13 @@ LogLine::LogLine(std::initializer_list<std::string_view> parts, bool failure) no
 struct SystemLog::Queue {
     explicit Queue(std::function<void(bool, const char*)> taker) : write(std::move(taker)) {}
 
-    // Whether a line may be told at this time, of those of a minute.
-    bool admits(double time) {
+    // Whether a line may be told at this time, of those of a minute; a failure always may.
+    bool admits(double time, bool failure) {
         if (!(time - minuteBegan >= 0 && time - minuteBegan < kMinuteSeconds)) {
             minuteBegan = time;
             inMinute = 0;
         }
-        return count < kQueuedLines && inMinute < kLogLinesPerMinute;
+        return count < kQueuedLines && (failure || inMinute < kLogLinesPerMinute);
     }
 
     void push(const LogLine& line) {
@@ -90,7 +90,7 @@ SystemLog::~SystemLog() {
 void SystemLog::tell(const LogLine& line) noexcept {
     const double time = now_();
     const std::lock_guard lock(queue_->mutex);
-    if (queue_->admits(time)) {
+    if (queue_->admits(time, line.failure())) {
         queue_->push(line);
     } else {
         ++queue_->leftOut;

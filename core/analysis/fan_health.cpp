@@ -26,7 +26,7 @@ constexpr double kVerdictSamples = 3;
 constexpr double kWornShare = 0.8;
 
 int tenthOf(double target, double maximum) {
-    return maximum > 0 ? std::clamp(static_cast<int>(target / maximum * 10), 0, 9) : 0;
+    return maximum > 0 ? static_cast<int>(std::clamp(target / maximum * 10, 0.0, 9.0)) : 0;
 }
 
 FanResponsePart& partOf(FanHabit& habit, int tenth) {

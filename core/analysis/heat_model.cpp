@@ -14,7 +14,8 @@ namespace {
 
 constexpr double kMostlyPresent = 0.9;  // of the samples
 constexpr double kLow = 0.1, kHigh = 0.9;
-constexpr double kRarest = 0.01;  // of the speeds seen, at either end
+constexpr double kFarthestDate = 1e12;  // seconds; beyond it a step is lost in rounding
+constexpr double kRarest = 0.01;        // of the speeds seen, at either end
 
 constexpr double kOrdinaryRoom = 23;      // degrees Celsius
 constexpr std::size_t kRoomSteps = 1800;  // an hour, in which a room stays as it is
@@ -250,7 +251,7 @@ HeatFit fitBy(Days days, const FanRange& range, bool fromLoad) {
         fit.refits.push_back(fitted(drawn, other, hidden, kRefitSearch));
     }
     const bool clear = std::all_of(fit.refits.begin(), fit.refits.end(), [](const HeatModel& it) {
-        return it.movedShare >= kLeastMovedShare;
+        return it.movedShare >= kLeastMovedShare && isPhysical(it);
     });
     return clear ? fit : refused(HeatRefusal::fanUnclear);
 }
@@ -309,6 +310,9 @@ RecordedDay RecordedDay::from(std::span<const RecordedSample> samples) {
         const auto watts = finiteIn(sample.watts), load = finiteIn(sample.load);
         const auto die = finiteIn(sample.die), sink = finiteIn(sample.sink);
         const auto ambient = finiteIn(sample.ambient), rpm = finiteIn(sample.rpm);
+        if (!(std::abs(sample.date.secondsSinceReference) < kFarthestDate)) {
+            continue;
+        }
         const double passed = last ? sample.date - lastDate : RecordedDay::kLongestGapSeconds + 1;
         if (!die || !sink || !rpm || (day.hasWatts && !watts) || (day.hasLoad && !load) ||
             (day.hasAmbient && !ambient) || passed == 0 || !std::isfinite(passed)) {

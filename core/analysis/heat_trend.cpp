@@ -121,7 +121,12 @@ void HeatTrend::add(const HeatSample& sample) {
     if (last_ && dayOf(*last_) != dayOf(sample.date)) {
         finishDay();
     }
-    const bool usable = sample.die && sample.watts;
+    const auto isFinite = [](std::optional<double> value) {
+        return std::isfinite(value.value_or(0));
+    };
+    const bool usable = sample.die && sample.watts && isFinite(sample.die) &&
+                        isFinite(sample.watts) && isFinite(sample.sink) && isFinite(sample.room) &&
+                        isFinite(sample.flow) && isFinite(sample.asked);
     if (!usable || !continuesObservation(last_, sample.date)) {
         minute_.clear();
         before_.reset();
@@ -223,7 +228,7 @@ void HeatTrend::addDay(const HeatDay& day) {
     while (!days.empty() && days.back().day >= day.day) {
         days.pop_back();
     }
-    if (days.size() >= kMostDays) {
+    while (days.size() >= kMostDays) {
         days.erase(days.begin());
     }
     days.push_back(day);
@@ -280,7 +285,7 @@ std::vector<HealthFinding> HeatTrend::findings() const {
     std::vector<HealthFinding> list;
     const auto tell = [&](HealthKind kind, const HeatShift& shift, const char* part,
                           bool roomUnknown) {
-        if (shift.checks >= kChecks) {
+        if (shift.checks >= kChecks && record_.baseline) {
             using Severity = DiagnosticSeverity;
             list.push_back(
                 {kind,

@@ -69,6 +69,9 @@ public:
 
     // 0 and the child, or an errno value.
     int run(const std::vector<std::string>& words, int line, pid_t& child) {
+        if (words.front().find('/') == std::string::npos) {
+            return ENOENT;  // whatever has that name in the current folder is not meant
+        }
         sigset_t every, none;
         sigfillset(&every);
         sigemptyset(&none);
@@ -89,7 +92,11 @@ public:
             argv.push_back(const_cast<char*>(word.c_str()));  // posix_spawn changes none of them
         }
         argv.push_back(nullptr);
-        return posix_spawn(&child, argv[0], &actions_, &attributes_, argv.data(), environ);
+        pid_t started = -1;
+        const int error =
+            posix_spawn(&started, argv[0], &actions_, &attributes_, argv.data(), environ);
+        child = error == 0 ? started : child;
+        return error;
     }
 
 private:
@@ -109,13 +116,14 @@ ControlClient::ControlClient(const std::vector<std::string>& command, Owner owne
         std::vector<std::string> words = command;
         words.insert(words.end(), {"serve", std::to_string(owner.pid), std::to_string(owner.uid)});
         // Standard descriptors of ours that are closed must not become the line's.
-        if (std::min(line.ends[0], line.ends[1]) <= STDERR_FILENO ||
-            Launch().run(words, line.ends[1], helper_) != 0) {
+        const bool isFree = std::min(line.ends[0], line.ends[1]) > STDERR_FILENO;
+        adopt(std::exchange(line.ends[0], -1));
+        if (!isFree || Launch().run(words, line.ends[1], helper_) != 0) {
             throw ScopeError(kNotStarted);
         }
-        adopt(std::exchange(line.ends[0], -1));
     } catch (const ScopeError& error) {
         over_ = error.message();
+        hangUp();
     }
 }
 
@@ -155,7 +163,8 @@ ControlAnswer ControlClient::request(ControlRequest request, double seconds) {
             throw ScopeError(kEnded, ResultCode::ending);
         }
         ControlReply reply = decodeJson<ControlReply>(*line);
-        if (reply.id && reply.id != request.id) {
+        // Only a refusal may come without the id: of a line that could not be read.
+        if (reply.id != request.id && (reply.id || reply.ok)) {
             throw ScopeError(kNoReply);
         }
         return reply;
@@ -172,8 +181,11 @@ ControlFailure ControlClient::fail(const ScopeError& error) {
 
 bool ControlClient::isAlive() {
     char next = 0;
-    const bool gone =
-        awaitExit(0) || (channel_ && ::recv(socket_, &next, 1, MSG_PEEK | MSG_DONTWAIT) == 0);
+    const auto lineEnded = [&] {
+        const ssize_t size = ::recv(socket_, &next, 1, MSG_PEEK | MSG_DONTWAIT);
+        return size == 0 || (size < 0 && errno != EAGAIN && errno != EINTR);
+    };
+    const bool gone = awaitExit(0) || (channel_ && lineEnded());
     if (channel_ && gone) {
         fail(ScopeError(kEnded, ResultCode::ending));
     }

@@ -88,7 +88,7 @@ std::optional<RequestId> requestIdIn(std::string_view line) {
     try {
         auto id = decodeJson<IdAlone>(line).id;
         return id && isShort(*id) ? std::move(id) : std::nullopt;
-    } catch (const ScopeError&) {
+    } catch (const std::exception&) {
         return std::nullopt;
     }
 }

@@ -103,7 +103,7 @@ void AppleSiliconFanControl::take(int fan) {
             restore(fan, original.key);
         } catch (const std::exception& failure) {
             throw ScopeError(joinFailures({describe(cause), restoreFailure({describe(failure)})}),
-                             ResultCode::notReturned);
+                             codeOf(cause));
         }
         throw;
     }

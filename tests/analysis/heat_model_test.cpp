@@ -228,7 +228,7 @@ TEST(HeatModelTest, ProposesTheQuietestCurveThatKeepsAWish) {
 TEST(RecordedDayTest, IsReadAtEvenStepsBetweenGaps) {
     for (unsigned seed = 0; seed < 50; ++seed) {
         Dice dice(seed);
-        std::vector<RecordedSample> samples;
+        std::vector<RecordedSample> samples{{Date{dice.pick({1e20, kNaN})}, 1, 1, 1, 1, 1, 1}};
         std::size_t steps = 0, begins = 0;
         double now = 0;
         for (int stretch = 0; stretch < 8; ++stretch) {

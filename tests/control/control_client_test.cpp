@@ -48,6 +48,7 @@ TEST_F(ControlClientTest, AnyFailureIsAValueAndTheEndOfTheSession) {
          "辅助进程通信中断或超时"},
         {"echo '[1]'; cat", "辅助进程的回复无法识别"},
         {"echo '{\"ok\":true,\"message\":\"m\",\"id\":7}'; cat", "辅助进程的回复无法识别"},
+        {"echo '{\"ok\":true,\"message\":\"m\"}'; cat", "辅助进程的回复无法识别"},
         {"head -c 20000 /dev/zero | tr '\\0' x; cat", "辅助进程的回复无法识别"},
     };
     for (const auto& [then, failure] : cases) {
@@ -69,7 +70,7 @@ TEST_F(ControlClientTest, ASessionIsARequestAndAReplyAtATimeToItsEnd) {
     ControlClient client = helperThat(
         "echo '{\"ok\":true,\"message\":\"one\",\"id\":1}'; read line;"
         "echo '{\"ok\":false,\"message\":\"two\"}'; read line; echo \"$line\" >&2;"
-        "echo \"{\\\"ok\\\":true,\\\"message\\\":\\\"$1 $2\\\"}\"; exit 5");
+        "echo \"{\\\"ok\\\":true,\\\"message\\\":\\\"$1 $2\\\",\\\"id\\\":4}\"; exit 5");
     EXPECT_EQ(asked(client), "one");
     const auto tooLong = client.request({.command = "auto", .label = std::string(20000, 'x')});
     EXPECT_EQ(std::get<ControlFailure>(tooLong).code, ResultCode::invalid);

@@ -83,6 +83,25 @@ class InstallTest(unittest.TestCase):
             self.assertIn("no place for what root runs", self.script("install", status=1))
             self.assertFalse(self.prefix.exists())
 
+    def test_nobody_else_says_what_root_writes_deletes_or_runs(self):
+        os.chmod(self.folder, 0o755)
+        self.script("install")
+        share, victim = self.prefix / "share", pathlib.Path(self.folder, "victim")
+        victim.touch()
+        with open(share / "ferovane/installed-files", "a") as listed:
+            listed.write(f"{victim}\n")
+        os.chown(share, 1, 0)
+        for name in ("install", "uninstall"):
+            self.assertIn("share is not root's", self.script(name, status=1))
+        os.chown(share, 0, 0)
+        link = pathlib.Path(self.folder, "theirs", "link")
+        link.parent.mkdir()
+        link.symlink_to(self.prefix)
+        os.chown(link.parent, 1, 0)
+        real, self.prefix = self.prefix, link
+        self.assertIn(f"sudo sh {real}/share", self.script("install"))
+        self.assertTrue((real / "libexec/FerovaneHelper").exists())
+
 
 if __name__ == "__main__":
     unittest.main()

@@ -105,7 +105,9 @@ TEST(RequestIdTest, AddsItselfACodeAndAnEndingToRepliesAndNothingElse) {
 // The page on the protocol shows the others.
 TEST(RequestIdTest, TheCodeTellsWhatKindOfFailureItIs) {
     const std::tuple<const char*, std::string, Disturbance> cases[] = {
-        {"failed", kProfile, refuseWrites},
+        {"failed", kProfile,
+         [](auto& session) { session.world.mac.refuseWrites("F1Tg", simulator::kNotWritable); }},
+        {"not-returned", kProfile, refuseWrites},
         {"occupied", kProfile, [](auto& session) { session.world.mac.otherTakesFan(1); }},
         {"unreadable", kProfile, [](auto& session) { session.world.mac.setUnreadable("F0Tg"); }},
         {"not-returned", R"("status")",
