@@ -1,6 +1,7 @@
 // How long the processors were how busy, and when they were busy for long.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <deque>
 #include <optional>
@@ -24,6 +25,16 @@ std::optional<CpuLoadBand> cpuLoadBand(std::optional<double> usage);
 
 std::string_view title(CpuLoadBand band);
 
+inline constexpr std::size_t kCpuLoadBands = 5;
+
+// How much of five minutes was spent in each band; what is missing to the five, nobody looked.
+struct CpuLoadStretch {
+    Date from;
+    std::array<double, kCpuLoadBands> seconds{};  // by band
+
+    bool operator==(const CpuLoadStretch&) const = default;
+};
+
 // An uninterrupted stretch in one band.
 struct CpuLoadSpan {
     Date from, to;
@@ -38,7 +49,8 @@ struct CpuLoadSpan {
 class CpuLoadHistory {
 public:
     static constexpr double kKeptSeconds = 60 * 60;
-    static constexpr std::size_t kMostSpans = 3600;  // one a second
+    static constexpr double kStretchSeconds = 5 * 60;  // of a CpuLoadStretch
+    static constexpr std::size_t kMostSpans = 3600;    // one a second
 
     void append(Date date, std::optional<double> usage);
 

@@ -1,20 +1,37 @@
 #include "core/analysis/metric_chart.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
+#include <cstdint>
+#include <limits>
+#include <utility>
 
 namespace ferovane::MetricChart {
 namespace {
 
 constexpr double kMiddle = 0.5;
 
+constexpr std::array kValueSteps{1, 2, 5};           // times a power of ten
+constexpr double kExactIntegers = 9007199254740992;  // a double tells all below apart
+constexpr double kRoundingSlack = 1e-9;              // of a step
+
+constexpr int kMinute = 60, kHour = 60 * kMinute, kDay = 24 * kHour;  // seconds
+constexpr std::array kTimeSteps{kMinute,      2 * kMinute,  5 * kMinute, 10 * kMinute,
+                                15 * kMinute, 30 * kMinute, kHour,       2 * kHour,
+                                3 * kHour,    6 * kHour,    12 * kHour,  kDay};
+
+bool hasExtent(Date from, Date to) {
+    return to > from && std::isfinite(to - from);
+}
+
 // A bucket that reaches over a side belongs to the frame: its peak may lie within.
 bool reachesInto(const MetricBucket& bucket, Date from, Date to) {
     return bucket.last >= from && bucket.first <= to;
 }
 
-double xOf(const MetricBucket& bucket, const ChartFrame& frame) {
-    return std::clamp((bucket.middle() - frame.from) / (frame.to - frame.from), 0.0, 1.0);
+double xOf(Date date, Date from, Date to) {
+    return std::clamp((date - from) / (to - from), 0.0, 1.0);
 }
 
 double yOf(double value, const ChartFrame& frame) {
@@ -27,76 +44,149 @@ double yOf(double value, const ChartFrame& frame) {
 }
 
 int columnOf(const MetricBucket& bucket, const ChartFrame& frame) {
-    const double column = std::floor(xOf(bucket, frame) * frame.columns);
-    return std::min(static_cast<int>(column), frame.columns - 1);
+    const double x = xOf(bucket.middle(), frame.from, frame.to);
+    return std::min(static_cast<int>(x * frame.columns), frame.columns - 1);
 }
 
-// The buckets of one line that fall into one column.
-struct Column {
-    const MetricBucket* lowest;
-    const MetricBucket* highest;
+void join(const MetricBucket& next, MetricBucket& bucket) {
+    bucket.last = next.last;
+    bucket.minimum = std::min(bucket.minimum, next.minimum);
+    bucket.maximum = std::max(bucket.maximum, next.maximum);
+    // Two parts, so that no difference of huge values overflows; rounding must not carry a mean
+    // past the values that it is the mean of.
+    const double samples = next.samples;
+    const double weight = samples / (samples + bucket.samples);
+    bucket.mean =
+        std::clamp(bucket.mean * (1 - weight) + next.mean * weight, bucket.minimum, bucket.maximum);
+    bucket.samples +=
+        std::min(next.samples, std::numeric_limits<std::uint32_t>::max() - bucket.samples);
+}
 
-    explicit Column(const MetricBucket& bucket) : lowest(&bucket), highest(&bucket) {}
+// Seconds from a moment to the nearest one of a bucket; not above zero within.
+double distance(Date date, const MetricBucket& bucket) {
+    return std::max(bucket.first - date, date - bucket.last);
+}
 
-    void add(const MetricBucket& bucket) {
-        if (bucket.minimum < lowest->minimum) {
-            lowest = &bucket;
-        }
-        if (bucket.maximum > highest->maximum) {
-            highest = &bucket;
+// An integer times a power of ten.
+std::string decimalText(std::int64_t number, int exponent) {
+    std::string digits = std::to_string(std::abs(number));
+    const auto places = static_cast<std::size_t>(std::abs(exponent));
+    if (exponent < 0) {
+        digits.insert(0, places + 1 - std::min(digits.size(), places + 1), '0');
+        digits.insert(digits.size() - places, ".");
+    } else if (number != 0) {
+        digits.append(places, '0');
+    }
+    return number < 0 ? "-" + digits : digits;
+}
+
+std::string clockText(double localSeconds) {
+    const double ofDay = localSeconds - std::floor(localSeconds / kDay) * kDay;
+    const int minutes = static_cast<int>(ofDay) / kMinute;
+    const auto twoDigits = [](int number) {
+        return std::string(number < 10 ? "0" : "") + std::to_string(number);
+    };
+    return twoDigits(minutes / 60) + ":" + twoDigits(minutes % 60);
+}
+
+// The first whole second up to `to` at which another offset holds than at `from`.
+Date changeBetween(Date from, Date to, const UtcOffset& offset) {
+    const double before = offset(from);
+    Date last{std::floor(from.secondsSinceReference)};
+    while (to - last >= 2) {
+        const Date middle = last + std::floor((to - last) / 2);
+        if (offset(middle) == before) {
+            last = middle;
+        } else {
+            to = middle;
         }
     }
-};
+    return to;
+}
 
-void draw(const Column& column, const ChartFrame& frame, ChartLine& line) {
-    const ChartPoint low{xOf(*column.lowest, frame), yOf(column.lowest->minimum, frame)};
-    const ChartPoint high{xOf(*column.highest, frame), yOf(column.highest->maximum, frame)};
-    if (low == high) {
-        line.push_back(low);
-        return;
+// Absent when there are more.
+std::optional<std::vector<ChartTick>> ticksEvery(int step, std::size_t most,
+                                                 const ChartFrame& frame, const UtcOffset& offset) {
+    std::vector<ChartTick> ticks;
+    for (Date at = frame.from; at <= frame.to;) {
+        const double ahead = offset(at);
+        const double local = std::ceil((at + ahead).secondsSinceReference / step) * step;
+        const Date next = Date{local} - ahead;
+        if (offset(next) != ahead) {
+            at = changeBetween(at, next, offset);
+            continue;
+        }
+        if (next > frame.to) {
+            break;
+        }
+        if (ticks.size() == most) {
+            return std::nullopt;
+        }
+        ticks.push_back({xOf(next, frame.from, frame.to), clockText(local)});
+        at = next + 1;
     }
-    // In the order of time; within one bucket it is not known, and the nearer end comes first.
-    const double from = line.empty() ? low.y : line.back().y;
-    const bool lowFirst =
-        low.x != high.x ? low.x < high.x : std::abs(low.y - from) <= std::abs(high.y - from);
-    line.push_back(lowFirst ? low : high);
-    line.push_back(lowFirst ? high : low);
+    return ticks;
 }
 
 }  // namespace
 
-std::vector<ChartLine> lines(std::span<const MetricBucket> buckets, const ChartFrame& frame) {
-    std::vector<ChartLine> lines;
-    if (!(frame.to > frame.from) || !std::isfinite(frame.to - frame.from) || frame.columns < 1) {
-        return lines;
+std::vector<ChartStretch> stretches(std::span<const MetricBucket> buckets,
+                                    const ChartFrame& frame) {
+    std::vector<ChartStretch> stretches;
+    if (!hasExtent(frame.from, frame.to) || frame.columns < 1) {
+        return stretches;
     }
-    std::optional<Column> column;
-    int columnIndex = 0;
-    bool broken = true;  // since the last bucket that was drawn
+    int column = 0;      // of the last bucket that was drawn
+    bool broken = true;  // since then
     for (const MetricBucket& bucket : buckets) {
         broken = broken || bucket.afterGap;
         if (!reachesInto(bucket, frame.from, frame.to)) {
             continue;
         }
-        const int index = columnOf(bucket, frame);
-        if (column && !broken && index == columnIndex) {
-            column->add(bucket);
-            continue;
-        }
-        if (column) {
-            draw(*column, frame, lines.back());
-        }
+        const int here = columnOf(bucket, frame);
         if (broken) {
-            lines.emplace_back();
+            stretches.emplace_back();
         }
-        column.emplace(bucket);
-        columnIndex = index;
+        if (broken || here != column) {
+            stretches.back().push_back({bucket});
+        } else {
+            join(bucket, stretches.back().back().bucket);
+        }
+        column = here;
         broken = false;
     }
-    if (column) {
-        draw(*column, frame, lines.back());
+    for (ChartStretch& stretch : stretches) {
+        for (auto& [bucket, x, low, mean, high] : stretch) {
+            x = xOf(bucket.middle(), frame.from, frame.to);
+            low = yOf(bucket.minimum, frame);
+            mean = yOf(bucket.mean, frame);
+            high = yOf(bucket.maximum, frame);
+        }
     }
-    return lines;
+    return stretches;
+}
+
+std::optional<MetricBucket> bucketAt(std::span<const ChartStretch> stretches,
+                                     const ChartFrame& frame, double x) {
+    if (!(x >= 0 && x <= 1)) {
+        return std::nullopt;
+    }
+    const Date date = frame.from + x * (frame.to - frame.from);
+    const double halfColumn = (frame.to - frame.from) / frame.columns / 2;
+    const ChartColumn* nearest = nullptr;
+    bool drawn = false;  // at that moment
+    for (const ChartStretch& stretch : stretches) {
+        drawn =
+            drawn || (date >= stretch.front().bucket.first && date <= stretch.back().bucket.last);
+        for (const ChartColumn& column : stretch) {
+            if (!nearest || distance(date, column.bucket) < distance(date, nearest->bucket)) {
+                nearest = &column;
+            }
+        }
+    }
+    return nearest && (drawn || distance(date, nearest->bucket) <= halfColumn)
+               ? std::optional(nearest->bucket)
+               : std::nullopt;
 }
 
 std::optional<ChartRange> range(std::span<const MetricBucket> buckets, Date from, Date to) {
@@ -109,6 +199,75 @@ std::optional<ChartRange> range(std::span<const MetricBucket> buckets, Date from
         }
     }
     return range;
+}
+
+std::vector<ChartBar> loadBars(const std::deque<CpuLoadStretch>& stretches, Date from, Date to) {
+    std::vector<ChartBar> bars;
+    if (!hasExtent(from, to)) {
+        return bars;
+    }
+    for (const CpuLoadStretch& stretch : stretches) {
+        ChartBar bar{xOf(stretch.from, from, to),
+                     xOf(stretch.from + CpuLoadHistory::kStretchSeconds, from, to),
+                     {}};
+        double seconds = 0;
+        for (std::size_t band = 0; band < kCpuLoadBands; ++band) {
+            seconds += stretch.seconds[band];
+            bar.tops[band] = std::min(seconds / CpuLoadHistory::kStretchSeconds, 1.0);
+        }
+        if (bar.left < bar.right) {
+            bars.push_back(bar);
+        }
+    }
+    return bars;
+}
+
+std::vector<ChartTick> valueTicks(const ChartFrame& frame, int most) {
+    const double height = (frame.high - frame.low) / most;  // of one tick
+    if (most < 1 || !(height >= std::numeric_limits<double>::min()) || !std::isfinite(height)) {
+        return {};
+    }
+    for (int exponent = static_cast<int>(std::floor(std::log10(height)));; ++exponent) {
+        const double power = std::pow(10, std::abs(exponent));
+        for (const int step : kValueSteps) {
+            // Multiplied for steps below one, since a power of ten is exact and its inverse is not.
+            const auto inSteps = [&](double value) {
+                return (exponent < 0 ? value * power : value / power) / step;
+            };
+            const double first = std::ceil(inSteps(frame.low) - kRoundingSlack);
+            const double last = std::floor(inSteps(frame.high) + kRoundingSlack);
+            if (!(std::max(std::abs(first), std::abs(last)) * step < kExactIntegers)) {
+                return {};  // so far from zero that the step is lost in rounding
+            }
+            if (last - first >= most) {
+                continue;
+            }
+            std::vector<ChartTick> ticks;
+            for (double count = first; count <= last; ++count) {
+                const double number = count * step;
+                const double value = exponent < 0 ? number / power : number * power;
+                ticks.push_back(
+                    {yOf(value, frame), decimalText(static_cast<std::int64_t>(number), exponent)});
+            }
+            return ticks;
+        }
+    }
+}
+
+std::vector<ChartTick> timeTicks(const ChartFrame& frame, int most, const UtcOffset& offset) {
+    const auto counted = [&](Date date) {
+        return std::abs((date + offset(date)).secondsSinceReference) < kExactIntegers;
+    };
+    if (most < 1 || !hasExtent(frame.from, frame.to) || !counted(frame.from) ||
+        !counted(frame.to)) {
+        return {};
+    }
+    for (const int step : kTimeSteps) {
+        if (auto ticks = ticksEvery(step, static_cast<std::size_t>(most), frame, offset)) {
+            return std::move(*ticks);
+        }
+    }
+    return {};
 }
 
 }  // namespace ferovane::MetricChart

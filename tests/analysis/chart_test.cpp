@@ -1,0 +1,287 @@
+// What a view draws of the histories, beside models that look at everything.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <cstdio>
+#include <deque>
+#include <string>
+#include <vector>
+
+#include "core/analysis/metric_chart.h"
+#include "core/analysis/metric_histories.h"
+#include "tests/analysis/observation.h"
+
+namespace ferovane::testing {
+namespace {
+
+TEST(MetricHistoriesTest, RecordsEveryMetricSensorAndFanUntilADayHasPassed) {
+    MetricHistories histories;
+    Snapshot snapshot = unremarkable(0).snapshot;
+    snapshot.fans = {{0, 2000, 1200, 6000, false, true}, {1, std::nullopt, {}, {}, {}, false}};
+    snapshot.additionalSensors = {{"PSTR", "整机功耗", HardwareSensorKind::power, 30}};
+    histories.add(snapshot);
+    histories.add(SystemTelemetry{kStart, 80, -18, {}, {}, 4, 8});
+    std::string told;
+    for (const auto& [name, history] : histories.all()) {
+        told += name + " " + std::to_string(int(history.hours().buckets()[0].mean)) + " ";
+    }
+    EXPECT_EQ(told,
+              "batteryPercent 80 batteryWatts -18 cpuTemperature 50 cpuUsage 20 fan:0 2000 "
+              "gpuTemperature 45 memoryPercent 50 sensor:PSTR 30 sensor:TC0P 50 "
+              "sensor:TG0P 45 speedLimit 100 ");
+    // Five seconds and five minutes a bucket, half an hour and a day.
+    for (int second = 5; second <= 26 * 3600; second += 5) {
+        histories.add(unremarkable(second).snapshot);
+        ASSERT_TRUE(histories.find("fan:0") != nullptr || second > 24 * 3600) << second;
+    }
+    EXPECT_EQ(histories.find("fan:0"), nullptr);
+    const MetricHistory* probe = histories.find(MetricHistories::sensor("TC0P"));
+    ASSERT_NE(probe, nullptr);
+    EXPECT_NEAR(double(probe->minutes().buckets().size()), 361, 1);
+    EXPECT_NEAR(double(probe->hours().buckets().size()), 289, 1);
+    for (int i = 0; i < 5000; ++i) {
+        snapshot.sensors.push_back({"S" + std::to_string(i), "", 1});
+    }
+    histories.add(snapshot);
+    EXPECT_EQ(histories.all().size(), MetricHistories::kMostMetrics);
+}
+
+// One column of one stretch, and the buckets that fall into it.
+struct Fallen {
+    int stretch;
+    double column;
+    std::vector<MetricBucket> buckets;
+};
+
+std::vector<Fallen> fallInto(const ChartFrame& frame, std::span<const MetricBucket> buckets) {
+    std::vector<Fallen> all;
+    int stretch = 0;
+    for (const MetricBucket& it : buckets) {
+        stretch += it.afterGap ? 1 : 0;
+        if (it.last >= frame.from && it.first <= frame.to) {
+            const double x = (it.middle() - frame.from) / (frame.to - frame.from);
+            const double column = std::clamp(std::floor(x * frame.columns), 0., frame.columns - 1.);
+            if (all.empty() || all.back().stretch != stretch || all.back().column != column) {
+                all.push_back({stretch, column, {}});
+            }
+            all.back().buckets.push_back(it);
+        }
+    }
+    return all;
+}
+
+// The column before or after a cursor: the nearer, in a gap only within half a column.
+std::optional<MetricBucket> under(Date cursor, double halfColumn, const std::vector<Fallen>& all,
+                                  const std::vector<MetricBucket>& drawn) {
+    const auto next =
+        std::ranges::find_if(drawn, [&](const auto& it) { return it.last >= cursor; });
+    const auto at = std::size_t(next - drawn.begin());
+    const double ahead = next == drawn.end() ? kInfinity : std::max(next->first - cursor, 0.0);
+    const double behind = at == 0 ? kInfinity : cursor - drawn[at - 1].last;
+    const bool joined =
+        std::max(ahead, behind) < kInfinity && all[at - 1].stretch == all[at].stretch;
+    if (std::min(ahead, behind) > (joined || ahead == 0 ? kInfinity / 2 : halfColumn)) {
+        return std::nullopt;
+    }
+    return behind <= ahead ? drawn[at - 1] : *next;
+}
+
+TEST(MetricChartTest, DrawsTheMeanAndTheExtremesOfEveryColumn) {
+    int found = 0, missed = 0;
+    for (unsigned seed = 0; seed < 600; ++seed) {
+        SCOPED_TRACE(seed);
+        Dice dice(seed);
+        Clock clock(dice, dice.pick({1, 4, 9}));
+        MetricSeries series(5, 7200);
+        for (int i = 0; i < 300; ++i) {
+            series.append(clock.next(), dice.oneIn(20) ? dice.upTo(100) : 40 + dice.upTo(3));
+        }
+        const Date from = kStart + dice.upTo(1000), to = from + 1 + dice.upTo(2000);
+        const ChartFrame frame{from, to, 20, 60, dice.oneIn(2) ? 1 + dice.upTo(10) : 500};
+        const auto expected = fallInto(frame, series.buckets());
+        const auto stretches = MetricChart::stretches(series.buckets(), frame);
+        std::vector<MetricBucket> drawn;
+        std::optional<ChartRange> range;
+        for (std::size_t i = 0; i < stretches.size(); ++i) {
+            for (const ChartColumn& column : stretches[i]) {
+                ASSERT_LT(drawn.size(), expected.size());
+                const auto& [stretch, number, buckets] = expected[drawn.size()];
+                ASSERT_EQ(stretch != expected[std::max(drawn.size(), 1UL) - 1].stretch,
+                          i > 0 && &column == &stretches[i][0]);
+                MetricBucket all = buckets[0];
+                all.last = buckets.back().last;
+                all.samples = 0;
+                double sum = 0;
+                for (const MetricBucket& it : buckets) {
+                    all.minimum = std::min(all.minimum, it.minimum);
+                    all.maximum = std::max(all.maximum, it.maximum);
+                    all.samples += it.samples;
+                    sum += it.mean * it.samples;
+                }
+                ASSERT_NEAR(column.bucket.mean, sum / all.samples, 1e-9);
+                all.mean = column.bucket.mean;
+                const auto height = [](double y) { return std::clamp((y - 20) / 40, 0.0, 1.0); };
+                const double x = std::clamp((all.middle() - from) / (to - from), 0.0, 1.0);
+                ASSERT_EQ(column, (ChartColumn{all, x, height(all.minimum), height(all.mean),
+                                               height(all.maximum)}));
+                drawn.push_back(all);
+                range = {std::min(range ? range->low : 999, all.minimum),
+                         std::max(range ? range->high : 0, all.maximum)};
+            }
+        }
+        ASSERT_EQ(drawn.size(), expected.size());
+        ASSERT_EQ(MetricChart::range(series.buckets(), from, to), range);
+        for (int i = 0; i < 100; ++i) {
+            const double x = dice.upTo(4000) / 4000.;
+            const Date cursor = from + x * (to - from);
+            const auto told = MetricChart::bucketAt(stretches, frame, x);
+            ASSERT_EQ(told, under(cursor, (to - from) / frame.columns / 2, expected, drawn)) << x;
+            ++(told ? found : missed);
+        }
+        ASSERT_FALSE(MetricChart::bucketAt(stretches, frame, dice.pick({-1e-9, 1.01, kNaN})));
+    }
+    EXPECT_GT(std::min(found, missed), 5000);
+}
+
+TEST(MetricChartTest, ShowsNothingWithoutExtentAndAFlatLineWithoutHeight) {
+    const MetricBucket flat{kStart, kStart, 7, 7, 7, 1, false};
+    const MetricBucket tall{kStart, kStart, -1.7e308, 0, 1.7e308, 1, false};
+    const Date to = kStart + 100, never{-kInfinity}, ever{kInfinity};
+    const struct {
+        MetricBucket bucket;
+        ChartFrame frame;
+        std::vector<double> heights;
+    } cases[] = {
+        {flat, {kStart, kStart, 0, 10, 100}, {}},
+        {flat, {to, kStart, 0, 10, 100}, {}},
+        {flat, {kStart, to, 0, 10, 0}, {}},
+        {flat, {never, kStart, 0, 10, 9}, {}},
+        {flat, {kStart, ever, 0, 10, 9}, {}},
+        {flat, {kStart, to, 7, 7, 1}, {0.5, 0.5, 0.5}},
+        {flat, {kStart, to, -kInfinity, 7, 100}, {0.5, 0.5, 0.5}},
+        {flat, {kStart, to, 0, 28, 100}, {0.25, 0.25, 0.25}},
+        {tall, {kStart, to, -1.7e308, 1.7e308, 1}, {0, 0.5, 1}},
+    };
+    for (const auto& [bucket, frame, heights] : cases) {
+        std::vector<double> told;
+        for (const auto& stretch : MetricChart::stretches({&bucket, 1}, frame)) {
+            told = {stretch.at(0).low, stretch.at(0).mean, stretch.at(0).high};
+        }
+        EXPECT_EQ(told, heights) << &frame - &cases[0].frame;
+    }
+}
+
+TEST(MetricChartTest, StacksTheBandsOfEveryFiveMinutes) {
+    const std::deque<CpuLoadStretch> stretches{{kStart - 300, {300}},
+                                               {kStart, {30, 60, 0, 90, 120}},
+                                               {kStart + 600, {150, 200}},
+                                               {kStart + 900, {0, 0, 0, 0, 15}},
+                                               {kStart + 1200, {300}}};
+    EXPECT_EQ(MetricChart::loadBars(stretches, kStart + 150, kStart + 1200),
+              (std::vector<ChartBar>{{0, 150 / 1050., {0.1, 0.3, 0.3, 0.6, 1}},
+                                     {450 / 1050., 750 / 1050., {0.5, 1, 1, 1, 1}},
+                                     {750 / 1050., 1, {0, 0, 0, 0, 0.05}}}));
+    EXPECT_TRUE(MetricChart::loadBars(stretches, kStart, kStart).empty());
+}
+
+using Ticks = std::vector<ChartTick>;
+
+// In integers: low and high in ten thousandths of a power of ten.
+TEST(MetricChartTest, MarksRoundValues) {
+    for (unsigned seed = 0; seed < 1000; ++seed) {
+        Dice dice(seed);
+        const int power = dice.upTo(8) - 4, most = 1 + dice.upTo(20);
+        const std::int64_t low = dice.upTo(4000) - 2000,
+                           high = low + 1 + dice.upTo(dice.oneIn(2) ? 20 : 2000);
+        const auto real = [&](std::int64_t number, int exponent) {
+            return exponent < 0 ? double(number) / std::pow(10, -exponent)
+                                : double(number) * std::pow(10, exponent);
+        };
+        const ChartFrame frame{{}, {}, real(low, power), real(high, power)};
+        Ticks expected;
+        std::int64_t unit = 1;  // a power of ten
+        for (int exponent = power - 4, done = 0; !done; ++exponent, unit *= 10) {
+            for (const std::int64_t step : {unit, 2 * unit, 5 * unit}) {
+                expected.clear();
+                std::int64_t it = low * 10000 + (-low * 10000 % step + step) % step;
+                for (; it <= high * 10000 && int(expected.size()) <= most; it += step) {
+                    char text[40];
+                    std::snprintf(text, sizeof text, "%.*f", std::max(-exponent, 0),
+                                  real(it, power - 4));
+                    expected.push_back({real(it - low * 10000, 0) / real(high - low, 4), text});
+                }
+                if ((done = int(expected.size()) <= most)) {
+                    break;
+                }
+            }
+        }
+        Ticks told = MetricChart::valueTicks(frame, most);
+        ASSERT_EQ(told.size(), expected.size()) << "seed " << seed;
+        for (std::size_t i = 0; i < told.size(); ++i) {
+            ASSERT_NEAR(told[i].at, expected[i].at, 1e-9);
+            ASSERT_EQ(told[i].label, expected[i].label) << "seed " << seed;
+        }
+    }
+}
+
+// Minute by minute, through days on which the clock is changed.
+TEST(MetricChartTest, MarksRoundLocalTimes) {
+    constexpr int kSteps[] = {1, 2, 5, 10, 15, 30, 60, 120, 180, 360, 720, 1440};
+    for (unsigned seed = 0; seed < 400; ++seed) {
+        Dice dice(seed);
+        const Date from = kStart + dice.upTo(100'000) * 0.5;
+        const ChartFrame frame{from, from + 60.0 * (1 + dice.upTo(dice.oneIn(2) ? 60 : 3000))};
+        const double before = dice.pick({0, 3600, 28800, -12600, 20700});
+        const double after = before + dice.pick({0, 3600, -3600, 1800, -1800});
+        const int unit = dice.oneIn(3) ? 60 : 3600;
+        const Date change{std::floor(from.secondsSinceReference / unit) * unit +
+                          unit * dice.upTo(90'000 / unit)};
+        const UtcOffset offset = [&](Date date) { return date < change ? before : after; };
+        const int most = 1 + dice.upTo(12);
+        Ticks expected(99);
+        for (const int step : kSteps) {
+            if (int(expected.size()) <= most) {
+                break;
+            }
+            expected.clear();
+            for (Date it{std::ceil(from.secondsSinceReference / 60) * 60}; it <= frame.to;
+                 it = it + 60) {
+                const auto minute = std::int64_t((it + offset(it)).secondsSinceReference / 60);
+                if (minute % step == 0) {
+                    char text[9];
+                    std::snprintf(text, sizeof text, "%02d:%02d", int(minute / 60 % 24),
+                                  int(minute % 60));
+                    expected.push_back({(it - from) / (frame.to - from), text});
+                }
+            }
+        }
+        expected = int(expected.size()) <= most ? expected : Ticks{};
+        ASSERT_EQ(MetricChart::timeTicks(frame, most, offset), expected) << "seed " << seed;
+    }
+}
+
+TEST(MetricChartTest, MarksNothingThatCannotBeCounted) {
+    const UtcOffset utc = [](Date) { return 0.0; };
+    for (const auto& [low, high] : {std::pair(7.0, 7.0),
+                                    {8, 7},
+                                    {kNaN, 7},
+                                    {7, kInfinity},
+                                    {-1.7e308, 1.7e308},
+                                    {1e17, 1e17 + 16},
+                                    {0, 5e-324}}) {
+        EXPECT_EQ(MetricChart::valueTicks({{}, {}, low, high}, 5), Ticks{}) << low;
+    }
+    EXPECT_EQ(MetricChart::valueTicks({{}, {}, 0, 1}, 0), Ticks{});
+    EXPECT_EQ(MetricChart::timeTicks({kStart, kStart + 60}, 0, utc), Ticks{});
+    EXPECT_EQ(MetricChart::timeTicks({kStart, kStart}, 5, utc), Ticks{});
+    EXPECT_EQ(MetricChart::timeTicks({{1e17}, {2e17}}, 5, utc), Ticks{});
+    EXPECT_EQ(MetricChart::timeTicks({kStart, kStart + 60}, 5, [](Date) { return kNaN; }), Ticks{});
+    // Before the reference date, and midnight.
+    EXPECT_EQ(MetricChart::timeTicks({{-90'000}, {1}}, 2, utc),
+              (Ticks{{3600 / 90001., "00:00"}, {90000 / 90001., "00:00"}}));
+}
+
+}  // namespace
+}  // namespace ferovane::testing
