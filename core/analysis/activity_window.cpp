@@ -3,7 +3,8 @@
 namespace ferovane {
 
 bool ActivityWindow::advance(double seconds) {
-    const bool opens = used_ == 0 || lengths_[newest_] >= kSlotSeconds;
+    const bool opens = used_ == 0 || lengths_[newest_] >= kSlotSeconds ||
+                       lengths_[newest_] + seconds > kLongestSlotSeconds;
     if (opens) {
         newest_ = (newest_ + 1) % kSlots;
         lengths_[newest_] = 0;

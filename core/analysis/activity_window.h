@@ -12,7 +12,10 @@ class ActivityWindow {
 public:
     static constexpr double kLongestSeconds = 60;
     static constexpr double kSlotSeconds = 5;
-    // Closed slots are at least kSlotSeconds long; one more is being filled.
+    // So that a full window that slides is never shorter than 45 s; one interval may be longer.
+    static constexpr double kLongestSlotSeconds = 15;
+    // A closed slot is at least kSlotSeconds long, or with the next one more than
+    // kLongestSlotSeconds; one more is being filled.
     static constexpr std::size_t kSlots =
         static_cast<std::size_t>(kLongestSeconds / kSlotSeconds) + 1;
 

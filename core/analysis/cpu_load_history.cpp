@@ -2,10 +2,22 @@
 
 #include <algorithm>
 #include <cmath>
-
-#include "core/analysis/observation_gap.h"
+#include <utility>
 
 namespace ferovane {
+namespace {
+
+Date stretchOf(Date date) {
+    constexpr double kLength = CpuLoadHistory::kStretchSeconds;
+    return {std::floor(date.secondsSinceReference / kLength) * kLength};
+}
+
+bool isPossible(const CpuLoadStretch& stretch) {
+    return stretch.from == stretchOf(stretch.from) &&
+           std::ranges::all_of(stretch.seconds, [](double seconds) { return seconds >= 0; });
+}
+
+}  // namespace
 
 std::optional<CpuLoadBand> cpuLoadBand(std::optional<double> usage) {
     if (!usage || !std::isfinite(*usage)) {
@@ -40,36 +52,83 @@ std::string_view title(CpuLoadBand band) {
 }
 
 void CpuLoadHistory::append(Date date, std::optional<double> usage) {
-    if (last_ && date < *last_) {
-        spans_.clear();  // the clock was set back: what was recorded has no place in time any more
+    const std::optional<Date> last = clock_.last();
+    const ObservationClock::Step step = clock_.advance(date);
+    if (step == ObservationClock::Step::ignored) {
+        return;
     }
-    forgetBefore(date - kKeptSeconds);
+    if (step == ObservationClock::Step::setBack) {
+        forgetFrom(date);
+    }
     const std::optional<CpuLoadBand> band = cpuLoadBand(usage);
-    if (band && continuesObservation(last_, date)) {
-        if (!spans_.empty() && spans_.back().to == *last_ && spans_.back().band == *band) {
-            spans_.back().to = date;
+    if (band && step == ObservationClock::Step::continues) {
+        count({*last, date, *band});
+        if (!state_.spans.empty() && state_.spans.back().to == *last &&
+            state_.spans.back().band == *band) {
+            state_.spans.back().to = date;
         } else {
-            spans_.push_back({*last_, date, *band});
+            state_.spans.push_back({*last, date, *band});
         }
     }
-    if (spans_.size() > kMostSpans) {
-        spans_.pop_front();
-    }
-    last_ = date;
+    forgetBefore(date);
 }
 
-void CpuLoadHistory::forgetBefore(Date earliest) {
-    while (!spans_.empty() && spans_.front().to <= earliest) {
-        spans_.pop_front();
+// Adds a span to the stretches that it lies in.
+void CpuLoadHistory::count(CpuLoadSpan span) {
+    while (span.from < span.to) {
+        const Date from = stretchOf(span.from);
+        if (state_.day.empty() || state_.day.back().from < from) {
+            state_.day.push_back({from, {}});
+        }
+        const Date to = std::min(span.to, from + kStretchSeconds);
+        state_.day.back().seconds[static_cast<std::size_t>(span.band)] += to - span.from;
+        span.from = to;
     }
-    if (!spans_.empty()) {
-        spans_.front().from = std::max(spans_.front().from, earliest);
+}
+
+void CpuLoadHistory::forgetFrom(Date date) {
+    endAt(date, &CpuLoadSpan::from, &CpuLoadSpan::to, state_.spans);
+    const Date stretch = stretchOf(date);
+    while (!state_.day.empty() && state_.day.back().from >= stretch) {
+        state_.day.pop_back();
     }
+    for (const CpuLoadSpan& span : state_.spans) {
+        count({std::max(span.from, stretch), span.to, span.band});
+    }
+}
+
+void CpuLoadHistory::forgetBefore(Date now) {
+    const Date earliest = now - kKeptSeconds;
+    while (!state_.spans.empty() &&
+           (state_.spans.front().to <= earliest || state_.spans.size() > kMostSpans)) {
+        state_.spans.pop_front();
+    }
+    if (!state_.spans.empty()) {
+        state_.spans.front().from = std::max(state_.spans.front().from, earliest);
+    }
+    while (!state_.day.empty() && now - state_.day.front().from >= kDaySeconds + kStretchSeconds) {
+        state_.day.pop_front();
+    }
+}
+
+bool CpuLoadHistory::restore(State state) {
+    if (!inOrder(&CpuLoadSpan::from, &CpuLoadSpan::to, state.spans) ||
+        !inOrder(&CpuLoadStretch::from, &CpuLoadStretch::from, state.day) ||
+        !std::ranges::all_of(state.day, isPossible)) {
+        return false;
+    }
+    *this = CpuLoadHistory(clock_.longestGapSeconds());
+    state_ = std::move(state);
+    if (!state_.spans.empty() || !state_.day.empty()) {
+        clock_.resume(state_.spans.empty() ? state_.day.back().from : state_.spans.back().to);
+        forgetBefore(*clock_.last());
+    }
+    return true;
 }
 
 double CpuLoadHistory::seconds(CpuLoadBand band) const {
     double total = 0;
-    for (const CpuLoadSpan& span : spans_) {
+    for (const CpuLoadSpan& span : state_.spans) {
         total += span.band == band ? span.to - span.from : 0;
     }
     return total;

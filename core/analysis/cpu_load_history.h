@@ -6,12 +6,27 @@
 #include <deque>
 #include <optional>
 #include <string_view>
+#include <tuple>
 
+#include "core/analysis/observation_clock.h"
 #include "core/model/date.h"
+#include "core/model/json_fields.h"
+#include "core/model/raw_enum.h"
 
 namespace ferovane {
 
 enum class CpuLoadBand { idle, light, moderate, heavy, saturated };
+inline constexpr std::size_t kCpuLoadBands = 5;
+
+template <>
+struct RawEnum<CpuLoadBand> {
+    static constexpr std::array<RawCase<CpuLoadBand, int>, kCpuLoadBands> cases{
+        {{CpuLoadBand::idle, 0},
+         {CpuLoadBand::light, 1},
+         {CpuLoadBand::moderate, 2},
+         {CpuLoadBand::heavy, 3},
+         {CpuLoadBand::saturated, 4}}};
+};
 
 // Busy percentage of all processors at which each band above idle begins. Below 10 a machine does
 // nothing that a user started; from 35 fans tend to be heard; at 90 there is nothing left to give.
@@ -25,46 +40,77 @@ std::optional<CpuLoadBand> cpuLoadBand(std::optional<double> usage);
 
 std::string_view title(CpuLoadBand band);
 
-inline constexpr std::size_t kCpuLoadBands = 5;
-
-// How much of five minutes was spent in each band; what is missing to the five, nobody looked.
-struct CpuLoadStretch {
-    Date from;
-    std::array<double, kCpuLoadBands> seconds{};  // by band
-
-    bool operator==(const CpuLoadStretch&) const = default;
-};
-
 // An uninterrupted stretch in one band.
 struct CpuLoadSpan {
     Date from, to;
     CpuLoadBand band = CpuLoadBand::idle;
 
     bool operator==(const CpuLoadSpan&) const = default;
+    static constexpr auto jsonFields() {
+        return std::tuple{jsonField("from", &CpuLoadSpan::from), jsonField("to", &CpuLoadSpan::to),
+                          jsonField("band", &CpuLoadSpan::band)};
+    }
 };
 
-// The last hour of load. A sample's usage is that of the time since the sample before, so it counts
-// for that time; after a gap of more than 15 s, or a sample without usage, there is no such time.
-// Bounded by the hour and by kMostSpans; appending takes constant time on average.
+// How much of five minutes was spent in each band; what is missing to the five, nobody looked.
+struct CpuLoadStretch {
+    Date from;                                    // a multiple of five minutes
+    std::array<double, kCpuLoadBands> seconds{};  // by band
+
+    bool operator==(const CpuLoadStretch&) const = default;
+    static constexpr auto jsonFields() {
+        return std::tuple{jsonField("from", &CpuLoadStretch::from),
+                          jsonField("seconds", &CpuLoadStretch::seconds)};
+    }
+};
+
+// The last hour of load in detail, and the last day in even stretches. A sample's usage is that of
+// the time since the sample before, so it counts for that time; after a gap, or in a sample without
+// usage, there is no such time. A clock that was set back takes with it what is dated later; the
+// stretch in which it stands then is counted again, as far as the detail goes back. Bounded by hour
+// and day and by kMostSpans; appending takes constant time on average. One owner, no locking.
 class CpuLoadHistory {
 public:
     static constexpr double kKeptSeconds = 60 * 60;
     static constexpr double kStretchSeconds = 5 * 60;  // of a CpuLoadStretch
-    static constexpr std::size_t kMostSpans = 3600;    // one a second
+    static constexpr double kDaySeconds = 24 * 60 * 60;
+    static constexpr std::size_t kMostSpans = 3600;  // one a second
+
+    explicit CpuLoadHistory(double longestGapSeconds = kLongestGapSeconds)
+        : clock_(longestGapSeconds) {}
+
+    // All that is kept, oldest first. Where one span does not begin when the one before ends,
+    // nothing is known; a stretch of which nothing is known is not there.
+    struct State {
+        std::deque<CpuLoadSpan> spans;
+        std::deque<CpuLoadStretch> day;
+
+        bool operator==(const State&) const = default;
+        static constexpr auto jsonFields() {
+            return std::tuple{jsonField("spans", &State::spans), jsonField("day", &State::day)};
+        }
+    };
 
     void append(Date date, std::optional<double> usage);
 
-    // Oldest first. Where one does not begin when the one before ends, nothing is known.
-    const std::deque<CpuLoadSpan>& spans() const { return spans_; }
+    // Valid until the next append or restore.
+    const State& state() const { return state_; }
+    const std::deque<CpuLoadSpan>& spans() const { return state_.spans; }
+    const std::deque<CpuLoadStretch>& day() const { return state_.day; }
 
-    // Seconds spent in a band during the kept time.
+    // Goes on from there, after a gap. False, and nothing changes, for what no history tells.
+    bool restore(State state);
+
+    // Seconds spent in a band during the last hour.
     double seconds(CpuLoadBand band) const;
 
 private:
-    void forgetBefore(Date earliest);
+    void count(CpuLoadSpan span);
+    void forgetFrom(Date date);
+    void forgetBefore(Date now);
 
-    std::deque<CpuLoadSpan> spans_;
-    std::optional<Date> last_;
+    ObservationClock clock_;
+    State state_;
 };
 
 }  // namespace ferovane

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "core/analysis/diagnostic_rules.h"
-#include "core/analysis/observation_gap.h"
+#include "core/analysis/observation_clock.h"
 
 namespace ferovane {
 namespace {

@@ -17,7 +17,7 @@ namespace ferovane {
 class DiagnosticEngine {
 public:
     // To be called once per sample, in the order of time. An input's processes count as missing
-    // when they were listed more than 15 s before its sample.
+    // when they were listed more than 15 s before or after its sample.
     DiagnosticReport evaluate(const DiagnosticInput& input);
 
     std::optional<Date> last() const { return last_; }  // of the previous input

@@ -2,7 +2,7 @@
 
 #include <cmath>
 
-#include "core/analysis/observation_gap.h"
+#include "core/analysis/observation_clock.h"
 
 namespace ferovane {
 namespace {
@@ -38,8 +38,8 @@ DiagnosticEvidence::DiagnosticEvidence(const DiagnosticInput& given)
       cpuUsage(finite(given.snapshot.cpuUsage)),
       cpuTemperature(finite(given.snapshot.cpuTemperature())),
       gpuTemperature(finite(given.snapshot.temperature(SensorCategory::gpu))) {
-    processFresh =
-        given.processDate && given.snapshot.date - *given.processDate <= kLongestGapSeconds;
+    processFresh = given.processDate &&
+                   std::abs(given.snapshot.date - *given.processDate) <= kLongestGapSeconds;
     const bool outdated = given.processDate && !processFresh;
     if (outdated) {
         return;

@@ -17,9 +17,9 @@ struct DiagnosticEvidence {
 
     const DiagnosticInput& input;  // must outlive this
     std::optional<double> cpuUsage, cpuTemperature, gpuTemperature;
-    bool processFresh = false;  // the processes were listed at most 15 s before the sample
-    // Absent, and the sources none, when the processes are known to have been listed longer ago:
-    // what an application did then is no reason to name it now.
+    bool processFresh = false;  // the processes were listed at most 15 s from the sample
+    // Absent, and the sources none, when the processes are known to have been listed at another
+    // time: what an application did then is no reason to name it now.
     std::optional<double> processSeconds;
     std::span<const DiagnosticSource> sources;
 

@@ -4,7 +4,7 @@
 #include <cmath>
 #include <string>
 
-#include "core/analysis/observation_gap.h"
+#include "core/analysis/observation_clock.h"
 
 namespace ferovane {
 namespace {

@@ -8,7 +8,7 @@
 #include <string_view>
 #include <utility>
 
-#include "core/analysis/observation_gap.h"
+#include "core/analysis/observation_clock.h"
 
 namespace ferovane {
 namespace {

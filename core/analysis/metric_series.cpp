@@ -2,8 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
-
-#include "core/analysis/observation_gap.h"
+#include <utility>
 
 namespace ferovane {
 namespace {
@@ -22,23 +21,27 @@ void addSample(Date date, double value, MetricBucket& bucket) {
 
 }  // namespace
 
-MetricSeries::MetricSeries(double bucketSeconds, double spanSeconds)
-    : bucketSeconds_(bucketSeconds), spanSeconds_(spanSeconds) {}
+MetricSeries::MetricSeries(double bucketSeconds, double spanSeconds, double longestGapSeconds)
+    : bucketSeconds_(bucketSeconds), spanSeconds_(spanSeconds), clock_(longestGapSeconds) {}
 
 void MetricSeries::append(Date date, std::optional<double> value) {
-    if (!std::isfinite(date.secondsSinceReference)) {
+    const ObservationClock::Step step = clock_.advance(date);
+    if (step == ObservationClock::Step::ignored) {
         return;
+    }
+    broken_ = broken_ || step != ObservationClock::Step::continues;
+    if (step == ObservationClock::Step::setBack) {
+        endAt(date, &MetricBucket::first, &MetricBucket::last, buckets_);
+        forgotten_ = std::min(forgotten_, buckets_.size());
     }
     forgetBefore(date - spanSeconds_);
     if (!value || !std::isfinite(*value)) {
         return;
     }
-    forgetAfter(date);
     const auto recorded = buckets();
-    if (!recorded.empty() && recorded.back().last == date) {
-        return;
-    }
-    const bool continues = !recorded.empty() && continuesObservation(recorded.back().last, date);
+    const bool continues =
+        !std::exchange(broken_, false) && !recorded.empty() &&
+        continuesObservation(recorded.back().last, date, clock_.longestGapSeconds());
     if (continues && belongsToLast(date)) {
         addSample(date, *value, buckets_.back());
     } else {
@@ -73,10 +76,23 @@ void MetricSeries::add(const MetricBucket& bucket) {
     buckets_.push_back(bucket);
 }
 
-void MetricSeries::forgetAfter(Date date) {
-    while (buckets_.size() > forgotten_ && buckets_.back().last > date) {
-        buckets_.pop_back();
+bool MetricSeries::restore(std::span<const MetricBucket> buckets) {
+    const auto possible = [](const MetricBucket& it) {
+        return std::isfinite(it.minimum) && std::isfinite(it.maximum) && it.samples > 0 &&
+               it.minimum <= it.mean && it.mean <= it.maximum;
+    };
+    if (!inOrder(&MetricBucket::first, &MetricBucket::last, buckets) ||
+        !std::ranges::all_of(buckets, possible)) {
+        return false;
     }
+    buckets_.assign(buckets.begin(), buckets.end());
+    forgotten_ = 0;
+    broken_ = true;
+    if (!buckets.empty()) {
+        clock_.resume(buckets.back().last);
+        forgetBefore(buckets.back().last - spanSeconds_);
+    }
+    return true;
 }
 
 }  // namespace ferovane

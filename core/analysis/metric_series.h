@@ -5,9 +5,12 @@
 #include <cstdint>
 #include <optional>
 #include <span>
+#include <tuple>
 #include <vector>
 
+#include "core/analysis/observation_clock.h"
 #include "core/model/date.h"
+#include "core/model/json_fields.h"
 
 namespace ferovane {
 
@@ -20,31 +23,47 @@ struct MetricBucket {
 
     Date middle() const { return first + (last - first) / 2; }
     bool operator==(const MetricBucket&) const = default;
+    static constexpr auto jsonFields() {
+        return std::tuple{jsonField("first", &MetricBucket::first),
+                          jsonField("last", &MetricBucket::last),
+                          jsonField("minimum", &MetricBucket::minimum),
+                          jsonField("mean", &MetricBucket::mean),
+                          jsonField("maximum", &MetricBucket::maximum),
+                          jsonField("samples", &MetricBucket::samples),
+                          jsonField("afterGap", &MetricBucket::afterGap)};
+    }
 };
 
-// Bounded by its span: at most one bucket per bucket length and one per 15 seconds' gap. Appending
-// takes constant time on average. A plain value without a clock: every sample brings its date.
+// Bounded by its span: at most one bucket per bucket length and one per gap. Appending takes
+// constant time on average. A plain value whose samples bring their dates, which count as
+// ObservationClock says. One owner, no locking.
 class MetricSeries {
 public:
-    MetricSeries(double bucketSeconds, double spanSeconds);
+    MetricSeries(double bucketSeconds, double spanSeconds,
+                 double longestGapSeconds = kLongestGapSeconds);
 
     // Records a sample and forgets what ended more than the span before it. A value that is absent
-    // or not finite records nothing; when none has come for more than 15 s, the next one begins
-    // after a gap, also within one bucket. A clock that was set back takes with it whatever is
-    // dated later than the sample; a second sample of one moment does not count.
+    // or not finite records nothing; when none has come for longer than a gap may be, the next one
+    // begins after a gap, also within one bucket. A clock that was set back takes with it what is
+    // dated later; a bucket that reaches past the sample ends there.
     void append(Date date, std::optional<double> value);
 
-    // Oldest first; valid until the next append.
+    // Oldest first; valid until the next append or restore.
     std::span<const MetricBucket> buckets() const;
+
+    // Takes over what another series has told; what comes next begins after a gap. False, and
+    // nothing changes, for what no series tells.
+    bool restore(std::span<const MetricBucket> buckets);
 
 private:
     void add(const MetricBucket& bucket);
     void forgetBefore(Date earliest);
-    void forgetAfter(Date date);
     bool belongsToLast(Date date) const;
 
     double bucketSeconds_;
     double spanSeconds_;
+    ObservationClock clock_;
+    bool broken_ = false;  // since the last value
     std::vector<MetricBucket> buckets_;
     std::size_t forgotten_ = 0;  // buckets at the front that are no longer part of the series
 };

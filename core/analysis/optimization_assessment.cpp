@@ -6,7 +6,7 @@
 #include <utility>
 #include <vector>
 
-#include "core/analysis/observation_gap.h"
+#include "core/analysis/observation_clock.h"
 
 namespace ferovane {
 namespace {

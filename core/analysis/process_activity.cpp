@@ -2,8 +2,6 @@
 
 #include <utility>
 
-#include "core/analysis/observation_gap.h"
-
 namespace ferovane {
 namespace {
 
@@ -26,12 +24,16 @@ std::string idOf(const ProcessSample& leader) {
 }  // namespace
 
 void ProcessActivity::add(Date date, std::span<const ProcessSample> processes) {
-    if (continuesObservation(last_, date)) {
-        interval_ = date - *last_;
+    const std::optional<Date> last = clock_.last();
+    const ObservationClock::Step step = clock_.advance(date);
+    if (step == ObservationClock::Step::ignored) {
+        return;
+    }
+    if (step == ObservationClock::Step::continues) {
+        interval_ = date - *last;
     } else {
         beginAnew();
     }
-    last_ = date;
 
     newIndex_.clear(processes.size());
     for (std::size_t i = 0; i < processes.size(); ++i) {
@@ -149,7 +151,7 @@ std::vector<DiagnosticSource> ProcessActivity::sources() const {
 }
 
 std::optional<double> ProcessActivity::windowSeconds() const {
-    return last_ ? std::optional(window_.seconds()) : std::nullopt;
+    return clock_.last() ? std::optional(window_.seconds()) : std::nullopt;
 }
 
 }  // namespace ferovane

@@ -10,6 +10,7 @@
 
 #include "core/analysis/activity_window.h"
 #include "core/analysis/diagnostic_input.h"
+#include "core/analysis/observation_clock.h"
 #include "core/analysis/process_groups.h"
 #include "core/analysis/process_sample.h"
 #include "core/model/date.h"
@@ -22,22 +23,25 @@ namespace ferovane {
 //   - a process is the one with the same pid and start time; what it used before it was first seen,
 //     and what it used when a counter has gone backwards, is not counted;
 //   - what a process that has ended used between its last list and its end is not counted either;
-//   - after a gap of more than 15 s between two lists, or a clock that was set back, the window
-//     begins anew;
+//   - after a gap between two lists, or a clock that was set back, the window begins anew;
 //   - an application of which the last interval tells nothing is left out.
 //
 // So the figures are lower bounds. Memory is bounded by the number of processes in one list, and a
 // list costs time linear in it. One owner, no locking.
 class ProcessActivity {
 public:
+    explicit ProcessActivity(double longestGapSeconds = kLongestGapSeconds)
+        : clock_(longestGapSeconds) {}
+
     // Takes in the list of a moment; lists come in the order of time.
     void add(Date date, std::span<const ProcessSample> processes);
 
     // The applications in the last list, in its order.
     std::vector<DiagnosticSource> sources() const;
 
-    std::optional<Date> date() const { return last_; }  // of the last list
-    // For how long the lists have followed one another, at most 60 s; absent before the first.
+    std::optional<Date> date() const { return clock_.last(); }  // of the last list
+    // For how long the lists have followed one another; absent before the first. At most 60 s, or
+    // what lies between two lists, where a longer gap is allowed.
     std::optional<double> windowSeconds() const;
 
 private:
@@ -64,7 +68,7 @@ private:
     void measure(const Process& before, const ProcessSample& now, Use& use) const;
     void remember(std::span<const ProcessSample> processes);
 
-    std::optional<Date> last_;
+    ObservationClock clock_;
     double interval_ = 0;  // seconds between the last two lists; 0 when they do not belong together
     ActivityWindow window_;
     std::vector<Application> applications_;

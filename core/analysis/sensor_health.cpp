@@ -5,7 +5,7 @@
 #include <functional>
 #include <utility>
 
-#include "core/analysis/observation_gap.h"
+#include "core/analysis/observation_clock.h"
 
 namespace ferovane {
 namespace {

@@ -3,18 +3,22 @@
 #include <algorithm>
 #include <cmath>
 
-#include "core/analysis/observation_gap.h"
-
 namespace ferovane {
 
 void SustainedLoad::append(Date date, std::optional<double> usage) {
-    const bool known = usage && std::isfinite(*usage) && continuesObservation(last_, date);
-    if (known) {
-        extend(*last_, date, *usage);
+    const std::optional<Date> last = clock_.last();
+    const ObservationClock::Step step = clock_.advance(date);
+    if (step == ObservationClock::Step::ignored) {
+        return;
+    }
+    if (usage && std::isfinite(*usage) && step == ObservationClock::Step::continues) {
+        extend(*last, date, *usage);
     } else {
         end();
     }
-    last_ = date;
+    if (step == ObservationClock::Step::setBack) {
+        endAt(date, &SustainedLoadPeriod::from, &SustainedLoadPeriod::to, ended_);
+    }
 }
 
 void SustainedLoad::extend(Date from, Date to, double usage) {
@@ -42,17 +46,38 @@ void SustainedLoad::extend(Date from, Date to, double usage) {
 }
 
 void SustainedLoad::end() {
-    if (run_ && run_->confirmed) {
-        ended_.push_back(run_->busy);
-        if (ended_.size() > kMostPeriods) {
-            ended_.pop_front();
-        }
+    if (const auto period = current()) {
+        ended_.push_back(*period);
+    }
+    if (ended_.size() > kMostPeriods) {
+        ended_.pop_front();
     }
     run_.reset();
 }
 
 std::optional<SustainedLoadPeriod> SustainedLoad::current() const {
     return run_ && run_->confirmed ? std::optional(run_->busy) : std::nullopt;
+}
+
+SustainedLoad::State SustainedLoad::state() const {
+    State all = ended_;
+    if (const auto going = current()) {
+        all.push_back(*going);
+    }
+    return all;
+}
+
+bool SustainedLoad::restore(const State& state) {
+    if (!inOrder(&SustainedLoadPeriod::from, &SustainedLoadPeriod::to, state) ||
+        state.size() > kMostPeriods + 1) {
+        return false;
+    }
+    *this = SustainedLoad(clock_.longestGapSeconds());
+    ended_ = state;
+    if (!state.empty()) {
+        clock_.resume(state.back().to);
+    }
+    return true;
 }
 
 }  // namespace ferovane

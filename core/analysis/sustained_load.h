@@ -4,8 +4,11 @@
 #include <cstddef>
 #include <deque>
 #include <optional>
+#include <tuple>
 
+#include "core/analysis/observation_clock.h"
 #include "core/model/date.h"
+#include "core/model/json_fields.h"
 
 namespace ferovane {
 
@@ -16,12 +19,19 @@ struct SustainedLoadPeriod {
 
     double seconds() const { return to - from; }
     bool operator==(const SustainedLoadPeriod&) const = default;
+    static constexpr auto jsonFields() {
+        return std::tuple{jsonField("from", &SustainedLoadPeriod::from),
+                          jsonField("to", &SustainedLoadPeriod::to),
+                          jsonField("mean", &SustainedLoadPeriod::mean),
+                          jsonField("peak", &SustainedLoadPeriod::peak)};
+    }
 };
 
 // A period begins where the load has reached kBeginPercent for kBeginSeconds, dips of up to
 // kDipSeconds not counting; it ends where the load falls below kEndPercent for kEndSeconds, and at
-// a gap of more than 15 s or a sample without usage. A sample's usage is that of the time since the
-// sample before. Constant time and memory per sample.
+// a gap or a sample without usage. A sample's usage is that of the time since the sample before. A
+// clock that was set back takes with it what is dated later; a period that reaches past the sample
+// ends there. Constant time and memory per sample. One owner, no locking.
 class SustainedLoad {
 public:
     static constexpr double kBeginPercent = 70;
@@ -31,13 +41,22 @@ public:
     static constexpr double kEndSeconds = 15;
     static constexpr std::size_t kMostPeriods = 100;
 
+    explicit SustainedLoad(double longestGapSeconds = kLongestGapSeconds)
+        : clock_(longestGapSeconds) {}
+
     void append(Date date, std::optional<double> usage);
 
     // The period that goes on; absent when there is none.
     std::optional<SustainedLoadPeriod> current() const;
 
-    // The last ones that have ended, oldest first.
+    // The last ones that have ended, oldest first; valid until the next append or restore.
     const std::deque<SustainedLoadPeriod>& ended() const { return ended_; }
+
+    // All that is kept: the ended ones and the one that goes on, which ends with being restored.
+    // False, and nothing changes, for what no history tells.
+    using State = std::deque<SustainedLoadPeriod>;
+    State state() const;
+    bool restore(const State& state);
 
 private:
     struct Run {
@@ -49,8 +68,8 @@ private:
     void extend(Date from, Date to, double usage);
     void end();
 
+    ObservationClock clock_;
     std::optional<Run> run_;
-    std::optional<Date> last_;
     std::deque<SustainedLoadPeriod> ended_;
 };
 

@@ -2,8 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
-
-#include "core/analysis/observation_gap.h"
+#include <utility>
 
 namespace ferovane {
 namespace {
@@ -35,22 +34,29 @@ void keepLast(std::size_t most, Deque& items) {
 
 void TurboHistory::append(Date date, TurboState state, std::optional<double> load,
                           std::optional<double> temperature) {
-    if (!isKnown(state)) {
-        last_.reset();
+    const ObservationClock::Step step = clock_.advance(date);
+    if (step == ObservationClock::Step::ignored) {
         return;
     }
-    const bool continues = continuesObservation(last_, date);
+    if (step == ObservationClock::Step::setBack) {
+        endAt(date, &TurboPeriod::from, &TurboPeriod::to, state_.periods);
+        endAt(date, &TurboChange::date, &TurboChange::date, state_.changes);
+    }
+    if (!isKnown(state)) {
+        clock_.interrupt();
+        return;
+    }
+    const bool continues = step == ObservationClock::Step::continues;
     if (!continues) {
         recent_.clear();
         followsChange_ = false;
-    } else if (periods_.back().state != state) {
+    } else if (state_.periods.back().state != state) {
         change(date, state);
     }
-    if (!continues || periods_.back().state != state) {
-        periods_.push_back({state, date, date, std::nullopt, std::nullopt});
-        keepLast(kMostPeriods, periods_);
+    if (!continues || state_.periods.back().state != state) {
+        state_.periods.push_back({state, date, date, std::nullopt, std::nullopt});
+        keepLast(kMostPeriods, state_.periods);
     }
-    last_ = date;
     record({date, load, temperature});
 }
 
@@ -64,26 +70,41 @@ void TurboHistory::change(Date date, TurboState state) {
             add(sample.temperature, change.temperatureBefore);
         }
     }
-    changes_.push_back(change);
-    keepLast(kMostChanges, changes_);
+    state_.changes.push_back(change);
+    keepLast(kMostChanges, state_.changes);
     recent_.clear();
     followsChange_ = true;
 }
 
 void TurboHistory::record(const Sample& sample) {
-    TurboPeriod& period = periods_.back();
+    TurboPeriod& period = state_.periods.back();
     period.to = sample.date;
     add(sample.load, period.load);
     add(sample.temperature, period.temperature);
-    if (followsChange_ && sample.date - changes_.back().date <= kAroundSeconds) {
-        add(sample.load, changes_.back().loadAfter);
-        add(sample.temperature, changes_.back().temperatureAfter);
+    if (followsChange_ && sample.date - state_.changes.back().date <= kAroundSeconds) {
+        add(sample.load, state_.changes.back().loadAfter);
+        add(sample.temperature, state_.changes.back().temperatureAfter);
     }
     while (!recent_.empty() && sample.date - recent_.front().date > kAroundSeconds) {
         recent_.pop_front();
     }
     recent_.push_back(sample);
     keepLast(kMostRecent, recent_);
+}
+
+bool TurboHistory::restore(State state) {
+    if (!inOrder(&TurboPeriod::from, &TurboPeriod::to, state.periods) ||
+        !inOrder(&TurboChange::date, &TurboChange::date, state.changes)) {
+        return false;
+    }
+    *this = TurboHistory(clock_.longestGapSeconds());
+    state_ = std::move(state);
+    keepLast(kMostPeriods, state_.periods);
+    keepLast(kMostChanges, state_.changes);
+    if (!state_.periods.empty()) {
+        clock_.resume(state_.periods.back().to);
+    }
+    return true;
 }
 
 }  // namespace ferovane

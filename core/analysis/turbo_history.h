@@ -4,8 +4,11 @@
 #include <cstddef>
 #include <deque>
 #include <optional>
+#include <tuple>
 
+#include "core/analysis/observation_clock.h"
 #include "core/model/date.h"
+#include "core/model/json_fields.h"
 #include "core/model/snapshot.h"
 
 namespace ferovane {
@@ -16,6 +19,11 @@ struct TurboMeasure {
     int samples = 0;
 
     bool operator==(const TurboMeasure&) const = default;
+    static constexpr auto jsonFields() {
+        return std::tuple{jsonField("mean", &TurboMeasure::mean),
+                          jsonField("highest", &TurboMeasure::highest),
+                          jsonField("samples", &TurboMeasure::samples)};
+    }
 };
 
 // An uninterrupted stretch with the driver loaded, or not loaded.
@@ -26,6 +34,12 @@ struct TurboPeriod {
     std::optional<TurboMeasure> temperature;  // of the processor, degrees Celsius
 
     bool operator==(const TurboPeriod&) const = default;
+    static constexpr auto jsonFields() {
+        return std::tuple{jsonField("state", &TurboPeriod::state),
+                          jsonField("from", &TurboPeriod::from), jsonField("to", &TurboPeriod::to),
+                          jsonField("load", &TurboPeriod::load),
+                          jsonField("temperature", &TurboPeriod::temperature)};
+    }
 };
 
 // The driver was seen to be loaded or unloaded, between two samples that follow one another.
@@ -38,10 +52,20 @@ struct TurboChange {
     std::optional<TurboMeasure> temperatureBefore, temperatureAfter;
 
     bool operator==(const TurboChange&) const = default;
+    static constexpr auto jsonFields() {
+        return std::tuple{jsonField("date", &TurboChange::date),
+                          jsonField("state", &TurboChange::state),
+                          jsonField("loadBefore", &TurboChange::loadBefore),
+                          jsonField("loadAfter", &TurboChange::loadAfter),
+                          jsonField("temperatureBefore", &TurboChange::temperatureBefore),
+                          jsonField("temperatureAfter", &TurboChange::temperatureAfter)};
+    }
 };
 
 // Bounded by the constants below; appending takes constant time on average. A state that cannot be
-// read, and a gap of more than 15 s, end a period, and the next one is no change.
+// read, and a gap, end a period, and the next one is no change. A clock that was set back takes
+// with it what is dated later; a period that reaches past the sample ends there. One owner, no
+// locking.
 class TurboHistory {
 public:
     static constexpr double kAroundSeconds = 60;
@@ -49,14 +73,34 @@ public:
     static constexpr std::size_t kMostChanges = 100;
     static constexpr std::size_t kMostRecent = 600;  // samples before a change: ten a second
 
+    explicit TurboHistory(double longestGapSeconds = kLongestGapSeconds)
+        : clock_(longestGapSeconds) {}
+
+    // All that is kept, oldest first.
+    struct State {
+        std::deque<TurboPeriod> periods;
+        std::deque<TurboChange> changes;
+
+        bool operator==(const State&) const = default;
+        static constexpr auto jsonFields() {
+            return std::tuple{jsonField("periods", &State::periods),
+                              jsonField("changes", &State::changes)};
+        }
+    };
+
     void append(Date date, TurboState state, std::optional<double> load,
                 std::optional<double> temperature);
     void append(const Snapshot& snapshot) {
         append(snapshot.date, snapshot.turbo, snapshot.cpuUsage, snapshot.cpuTemperature());
     }
 
-    const std::deque<TurboPeriod>& periods() const { return periods_; }  // oldest first
-    const std::deque<TurboChange>& changes() const { return changes_; }  // oldest first
+    // Valid until the next append or restore.
+    const State& state() const { return state_; }
+    const std::deque<TurboPeriod>& periods() const { return state_.periods; }
+    const std::deque<TurboChange>& changes() const { return state_.changes; }
+
+    // Goes on from there, after a gap. False, and nothing changes, for what no history tells.
+    bool restore(State state);
 
 private:
     struct Sample {
@@ -67,10 +111,9 @@ private:
     void change(Date date, TurboState state);
     void record(const Sample& sample);
 
-    std::deque<TurboPeriod> periods_;
-    std::deque<TurboChange> changes_;
+    ObservationClock clock_;
+    State state_;
     std::deque<Sample> recent_;   // of the current period, up to kAroundSeconds back
-    std::optional<Date> last_;    // of the last sample with a state
     bool followsChange_ = false;  // the current period began with the last change
 };
 

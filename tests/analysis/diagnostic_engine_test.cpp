@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cmath>
 #include <functional>
 #include <string>
 #include <vector>
@@ -32,7 +33,7 @@ struct DiagnosticModel {
         const Snapshot& s = input.snapshot;
         const auto cpu = known(s.temperature(SensorCategory::cpu));
         const auto gpu = known(s.temperature(SensorCategory::gpu));
-        const bool outdated = input.processDate && s.date - *input.processDate > 15;
+        const bool outdated = input.processDate && !(std::abs(s.date - *input.processDate) <= 15);
         const Sources sources = outdated ? Sources() : input.sources;
         const bool noWindow = outdated || known(input.processSeconds).value_or(-1) < 0;
         const auto window = noWindow ? std::nullopt : input.processSeconds;
@@ -175,7 +176,7 @@ public:
         turn(input_.batteryPercent, {0, 30, 30.01, -0.5, kNaN});
         turn(input_.blockers, {0, 0, 1, 7, -1});
         turn(input_.processSeconds, {60, 60, 60, 60, 60, 45, 44.99, 40, 0, -1, kNaN, kInfinity});
-        turn(age_, {0, 1, 15, 15.01, -5});
+        turn(age_, {0, 1, 15, 15.01, -5, -15, -15.01});
         DiagnosticSource& it = input_.sources[static_cast<std::size_t>(dice_.upTo(3))];
         turn(it.averageCPU, {0, 0, 0, 99.99, 100, 150, 150, 160, kInfinity});
         turn(it.currentCPU, {0, 0, 49.99, 50, 80, 80, kInfinity});

@@ -22,51 +22,71 @@ namespace {
 
 constexpr double kHuge = std::numeric_limits<double>::max();
 
-// The buckets of a series of 20 s each over ten minutes.
-struct ModelBucket {
-    MetricBucket told;
-    long double sum = 0;
-};
-void appendTo(std::vector<ModelBucket>& all, Date date, std::optional<double> value) {
-    std::erase_if(all, [&](const auto& it) { return it.told.last < date - 600; });
-    if (!known(value)) {
-        return;
+// What a clock that was set back to `date` leaves: of what reaches past it the figures, up to then.
+template <class Periods, class Period>
+void setBack(Periods& all, Date Period::*from, Date Period::*to, Date date) {
+    std::erase_if(all, [&](const Period& it) { return it.*from >= date; });
+    for (Period& it : all) {
+        it.*to = std::min(it.*to, date);
     }
-    std::erase_if(all, [&](const auto& it) { return it.told.last > date; });
-    const auto last = all.empty() ? std::nullopt : std::optional(all.back().told.last);
-    if (last == date) {
-        return;
-    }
-    const auto cell = [](Date moment) { return std::floor(moment.secondsSinceReference / 20); };
-    const bool goesOn = unbroken(last, date) > 0;
-    if (!goesOn || cell(all.back().told.first) != cell(date)) {
-        all.push_back({{date, date, *value, 0, *value, 0, !goesOn}});
-    }
-    auto& [told, sum] = all.back();
-    told.last = date;
-    told.minimum = std::min(told.minimum, *value);
-    told.maximum = std::max(told.maximum, *value);
-    sum += *value;
-    told.mean = static_cast<double>(sum / ++told.samples);
 }
+
+// The buckets of a series of 20 s each over ten minutes.
+struct SeriesModel {
+    explicit SeriesModel(double longestGap) : time(longestGap), gap(longestGap) {}
+
+    void append(Date date, std::optional<double> value) {
+        const auto seen = time.see(date);
+        if (!seen.counts) {
+            return;
+        }
+        if (seen.setBack) {
+            setBack(told, &MetricBucket::first, &MetricBucket::last, date);
+        }
+        unseen = unseen || !seen.goesOn;
+        std::erase_if(told, [&](const MetricBucket& it) { return it.last < date - 600; });
+        if (!known(value)) {
+            return;
+        }
+        const auto cell = [](Date moment) { return std::floor(moment.secondsSinceReference / 20); };
+        unseen = unseen || told.empty() || unbroken(told.back().last, date, gap) == 0;
+        if (unseen || cell(told.back().first) != cell(date)) {
+            told.push_back({date, date, *value, 0, *value, 0, unseen});
+            sum = 0;
+        }
+        unseen = false;
+        MetricBucket& it = told.back();
+        it.last = date;
+        it.minimum = std::min(it.minimum, *value);
+        it.maximum = std::max(it.maximum, *value);
+        sum += *value;
+        it.mean = static_cast<double>(sum / ++it.samples);
+    }
+
+    TimeModel time;
+    double gap;
+    bool unseen = false;  // what lies between the last value and now
+    std::vector<MetricBucket> told;
+    long double sum = 0;  // of the last bucket
+};
 
 TEST(MetricSeriesTest, KeepsTheLowestMeanAndHighestOfEveryBucket) {
     for (unsigned seed = 0; seed < 30; ++seed) {
         Dice dice(seed);
         Clock clock(dice, seed % 2 == 0 ? 1.25 : 9);
-        MetricSeries series(20, 600);
-        std::vector<ModelBucket> model;
+        const double gap = dice.pick({15, 15, 75});
+        MetricSeries series(20, 600, gap);
+        SeriesModel model(gap);
         for (int i = 0; i < 1000; ++i) {
             const Date date = clock.next();
             const double value = dice.oneIn(20) ? dice.pick({kNaN, kHuge, -kHuge}) : dice.upTo(999);
             const auto given = dice.maybe(10, value);
             series.append(date, given);
-            appendTo(model, date, given);
-            series.append(Date{kNaN}, 5);  // no moment at all
-            ASSERT_EQ(series.buckets().size(), model.size()) << "seed " << seed << ", " << i;
-            for (std::size_t at = 0; at < model.size(); ++at) {
+            model.append(date, given);
+            ASSERT_EQ(series.buckets().size(), model.told.size()) << "seed " << seed << ", " << i;
+            for (std::size_t at = 0; at < model.told.size(); ++at) {
                 MetricBucket bucket = series.buckets()[at];
-                const MetricBucket& told = model[at].told;
+                const MetricBucket& told = model.told[at];
                 const double extent = told.maximum / 2 - told.minimum / 2;
                 ASSERT_NEAR(bucket.mean, told.mean, 1e-9 * extent + 1e-9) << seed << ", " << i;
                 ASSERT_TRUE(bucket.minimum <= bucket.mean && bucket.mean <= bucket.maximum);
@@ -108,7 +128,7 @@ TEST(CpuLoadHistoryTest, CountsEveryUsageForTheTimeSinceTheSampleBefore) {
         {{{1, 5, 15}, {1, 5, 15.5}, {1, 5}}, {{0, 15, 0}, {30.5, 31.5, 0}}},  // a gap
         {{{1, 5}, {1, kNaN}, {2, 5}}, {{0, 1, 0}, {2, 4, 0}}},
         {{{1, 5}, {1, 95, 0}, {2, 5}}, {{0, 3, 0}}},                   // twice the same moment
-        {{{9, 5}, {1, 95, -3}, {2, 95}}, {{6, 8, 4}}},                 // a clock that was set back
+        {{{9, 5}, {1, 95, -3}, {2, 95}}, {{0, 6, 0}, {6, 8, 4}}},      // a clock that was set back
         {{{999, 5, 5}, {9, 95}}, {{1404, 4995, 0}, {4995, 5004, 4}}},  // more than an hour
         {{{1, 95, 15}, {240, 5, 15}}, {{15, 3615, 0}}},
     };
@@ -212,7 +232,7 @@ TEST(TurboHistoryTest, ComparesTheMinutesAroundAChange) {
                                    TurboMeasure{60, 60, 61}}));
 
     // Nobody saw the driver change while its state was not known, or in a gap.
-    history = {};
+    history = TurboHistory();
     for (const auto& [second, state] : {std::pair(0.0, kNotLoaded),
                                         {1, TurboState::unknown},
                                         {2, kLoaded},

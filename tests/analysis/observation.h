@@ -3,6 +3,7 @@
 
 #include <cmath>
 #include <optional>
+#include <utility>
 
 #include "core/analysis/diagnostic_input.h"
 #include "core/model/date.h"
@@ -17,19 +18,55 @@ inline std::optional<double> known(std::optional<double> value) {
 }
 
 // Seconds from one sample to the next that goes on from it; 0 when it does not.
-inline double unbroken(std::optional<Date> last, Date date) {
+inline double unbroken(std::optional<Date> last, Date date, double gap = 15) {
     const double seconds = last ? date - *last : 0;
-    return seconds > 0 && seconds <= 15 ? seconds : 0;
+    return seconds > 0 && seconds <= gap ? seconds : 0;
 }
 
-// Mostly a step further; at times a gap, the same moment, or a clock that was set back.
+// Which samples count, and which go on from the one before that did.
+class TimeModel {
+public:
+    explicit TimeModel(double gap = 15) : gap_(gap) {}
+
+    struct Seen {
+        bool counts = false, goesOn = false, setBack = false;
+        std::optional<Date> before = {};  // the sample that counted last
+    };
+    Seen see(Date date) {
+        if (!std::isfinite(date - kStart) || date == last_ || date == doubtful_) {
+            return {};
+        }
+        const double step = last_ ? date - *last_ : 0;
+        const bool confirms = unbroken(doubtful_, date, 3600) > 0;
+        doubtful_ = std::abs(step) > 3600 && !confirms ? std::optional(date) : std::nullopt;
+        if (doubtful_) {
+            return {};
+        }
+        return {true, unbroken(last_, date, gap_) > 0, step < 0, std::exchange(last_, date)};
+    }
+
+private:
+    double gap_;
+    std::optional<Date> last_, doubtful_;
+};
+
+// Mostly a step further; at times a gap, the same moment, a clock that was set back or far ahead,
+// for one sample or for good, or no moment at all.
 class Clock {
 public:
     Clock(Dice& dice, double step, int stumblesOneIn = 30)
         : dice_(dice), step_(step), stumblesOneIn_(stumblesOneIn) {}
-    Date next() {
-        now_ += dice_.oneIn(stumblesOneIn_) ? dice_.pick({15, 15.001, 40, 0, -3, -70, 700}) : step_;
-        return kStart + now_;
+    Date next() { return next(step_); }
+    Date next(double step) {
+        if (!dice_.oneIn(stumblesOneIn_)) {
+            return kStart + (now_ += step);
+        }
+        const double leap = dice_.pick({0,     15,        15.001,  40,      75,        75.001, 700,
+                                        3600,  3600.001,  130000,  -0.0625, -3,        -70,    -700,
+                                        -3600, -3600.001, -130000, kNaN,    kInfinity, 1e300});
+        const bool once = dice_.oneIn(3) || !(std::abs(leap) < 1e6);
+        now_ += once ? 0 : leap;
+        return kStart + (once ? now_ + leap : now_);
     }
 
 private:
