@@ -85,7 +85,9 @@ std::optional<MetricBucket> under(Date cursor, double halfColumn, const std::vec
     if (std::min(ahead, behind) > (joined || ahead == 0 ? kInfinity / 2 : halfColumn)) {
         return std::nullopt;
     }
-    return behind <= ahead ? drawn[at - 1] : *next;
+    // Where a clock was set back, two may end at the same moment.
+    return behind > ahead ? *next
+                          : *std::ranges::find(drawn, drawn[at - 1].last, &MetricBucket::last);
 }
 
 TEST(MetricChartTest, DrawsTheMeanAndTheExtremesOfEveryColumn) {
