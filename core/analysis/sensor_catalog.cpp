@@ -267,5 +267,10 @@ std::vector<CommonSensorReading> common(std::span<const HardwareSensorReading> r
     return rows;
 }
 
+std::string_view temperatureTitle(SensorComponent component) {
+    const auto* row = std::ranges::find(kTemperatureRows, component, &TemperatureRow::component);
+    return row == kTemperatureRows.end() ? std::string_view() : row->title;
+}
+
 }  // namespace SensorCatalog
 }  // namespace ferovane

@@ -98,5 +98,8 @@ std::optional<SensorMeaning> meaning(const HardwareSensorReading& reading,
 std::vector<CommonSensorReading> common(std::span<const HardwareSensorReading> readings,
                                         SensorNamingPlatform platform);
 
+// The title of a component's row of temperature; empty for one without such a row.
+std::string_view temperatureTitle(SensorComponent component);
+
 }  // namespace SensorCatalog
 }  // namespace ferovane

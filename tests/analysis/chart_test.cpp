@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <deque>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -16,36 +17,117 @@
 namespace ferovane::testing {
 namespace {
 
-TEST(MetricHistoriesTest, RecordsEveryMetricSensorAndFanUntilADayHasPassed) {
-    MetricHistories histories;
+TEST(MetricHistoriesTest, NamesWhatASampleSaysOfEveryMetric) {
     Snapshot snapshot = unremarkable(0).snapshot;
+    snapshot.thermalState = 3;
     snapshot.fans = {{0, 2000, 1200, 6000, false, true}, {1, std::nullopt, {}, {}, {}, false}};
-    snapshot.additionalSensors = {{"PSTR", "整机功耗", HardwareSensorKind::power, 30}};
-    histories.add(snapshot);
-    histories.add(SystemTelemetry{kStart, 80, -18, {}, {}, 4, 8});
+    using enum HardwareSensorKind;
+    snapshot.additionalSensors = {{"F0Ac", "风扇 1", fan, 2001}, {"F1Ac", "风扇 2", fan, 999},
+                                  {"F2Ac", "风扇 3", fan, 3},    {"PSTR", "功耗", power, 30},
+                                  {"VD0R", "电压", voltage, 12}, {"ID0R", "电流", current, 2}};
     std::string told;
-    for (const auto& [name, history] : histories.all()) {
-        told += name + " " + std::to_string(int(history.hours().buckets()[0].mean)) + " ";
-    }
+    const auto tell = [&](const std::vector<MetricReading>& readings) {
+        for (const auto& [id, kind, label, value] : readings) {
+            told += id + " " + std::string(rawValue(kind)) + " " + label + " " +
+                    (value ? std::to_string(int(*value)) : "?") + std::string(unit(kind)) + "\n";
+        }
+    };
+    tell(MetricHistories::readings(snapshot));
+    tell(MetricHistories::readings(SystemTelemetry{kStart, 80, -18, {}, {}, 4, 8}));
     EXPECT_EQ(told,
-              "batteryPercent 80 batteryWatts -18 cpuTemperature 50 cpuUsage 20 fan:0 2000 "
-              "gpuTemperature 45 memoryPercent 50 sensor:PSTR 30 sensor:TC0P 50 "
-              "sensor:TG0P 45 speedLimit 100 ");
-    // Five seconds and five minutes a bucket, half an hour and a day.
-    for (int second = 5; second <= 26 * 3600; second += 5) {
-        histories.add(unremarkable(second).snapshot);
-        ASSERT_TRUE(histories.find("fan:0") != nullptr || second > 24 * 3600) << second;
+              "cpuUsage percent 处理器使用率 20%\ncpuTemperature temperature 处理器温度 50°C\n"
+              "gpuTemperature temperature 图形处理器温度 45°C\n"
+              "speedLimit percent 处理器速度上限 100%\nschedulerLimit percent 处理器调度上限 100%\n"
+              "thermalState thermalState 热状态 3\nmemoryPressure memoryPressure 内存压力 1\n"
+              "sensor:TC0P temperature CPU · TC0P 50°C\nsensor:TG0P temperature GPU · TG0P 45°C\n"
+              "fan:0 fan 风扇 1 2000RPM\nfan:1 fan 风扇 2 999RPM\nfan:2 fan 风扇 3 3RPM\n"
+              "sensor:PSTR power 功耗 30W\nsensor:VD0R voltage 电压 12V\n"
+              "sensor:ID0R current 电流 2A\nbatteryPercent percent 电池电量 80%\n"
+              "batteryWatts power 电池功率 -18W\nmemoryPercent percent 内存使用率 50%\n");
+    for (const int unknown : {-1, 4}) {
+        snapshot.thermalState = unknown;
+        EXPECT_EQ(MetricHistories::readings(snapshot)[5].value, std::nullopt);
     }
-    EXPECT_EQ(histories.find("fan:0"), nullptr);
-    const MetricHistory* probe = histories.find(MetricHistories::sensor("TC0P"));
-    ASSERT_NE(probe, nullptr);
-    EXPECT_NEAR(double(probe->minutes().buckets().size()), 361, 1);
-    EXPECT_NEAR(double(probe->hours().buckets().size()), 289, 1);
+}
+
+bool equal(const MetricHistory& one, const MetricHistory& other) {
+    return std::ranges::equal(one.minutes().buckets(), other.minutes().buckets()) &&
+           std::ranges::equal(one.hours().buckets(), other.hours().buckets());
+}
+
+// Each beside a history of its own that hears of every sample of its source.
+TEST(MetricHistoriesTest, KeepsEveryMetricUntilADayHasPassed) {
+    MetricHistory day(15);
+    for (int second = 0; second <= 26 * 3600; second += 5) {
+        day.append(kStart + second, 1);
+    }
+    EXPECT_NEAR(double(day.minutes().buckets().size()), 361, 1);
+    EXPECT_NEAR(double(day.hours().buckets().size()), 289, 1);
+    for (unsigned seed = 0; seed < 15; ++seed) {
+        Dice dice(seed);
+        Clock clock(dice, dice.pick({1, 9, 25}));
+        const double gap = dice.pick({15, 40});
+        MetricHistories histories(gap);
+        std::map<std::string, Metric> model;
+        double later = 0;
+        for (int i = 0; i < 300; ++i) {
+            const Date date = clock.next() + (later += dice.oneIn(60) ? 50'000 : 0);
+            const bool telemetry = dice.oneIn(3);
+            std::vector<MetricReading> said;
+            if (telemetry) {
+                const SystemTelemetry told{date, dice.maybe(2, 5.0), {}, {}, {}, 4, 8};
+                histories.add(told);
+                said = MetricHistories::readings(told);
+            } else {
+                Snapshot told;
+                told.date = date;
+                told.cpuUsage = dice.oneIn(2) ? kNaN : 7;
+                for (const char* key : {"TC0P", "TG0P", "Ts0P"}) {
+                    if (dice.oneIn(3)) {
+                        told.sensors.push_back({key, std::to_string(dice.upTo(3)), 40});
+                    }
+                }
+                histories.add(told);
+                said = MetricHistories::readings(told);
+            }
+            std::erase_if(said, [](const auto& it) { return !known(it.value); });
+            for (const auto& [id, kind, label, value] : said) {
+                model.try_emplace(id, Metric{kind, label, MetricHistory(gap)});
+            }
+            for (auto& [id, metric] : model) {
+                const auto it = std::ranges::find(said, id, &MetricReading::id);
+                metric.label = it == said.end() ? metric.label : it->label;
+                if ((id[0] == 'b' || id == "memoryPercent") == telemetry) {
+                    metric.history.append(date, it == said.end() ? std::nullopt : it->value);
+                }
+            }
+            std::erase_if(
+                model, [](const auto& it) { return it.second.history.hours().buckets().empty(); });
+            MetricHistories copy(gap);
+            ASSERT_EQ(histories.all().size(), model.size()) << "seed " << seed << ", " << i;
+            for (const auto& [id, metric] : model) {
+                const Metric* told = histories.find(id);
+                ASSERT_TRUE(told && told->kind == metric.kind && told->label == metric.label &&
+                            equal(told->history, metric.history))
+                    << "seed " << seed << ", " << i << ": " << id;
+                const auto minutes = told->history.minutes().buckets();
+                const auto hours = told->history.hours().buckets();
+                ASSERT_TRUE(copy.restore(id, metric.kind, metric.label, minutes, hours));
+                ASSERT_FALSE(copy.restore(id, metric.kind, "", minutes, hours));
+                ASSERT_FALSE(copy.restore("new", metric.kind, "", minutes, {{MetricBucket{}}}));
+                ASSERT_TRUE(equal(copy.find(id)->history, metric.history) &&
+                            copy.find(id)->label == metric.label);
+            }
+        }
+    }
+    Snapshot snapshot = unremarkable(0).snapshot;
     for (int i = 0; i < 5000; ++i) {
         snapshot.sensors.push_back({"S" + std::to_string(i), "", 1});
     }
+    MetricHistories histories;
     histories.add(snapshot);
     EXPECT_EQ(histories.all().size(), MetricHistories::kMostMetrics);
+    EXPECT_FALSE(histories.restore("new", MetricKind::percent, "", {}, {}));
 }
 
 // One column of one stretch, and the buckets that fall into it.
@@ -262,6 +344,17 @@ TEST(MetricChartTest, MarksRoundLocalTimes) {
         expected = int(expected.size()) <= most ? expected : Ticks{};
         ASSERT_EQ(MetricChart::timeTicks(frame, most, offset), expected) << "seed " << seed;
     }
+}
+
+// The hour that is left out begins where a mark stands.
+TEST(MetricChartTest, MarksTheMomentAtWhichTheClockIsSetAhead) {
+    const UtcOffset offset = [](Date date) { return date < kStart + 16'400 ? 3600.0 : 7200.0; };
+    const Date midnight = kStart + 9200;  // 2:00 becomes 3:00
+    std::string labels;
+    for (const auto& tick : MetricChart::timeTicks({midnight, midnight + 82'799}, 8, offset)) {
+        labels += tick.label + " ";
+    }
+    EXPECT_EQ(labels, "00:00 03:00 06:00 09:00 12:00 15:00 18:00 21:00 ");
 }
 
 TEST(MetricChartTest, MarksNothingThatCannotBeCounted) {
