@@ -3,7 +3,7 @@
 //     bool, integers up to 64 bits signed, double, std::string, Date, Uuid
 //     enumerations with a RawEnum table      their raw value, text or integer
 //     std::optional<T>                       T, or nothing; null is read as nothing
-//     std::vector<T>                         an array
+//     std::vector<T>, std::deque<T>          an array
 //     std::map<std::string, T>               an object
 //     std::map<enumeration with text, T>     an array that alternates raw value and T
 //     records with jsonFields()              an object of those members
@@ -15,6 +15,7 @@
 #include <concepts>
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <map>
 #include <memory>
 #include <optional>
@@ -219,21 +220,28 @@ struct JsonForm<std::optional<T>> {
                                    &each};
 };
 
-template <class T>
-struct JsonForm<std::vector<T>> {
-    static_assert(!std::same_as<T, bool>, "the items of vector<bool> have no address");
+template <class List>
+struct JsonListForm {
+    using Item = typename List::value_type;
+    static_assert(!std::same_as<List, std::vector<bool>>, "its items have no address");
 
     static void* add(void* container, std::string_view, JsonProblem&) {
-        return std::addressof(static_cast<std::vector<T>*>(container)->emplace_back());
+        return std::addressof(static_cast<List*>(container)->emplace_back());
     }
     static void each(const void* container, JsonType::Visit visit, void* context) {
-        for (const T& item : *static_cast<const std::vector<T>*>(container)) {
+        for (const Item& item : *static_cast<const List*>(container)) {
             visit(context, {}, std::addressof(item));
         }
     }
-    static constexpr JsonType type{JsonShape::list,    "数组", nullptr, nullptr,
-                                   &JsonForm<T>::type, &add,   &each};
+    static constexpr JsonType type{JsonShape::list,       "数组", nullptr, nullptr,
+                                   &JsonForm<Item>::type, &add,   &each};
 };
+
+template <class T>
+struct JsonForm<std::vector<T>> : JsonListForm<std::vector<T>> {};
+
+template <class T>
+struct JsonForm<std::deque<T>> : JsonListForm<std::deque<T>> {};
 
 template <class T>
 struct JsonForm<std::map<std::string, T>> {

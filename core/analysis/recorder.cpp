@@ -1,0 +1,277 @@
+#include "core/analysis/recorder.h"
+
+#include <algorithm>
+#include <cmath>
+#include <functional>
+#include <limits>
+#include <string_view>
+
+#include "core/model/number_text.h"
+#include "core/model/utf8.h"
+
+namespace ferovane {
+namespace {
+
+constexpr double kNoFigure = std::numeric_limits<double>::quiet_NaN();
+
+// In the order in which the heat model's figures are put and taken.
+constexpr std::array<std::string_view, 7> kHeatIds{"watts", "load", "cpu", "gpu",
+                                                   "sink",  "room", "rpm"};
+
+class Row {
+public:
+    std::vector<MetricReading> readings;
+
+    template <class Value>
+    void put(std::string_view id, const Value& value) {
+        std::optional<double> number;
+        if constexpr (requires { value.has_value(); }) {
+            number = value ? std::optional(static_cast<double>(*value)) : std::nullopt;
+        } else {
+            number = static_cast<double>(value);
+        }
+        readings.push_back({std::string(id), {}, {}, number});
+    }
+};
+
+std::vector<MetricReading> figuresOf(const Snapshot& snapshot, std::span<const FanTarget> targets) {
+    Row row{MetricHistories::readings(snapshot)};
+    row.put("turbo", snapshot.turbo);
+    row.put("acPower", snapshot.acPower);
+    row.put("lowPower", snapshot.lowPower);
+    row.put("smcAvailable", snapshot.smcAvailable);
+    row.put("availableCPUs", snapshot.availableCPUs);
+    row.put("totalCPUs", snapshot.totalCPUs);
+    row.put("thermalWarning", snapshot.thermalWarning);
+    for (const FanReading& fan : snapshot.fans) {
+        const std::string id = MetricHistories::fan(fan.id);
+        row.put(id + ":minimum", fan.minimum);
+        row.put(id + ":maximum", fan.maximum);
+        row.put(id + ":manual", fan.manual);
+        row.put(id + ":controllable", fan.controllable);
+    }
+    for (const FanTarget& target : targets) {
+        row.put(MetricHistories::fan(static_cast<int>(target.id)) + ":target", target.rpm);
+    }
+    return row.readings;
+}
+
+std::optional<double> meanOf(const std::deque<double>& values) {
+    double sum = 0;
+    int count = 0;
+    for (const double value : values) {
+        sum += std::isfinite(value) ? value : 0;
+        count += std::isfinite(value) ? 1 : 0;
+    }
+    return count > 0 ? std::optional(sum / count) : std::nullopt;
+}
+
+RecordedEvent eventOf(const DiagnosticFinding& finding, Date date) {
+    RecordedEvent event{date, RecordedEventKind::findingCame, finding.id, {}};
+    const std::string subject = finding.subject.value_or("");
+    if (finding.kind == DiagnosticKind::sustainedCPU ||
+        finding.kind == DiagnosticKind::diskActivity) {
+        event.text = finding.id.substr(0, finding.id.find(':'));
+        event.names = subject;
+    } else {
+        event.text += "\t" + subject;
+    }
+    return event;
+}
+
+void writeTable(std::string_view title, const FigureTable& table, std::string& text) {
+    text.append("\n").append(title).append("\n时间");
+    for (const auto& [id, column] : table.columns) {
+        text.append("\t").append(id).append(column.label.empty() ? "" : " ").append(column.label);
+    }
+    for (std::size_t row = 0; row < table.dates.size(); ++row) {
+        text += "\n" + iso8601(table.dates[row]);
+        for (const auto& [id, column] : table.columns) {
+            const double value = column.values[row];
+            text.append("\t").append(std::isfinite(value) ? fixed2(value) : "");
+        }
+    }
+    text += "\n";
+}
+
+bool isPossible(const FigureTable& table) {
+    return std::ranges::adjacent_find(table.dates, std::ranges::greater_equal{}) ==
+               table.dates.end() &&
+           table.dates.size() * table.columns.size() <= Recorder::kMostFigures &&
+           std::ranges::all_of(table.columns, [&](const auto& entry) {
+               return entry.second.values.size() == table.dates.size();
+           });
+}
+
+}  // namespace
+
+void FigureTable::add(Date date, std::span<const MetricReading> row, double span,
+                      std::size_t most) {
+    const std::size_t columnsBefore = columns.size();
+    for (const MetricReading& reading : row) {
+        if (reading.value && std::isfinite(*reading.value)) {
+            Column& column = columns[reading.id];
+            column.label = reading.label;
+            column.values.resize(dates.size(), kNoFigure);  // of two with one id the last counts
+            column.values.push_back(*reading.value);
+        }
+    }
+    dates.push_back(date);
+    for (auto& [id, column] : columns) {
+        column.values.resize(dates.size(), kNoFigure);
+    }
+    while (dates.front() < date - span ||
+           (dates.size() > 1 && dates.size() * columns.size() > most)) {
+        dates.pop_front();
+        for (auto& [id, column] : columns) {
+            column.values.pop_front();
+        }
+    }
+    if (columns.size() > columnsBefore) {
+        std::erase_if(columns, [](const auto& entry) { return !meanOf(entry.second.values); });
+    }
+}
+
+void FigureTable::forgetFrom(Date date) {
+    while (!dates.empty() && dates.back() >= date) {
+        dates.pop_back();
+        for (auto& [id, column] : columns) {
+            column.values.pop_back();
+        }
+    }
+}
+
+void Recorder::add(const Snapshot& snapshot, std::span<const FanTarget> targets) {
+    const ObservationClock::Step step = clock_.advance(snapshot.date);
+    if (step == ObservationClock::Step::ignored) {
+        return;
+    }
+    if (step == ObservationClock::Step::setBack) {
+        for (FigureTable* table : {&state_.figures, &state_.heat, &heatStep_}) {
+            table->forgetFrom(snapshot.date);
+        }
+    }
+    std::vector<MetricReading> row = figuresOf(snapshot, targets);
+    std::ranges::move(std::exchange(telemetry_, {}), std::back_inserter(row));
+    state_.figures.add(snapshot.date, row, kSeconds, kMostFigures);
+    addHeat(snapshot, step == ObservationClock::Step::continues);
+}
+
+void Recorder::add(const SystemTelemetry& telemetry) {
+    Row row{MetricHistories::readings(telemetry)};
+    row.put("charging", telemetry.charging);
+    row.put("cycles", telemetry.cycles);
+    row.put("memoryUsed", telemetry.memoryUsed);
+    row.put("memoryTotal", telemetry.memoryTotal);
+    telemetry_ = std::move(row.readings);
+}
+
+void Recorder::addHeat(const Snapshot& snapshot, bool continues) {
+    const auto stepOf = [](Date date) {
+        return std::floor(date.secondsSinceReference / kHeatStepSeconds);
+    };
+    const auto& dates = heatStep_.dates;
+    if (!dates.empty() && (!continues || stepOf(dates.front()) != stepOf(snapshot.date))) {
+        std::vector<MetricReading> means;
+        for (const auto& [id, column] : heatStep_.columns) {
+            means.push_back({id, {}, {}, meanOf(column.values)});
+        }
+        state_.heat.add(dates.front() + (dates.back() - dates.front()) / 2, means, kHeatSeconds,
+                        kMostFigures);
+        heatStep_ = {};
+    }
+    const RecordedSample sample = recordedSample(snapshot, CurveSensor::cpu);
+    const std::array values{
+        sample.watts, sample.load,    sample.die, temperature(CurveSensor::gpu, snapshot),
+        sample.sink,  sample.ambient, sample.rpm};
+    Row row;
+    for (std::size_t i = 0; i < values.size(); ++i) {
+        row.put(kHeatIds[i], values[i]);
+    }
+    heatStep_.add(snapshot.date, row.readings, kHeatStepSeconds, kMostFigures);
+}
+
+void Recorder::add(const DiagnosticReport& report) {
+    std::map<std::string, RecordedEvent> gone = std::exchange(findings_, {});
+    for (const DiagnosticFinding& finding : report.findings) {
+        RecordedEvent event = eventOf(finding, report.date);
+        findings_.emplace(finding.id, event);
+        if (gone.erase(finding.id) == 0) {
+            event.text += finding.value ? "\t" + fixed2(*finding.value) : "";
+            add(std::move(event));
+        }
+    }
+    for (auto& [id, event] : gone) {
+        event.date = report.date;
+        event.kind = RecordedEventKind::findingWent;
+        add(std::move(event));
+    }
+}
+
+void Recorder::add(RecordedEvent event) {
+    if (!std::isfinite(event.date.secondsSinceReference)) {
+        return;
+    }
+    for (std::string* text : {&event.text, &event.names}) {
+        *text = utf8Prefix(repairUtf8(*text), kMostTextBytes);
+        std::ranges::replace(*text, '\n', ' ');
+    }
+    const auto size = [](const RecordedEvent& it) {
+        return sizeof(it) + it.text.size() + it.names.size();
+    };
+    eventBytes_ += size(event);
+    state_.events.push_back(std::move(event));
+    for (; eventBytes_ > kMostEventBytes; state_.events.pop_front()) {
+        eventBytes_ -= size(state_.events.front());
+    }
+}
+
+std::string Recorder::text(bool withNames) const {
+    std::string text = "监测记录（时间为 UTC）\n";
+    text += "\n事件\n";
+    for (const RecordedEvent& event : state_.events) {
+        text.append(iso8601(event.date)).append("\t").append(rawValue(event.kind));
+        text.append("\t").append(event.text);
+        text.append(withNames ? "\t" + event.names : "").append("\n");
+    }
+    writeTable("最近半小时的读数", state_.figures, text);
+    writeTable("最近一天的发热与散热（每 10 秒的平均）", state_.heat, text);
+    return text;
+}
+
+RecordedDay Recorder::heatDay(CurveSensor sensor) const {
+    std::vector<RecordedSample> samples;
+    for (std::size_t row = 0; row < state_.heat.dates.size(); ++row) {
+        std::array<std::optional<double>, kHeatIds.size()> values;
+        for (std::size_t i = 0; i < values.size(); ++i) {
+            const auto column = state_.heat.columns.find(std::string(kHeatIds[i]));
+            if (column != state_.heat.columns.end() && std::isfinite(column->second.values[row])) {
+                values[i] = column->second.values[row];
+            }
+        }
+        const auto& [watts, load, cpu, gpu, sink, room, rpm] = values;
+        samples.push_back({state_.heat.dates[row], watts, load,
+                           sensor == CurveSensor::cpu   ? cpu
+                           : sensor == CurveSensor::gpu ? gpu
+                                                        : std::max(cpu, gpu),
+                           sink, room, rpm});
+    }
+    return RecordedDay::from(samples);
+}
+
+bool Recorder::restore(State state) {
+    if (!isPossible(state.figures) || !isPossible(state.heat)) {
+        return false;
+    }
+    *this = Recorder(clock_.longestGapSeconds());
+    std::ranges::for_each(std::exchange(state.events, {}),
+                          [this](const RecordedEvent& it) { add(it); });
+    std::swap(state.events, state_.events);
+    state_ = std::move(state);
+    if (!state_.figures.dates.empty()) {
+        clock_.resume(state_.figures.dates.back());
+    }
+    return true;
+}
+
+}  // namespace ferovane
