@@ -91,8 +91,8 @@ std::vector<ProcessSample> processes(int count) {
     return list;
 }
 
-// A list a second, with the sources that a diagnosis is made from; per process it should cost the
-// same however many there are.
+// A list a second, with the sources that a diagnosis is made from and what a view shows; per process
+// it should cost the same however many there are.
 void followProcesses(benchmark::State& state) {
     auto list = processes(static_cast<int>(state.range(0)));
     ProcessActivity activity;
@@ -104,6 +104,7 @@ void followProcesses(benchmark::State& state) {
         }
         activity.add(kStart + ++seconds, list);
         benchmark::DoNotOptimize(activity.sources());
+        benchmark::DoNotOptimize(activity.applications());
     }
     state.SetItemsProcessed(state.iterations() * state.range(0));
 }

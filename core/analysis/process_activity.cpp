@@ -1,5 +1,7 @@
 #include "core/analysis/process_activity.h"
 
+#include <algorithm>
+#include <functional>
 #include <utility>
 
 namespace ferovane {
@@ -40,10 +42,12 @@ void ProcessActivity::add(Date date, std::span<const ProcessSample> processes) {
         newIndex_.add(processes[i].pid, i);
     }
     regroup(processes);
-    if (interval_ > 0) {
-        measure(processes);
-    }
     remember(processes);
+    if (interval_ > 0) {
+        measure();
+    }
+    std::swap(processes_, newProcesses_);
+    std::swap(index_, newIndex_);
 }
 
 void ProcessActivity::beginAnew() {
@@ -56,8 +60,9 @@ void ProcessActivity::beginAnew() {
 
 const ProcessActivity::Process* ProcessActivity::before(const ProcessSample& process) const {
     const auto position = index_.find(process.pid);
-    return position && processes_[*position].started == process.started ? &processes_[*position]
-                                                                        : nullptr;
+    return position && processes_[*position].sample.started == process.started
+               ? &processes_[*position]
+               : nullptr;
 }
 
 void ProcessActivity::regroup(std::span<const ProcessSample> processes) {
@@ -72,7 +77,7 @@ void ProcessActivity::regroup(std::span<const ProcessSample> processes) {
         // A pid that is listed twice leads one application, not two.
         const bool kept = known != nullptr && known->leads && newIndex_.find(processes[i].pid) == i;
         newApplications_.push_back(kept ? std::move(applications_[known->application])
-                                        : Application{idOf(processes[i]), {}, {}, {}});
+                                        : Application{idOf(processes[i]), {}, {}});
         newApplications_.back().name = processes[i].name;
         applicationOf_[i] = newApplications_.size() - 1;
     }
@@ -82,76 +87,157 @@ void ProcessActivity::regroup(std::span<const ProcessSample> processes) {
     std::swap(applications_, newApplications_);
 }
 
-void ProcessActivity::measure(std::span<const ProcessSample> processes) {
-    const bool newSlot = window_.advance(interval_);
-    for (Application& application : applications_) {
-        application.latest = {};
-        if (newSlot) {
-            application.slots[window_.slot()] = {};
-        }
-    }
+void ProcessActivity::remember(std::span<const ProcessSample> processes) {
+    newProcesses_.resize(processes.size());
     for (std::size_t i = 0; i < processes.size(); ++i) {
+        Process& now = newProcesses_[i];
         const Process* known = before(processes[i]);
-        if (known != nullptr && newIndex_.find(processes[i].pid) == i) {
-            measure(*known, processes[i], applications_[applicationOf_[i]].latest);
-        }
-    }
-    for (Application& application : applications_) {
-        Use& slot = application.slots[window_.slot()];
-        slot.cpuSeconds += application.latest.cpuSeconds;
-        slot.diskBytes += application.latest.diskBytes;
-        slot.cpuObserved += application.latest.cpuObserved;
-        slot.diskObserved += application.latest.diskObserved;
+        now.sample = processes[i];
+        now.application = applicationOf_[i];
+        now.leads = leaders_[i] == i;
+        now.tally = known != nullptr ? known->tally : Tally{};
     }
 }
 
-void ProcessActivity::measure(const Process& before, const ProcessSample& now, Use& use) const {
+void ProcessActivity::measure() {
+    const bool newSlot = window_.advance(interval_);
+    const auto begin = [&](Tally& tally) {
+        tally.latest = {};
+        if (newSlot) {
+            tally.slots[window_.slot()] = {};
+        }
+    };
+    const auto add = [](const Use& use, Use& sum) {
+        sum.cpuSeconds += use.cpuSeconds;
+        sum.readBytes += use.readBytes;
+        sum.writtenBytes += use.writtenBytes;
+    };
+    const auto end = [&](Tally& tally) {
+        Use& slot = tally.slots[window_.slot()];
+        add(tally.latest, slot);
+        slot.cpuObserved += tally.latest.cpuObserved;
+        slot.diskObserved += tally.latest.diskObserved;
+    };
+    for (Application& application : applications_) {
+        begin(application.tally);
+    }
+    for (std::size_t i = 0; i < newProcesses_.size(); ++i) {
+        Process& now = newProcesses_[i];
+        begin(now.tally);
+        const Process* known = before(now.sample);
+        if (known != nullptr && newIndex_.find(now.sample.pid) == i) {
+            Use& use = now.tally.latest = useBetween(known->sample, now.sample);
+            Use& sum = applications_[now.application].tally.latest;
+            add(use, sum);
+            sum.cpuObserved = std::max(sum.cpuObserved, use.cpuObserved);
+            sum.diskObserved = std::max(sum.diskObserved, use.diskObserved);
+            end(now.tally);
+        }
+    }
+    for (Application& application : applications_) {
+        end(application.tally);
+    }
+}
+
+ProcessActivity::Use ProcessActivity::useBetween(const ProcessSample& before,
+                                                 const ProcessSample& now) const {
+    Use use;
     if (const auto nanoseconds = growth(before.cpuNanoseconds, now.cpuNanoseconds)) {
-        use.cpuSeconds += *nanoseconds / kNanosecondsPerSecond;
+        use.cpuSeconds = *nanoseconds / kNanosecondsPerSecond;
         use.cpuObserved = interval_;
     }
     const auto read = growth(before.diskReadBytes, now.diskReadBytes);
     const auto written = growth(before.diskWriteBytes, now.diskWriteBytes);
     if (read && written) {
-        use.diskBytes += *read + *written;
+        use.readBytes = *read;
+        use.writtenBytes = *written;
         use.diskObserved = interval_;
     }
+    return use;
 }
 
-void ProcessActivity::remember(std::span<const ProcessSample> processes) {
-    processes_.resize(processes.size());
-    for (std::size_t i = 0; i < processes.size(); ++i) {
-        const ProcessSample& now = processes[i];
-        processes_[i] = {now.pid,           now.started,        now.cpuNanoseconds,
-                         now.diskReadBytes, now.diskWriteBytes, applicationOf_[i],
-                         leaders_[i] == i};
+ActivityFigures ProcessActivity::figuresOf(const Tally& tally) const {
+    const auto& [slots, latest] = tally;
+    const auto sum = [&](double Use::*member) { return window_.sum(tally.slots, member); };
+    ActivityFigures figures;
+    if (sum(&Use::cpuObserved) > 0) {
+        figures.averageCPU = kPercent * sum(&Use::cpuSeconds) / window_.seconds();
     }
-    std::swap(index_, newIndex_);
+    if (latest.cpuObserved > 0) {
+        figures.currentCPU = kPercent * latest.cpuSeconds / interval_;
+    }
+    const double observed = sum(&Use::diskObserved);
+    figures.averageRead = rate(sum(&Use::readBytes), observed);
+    figures.averageWritten = rate(sum(&Use::writtenBytes), observed);
+    figures.currentRead = rate(latest.readBytes, latest.diskObserved);
+    figures.currentWritten = rate(latest.writtenBytes, latest.diskObserved);
+    return figures;
+}
+
+std::vector<ApplicationActivity> ProcessActivity::applications() const {
+    std::vector<ApplicationActivity> all;
+    for (const Application& application : applications_) {
+        all.push_back({application.id, application.name, 0, figuresOf(application.tally), {}});
+    }
+    for (std::size_t i = 0; i < processes_.size(); ++i) {
+        const auto& [sample, position, leads, tally] = processes_[i];
+        if (index_.find(sample.pid) != i) {
+            continue;  // listed twice
+        }
+        ApplicationActivity& application = all[position];
+        application.uid = leads ? sample.uid : application.uid;
+        application.figures.memoryBytes += sample.memoryBytes;
+        application.members.push_back({sample.pid, sample.uid, sample.name, figuresOf(tally)});
+        application.members.back().figures.memoryBytes = sample.memoryBytes;
+    }
+    std::erase_if(all, [](const ApplicationActivity& it) { return it.members.empty(); });
+    return all;
 }
 
 std::vector<DiagnosticSource> ProcessActivity::sources() const {
     std::vector<DiagnosticSource> sources;
-    const double window = window_.seconds();
     for (const Application& application : applications_) {
-        if (!(application.latest.cpuObserved > 0)) {
+        const auto& [slots, latest] = application.tally;
+        if (!(latest.cpuObserved > 0)) {
             continue;
         }
+        const ActivityFigures figures = figuresOf(application.tally);
         DiagnosticSource& source = sources.emplace_back();
         source.id = application.id;
         source.name = application.name;
-        source.averageCPU = kPercent * window_.sum(application.slots, &Use::cpuSeconds) / window;
-        source.currentCPU = kPercent * application.latest.cpuSeconds / interval_;
-        source.diskSeconds = window_.sum(application.slots, &Use::diskObserved);
+        source.averageCPU = *figures.averageCPU;
+        source.currentCPU = *figures.currentCPU;
+        source.diskSeconds = window_.sum(slots, &Use::diskObserved);
         source.averageDiskRate =
-            rate(window_.sum(application.slots, &Use::diskBytes), source.diskSeconds);
-        source.currentDiskRate =
-            rate(application.latest.diskBytes, application.latest.diskObserved);
+            rate(window_.sum(slots, &Use::readBytes) + window_.sum(slots, &Use::writtenBytes),
+                 source.diskSeconds);
+        source.currentDiskRate = rate(latest.readBytes + latest.writtenBytes, latest.diskObserved);
     }
     return sources;
 }
 
 std::optional<double> ProcessActivity::windowSeconds() const {
     return clock_.last() ? std::optional(window_.seconds()) : std::nullopt;
+}
+
+std::vector<ApplicationActivity> applicationsFor(const DiagnosticAction& action,
+                                                 std::vector<ApplicationActivity> applications) {
+    using enum DiagnosticAction::Kind;
+    const auto memory = [](const auto& it) { return it.figures.memoryBytes; };
+    const auto diskRate = [](const auto& it) {
+        return it.figures.averageRead.value_or(0) + it.figures.averageWritten.value_or(0);
+    };
+    std::erase_if(applications, [&](const ApplicationActivity& it) {
+        return action.kind == diskProcesses       ? !(diskRate(it) > 0)
+               : action.kind == reviewApplication ? it.id != action.application
+                                                  : action.kind != memoryProcesses;
+    });
+    if (action.kind == memoryProcesses) {
+        std::ranges::stable_sort(applications, std::greater(), memory);
+    } else {
+        std::ranges::stable_sort(applications, std::greater(), diskRate);
+    }
+    return applications;
 }
 
 }  // namespace ferovane

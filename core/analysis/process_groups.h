@@ -12,7 +12,7 @@
 namespace ferovane {
 
 // Finds a process of a list by its pid in constant time: an open hash table that keeps its memory
-// when it is filled anew.
+// when it is filled anew. One owner, no locking.
 class ProcessIndex {
 public:
     // Forgets everything and makes room for that many.
@@ -40,7 +40,7 @@ private:
 // ancestor. An application is led by the process that the system's first process started, or by one
 // whose parent is not in the list (it belongs to another user) or is a later process that got the
 // parent's pid. `index` holds the positions of the list. Takes time linear in its length, whatever
-// the chains look like.
+// the chains look like. Any thread, as long as nobody changes what it is given.
 void findLeaders(std::span<const ProcessSample> processes, const ProcessIndex& index,
                  std::vector<std::size_t>& leaders);
 

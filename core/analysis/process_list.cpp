@@ -20,6 +20,8 @@ void assign(const FVProcessSnapshot& entry, ProcessSample& sample) {
     sample.diskReadBytes = entry.disk_read_bytes;
     sample.diskWriteBytes = entry.disk_write_bytes;
     sample.name = entry.name;
+    sample.uid = entry.uid;
+    sample.memoryBytes = entry.memory_bytes;
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// One process in one list of processes, with what it has used since it started.
+// One process in one list of processes, with what it has used since it started. A plain value.
 #pragma once
 
 #include <cstdint>
@@ -13,6 +13,8 @@ struct ProcessSample {
     std::uint64_t cpuNanoseconds = 0;
     std::uint64_t diskReadBytes = 0, diskWriteBytes = 0;
     std::string name;
+    std::uint32_t uid = 0;          // of the user that it runs for
+    std::uint64_t memoryBytes = 0;  // physical footprint, as the system charges it
 
     bool operator==(const ProcessSample&) const = default;
 };

@@ -7,6 +7,7 @@
 #include <map>
 #include <numeric>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "core/analysis/process_list.h"
@@ -43,23 +44,35 @@ std::map<const ProcessSample*, const ProcessSample*> leadersOf(const List& list)
 }
 
 struct Use {
-    double cpuSeconds = 0, cpuObserved = 0, diskBytes = 0, diskObserved = 0;
+    double cpuSeconds = 0, cpuObserved = 0, read = 0, written = 0, diskObserved = 0;
 
-    std::optional<double> diskRate() const {
-        return diskObserved > 0 ? std::optional(diskBytes / diskObserved) : std::nullopt;
+    void add(const Use& other) {
+        cpuSeconds += other.cpuSeconds;
+        cpuObserved += other.cpuObserved;
+        read += other.read;
+        written += other.written;
+        diskObserved += other.diskObserved;
     }
 };
+
+std::optional<double> ratio(double amount, double seconds) {
+    return seconds > 0 ? std::optional(amount / seconds) : std::nullopt;
+}
+
+std::string idOf(const ProcessSample& process) {
+    return std::to_string(process.pid) + "-" + std::to_string(process.started);
+}
 
 // The same from all lists since the last gap, by adding up everything each time.
 struct ActivityModel {
     struct Look {
         double seconds;  // since the list before
         std::size_t slot;
-        std::map<std::string, Use> uses;  // in this time, by application
+        std::map<std::string, Use> uses;  // in this time, by application and "process" and id
     };
     TimeModel time;
     List before;
-    std::vector<std::pair<std::string, std::string>> names;  // by application
+    std::vector<ApplicationActivity> shown;  // without figures of time
     std::optional<Date> last;
     std::vector<Look> looks;
     std::vector<double> slots;  // how long they are
@@ -87,30 +100,45 @@ struct ActivityModel {
             window += slots[--first];
         }
         looks.push_back({seconds, slots.size() - 1, {}});
-        names.clear();
-        for (const auto leaders = leadersOf(list); const ProcessSample& now : list) {
+        shown.clear();
+        const auto leaders = leadersOf(list);
+        std::map<std::string, std::vector<ProcessMember>> members;
+        for (const ProcessSample& now : list) {
             if (find(list, now.pid) != &now) {
                 continue;  // of two entries with one pid the first counts
             }
             const ProcessSample& leader = *leaders.at(&now);
-            const auto id = std::to_string(leader.pid) + "-" + std::to_string(leader.started);
-            Use& use = looks.back().uses[id];
+            Use& all = looks.back().uses[idOf(leader)];
+            Use& use = looks.back().uses["process" + idOf(now)];
             if (&leader == &now) {
-                names.emplace_back(id, now.name);
+                shown.push_back({idOf(now), now.name, now.uid, {}, {}});
             }
+            ProcessMember& member = members[idOf(leader)].emplace_back();
+            member = {now.pid, now.uid, now.name, {}};
+            member.figures.memoryBytes = now.memoryBytes;
             const ProcessSample* was = find(before, now.pid);
             if (was == nullptr || was->started != now.started) {
                 continue;
             }
             if (now.cpuNanoseconds >= was->cpuNanoseconds) {
-                use.cpuSeconds += double(now.cpuNanoseconds - was->cpuNanoseconds) / 1e9;
+                use.cpuSeconds = double(now.cpuNanoseconds - was->cpuNanoseconds) / 1e9;
                 use.cpuObserved = seconds;
             }
             const auto read = std::int64_t(now.diskReadBytes - was->diskReadBytes);
             const auto written = std::int64_t(now.diskWriteBytes - was->diskWriteBytes);
             if (read >= 0 && written >= 0) {
-                use.diskBytes += double(read + written);
+                use.read = double(read);
+                use.written = double(written);
                 use.diskObserved = seconds;
+            }
+            all.add(use);
+            all.cpuObserved = std::min(all.cpuObserved, seconds);
+            all.diskObserved = std::min(all.diskObserved, seconds);
+        }
+        for (ApplicationActivity& it : shown) {
+            it.members = members[it.id];
+            for (const ProcessMember& member : it.members) {
+                it.figures.memoryBytes += member.figures.memoryBytes;
             }
         }
         before = list;
@@ -119,22 +147,55 @@ struct ActivityModel {
 
     double total() const { return std::accumulate(slots.begin(), slots.end(), 0.0); }
 
+    Use sum(const std::string& id) {
+        Use sum;
+        for (auto it = looks.rbegin(); it != looks.rend() && it->seconds > 0; ++it) {
+            const auto use = it->uses.find(id);
+            if (it->slot < first || use == it->uses.end()) {
+                break;
+            }
+            sum.add(use->second);
+        }
+        return sum;
+    }
+
+    ActivityFigures figures(const std::string& id, std::uint64_t memoryBytes) {
+        const Use latest = looks.back().uses[id], all = sum(id);
+        ActivityFigures told;
+        told.memoryBytes = memoryBytes;
+        if (all.cpuObserved > 0) {
+            told.averageCPU = 100 * all.cpuSeconds / window;
+        }
+        told.currentCPU = ratio(100 * latest.cpuSeconds, latest.cpuObserved);
+        told.averageRead = ratio(all.read, all.diskObserved);
+        told.currentRead = ratio(latest.read, latest.diskObserved);
+        told.averageWritten = ratio(all.written, all.diskObserved);
+        told.currentWritten = ratio(latest.written, latest.diskObserved);
+        return told;
+    }
+
+    std::vector<ApplicationActivity> applications() {
+        for (ApplicationActivity& it : shown) {
+            it.figures = figures(it.id, it.figures.memoryBytes);
+            for (ProcessMember& member : it.members) {
+                const auto started = find(before, member.pid)->started;
+                member.figures =
+                    figures("process" + std::to_string(member.pid) + "-" + std::to_string(started),
+                            member.figures.memoryBytes);
+            }
+        }
+        return shown;
+    }
+
     std::vector<DiagnosticSource> sources() {
         std::vector<DiagnosticSource> sources;
-        for (const auto& [id, name] : names) {
-            const Use latest = looks.back().uses[id];
-            Use sum;
-            for (auto it = looks.rbegin(); it != looks.rend() && it->uses.contains(id); ++it) {
-                if (it->slot >= first && it->seconds > 0) {
-                    sum.cpuSeconds += it->uses[id].cpuSeconds;
-                    sum.diskBytes += it->uses[id].diskBytes;
-                    sum.diskObserved += it->uses[id].diskObserved;
-                }
-            }
-            if (latest.cpuObserved > 0) {
-                sources.push_back({id, name, 100 * sum.cpuSeconds / window,
-                                   100 * latest.cpuSeconds / looks.back().seconds, sum.diskRate(),
-                                   latest.diskRate(), sum.diskObserved});
+        for (const ApplicationActivity& it : applications()) {
+            if (it.figures.currentCPU) {
+                const Use latest = looks.back().uses[it.id], all = sum(it.id);
+                sources.push_back({it.id, it.name, *it.figures.averageCPU, *it.figures.currentCPU,
+                                   ratio(all.read + all.written, all.diskObserved),
+                                   ratio(latest.read + latest.written, latest.diskObserved),
+                                   all.diskObserved});
             }
         }
         return sources;
@@ -148,13 +209,14 @@ void change(List& list, Dice& dice) {
     std::erase_if(list, [&](const auto&) { return dice.oneIn(30); });
     while (list.size() < 14) {
         list.push_back({dice.upTo(20), dice.upTo(20), dice.bits() % 3, 0, 0, dice.bits() % 1000,
-                        "p" + std::to_string(dice.upTo(9))});
+                        "p" + std::to_string(dice.upTo(9)), unsigned(dice.upTo(3)), 0});
     }
     for (ProcessSample& one : list) {
         one.cpuNanoseconds += kTick * (dice.bits() % 512);
         one.diskReadBytes += dice.bits() % 100'000;
         one.diskWriteBytes += dice.oneIn(2) ? dice.bits() % 100'000 : 0;
         (dice.oneIn(2) ? one.cpuNanoseconds : one.diskWriteBytes) *= dice.oneIn(40) ? 0U : 1U;
+        one.memoryBytes = dice.bits() % 1000;
         one.parentPid = dice.oneIn(60) ? dice.upTo(20) : one.parentPid;
     }
     if (dice.oneIn(4)) {
@@ -164,7 +226,7 @@ void change(List& list, Dice& dice) {
 
 TEST(ProcessActivityTest, AddsUpWhatThePlainWayAddsUp) {
     std::size_t told = 0;
-    for (unsigned seed = 0; seed < 40; ++seed) {
+    for (unsigned seed = 0; seed < 25; ++seed) {
         Dice dice(seed);
         ProcessActivity activity;
         ActivityModel model;
@@ -181,11 +243,37 @@ TEST(ProcessActivityTest, AddsUpWhatThePlainWayAddsUp) {
             const auto window = activity.windowSeconds();
             ASSERT_EQ(window, model.last ? std::optional(model.window) : std::nullopt);
             ASSERT_TRUE(model.total() < 60 || (window >= 45.0 && window <= 60.0)) << seed;
+            ASSERT_TRUE(activity.applications() == model.applications()) << seed << ", " << i;
             ASSERT_EQ(activity.sources(), model.sources()) << "seed " << seed << ", list " << i;
             told += activity.sources().size();
         }
     }
     EXPECT_GT(told, 10000);
+}
+
+TEST(ProcessActivityTest, ShowsTheApplicationsThatAFindingIsAbout) {
+    std::vector<ApplicationActivity> all;
+    for (const auto& [id, memory, read, written] :
+         {std::tuple("a", 5U, 1, 0), {"b", 9, 0, 0}, {"c", 5, 2, 2}, {"d", 0, 0, 3}}) {
+        ActivityFigures figures;
+        figures.memoryBytes = memory;
+        figures.averageRead = read;
+        figures.averageWritten = written;
+        all.push_back({id, "", 0, figures, {}});
+    }
+    all.push_back({"e", "", 0, {}, {}});
+    using enum DiagnosticAction::Kind;
+    for (const auto& [action, expected] :
+         {std::pair(DiagnosticAction{memoryProcesses, ""}, "bacde"),
+          {DiagnosticAction{diskProcesses, ""}, "cda"},
+          {DiagnosticAction::reviewApplication("c"), "c"},
+          {DiagnosticAction{wakeRequests, ""}, ""}}) {
+        std::string told;
+        for (const ApplicationActivity& it : applicationsFor(action, all)) {
+            told += it.id;
+        }
+        EXPECT_EQ(told, expected);
+    }
 }
 
 // On the machine that the tests run on; what is read of a process, the shim's tests ask.
@@ -198,7 +286,7 @@ TEST(ProcessListTest, ListsThisProcess) {
     ASSERT_TRUE(self != nullptr && parent != nullptr);
     EXPECT_EQ(self->parentPid, parent->pid);
     EXPECT_TRUE(self->started >= parent->started && self->started > 0);
-    EXPECT_GT(self->cpuNanoseconds, 0);
+    EXPECT_TRUE(self->cpuNanoseconds > 0 && self->memoryBytes > 0 && self->uid == getuid());
     EXPECT_EQ(self->name, std::string("analysis_tests").substr(0, self->name.size()));
     EXPECT_GE(list.inaccessible(), 0);
 }
