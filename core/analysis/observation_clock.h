@@ -100,16 +100,19 @@ void endAt(Date date, Date Period::*from, Date Period::*to, Periods& periods) {
     }
 }
 
-// Whether periods lie in the order of time, none over another.
+// Whether periods lie in the order of time, each at a moment of its own and none over another.
 template <class Periods, class Period>
 bool inOrder(Date Period::*from, Date Period::*to, const Periods& periods) {
-    std::optional<Date> end;
+    const Period* before = nullptr;
     for (const Period& period : periods) {
-        if (!isMoment(period.*from) || !isMoment(period.*to) || period.*to < period.*from ||
-            (end && period.*from < *end)) {
+        const bool possible =
+            isMoment(period.*from) && isMoment(period.*to) && period.*from <= period.*to;
+        const bool follows =
+            before == nullptr || (period.*from > before->*from && period.*from >= before->*to);
+        if (!possible || !follows) {
             return false;
         }
-        end = period.*to;
+        before = &period;
     }
     return true;
 }

@@ -6,11 +6,10 @@
 #include <utility>
 #include <vector>
 
-#include "core/analysis/observation_clock.h"
-
 namespace ferovane {
 namespace {
 
+using enum OptimizationInterruption;
 using Samples = std::deque<OptimizationSample>;
 using Metric = std::optional<double> OptimizationSample::*;
 
@@ -26,6 +25,10 @@ double median(std::vector<double>& values) {
         return *middle;
     }
     return std::midpoint(*std::max_element(values.begin(), middle), *middle);
+}
+
+double lengthOf(const Samples& samples) {
+    return samples.empty() ? 0 : samples.back().date - samples.front().date;
 }
 
 // Absent when more than half of the samples do not have it.
@@ -85,27 +88,79 @@ std::string_view title(OptimizationVerdict verdict) {
     return {};
 }
 
+std::string_view title(OptimizationPhase phase) {
+    switch (phase) {
+        case OptimizationPhase::noChange:
+            return "尚无更改";
+        case OptimizationPhase::noBaseline:
+            return "更改前的数据不足";
+        case OptimizationPhase::settling:
+            return "等待温度稳定";
+        case OptimizationPhase::collecting:
+            return "正在收集数据";
+        case OptimizationPhase::interrupted:
+            return "已中断，等待温度重新稳定";
+        case OptimizationPhase::done:
+            return "已完成";
+    }
+    return {};
+}
+
+std::string_view title(OptimizationInterruption interruption) {
+    switch (interruption) {
+        case pause:
+            return "采样曾暂停";
+        case clockSet:
+            return "系统时钟被调整";
+        case loadMissing:
+            return "缺少处理器负载";
+        case temperatureMissing:
+            return "缺少处理器温度";
+    }
+    return {};
+}
+
 void OptimizationAssessment::append(const OptimizationSample& sample) {
-    if (!std::isfinite(sample.date.secondsSinceReference)) {
+    const ObservationClock::Step step = clock_.advance(sample.date);
+    if (step == ObservationClock::Step::ignored) {
         return;
     }
-    const bool setBack = last_ && sample.date < *last_;
-    if (!continuesObservation(last_, sample.date)) {
-        recent_.clear();
-        interrupted_ = changed_.has_value() && last_.has_value();
+    const bool hasLoad = sample.cpuUsage && std::isfinite(*sample.cpuUsage);
+    const bool counts = hasLoad && sample.cpuTemperature && std::isfinite(*sample.cpuTemperature);
+    if (!counts) {
+        missing_ = hasLoad ? temperatureMissing : loadMissing;
     }
-    last_ = sample.date;
-    // A clock that was set back leaves no telling how long ago the change was, and waiting until it
-    // has caught up could take days.
-    settling_ = settling_ && !setBack && sample.date - *changed_ < kSettleSeconds;
-    if (settling_) {
-        return;
+    if (step != ObservationClock::Step::continues) {
+        interrupt(step == ObservationClock::Step::setBack ? clockSet : pause, sample.date);
+        known_ = sample.date;
+    } else if (sample.date - known_ > clock_.longestGapSeconds()) {
+        interrupt(missing_, sample.date);
     }
-    const bool afterIsFull =
-        !after_.empty() && (sample.date - after_.front().date > kLongestWindowSeconds ||
-                            after_.size() >= kMostSamples);
-    if (changed_ && !interrupted_ && !afterIsFull) {
-        after_.push_back(sample);
+    if (counts) {
+        known_ = sample.date;
+        add(sample);
+    }
+}
+
+void OptimizationAssessment::interrupt(OptimizationInterruption why, Date date) {
+    recent_.clear();
+    done_ = done_ || windowSeconds() >= kShortestWindowSeconds;
+    if (!done_) {
+        state_.after.clear();
+        interruption_ = why;
+        settlesFrom_ = date;
+    }
+}
+
+void OptimizationAssessment::add(const OptimizationSample& sample) {
+    // Whoever noted the change may have seen a wrong date; nobody waits until it has come.
+    settlesFrom_ = std::min(settlesFrom_, sample.date);
+    if (state_.changed && !done_) {
+        if (sample.date - settlesFrom_ < kSettleSeconds) {
+            return;
+        }
+        state_.after.push_back(sample);
+        done_ = lengthOf(state_.after) >= longest() || state_.after.size() >= kMostSamples;
     }
     while (!recent_.empty() && (sample.date - recent_.front().date > kLongestWindowSeconds ||
                                 recent_.size() >= kMostSamples)) {
@@ -115,37 +170,43 @@ void OptimizationAssessment::append(const OptimizationSample& sample) {
 }
 
 void OptimizationAssessment::noteChange(Date date) {
-    if (!std::isfinite(date.secondsSinceReference)) {
-        *this = {};
+    if (!isMoment(date)) {
+        *this = OptimizationAssessment(clock_.longestGapSeconds());
         return;
     }
-    before_ = std::exchange(recent_, {});
-    while (!before_.empty() && before_.back().date > date) {
-        before_.pop_back();
+    Samples before = std::exchange(recent_, {});
+    while (!before.empty() && before.back().date > date) {
+        before.pop_back();
     }
-    if (!before_.empty() && date - before_.back().date > kLongestGapSeconds) {
-        before_.clear();
+    if (!before.empty() && date - before.back().date > clock_.longestGapSeconds()) {
+        before.clear();
     }
-    after_.clear();
-    changed_ = date;
-    settling_ = true;
-    interrupted_ = false;
+    state_ = {date, std::move(before), {}};
+    settlesFrom_ = date;
+    interruption_.reset();
+    done_ = false;
+}
+
+double OptimizationAssessment::longest() const {
+    return state_.before.empty()
+               ? 0
+               : std::min(*state_.changed - state_.before.front().date, kLongestWindowSeconds);
+}
+
+double OptimizationAssessment::windowSeconds() const {
+    return std::min(longest(), lengthOf(state_.after));
 }
 
 OptimizationResult OptimizationAssessment::assess() const {
     OptimizationResult result;
-    if (!changed_ || before_.empty() || after_.empty()) {
-        return result;
-    }
-    result.windowSeconds =
-        std::min({*changed_ - before_.front().date, after_.back().date - after_.front().date,
-                  kLongestWindowSeconds});
+    result.windowSeconds = windowSeconds();
     if (result.windowSeconds < kShortestWindowSeconds) {
         return result;
     }
-    const Window before{before_, *changed_ - result.windowSeconds, *changed_};
-    const Date from = after_.front().date;
-    const Window after{after_, from, from + result.windowSeconds};
+    const Date changed = *state_.changed;
+    const Date from = state_.after.front().date;
+    const Window before{state_.before, changed - result.windowSeconds, changed};
+    const Window after{state_.after, from, from + result.windowSeconds};
     const auto load = compare(&OptimizationSample::cpuUsage, before, after);
     const auto temperature = compare(&OptimizationSample::cpuTemperature, before, after);
     if (!load || !temperature) {
@@ -157,6 +218,43 @@ OptimizationResult OptimizationAssessment::assess() const {
     result.watts = compare(&OptimizationSample::watts, before, after);
     result.verdict = verdictOn(result);
     return result;
+}
+
+OptimizationProgress OptimizationAssessment::progress() const {
+    if (!state_.changed) {
+        return {};
+    }
+    if (longest() < kShortestWindowSeconds) {
+        return {OptimizationPhase::noBaseline, {}, 0};
+    }
+    if (done_) {
+        return {OptimizationPhase::done, {}, 0};
+    }
+    if (!state_.after.empty()) {
+        return {OptimizationPhase::collecting, {}, longest() - lengthOf(state_.after)};
+    }
+    const double settled = clock_.last().value_or(settlesFrom_) - settlesFrom_;
+    return {interruption_ ? OptimizationPhase::interrupted : OptimizationPhase::settling,
+            interruption_, std::clamp(kSettleSeconds - settled, 0.0, kSettleSeconds)};
+}
+
+bool OptimizationAssessment::restore(State state) {
+    const auto all = {&state.before, &state.after};
+    const bool possible = std::ranges::all_of(all, [&](const Samples* samples) {
+        return samples->size() <= kMostSamples && (state.changed || samples->empty()) &&
+               inOrder(&OptimizationSample::date, &OptimizationSample::date, *samples);
+    });
+    if (!possible || (state.changed && !isMoment(*state.changed)) ||
+        (!state.before.empty() && state.before.back().date > *state.changed)) {
+        return false;
+    }
+    *this = OptimizationAssessment(clock_.longestGapSeconds());
+    state_ = std::move(state);
+    if (state_.changed) {
+        clock_.resume(state_.after.empty() ? *state_.changed : state_.after.back().date);
+        interrupt(pause, *clock_.last());
+    }
+    return true;
 }
 
 }  // namespace ferovane

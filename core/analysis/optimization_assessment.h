@@ -1,13 +1,15 @@
 // Whether an applied power plan or profile made a difference.
 #pragma once
 
-#include <array>
 #include <cstddef>
 #include <deque>
 #include <optional>
 #include <string_view>
+#include <tuple>
 
+#include "core/analysis/observation_clock.h"
 #include "core/model/date.h"
+#include "core/model/json_fields.h"
 
 namespace ferovane {
 
@@ -20,6 +22,13 @@ struct OptimizationSample {
     std::optional<double> watts;           // power drawn, positive
 
     bool operator==(const OptimizationSample&) const = default;
+    static constexpr auto jsonFields() {
+        return std::tuple{jsonField("date", &OptimizationSample::date),
+                          jsonField("cpuUsage", &OptimizationSample::cpuUsage),
+                          jsonField("cpuTemperature", &OptimizationSample::cpuTemperature),
+                          jsonField("fanRpm", &OptimizationSample::fanRpm),
+                          jsonField("watts", &OptimizationSample::watts)};
+    }
 };
 
 // Medians: a single peak on either side moves them little.
@@ -48,14 +57,37 @@ struct OptimizationResult {
     bool operator==(const OptimizationResult&) const = default;
 };
 
+enum class OptimizationPhase {
+    noChange,     // there is nothing to compare
+    noBaseline,   // the window before the change is too short for good
+    settling,     // the heat follows the change
+    collecting,   // the window after it grows; a result is there as soon as it is long enough
+    interrupted,  // the window after it begins anew once the heat has settled again
+    done
+};
+std::string_view title(OptimizationPhase phase);
+
+enum class OptimizationInterruption { pause, clockSet, loadMissing, temperatureMissing };
+std::string_view title(OptimizationInterruption interruption);
+
+struct OptimizationProgress {
+    OptimizationPhase phase = OptimizationPhase::noChange;
+    std::optional<OptimizationInterruption> interruption;  // the last one, while interrupted
+    double secondsLeft = 0;  // of settling, interruption or collecting, if nothing interrupts
+
+    bool operator==(const OptimizationProgress&) const = default;
+};
+
 // Compares two windows of the same length on either side of the last change. The one before ends at
 // the change; the one after begins kSettleSeconds later, since heat follows slowly. They are as
-// long as both sides allow, at most kLongestWindowSeconds. Neither reaches over a gap of more than
-// 15 s or over another change, and a gap while the heat settles leaves no window after it. There is
-// not enough data while the windows are shorter than kShortestWindowSeconds, or when load or
-// temperature is missing in more than half of the samples of one.
+// long as both sides allow, at most kLongestWindowSeconds; there is not enough data while they are
+// shorter than kShortestWindowSeconds. Samples without load or temperature do not count.
 //
-// Bounded memory; appending takes constant time on average.
+// Neither window reaches over another change, or over an interruption: a gap between samples or
+// between those that count, or a clock that was set back. After one the heat settles again, and the
+// window after the change begins anew; when it was long enough it is done instead.
+//
+// Bounded memory; appending takes constant time on average. One owner, no locking.
 class OptimizationAssessment {
 public:
     static constexpr double kSettleSeconds = 60;
@@ -65,8 +97,9 @@ public:
     static constexpr double kNotableCelsius = 2;       // a smaller difference is noise
     static constexpr std::size_t kMostSamples = 6000;  // in one window: ten a second
 
-    // In the order of time; a clock that was set back is a gap. A sample without a finite date does
-    // not count.
+    explicit OptimizationAssessment(double longestGapSeconds = kLongestGapSeconds)
+        : clock_(longestGapSeconds) {}
+
     void append(const OptimizationSample& sample);
 
     // A plan or profile took effect at `date`, or was taken back. Without a finite date there is
@@ -75,17 +108,39 @@ public:
 
     // About the last change; not enough data without one.
     OptimizationResult assess() const;
+    OptimizationProgress progress() const;
+
+    // The last change with both windows, oldest first.
+    struct State {
+        std::optional<Date> changed;
+        std::deque<OptimizationSample> before, after;
+
+        bool operator==(const State&) const = default;
+        static constexpr auto jsonFields() {
+            return std::tuple{jsonField("changed", &State::changed),
+                              jsonField("before", &State::before),
+                              jsonField("after", &State::after)};
+        }
+    };
+    const State& state() const { return state_; }  // valid until the next call that changes it
+
+    // Goes on from there, after a pause. False, and nothing changes, for what no assessment tells.
+    bool restore(State state);
 
 private:
-    using Samples = std::deque<OptimizationSample>;
+    void interrupt(OptimizationInterruption why, Date date);
+    void add(const OptimizationSample& sample);
+    double longest() const;        // seconds that the windows may become
+    double windowSeconds() const;  // that both have
 
-    std::optional<Date> last_;     // sample
-    std::optional<Date> changed_;  // by the last change
-    Samples before_;               // the window before it
-    Samples after_;                // the window after it
-    bool settling_ = false;        // the heat has not yet followed the change
-    bool interrupted_ = false;     // by a gap since the change: nothing more is added to `after_`
-    Samples recent_;               // what may become the window before the next change
+    ObservationClock clock_;
+    State state_;
+    Date settlesFrom_;
+    std::optional<OptimizationInterruption> interruption_;  // the last one since the change
+    bool done_ = false;                                     // nothing more is added to `after`
+    Date known_;  // of the last sample that counted, or the begin of the observation
+    OptimizationInterruption missing_{};     // in the last one that did not
+    std::deque<OptimizationSample> recent_;  // what may become the window before the next change
 };
 
 }  // namespace ferovane

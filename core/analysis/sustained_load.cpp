@@ -49,7 +49,7 @@ void SustainedLoad::end() {
     if (const auto period = current()) {
         ended_.push_back(*period);
     }
-    if (ended_.size() > kMostPeriods) {
+    while (ended_.size() > kMostPeriods) {
         ended_.pop_front();
     }
     run_.reset();
@@ -68,12 +68,12 @@ SustainedLoad::State SustainedLoad::state() const {
 }
 
 bool SustainedLoad::restore(const State& state) {
-    if (!inOrder(&SustainedLoadPeriod::from, &SustainedLoadPeriod::to, state) ||
-        state.size() > kMostPeriods + 1) {
+    if (!inOrder(&SustainedLoadPeriod::from, &SustainedLoadPeriod::to, state)) {
         return false;
     }
     *this = SustainedLoad(clock_.longestGapSeconds());
     ended_ = state;
+    end();
     if (!state.empty()) {
         clock_.resume(state.back().to);
     }

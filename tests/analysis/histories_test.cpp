@@ -4,8 +4,9 @@
 #include <algorithm>
 #include <cmath>
 #include <deque>
-#include <functional>
+#include <iterator>
 #include <limits>
+#include <map>
 #include <string>
 #include <utility>
 #include <vector>
@@ -24,11 +25,17 @@ constexpr double kHuge = std::numeric_limits<double>::max();
 
 // What a clock that was set back to `date` leaves: of what reaches past it the figures, up to then.
 template <class Periods, class Period>
-void setBack(Periods& all, Date Period::*from, Date Period::*to, Date date) {
+void setBack(Date date, Date Period::*from, Date Period::*to, Periods& all) {
     std::erase_if(all, [&](const Period& it) { return it.*from >= date; });
     for (Period& it : all) {
         it.*to = std::min(it.*to, date);
     }
+}
+
+// So far that two ways of taking a mean agree; no mean of whole numbers lies between two steps.
+double rounded(double mean) {
+    constexpr double kSteps = 1048576 / 3.;
+    return std::round(mean * kSteps) / kSteps;
 }
 
 // The buckets of a series of 20 s each over ten minutes.
@@ -41,7 +48,7 @@ struct SeriesModel {
             return;
         }
         if (seen.setBack) {
-            setBack(told, &MetricBucket::first, &MetricBucket::last, date);
+            setBack(date, &MetricBucket::first, &MetricBucket::last, told);
         }
         unseen = unseen || !seen.goesOn;
         std::erase_if(told, [&](const MetricBucket& it) { return it.last < date - 600; });
@@ -71,188 +78,399 @@ struct SeriesModel {
 };
 
 TEST(MetricSeriesTest, KeepsTheLowestMeanAndHighestOfEveryBucket) {
-    for (unsigned seed = 0; seed < 30; ++seed) {
+    for (unsigned seed = 0; seed < 40; ++seed) {
         Dice dice(seed);
-        Clock clock(dice, seed % 2 == 0 ? 1.25 : 9);
-        const double gap = dice.pick({15, 15, 75});
+        Clock clock(dice, dice.pick({1.25, 9}));
+        const double gap = dice.pick({15, 75});
         MetricSeries series(20, 600, gap);
         SeriesModel model(gap);
         for (int i = 0; i < 1000; ++i) {
+            SCOPED_TRACE("seed " + std::to_string(seed) + ", sample " + std::to_string(i));
+            if (dice.oneIn(200)) {
+                const auto kept = std::exchange(series, MetricSeries(20, 600, gap));
+                ASSERT_TRUE(series.restore(kept.buckets()));
+                model.unseen = true;
+                model.time.restore(model.told.empty() ? std::nullopt
+                                                      : std::optional(model.told.back().last));
+            }
             const Date date = clock.next();
             const double value = dice.oneIn(20) ? dice.pick({kNaN, kHuge, -kHuge}) : dice.upTo(999);
             const auto given = dice.maybe(10, value);
             series.append(date, given);
             model.append(date, given);
-            ASSERT_EQ(series.buckets().size(), model.told.size()) << "seed " << seed << ", " << i;
+            ASSERT_EQ(series.buckets().size(), model.told.size());
             for (std::size_t at = 0; at < model.told.size(); ++at) {
                 MetricBucket bucket = series.buckets()[at];
                 const MetricBucket& told = model.told[at];
                 const double extent = told.maximum / 2 - told.minimum / 2;
-                ASSERT_NEAR(bucket.mean, told.mean, 1e-9 * extent + 1e-9) << seed << ", " << i;
+                ASSERT_NEAR(bucket.mean, told.mean, 1e-9 * extent + 1e-9);
                 ASSERT_TRUE(bucket.minimum <= bucket.mean && bucket.mean <= bucket.maximum);
                 bucket.mean = told.mean;
-                ASSERT_EQ(bucket, told) << "seed " << seed << ", sample " << i;
+                ASSERT_EQ(bucket, told);
             }
         }
     }
 }
 
-// How often a load is told, and how many seconds apart.
-struct Stretch {
-    int samples;
-    double load, step = 1;
+// The time from one sample to the next, and the load in it.
+struct Piece {
+    Date from, to;
+    double load;
 };
-using Stretches = std::vector<Stretch>;
 
-// Appends them to a history; the first tells of a time before anything was observed.
-Date follow(const Stretches& all, const std::function<void(Date, double)>& append) {
-    Date date = kStart;
-    append(date, 100);
-    for (const Stretch& stretch : all) {
-        for (int i = 0; i < stretch.samples; ++i) {
-            date = date + stretch.step;
-            append(date, stretch.load);
-        }
+// What is left of the pieces after a date.
+std::vector<Piece> after(Date date, std::vector<Piece> pieces) {
+    std::erase_if(pieces, [&](const Piece& it) { return it.to <= date; });
+    for (Piece& it : pieces) {
+        it.from = std::max(it.from, date);
     }
-    return date;
+    return pieces;
 }
 
-TEST(CpuLoadHistoryTest, CountsEveryUsageForTheTimeSinceTheSampleBefore) {
-    struct Span {
-        double from, to;
-        int band;
-    };
-    const std::pair<Stretches, std::vector<Span>> cases[] = {
-        {{{1, 9.99}, {1, 10}, {1, 34.99}, {1, 35}}, {{0, 1, 0}, {1, 3, 1}, {3, 4, 2}}},
-        {{{1, 64.99}, {1, 65}, {1, 89.99}, {1, 90}}, {{0, 1, 2}, {1, 3, 3}, {3, 4, 4}}},
-        {{{1, 5, 15}, {1, 5, 15.5}, {1, 5}}, {{0, 15, 0}, {30.5, 31.5, 0}}},  // a gap
-        {{{1, 5}, {1, kNaN}, {2, 5}}, {{0, 1, 0}, {2, 4, 0}}},
-        {{{1, 5}, {1, 95, 0}, {2, 5}}, {{0, 3, 0}}},                   // twice the same moment
-        {{{9, 5}, {1, 95, -3}, {2, 95}}, {{0, 6, 0}, {6, 8, 4}}},      // a clock that was set back
-        {{{999, 5, 5}, {9, 95}}, {{1404, 4995, 0}, {4995, 5004, 4}}},  // more than an hour
-        {{{1, 95, 15}, {240, 5, 15}}, {{15, 3615, 0}}},
-    };
-    for (const auto& [load, spans] : cases) {
-        CpuLoadHistory history;
-        follow(load, [&](Date date, double usage) { history.append(date, usage); });
-        std::deque<CpuLoadSpan> expected;
-        double seconds[5] = {};
-        for (const auto& [from, to, band] : spans) {
-            expected.push_back({kStart + from, kStart + to, CpuLoadBand(band)});
-            seconds[band] += to - from;
+struct LoadModel {
+    void append(Date date, std::optional<double> load) {
+        const auto seen = time.see(date);
+        if (!seen.counts) {
+            return;
         }
-        EXPECT_EQ(history.spans(), expected) << &load - &cases[0].first;
-        for (int band = 0; band < 5; ++band) {
-            EXPECT_EQ(history.seconds(CpuLoadBand(band)), seconds[band]);
+        if (seen.setBack) {
+            setBack(date, &Piece::from, &Piece::to, hour);
+            setBack(stretchOf(date), &Piece::from, &Piece::to, day);
+            const auto again = after(stretchOf(date), hour);
+            day.insert(day.end(), again.begin(), again.end());
+        }
+        if (seen.goesOn && known(load)) {
+            hour.push_back({*seen.before, date, *load});
+            day.push_back(hour.back());
+        }
+        hour = after(date - 3600, std::move(hour));
+        day = after(stretchOf(date - 86400), std::move(day));
+    }
+    static Date stretchOf(Date date) {
+        return {std::floor(date.secondsSinceReference / 300) * 300};
+    }
+    static int bandOf(const Piece& it) {
+        return (it.load >= 10) + (it.load >= 35) + (it.load >= 65) + (it.load >= 90);
+    }
+    CpuLoadHistory::State state() const {
+        CpuLoadHistory::State state;
+        for (const Piece& it : hour) {
+            const auto band = CpuLoadBand(bandOf(it));
+            if (state.spans.empty() || state.spans.back().to != it.from ||
+                state.spans.back().band != band) {
+                state.spans.push_back({it.from, it.from, band});
+            }
+            state.spans.back().to = it.to;
+        }
+        std::map<Date, CpuLoadStretch> stretches;
+        for (const Piece& it : day) {
+            for (Date at = stretchOf(it.from); at < it.to; at = at + 300) {
+                stretches[at].from = at;
+                stretches[at].seconds[std::size_t(bandOf(it))] +=
+                    std::min(it.to, at + 300) - std::max(it.from, at);
+            }
+        }
+        for (const auto& [from, stretch] : stretches) {
+            state.day.push_back(stretch);
+        }
+        return state;
+    }
+
+    TimeModel time;
+    std::vector<Piece> hour, day;
+};
+
+// The busy periods in pieces without a gap; `current` when the last one goes on.
+std::deque<SustainedLoadPeriod> busyIn(const std::vector<Piece>& pieces, bool& current) {
+    std::deque<SustainedLoadPeriod> found;
+    for (std::size_t at = 0; at < pieces.size();) {
+        if (pieces[at].load < 70) {
+            ++at;
+            continue;
+        }
+        bool open = true;  // nothing has ended it yet
+        SustainedLoadPeriod it{pieces[at].from, pieces[at].from, 0, 0};
+        double work = 0, peak = 0;
+        for (; at < pieces.size() && open; ++at) {
+            const bool busy = it.seconds() >= 30;
+            work += (pieces[at].to - pieces[at].from) * pieces[at].load;
+            peak = std::max(peak, pieces[at].load);
+            if (pieces[at].load >= (busy ? 50 : 70)) {
+                it = {it.from, pieces[at].to, rounded(work / (pieces[at].to - it.from)), peak};
+            }
+            const double calm = pieces[at].to - it.to;
+            open = busy ? calm < 15 : calm <= 5;
+        }
+        current = open && it.seconds() >= 30;
+        if (it.seconds() >= 30) {
+            found.push_back(it);
         }
     }
-    CpuLoadHistory changing;
-    for (int i = 0; i < 5000; ++i) {
-        changing.append(kStart + i * 0.5, i % 2 * 95);
-    }
-    EXPECT_EQ(changing.spans().size(), CpuLoadHistory::kMostSpans);
-    EXPECT_EQ(changing.spans().back().to, kStart + 2499.5);
-    std::string titles;
-    for (int band = 0; band < 5; ++band) {
-        titles.append(title(CpuLoadBand(band))).append(" ");
-    }
-    EXPECT_EQ(titles, "空闲 轻度负载 中度负载 高负载 满负载 ");
+    return found;
 }
 
-TEST(SustainedLoadTest, BeginsAfter30BusySecondsAndEndsAfter15CalmOnes) {
-    const struct {
-        Stretches load;
-        double from = 0, to = 0, mean = 0, peak = 0;  // of the one period
-        double first = 0, last = 0;                   // when it was told to go on
-    } cases[] = {
-        {{{29, 70}}},
-        {{{99, 69.99}}},
-        {{{20, 80}, {6, 40}, {29, 80}}},  // too long a dip
-        {{{29, 70}, {1, 100}}, 0, 30, 71, 100, 30, 30},
-        {{{9, 40}, {30, 80}}, 9, 39, 80, 80, 39, 39},
-        {{{20, 70}, {5, 10}, {5, 70}}, 0, 30, 60, 70, 30, 30},
-        {{{30, 80}, {9, 50}, {1, 49}}, 0, 39, 2850 / 39., 80, 30, 40},
-        {{{40, 80}, {40, 50}, {99, 49}}, 0, 80, 65, 80, 30, 94},
-        {{{40, 80}, {14, 40}, {2, 80}}, 0, 56, 70, 80, 30, 56},
-        {{{40, 80}, {1, 80, 15}}, 0, 55, 80, 80, 30, 55},
-        {{{40, 80}, {1, 80, 16}, {29, 80}}, 0, 40, 80, 80, 30, 40},  // a gap
-        {{{40, 80}, {1, kNaN}, {29, 80}}, 0, 40, 80, 80, 30, 40},
+struct BusyModel {
+    void append(Date date, std::optional<double> load) {
+        const auto seen = time.see(date);
+        if (seen.counts && seen.goesOn && known(load)) {
+            run.push_back({*seen.before, date, *load});
+        } else if (seen.counts) {
+            ended = state();
+            run.clear();
+        }
+        if (seen.setBack) {
+            setBack(date, &SustainedLoadPeriod::from, &SustainedLoadPeriod::to, ended);
+        }
+    }
+    std::deque<SustainedLoadPeriod> state() {
+        current = false;
+        std::deque<SustainedLoadPeriod> all = ended;
+        std::ranges::copy(busyIn(run, current), std::back_inserter(all));
+        while (all.size() > SustainedLoad::kMostPeriods + (current ? 1 : 0)) {
+            all.pop_front();
+        }
+        return all;
+    }
+
+    TimeModel time;
+    std::vector<Piece> run;
+    std::deque<SustainedLoadPeriod> ended;
+    bool current = false;
+};
+
+struct TurboSample {
+    Date date;
+    std::optional<double> load, celsius;
+};
+
+std::optional<TurboMeasure> measured(const std::vector<TurboSample>& samples,
+                                     std::optional<double> TurboSample::*value, Date from,
+                                     Date to) {
+    TurboMeasure all{0, -kInfinity, 0};
+    for (const TurboSample& it : samples) {
+        if (it.date >= from && it.date <= to && known(it.*value)) {
+            all = {all.mean + *(it.*value), std::max(all.highest, *(it.*value)), all.samples + 1};
+        }
+    }
+    all.mean = rounded(all.mean / all.samples);
+    return all.samples > 0 ? std::optional(all) : std::nullopt;
+}
+
+struct TurboModel {
+    struct Period {
+        TurboState state;
+        Date from, to;
+        bool change;  // seen to begin
+        std::vector<TurboSample> samples, before;
     };
-    for (const auto& it : cases) {
-        SCOPED_TRACE(&it - cases);
-        SustainedLoad load;
-        double first = 0, last = 0;
-        const Date end = follow(it.load, [&](Date date, double usage) {
+    void append(Date date, TurboState state, std::optional<double> load,
+                std::optional<double> celsius) {
+        const auto seen = time.see(date);
+        if (!seen.counts) {
+            return;
+        }
+        if (seen.setBack) {
+            setBack(date, &Period::from, &Period::to, periods);
+        }
+        const bool joins = std::exchange(open, state == TurboState::disabledDriverLoaded ||
+                                                   state == TurboState::driverNotLoaded) &&
+                           seen.goesOn;
+        if (!open) {
+            return;
+        }
+        if (!joins || periods.back().state != state) {
+            const auto before = joins ? periods.back().samples : std::vector<TurboSample>();
+            periods.push_back({state, date, date, joins, {}, before});
+        }
+        periods.back().to = date;
+        periods.back().samples.push_back({date, load, celsius});
+    }
+    TurboHistory::State state() const {
+        TurboHistory::State all;
+        constexpr auto kLoad = &TurboSample::load, kCelsius = &TurboSample::celsius;
+        for (const Period& it : periods) {
+            const Date ever{kInfinity}, never{-kInfinity}, early = it.from - 60,
+                                                           late = it.from + 60;
+            all.periods.push_back({it.state, it.from, it.to,
+                                   measured(it.samples, kLoad, never, ever),
+                                   measured(it.samples, kCelsius, never, ever)});
+            if (it.change) {
+                all.changes.push_back({it.from, it.state, measured(it.before, kLoad, early, ever),
+                                       measured(it.samples, kLoad, never, late),
+                                       measured(it.before, kCelsius, early, ever),
+                                       measured(it.samples, kCelsius, never, late)});
+            }
+        }
+        return all;
+    }
+
+    TimeModel time;
+    bool open = false;  // the last sample had a state
+    std::vector<Period> periods;
+};
+
+SustainedLoad::State rounded(SustainedLoad::State state) {
+    for (SustainedLoadPeriod& it : state) {
+        it.mean = rounded(it.mean);
+    }
+    return state;
+}
+TurboHistory::State rounded(TurboHistory::State state) {
+    std::vector<std::optional<TurboMeasure>*> all;
+    for (TurboPeriod& it : state.periods) {
+        all.insert(all.end(), {&it.load, &it.temperature});
+    }
+    for (TurboChange& it : state.changes) {
+        all.insert(all.end(),
+                   {&it.loadBefore, &it.loadAfter, &it.temperatureBefore, &it.temperatureAfter});
+    }
+    for (std::optional<TurboMeasure>* it : all) {
+        if (*it) {
+            (*it)->mean = rounded((*it)->mean);
+        }
+    }
+    return state;
+}
+
+// Makes a history anew from what it keeps.
+template <class History>
+void restart(History& history, double gap) {
+    const auto kept = std::exchange(history, History(gap)).state();
+    ASSERT_TRUE(history.restore(kept));
+}
+
+std::optional<Date> lastOf(const auto& periods, auto member) {
+    return periods.empty() ? std::nullopt : std::optional(periods.back().*member);
+}
+
+TEST(HistoriesTest, KeepWhatEverySampleThatCountsHasTold) {
+    std::size_t busy = 0, changes = 0, days = 0;
+    for (unsigned seed = 0; seed < 40; ++seed) {
+        Dice dice(seed);
+        const double gap = dice.pick({15, 15, 75});
+        Clock clock(dice, gap > 15 ? dice.pick({20, 40}) : dice.pick({1, 1, 2.5, 7}), 60);
+        CpuLoadHistory load(gap);
+        SustainedLoad sustained(gap);
+        TurboHistory turbo(gap);
+        LoadModel loadModel{TimeModel(gap), {}, {}};
+        BusyModel busyModel{TimeModel(gap), {}, {}};
+        TurboModel turboModel{TimeModel(gap), false, {}};
+        double percent = 0;
+        TurboState state = TurboState::driverNotLoaded;
+        for (int i = 0; i < 2000; ++i) {
+            SCOPED_TRACE("seed " + std::to_string(seed) + ", sample " + std::to_string(i));
+            const Date date = clock.next();
+            percent = dice.oneIn(dice.oneIn(2) ? 2 : 30)
+                          ? dice.pick({0, 9.99, 10, 34.99, 35, 49.99, 50, 64.99, 65, 69.99, 70, 70,
+                                       80, 80, 89.99, 90, 90, 100})
+                          : percent;
+            state = dice.oneIn(60) ? TurboState(dice.upTo(3)) : state;
+            const auto usage = dice.maybe(200, dice.oneIn(200) ? kNaN : percent);
+            const auto celsius = dice.maybe(20, dice.oneIn(20) ? kNaN : dice.upTo(99));
             load.append(date, usage);
-            last = load.current() ? date - kStart : last;
-            first = first == 0 ? last : first;
-        });
-        const auto going = load.current();
-        load.append(end + 1, std::nullopt);
-        EXPECT_TRUE(!going || load.ended().back() == going);
-        EXPECT_EQ(std::pair(first, last), std::pair(it.first, it.last));
-        ASSERT_EQ(load.ended().size(), it.to > 0 ? 1 : 0);
-        for (SustainedLoadPeriod told : load.ended()) {
-            EXPECT_NEAR(told.mean, it.mean, 1e-9);
-            told.mean = it.mean;
-            EXPECT_EQ(told,
-                      (SustainedLoadPeriod{kStart + it.from, kStart + it.to, it.mean, it.peak}));
+            loadModel.append(date, usage);
+            sustained.append(date, usage);
+            busyModel.append(date, usage);
+            turbo.append(date, state, usage, celsius);
+            turboModel.append(date, state, usage, celsius);
+            if (dice.oneIn(400)) {
+                restart(load, gap);
+                restart(sustained, gap);
+                restart(turbo, gap);
+                const auto now = loadModel.state();
+                loadModel.time.restore(now.spans.empty() ? lastOf(now.day, &CpuLoadStretch::from)
+                                                         : lastOf(now.spans, &CpuLoadSpan::to));
+                busyModel.ended = busyModel.state();
+                busyModel.run.clear();
+                busyModel.ended = busyModel.state();
+                busyModel.time.restore(lastOf(busyModel.ended, &SustainedLoadPeriod::to));
+                turboModel.time.restore(lastOf(turboModel.periods, &TurboModel::Period::to));
+            }
+            if (!dice.oneIn(20)) {
+                continue;
+            }
+            const auto expected = loadModel.state();
+            ASSERT_EQ(load.state(), expected);
+            for (int band = 0; band < 5; ++band) {
+                double seconds = 0;
+                for (const Piece& it : loadModel.hour) {
+                    seconds += LoadModel::bandOf(it) == band ? it.to - it.from : 0;
+                }
+                ASSERT_EQ(load.seconds(CpuLoadBand(band)), seconds);
+            }
+            const auto periods = busyModel.state();
+            ASSERT_EQ(rounded(sustained.state()), periods);
+            ASSERT_EQ(sustained.current().has_value(), busyModel.current);
+            ASSERT_EQ(rounded(turbo.state()), turboModel.state());
+            busy += periods.size();
+            changes += turbo.changes().size();
+            days += expected.day.size();
         }
     }
-    SustainedLoad often;
-    for (int i = 0; i < 400; ++i) {
-        often.append(kStart + i * 15, i % 3 == 0 ? std::nullopt : std::optional(90.0));
-    }
-    EXPECT_EQ(often.ended().size(), SustainedLoad::kMostPeriods);
+    EXPECT_GT(std::min({busy / 10, changes, days / 10}), 4000);
 }
 
-TEST(TurboHistoryTest, ComparesTheMinutesAroundAChange) {
-    constexpr auto kLoaded = TurboState::disabledDriverLoaded;
-    constexpr auto kNotLoaded = TurboState::driverNotLoaded;
-    TurboHistory history;
-    for (int second = 0; second <= 300; ++second) {
-        const bool loaded = second >= 100;
-        // Far from the change the machine did something else.
-        const double load = second < 40 || second > 160 ? 0 : loaded ? 30 : 60 + second % 2;
-        history.append(kStart + second, loaded ? kLoaded : kNotLoaded, load, loaded ? 60 : kNaN);
+// What the histories say themselves at the edges of what they keep.
+TEST(HistoriesTest, AreBounded) {
+    CpuLoadHistory load;
+    SustainedLoad sustained;
+    TurboHistory turbo;
+    for (int i = 0; i < 5000; ++i) {
+        load.append(kStart + i * 0.5, i % 2 * 95);
+        sustained.append(kStart + i * 15, i % 3 == 0 ? std::nullopt : std::optional(90.0));
+        turbo.append(kStart + i, TurboState(i % 2), 1, 1);
     }
-    const TurboPeriod loaded{kLoaded, kStart + 100, kStart + 300, {}, TurboMeasure{60, 60, 201}};
-    ASSERT_EQ(history.periods().size(), 2);
-    EXPECT_EQ(history.periods()[0].to, kStart + 99);
-    TurboPeriod told = history.periods()[1];
-    EXPECT_NEAR(std::exchange(told.load, {})->mean, 61 * 30 / 201., 1e-9);
-    EXPECT_EQ(told, loaded);
-    TurboChange change = history.changes().at(0);
-    EXPECT_NEAR(std::exchange(change.loadBefore->mean, 0), 60.5, 1e-9);
-    EXPECT_EQ(change, (TurboChange{kStart + 100,
-                                   kLoaded,
-                                   TurboMeasure{0, 61, 60},
-                                   TurboMeasure{30, 30, 61},
-                                   {},
-                                   TurboMeasure{60, 60, 61}}));
+    EXPECT_EQ(load.spans().size(), CpuLoadHistory::kMostSpans);
+    EXPECT_EQ(load.spans().back().to, kStart + 2499.5);
+    EXPECT_EQ(sustained.ended().size(), SustainedLoad::kMostPeriods);
+    EXPECT_EQ(turbo.periods().size(), TurboHistory::kMostPeriods);
+    EXPECT_EQ(turbo.changes().size(), TurboHistory::kMostChanges);
+}
 
-    // Nobody saw the driver change while its state was not known, or in a gap.
-    history = TurboHistory();
-    for (const auto& [second, state] : {std::pair(0.0, kNotLoaded),
-                                        {1, TurboState::unknown},
-                                        {2, kLoaded},
-                                        {17.5, kNotLoaded},
-                                        {18, TurboState::unsupported},
-                                        {19, kNotLoaded}}) {
-        history.append(kStart + second, state, 10, 50);
+// Dates that no history tells, of two periods.
+TEST(HistoriesTest, TakeNothingOverThatIsOutOfOrder) {
+    const struct {
+        double from, to, from2, to2;
+    } cases[] = {{1, 0, 2, 3},    {0, 2, 1, 3},         {2, 3, 0, 1},
+                 {0, 0, 0, 0},    {0, 1, 0, 1},         {kNaN, 1, 2, 3},
+                 {0, kNaN, 2, 3}, {0, 1, 2, kInfinity}, {0, 1, 9e99, 9e99}};
+    for (const auto& [from, to, from2, to2] : cases) {
+        const Date a = kStart + from, b = kStart + to, c = kStart + from2, d = kStart + to2;
+        EXPECT_FALSE(MetricSeries(20, 600).restore(
+            std::vector<MetricBucket>{{a, b, 1, 1, 1, 1, true}, {c, d, 1, 1, 1, 1, true}}));
+        EXPECT_FALSE(CpuLoadHistory().restore({{{a, b, {}}, {c, d, {}}}, {}}));
+        EXPECT_FALSE(SustainedLoad().restore({{a, b, 1, 1}, {c, d, 1, 1}}));
+        EXPECT_FALSE(TurboHistory().restore({{{{}, a, b, {}, {}}, {{}, c, d, {}, {}}}, {}}));
+        if (!(from2 > from)) {
+            EXPECT_FALSE(
+                TurboHistory().restore({{}, {{a, {}, {}, {}, {}, {}}, {c, {}, {}, {}, {}, {}}}}));
+            EXPECT_FALSE(OptimizationAssessment().restore(
+                {kStart + 9, {{a, {}, {}, {}, {}}, {c, {}, {}, {}, {}}}, {}}));
+            EXPECT_FALSE(OptimizationAssessment().restore(
+                {kStart, {}, {{a, {}, {}, {}, {}}, {c, {}, {}, {}, {}}}}));
+        }
     }
-    EXPECT_EQ(std::pair(history.periods().size(), history.changes().size()), std::pair(4UL, 0UL));
-    // A second change within the minute: neither side reaches over the other.
-    history.append(kStart + 20, kLoaded, 20, 50);
-    history.append(kStart + 21, kNotLoaded, 30, 50);
-    ASSERT_EQ(history.changes().size(), 2);
-    EXPECT_EQ(history.changes()[0].loadAfter, (TurboMeasure{20, 20, 1}));
-    EXPECT_EQ(history.changes()[1].loadBefore, (TurboMeasure{20, 20, 1}));
-    for (int i = 22; i < 1000; ++i) {
-        history.append(kStart + i, i % 2 ? kLoaded : kNotLoaded, 1, 1);
+    const Date even{300};
+    for (const CpuLoadStretch& bad :
+         {CpuLoadStretch{even + 1, {}}, {even, {0, -1}}, {even, {kNaN}}, {Date{9e99}, {}}}) {
+        EXPECT_FALSE(CpuLoadHistory().restore({{}, {bad}}));
     }
-    EXPECT_EQ(history.periods().size(), TurboHistory::kMostPeriods);
-    EXPECT_EQ(history.changes().size(), TurboHistory::kMostChanges);
+    EXPECT_FALSE(CpuLoadHistory().restore({{}, {{even, {}}, {even, {}}}}));
+    EXPECT_TRUE(CpuLoadHistory().restore({{}, {{even, {}}, {even + 300, {}}}}));
+    for (const MetricBucket& bad : {MetricBucket{even, even, 1, 0, 1, 1, true},
+                                    {even, even, 1, 2, 1, 1, true},
+                                    {even, even, 1, 1, 1, 0, true},
+                                    {even, even, kNaN, 1, 1, 1, true},
+                                    {even, even, 1, 1, kInfinity, 1, true},
+                                    {even, even, 1, kNaN, 1, 1, true}}) {
+        EXPECT_FALSE(MetricSeries(20, 600).restore(std::span(&bad, 1)));
+    }
+    const OptimizationSample early{even, {}, {}, {}, {}};
+    EXPECT_FALSE(OptimizationAssessment().restore({{}, {early}, {}}));
+    EXPECT_FALSE(OptimizationAssessment().restore({{}, {}, {early}}));
+    EXPECT_FALSE(OptimizationAssessment().restore({even - 1, {early}, {}}));
+    EXPECT_FALSE(OptimizationAssessment().restore({Date{kNaN}, {}, {}}));
+    EXPECT_FALSE(OptimizationAssessment().restore({even, std::deque(6001, early), {}}));
 }
 
 // Samples from the first to the last second; without any, a change at the first.
@@ -281,50 +499,72 @@ OptimizationAssessment observed(const Timeline& all) {
 
 TEST(OptimizationAssessmentTest, ComparesMediansOfLikeWindowsBeforeAndAfterAChange) {
     using enum OptimizationVerdict;
+    using enum OptimizationInterruption;
+    using enum OptimizationPhase;
     const Watched old{-600, -1, 70}, edit = changeAt(0), now{0, 660};
     const int days = -1'000'000;
     const Watched later{days, days + 399, 70}, latest{days + 400, days + 700};
+    const OptimizationProgress over{done, {}, 0}, never{noBaseline, {}, 0};
+    const auto left = [](double seconds) { return OptimizationProgress{collecting, {}, seconds}; };
     const struct {
         Timeline watched;
-        OptimizationVerdict verdict = notEnoughData;
+        OptimizationProgress progress;
         double seconds = 0;
+        OptimizationVerdict verdict = notEnoughData;
         OptimizationComparison celsius = {70, 65}, load = {40, 40};  // not without enough data
     } cases[] = {
-        {{}},
-        {{old, {0, 400, 70}}},
-        {{{-120, -1, 70}, edit, {0, 180}}, better, 120},
-        {{{-119, -1, 70}, edit, now}, notEnoughData, 119},
-        {{old, edit, {0, 179}}, notEnoughData, 119},
-        {{{-2000, -1, 70}, edit, {0, 2000}}, better, 600},
-        {{{-600, -1, 70, 40, 0.0625}, edit, now}, better, 375.9375},
-        {{old, edit, {0, 660, 65, 30}}, better, 600, {70, 65}, {40, 30}},
-        {{old, edit, {0, 660, 60, 29.9}}, loadDiffers, 600, {70, 60}, {40, 29.9}},
-        {{old, edit, {0, 660, 90, 50.1}}, loadDiffers, 600, {70, 90}, {40, 50.1}},
-        {{old, edit, {0, 660, 68}}, better, 600, {70, 68}},
-        {{old, edit, {0, 660, 68.1}}, unchanged, 600, {70, 68.1}},
-        {{old, edit, {0, 660, 71.9}}, unchanged, 600, {70, 71.9}},
-        {{old, edit, {0, 660, 72}}, worse, 600, {70, 72}},
+        {{}, {}},
+        {{old, {0, 400, 70}}, {}},
+        {{{-120, -1, 70}, edit, {0, 180}}, over, 120, better},
+        {{{-119, -1, 70}, edit, now}, never, 119},
+        {{old, edit}, {settling, {}, 60}},
+        {{old, edit, {0, 20}}, {settling, {}, 40}},
+        {{old, edit, {0, 179}}, left(481), 119},
+        {{{-2000, -1, 70}, edit, {0, 2000}}, over, 600, better},
+        {{{-600, -1, 70, 40, 0.0625}, edit, now}, over, 375.9375, better},
+        {{old, edit, {0, 700, 65, 40, 0.0625}}, over, 374.9375, better},
+        {{old, edit, {0, 660, 65, 30}}, over, 600, better, {70, 65}, {40, 30}},
+        {{old, edit, {0, 660, 60, 29.9}}, over, 600, loadDiffers, {70, 60}, {40, 29.9}},
+        {{old, edit, {0, 660, 90, 50.1}}, over, 600, loadDiffers, {70, 90}, {40, 50.1}},
+        {{old, edit, {0, 660, 68}}, over, 600, better, {70, 68}},
+        {{old, edit, {0, 660, 68.1}}, over, 600, unchanged, {70, 68.1}},
+        {{old, edit, {0, 660, 71.9}}, over, 600, unchanged, {70, 71.9}},
+        {{old, edit, {0, 660, 72}}, over, 600, worse, {70, 72}},
         // Peaks, settling, and what lies outside the windows.
-        {{{-600, -201, 20}, {-200, -99, 70}, {-98, -1, 105}, edit, {0, 260}}, better, 200},
-        {{old, edit, {0, 59, 99}, {60, 361}, {362, 660, 99}}, better, 600},
-        {{{-300, -1, 70}, edit, {0, 360}, {361, 660, 99}}, better, 300},
-        {{{-200, -101, 70}, {-100, -1, 72}, edit, {0, 260}}, better, 200, {71, 65}},
-        // Every other sample suffices.
-        {{{-300, -151, kNaN}, {-150, -1, 70}, edit, now}, better, 300},
-        {{{-300, -150, kNaN}, {-149, -1, 70}, edit, now}, notEnoughData, 300},
-        {{old, edit, {0, 209, kNaN}, {210, 360}}, better, 300},
-        {{old, edit, {0, 210, 65, kNaN}, {211, 360}}, notEnoughData, 300},
-        // Gaps, other changes, a late note, a clock that is set back.
-        {{{-600, -201, 20}, {-185, -1, 70}, edit, now}, better, 185},
-        {{{-600, -195, 70}, {-180, -1, 70}, edit, now}, better, 600},
-        {{old, edit, {0, 360}, {376, 700, 99, 90}}, better, 300},
-        {{old, edit, {0, 30}, {90, 900}}},
-        {{{-600, -16, 70}, edit, now}},
-        {{{-300, -1, 70}, {1, 5}, edit, {6, 660}}, better, 300},
-        {{old, edit, {0, 199}, changeAt(200)}},
-        {{old, edit, {0, 59, 99}, {60, 199}, changeAt(200), {200, 660}}, unchanged, 140, {65, 65}},
-        {{old, edit, {0, 30}, {days, days + 400}}},
-        {{old, edit, {0, 30}, later, changeAt(days + 400), latest}, better, 240},
+        {{{-600, -201, 20}, {-200, -99, 70}, {-98, -1, 105}, edit, {0, 260}},
+         left(400),
+         200,
+         better},
+        {{old, edit, {0, 59, 99}, {60, 361}, {362, 660, 99}}, over, 600, better},
+        {{{-300, -1, 70}, edit, {0, 360}, {361, 660, 99}}, over, 300, better},
+        {{{-200, -101, 70}, {-100, -1, 72}, edit, {0, 260}}, over, 200, better, {71, 65}},
+        // A sample without heat or load does not count; 15 seconds of them are no gap.
+        {{{-600, -100, 70}, {-99, -86, kNaN}, {-85, -1, 70}, edit, now}, over, 600, better},
+        {{{-600, -100, 70}, {-99, -85, kNaN}, {-84, -1, 70}, edit, now}, never, 84},
+        {{old, edit, {0, 100, kNaN}}, {interrupted, temperatureMissing, 60}},
+        {{old, edit, {0, 100, 65, kNaN}, {101, 110}}, {interrupted, loadMissing, 51}},
+        {{old, edit, {0, 209, kNaN}, {210, 360}}, left(510), 90},
+        {{old, edit, {0, 260}, {261, 400, kNaN}, now}, over, 200, better},
+        // Gaps, other changes, a late note, a clock that is set back, or wrong for one sample.
+        {{{-600, -201, 20}, {-185, -1, 70}, edit, now}, over, 185, better},
+        {{{-600, -195, 70}, {-180, -1, 70}, edit, now}, over, 600, better},
+        {{old, edit, {0, 180}, {196, 700, 99, 90}}, over, 120, better},
+        {{old, edit, {0, 179}, {195, 300}}, left(555), 45},
+        {{old, edit, {0, 30}, {90, 100}}, {interrupted, pause, 50}},
+        {{old, edit, {0, 30}, {90, 900}}, over, 600, better},
+        {{{-600, -16, 70}, edit, now}, never},
+        {{{-300, -1, 70}, {1, 5}, edit, {6, 660}}, over, 300, better},
+        {{old, changeAt(10), {0, 69}}, left(591), 9},
+        {{old, edit, {0, 199}, changeAt(200)}, {settling, {}, 60}},
+        {{old, edit, {0, 59, 99}, {60, 199}, changeAt(200), {200, 660}},
+         over,
+         140,
+         unchanged,
+         {65, 65}},
+        {{old, edit, {0, 30}, {20, 40}}, {interrupted, clockSet, 40}},
+        {{old, edit, {0, 100}, {90'000, 90'000}, {101, 300}}, left(360), 240, better},
+        {{old, edit, {0, 30}, {days, days + 400}}, left(261), 339, better},
+        {{old, edit, {0, 30}, later, changeAt(days + 400), latest}, left(99), 240, better},
     };
     for (const auto& it : cases) {
         SCOPED_TRACE(&it - cases);
@@ -338,16 +578,34 @@ TEST(OptimizationAssessmentTest, ComparesMediansOfLikeWindowsBeforeAndAfterAChan
             }
         }
         EXPECT_EQ(assessment.assess(), told) << assessment.assess().windowSeconds;
+        EXPECT_EQ(assessment.progress(), it.progress) << assessment.progress().secondsLeft;
         assessment.append({Date{kNaN}, 90, 99, 9, 9});
         EXPECT_EQ(assessment.assess(), told) << "no moment at all";
+        // From a file: what is long enough stays, the rest begins anew.
+        OptimizationAssessment again;
+        ASSERT_TRUE(again.restore(assessment.state()));
+        const bool ended = it.progress.phase <= noBaseline || it.progress.phase == done;
+        const bool enough = it.verdict != notEnoughData;
+        EXPECT_EQ(again.progress(), ended    ? it.progress
+                                    : enough ? over
+                                             : (OptimizationProgress{interrupted, pause, 60}));
+        EXPECT_EQ(again.assess(), enough ? told : OptimizationResult{});
         assessment.noteChange(Date{kInfinity});
         EXPECT_EQ(assessment.assess(), OptimizationResult{});
+        EXPECT_EQ(assessment.progress(), OptimizationProgress{});
     }
     std::string titles;
-    for (int verdict = 0; verdict < 5; ++verdict) {
-        titles.append(title(OptimizationVerdict(verdict))).append(" ");
+    const auto add = [&](std::string_view text) { titles.append(text).append(" "); };
+    for (int i = 0; i < 6; ++i) {
+        add(title(CpuLoadBand(i)));
+        add(title(OptimizationVerdict(i)));
+        add(title(OptimizationPhase(i)));
+        add(title(OptimizationInterruption(i)));
     }
-    EXPECT_EQ(titles, "数据不足 负载不同，无法比较 温度下降 没有明显变化 温度上升 ");
+    EXPECT_EQ(titles,
+              "空闲 数据不足 尚无更改 采样曾暂停 轻度负载 负载不同，无法比较 更改前的数据不足 "
+              "系统时钟被调整 中度负载 温度下降 等待温度稳定 缺少处理器负载 高负载 没有明显变化 "
+              "正在收集数据 缺少处理器温度 满负载 温度上升 已中断，等待温度重新稳定    已完成  ");
 }
 
 }  // namespace

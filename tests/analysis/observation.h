@@ -42,11 +42,19 @@ public:
         if (doubtful_) {
             return {};
         }
-        return {true, unbroken(last_, date, gap_) > 0, step < 0, std::exchange(last_, date)};
+        const bool goesOn = !std::exchange(restored_, false) && unbroken(last_, date, gap_) > 0;
+        return {true, goesOn, step < 0, std::exchange(last_, date)};
+    }
+    // What was told up to a moment is there again, and nobody knows what was after it.
+    void restore(std::optional<Date> last) {
+        last_ = last;
+        doubtful_.reset();
+        restored_ = true;
     }
 
 private:
     double gap_;
+    bool restored_ = false;
     std::optional<Date> last_, doubtful_;
 };
 
@@ -61,9 +69,9 @@ public:
         if (!dice_.oneIn(stumblesOneIn_)) {
             return kStart + (now_ += step);
         }
-        const double leap = dice_.pick({0,     15,        15.001,  40,      75,        75.001, 700,
-                                        3600,  3600.001,  130000,  -0.0625, -3,        -70,    -700,
-                                        -3600, -3600.001, -130000, kNaN,    kInfinity, 1e300});
+        const double leap = dice_.pick(
+            {0,       15, 15.0625, 40,   75,    75.0625,    700,     3600, 3600.0625, 130000,
+             -0.0625, -3, -70,     -700, -3600, -3600.0625, -130000, kNaN, kInfinity, 1e300});
         const bool once = dice_.oneIn(3) || !(std::abs(leap) < 1e6);
         now_ += once ? 0 : leap;
         return kStart + (once ? now_ + leap : now_);
