@@ -5,6 +5,7 @@
 #include <numeric>
 #include <string>
 
+#include "core/analysis/numbers.h"
 #include "core/fan/curve_policy.h"
 #include "core/model/scope_error.h"
 
@@ -83,44 +84,53 @@ std::string_view title(CurveNote note) {
     return kTitles[static_cast<std::size_t>(note)];
 }
 
-CurveRun rerun(const HeatModel& model, std::span<const RecordedDay> days,
-               const std::optional<FanCurve>& curve) {
-    const double inertia = model.sinkSeconds / RecordedDay::kStepSeconds;
-    CurveRun run;
+CurveReplay::CurveReplay(const HeatModel& model, std::span<const RecordedDay> days)
+    : model_(model), days_(days) {
     for (const RecordedDay& day : days) {
-        const std::vector<double> aboveAmbient = follow(model, day).aboveAmbient;
-        std::optional<double> percent;
-        double warmer = 0;   // than it was, in K
-        double written = 0;  // rpm
-        double cooling = 0;
-        for (std::size_t i = 0; i < day.steps.size(); ++i) {
-            const RecordedDay::Step& step = day.steps[i];
-            if (step.begins) {
-                percent.reset();
-                warmer = 0;
-            }
-            const double die = step.die + warmer;
-            double target = step.rpm;
-            if (curve) {
-                const bool hot = CurvePolicy::requiresMaximum(die);
-                percent = CurvePolicy::followed(percent,
-                                                hot ? FanCurve::kFullPercent : curve->percent(die));
-                target = CurvePolicy::rpm(*percent, model.range.minimum, model.range.maximum);
-            }
-            if (step.begins || CurvePolicy::isWorthWriting(written, target)) {
-                written = target;
-                cooling = model.cooling(model.flow(written));
-                run.changes += step.begins ? 0 : 1;
-            }
-            run.die.push_back(die);
-            run.rpm.push_back(curve ? written : step.rpm);
-            if (curve) {
-                const double less = model.cooling(model.flow(step.rpm)) - cooling;
-                warmer = (inertia * warmer + less * aboveAmbient[i]) / (inertia + cooling);
-            }
+        aboveRoom_.push_back(follow(model, day).aboveRoom);
+    }
+}
+
+CurveRun CurveReplay::under(const std::optional<FanCurve>& curve) const {
+    CurveRun whole;
+    for (std::size_t day = 0; day < days_.size(); ++day) {
+        run(day, curve, whole);
+    }
+    return whole;
+}
+
+void CurveReplay::run(std::size_t day, const std::optional<FanCurve>& curve, CurveRun& run) const {
+    const double inertia = model_.sinkSeconds / RecordedDay::kStepSeconds;
+    std::optional<double> percent;
+    double warmer = 0;   // than it was, in K
+    double written = 0;  // rpm
+    for (std::size_t i = 0; i < days_[day].steps.size(); ++i) {
+        const RecordedDay::Step& step = days_[day].steps[i];
+        const bool begins = step.begins || i == 0;
+        if (begins) {
+            percent.reset();
+            warmer = 0;
+        }
+        const double die = step.die + warmer;
+        double target = step.rpm;
+        if (curve) {
+            const bool hot = CurvePolicy::requiresMaximum(die);
+            const double asked = hot ? FanCurve::kFullPercent : curve->percent(die);
+            percent = CurvePolicy::followed(percent, asked);
+            target = CurvePolicy::rpm(*percent, model_.range.minimum, model_.range.maximum);
+        }
+        if (begins || CurvePolicy::isWorthWriting(written, target)) {
+            written = target;
+            run.changes += begins ? 0 : 1;
+        }
+        run.die.push_back(die);
+        run.rpm.push_back(curve ? written : step.rpm);
+        if (curve) {
+            const double cooling = model_.cooling(model_.flow(written));
+            const double less = model_.cooling(model_.flow(step.rpm)) - cooling;
+            warmer = (inertia * warmer + less * aboveRoom_[day][i]) / (inertia + cooling);
         }
     }
-    return run;
 }
 
 CurveWhatIf whatIf(const HeatFit& fit, std::span<const RecordedDay> days,
@@ -130,23 +140,27 @@ CurveWhatIf whatIf(const HeatFit& fit, std::span<const RecordedDay> days,
         before->validate();
     }
     after.validate();
-    const CurveRun run = rerun(fit.model, days, after);
+    const auto figures = [&](const CurveReplay& replay, const std::optional<FanCurve>& curve) {
+        return figuresOf(replay.under(curve), days.size());
+    };
+    const CurveReplay replay(fit.model, days);
+    const CurveRun run = replay.under(after);
     CurveWhatIf result;
     result.after = figuresOf(run, days.size());
-    result.before = figuresOf(rerun(fit.model, days, before), days.size());
+    result.before = figures(replay, before);
     for (std::size_t i = 0; i < kCurveFigures; ++i) {
         const double change = result.after[i] - result.before[i];
         result.differences[i] = {change, change, change};
     }
     const double doubt = fit.model.fromLoad ? kLoadDoubt : 1;
     for (const HeatModel& refit : fit.refits) {
-        const CurveFigures then = figuresOf(rerun(refit, days, after), days.size());
-        const CurveFigures now = figuresOf(rerun(refit, days, before), days.size());
+        const CurveReplay other(refit, days);
+        const CurveFigures now = figures(other, before), then = figures(other, after);
         for (std::size_t i = 0; i < kCurveFigures; ++i) {
             auto& [change, low, high] = result.differences[i];
-            const double other = change + doubt * (then[i] - now[i] - change);
-            low = std::min(low, other);
-            high = std::max(high, other);
+            const double doubtful = change + doubt * (then[i] - now[i] - change);
+            low = std::min(low, doubtful);
+            high = std::max(high, doubtful);
         }
     }
     result.notes.push_back(CurveNote::powerAsRecorded);
@@ -173,7 +187,8 @@ FanCurve quietestCurve(const HeatFit& fit, std::span<const RecordedDay> days, do
         curve.points.push_back({full - below, FanCurve::kFullPercent});
     }
     curve.points.push_back({full, FanCurve::kFullPercent});
-    CurveRun run = rerun(fit.model, days, curve);
+    const CurveReplay replay(fit.model, days);
+    CurveRun run = replay.under(curve);
     if (partAbove(run.die, celsius) > kMayExceedPart) {
         throw ScopeError("即使全速运转也无法满足期望温度");
     }
@@ -187,7 +202,7 @@ FanCurve quietestCurve(const HeatFit& fit, std::span<const RecordedDay> days, do
                 for (std::size_t k = 0; k <= i; ++k) {
                     next.points[k].percent = std::min(next.points[k].percent, percent);
                 }
-                CurveRun nextRun = rerun(fit.model, days, next);
+                CurveRun nextRun = replay.under(next);
                 if (partAbove(nextRun.die, celsius) <= kMayExceedPart &&
                     loudness(nextRun) < loudness(run)) {
                     curve = std::move(next);

@@ -51,11 +51,23 @@ struct CurveRun {
     std::size_t changes = 0;
 };
 
-// The days as they would have gone under a lease with this curve: what was read, and what the other
-// fan speeds make of it. Without a curve it is what was read. The temperature that was recorded as
-// the die's counts as the curve's, and as the processor's for what overrules a curve.
-CurveRun rerun(const HeatModel& model, std::span<const RecordedDay> days,
-               const std::optional<FanCurve>& curve);
+// Days as a model follows them, ready to be run again under any curve. The days outlive it.
+class CurveReplay {
+public:
+    CurveReplay(const HeatModel& model, std::span<const RecordedDay> days);
+
+    // As they would have gone under a lease with this curve: what was read, and what the other fan
+    // speeds make of it. Without a curve it is what was read. The temperature that was recorded as
+    // the die's counts as the curve's, and as the processor's for what overrules a curve.
+    CurveRun under(const std::optional<FanCurve>& curve) const;
+
+private:
+    void run(std::size_t day, const std::optional<FanCurve>& curve, CurveRun& run) const;
+
+    HeatModel model_;
+    std::span<const RecordedDay> days_;
+    std::vector<std::vector<double>> aboveRoom_;  // by day and step
+};
 
 // On days that need not be those of the fit. `before` is absent when the fans were left to the
 // system. Throws a ScopeError with the fit's refusal, with the rule that a curve breaks, or when

@@ -1,5 +1,4 @@
-// One input as the rules see it: what cannot be relied on is absent. Any number of threads may look
-// at it, as long as nobody changes the input.
+// One input as the rules see it: what cannot be relied on is absent.
 #pragma once
 
 #include <optional>

@@ -1,4 +1,4 @@
-// One thing that a diagnosis tells the user, and how sure it is. Plain values.
+// One thing that a diagnosis tells the user, and how sure it is.
 #pragma once
 
 #include <optional>

@@ -1,4 +1,4 @@
-// What a diagnosis is made from. Plain values.
+// What a diagnosis is made from.
 #pragma once
 
 #include <optional>

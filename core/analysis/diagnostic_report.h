@@ -1,4 +1,4 @@
-// The verdict of one evaluation. Plain values.
+// The verdict of one evaluation.
 #pragma once
 
 #include <optional>

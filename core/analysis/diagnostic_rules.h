@@ -1,4 +1,4 @@
-// The rules by which a diagnosis finds things. Pure functions: any thread.
+// The rules by which a diagnosis finds things.
 #pragma once
 
 #include <optional>

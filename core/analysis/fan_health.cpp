@@ -4,7 +4,7 @@
 #include <cmath>
 #include <string>
 
-#include "core/analysis/observation_clock.h"
+#include "core/analysis/numbers.h"
 
 namespace ferovane {
 namespace {
@@ -16,170 +16,124 @@ constexpr double kSameTargetRpm = 50;      // a phase goes on while the target m
 constexpr double kSameTargetShare = 0.02;  // less than this share of the maximum
 constexpr double kFastShare = 1.4;         // of the target
 constexpr double kFastRpm = 300;           // and so much above it
-// A phase this long says what a fan reaches; shares beyond these are no habit but a fault.
-constexpr double kPhaseSeconds = 30;
-constexpr double kLeastHabit = 0.9, kMostHabit = 1.1;
-constexpr int kKnownPhases = 3;  // before that the target itself is expected
-constexpr int kMostPhases = 20;  // then it is not learned any more: wear is no habit
-// However slow the sampling, a verdict takes this many samples.
-constexpr double kVerdictSamples = 3;
-constexpr double kWornShare = 0.8;
+constexpr double kPhaseSeconds = 30;       // that long a steady phase says what a fan reaches
+constexpr int kKnownPhases = 3;            // before that the target itself is expected
+constexpr double kVerdictSamples = 3;      // that a verdict takes, however slow the sampling
+constexpr double kWornShare = 0.8;         // of the usual, at the maximum
 
-int tenthOf(double target, double maximum) {
-    return maximum > 0 ? static_cast<int>(std::clamp(target / maximum * 10, 0.0, 9.0)) : 0;
-}
-
-FanResponsePart& partOf(FanHabit& habit, int tenth) {
-    const auto found = std::ranges::find(habit.parts, tenth, &FanResponsePart::tenth);
-    return found != habit.parts.end() ? *found : habit.parts.emplace_back(FanResponsePart{tenth});
-}
-
-double usualSpeed(FanHabit& habit, double target, double maximum) {
-    const FanResponsePart& part = partOf(habit, tenthOf(target, maximum));
-    return part.phases >= kKnownPhases ? part.share * target : target;
-}
-
-bool isKnownToFollow(const FanHabit& habit) {
-    return std::ranges::any_of(habit.parts,
-                               [](const auto& part) { return part.phases >= kKnownPhases; });
+double usualSpeed(const FanHabit& habit, double target) {
+    return habit.phases >= kKnownPhases ? habit.share * target : target;
 }
 
 bool isStopped(double target, double speed) {
     return target >= kLeastTargetRpm && speed < std::max(kTurningRpm, kStoppedShare * target);
 }
 
-std::optional<double> ifFinite(std::optional<double> value) {
-    return value && std::isfinite(*value) ? value : std::nullopt;
-}
-
 }  // namespace
 
-FanHealth::FanHealth(const std::vector<FanHabit>& saved) {
+FanHealth::FanHealth(const std::vector<FanHabit>& saved, double longestGapSeconds)
+    : clock_(longestGapSeconds) {
     for (const FanHabit& habit : saved) {
-        if (habit.id >= 0 && habit.id < kMostFans) {
-            fans_[habit.id].habit = habit;
-        }
+        fans_[habit.id].habit = habit;
     }
 }
 
-void FanHealth::Count::add(bool out, double passed, double limit, Date date, double asked,
-                           double seen) {
-    const double step = std::min(passed, limit / kVerdictSamples);
-    if (out) {
-        since = seconds > 0 ? since : date;
-        expected = asked;
-        measured = seen;
-    }
-    seconds = std::clamp(seconds + (out ? step : -step), 0.0, limit);
-    raised = seconds >= limit || (raised && seconds > 0);
-}
-
-void FanHealth::add(Date date, std::span<const FanSample> samples) {
-    if (!std::isfinite(date.secondsSinceReference)) {
+void FanHealth::add(const Snapshot& snapshot, std::span<const FanTarget> targets) {
+    if (clock_.advance(snapshot.date) == ObservationClock::Step::ignored) {
         return;
     }
-    const auto fellSilent = [this](const FanSample& sample) {
-        const auto known = fans_.find(sample.id);
-        return known != fans_.end() && known->second.before >= kTurningRpm && sample.target &&
-               sample.measured && isStopped(*sample.target, *sample.measured);
-    };
-    const bool together = samples.size() > 1 && std::ranges::all_of(samples, fellSilent);
-    for (const FanSample& given : samples) {
-        if (given.id < 0 || given.id >= kMostFans) {
+    std::vector<Sample> samples;
+    for (const FanReading& reading : snapshot.fans) {
+        if (reading.id < 0 || reading.id >= kMostFans) {
             continue;
         }
-        Fan& fan = fans_[given.id];
-        fan.habit.id = given.id;
-        const FanSample sample{given.id, ifFinite(given.target), ifFinite(given.measured),
-                               ifFinite(given.maximum)};
-        if (!sample.target || !sample.measured) {
+        Fan& fan = fans_[reading.id];
+        fan.habit.id = reading.id;
+        const auto speed = ifFinite(reading.rpm);
+        const auto target = std::ranges::find(targets, reading.id, &FanTarget::id);
+        if (!speed || target == targets.end() || !std::isfinite(target->rpm)) {
             fan.state = FanState::unreadable;
-            continue;
+        } else {
+            samples.push_back(
+                {fan, snapshot.date, target->rpm, *speed, ifFinite(reading.maximum).value_or(0)});
         }
-        if (fan.last == date) {
-            continue;
-        }
-        fan.together = together || (fan.together && *sample.measured < kTurningRpm);
-        const double passed = continuesObservation(fan.last, date) ? date - *fan.last : 0;
-        if (follow(fan, date, sample)) {
-            judge(fan, date, passed, sample);
-        }
-        fan.last = date;
-        fan.before = *sample.measured;
+    }
+    const bool together = samples.size() > 1 && std::ranges::all_of(samples, [](const Sample& it) {
+                              return it.fan.before >= kTurningRpm && isStopped(it.target, it.speed);
+                          });
+    for (const Sample& sample : samples) {
+        Fan& fan = sample.fan;
+        fan.together = together || (fan.together && sample.speed < kTurningRpm);
+        follow(sample);
+        fan.last = sample.date;
+        fan.before = sample.speed;
     }
 }
 
-// Says where the fan is in its phase; true when it may be judged.
-bool FanHealth::follow(Fan& fan, Date date, const FanSample& sample) {
-    const double target = *sample.target;
-    const bool woke = !continuesObservation(fan.last, date);
-    const double same = std::max(kSameTargetRpm, kSameTargetShare * sample.maximum.value_or(0));
-    if (woke || std::abs(target - fan.target) > same) {
+// Says where the fan is in its phase, and judges it when it may be.
+void FanHealth::follow(const Sample& sample) {
+    const auto& [fan, date, target, speed, maximum] = sample;
+    const bool continues = continuesObservation(fan.last, date, clock_.longestGapSeconds());
+    const double same = std::max(kSameTargetRpm, kSameTargetShare * maximum);
+    if (!continues || std::abs(target - fan.target) > same) {
         fan.target = target;
-        fan.phaseSince = date;
         fan.shareSum = fan.steadySeconds = 0;
-        fan.phaseUsed = false;
+        fan.settledAt =
+            continues ? std::max(fan.settledAt, date + kSettlingSeconds) : date + kWakingSeconds;
     }
-    if (woke) {
-        fan.wokeAt = date;
+    const bool settled = date >= fan.settledAt;
+    fan.state = target < kTurningRpm && speed < kTurningRpm ? FanState::off
+                : settled                                   ? FanState::steady
+                                                            : FanState::settling;
+    if (settled) {
+        judge(sample, date - *fan.last);
     }
-    const bool turns = *sample.measured >= kTurningRpm;
-    if (target < kTurningRpm && !turns) {
-        fan.state = FanState::off;
-        return false;
-    }
-    const bool settled =
-        date - fan.phaseSince >= kSettlingSeconds && date - fan.wokeAt >= kWakingSeconds;
-    fan.state = settled ? FanState::steady : turns ? FanState::settling : FanState::starting;
-    return settled;
 }
 
-void FanHealth::judge(Fan& fan, Date date, double passed, const FanSample& sample) {
-    const double target = *sample.target, speed = *sample.measured;
-    const double maximum = sample.maximum.value_or(0);
-    const double usual = usualSpeed(fan.habit, target, maximum);
-    const bool stopped = isStopped(target, speed);
-    fan.stopped.add(stopped, passed, kStoppedSeconds, date, target, speed);
-    if (!stopped) {
-        fan.turning.reset();
-        fan.slow.add(target >= kLeastTargetRpm && speed < kLowShare * usual, passed, kSlowSeconds,
-                     date, usual, speed);
-        fan.unasked.add(speed > kFastShare * target && speed > target + kFastRpm, passed,
-                        kUnaskedSeconds, date, target, speed);
-    }
-    if (target < kLeastTargetRpm || stopped) {
+void FanHealth::judge(const Sample& sample, double passed) {
+    Fan& fan = sample.fan;
+    const double target = sample.target, speed = sample.speed;
+    const auto count = [&](Evidence& evidence, bool seen, double limit, double expected) {
+        const double step = std::min(passed, limit / kVerdictSamples);
+        seen ? evidence.see(step, limit, sample.date, expected, speed) : evidence.miss(step);
+    };
+    const double usual = usualSpeed(fan.habit, target);
+    const bool stopped = isStopped(target, speed), asked = target >= kLeastTargetRpm;
+    count(fan.stopped, stopped, kStoppedSeconds, target);
+    if (stopped) {
         return;
     }
-    fan.shareSum += speed / target * passed;
-    fan.steadySeconds += passed;
-    if (fan.steadySeconds >= kPhaseSeconds && !fan.phaseUsed) {
-        fan.phaseUsed = true;
-        finishPhase(fan, date, maximum);
+    fan.turning.reset();
+    count(fan.slow, asked && speed < kLowShare * usual, kSlowSeconds, usual);
+    count(fan.unasked, speed > std::max(kFastShare * target, target + kFastRpm), kUnaskedSeconds,
+          target);
+    if (asked && fan.steadySeconds < kPhaseSeconds) {
+        fan.shareSum += speed / target * passed;
+        fan.steadySeconds += passed;
+        if (fan.steadySeconds >= kPhaseSeconds) {
+            finishPhase(sample);
+        }
     }
 }
 
 // A steady phase has lasted long enough to say what the fan reaches.
-void FanHealth::finishPhase(Fan& fan, Date date, double maximum) {
+void FanHealth::finishPhase(const Sample& sample) {
+    const auto& [fan, date, target, speed, maximum] = sample;
+    FanHabit& habit = fan.habit;
     const double share = fan.shareSum / fan.steadySeconds;
+    const double reached = share * fan.target, usual = usualSpeed(habit, fan.target);
     if (maximum > 0 && fan.target >= kTopShare * maximum) {
-        const double usual = usualSpeed(fan.habit, fan.target, maximum);
-        auto& below = fan.habit.below;
-        if (share * fan.target >= kReachedShare * usual) {
-            below.clear();
-        } else {
-            fan.habit.usual = usual;
-            fan.habit.reached = share * fan.target;
-            if (below.size() < kCeilingDays &&
-                (below.empty() || dayOf(below.back()) != dayOf(date))) {
-                below.push_back(date);
-            }
+        if (reached >= kReachedShare * usual) {
+            habit.ceiling = {};
+        } else if (habit.ceiling.count == 0 || habit.ceilingDay != dayOf(date)) {
+            habit.ceilingDay = dayOf(date);
+            habit.ceiling.see(1, kCeilingDays, date, usual, reached);
         }
     }
-    FanResponsePart& part = partOf(fan.habit, tenthOf(fan.target, maximum));
-    const bool well = !fan.slow.raised && fan.habit.below.empty();
-    if (well && share >= kLeastHabit && share <= kMostHabit && part.phases < kMostPhases) {
-        ++part.phases;
-        part.share = part.phases == 1 ? share : part.share + (share - part.share) / part.phases;
+    const bool well = !fan.slow.raised && habit.ceiling.count == 0;
+    if (well && share >= kLeastHabit && share <= kMostHabit && habit.phases < kMostPhases) {
+        ++habit.phases;
+        habit.share += (share - habit.share) / habit.phases;
     }
 }
 
@@ -196,42 +150,34 @@ FanState FanHealth::state(int id) const {
     return found == fans_.end() ? FanState::unreadable : found->second.state;
 }
 
-bool FanHealth::seemsStopped() const {
-    return std::ranges::any_of(fans_,
-                               [](const auto& entry) { return entry.second.stopped.raised; });
-}
-
 std::vector<HealthFinding> FanHealth::findings() const {
+    using Severity = DiagnosticSeverity;
     std::vector<HealthFinding> list;
     for (const auto& [id, fan] : fans_) {
-        const auto tell = [&, id = id](HealthKind kind, DiagnosticSeverity severity,
-                                       DiagnosticConfidence confidence, const Count& count) {
-            list.push_back({kind, severity, confidence, std::to_string(id),
-                            "风扇 " + std::to_string(id + 1), count.since, count.expected,
-                            count.measured});
+        const auto tell = [&, id = id](HealthKind kind, const Evidence& evidence, bool confirmed,
+                                       Severity severity = Severity::warning) {
+            list.push_back(
+                {kind, severity,
+                 confirmed ? DiagnosticConfidence::confirmed : DiagnosticConfidence::possible,
+                 std::to_string(id), "风扇 " + std::to_string(id + 1), evidence});
         };
-        using Severity = DiagnosticSeverity;
-        using Confidence = DiagnosticConfidence;
+        const Evidence& ceiling = fan.habit.ceiling;
         if (fan.stopped.raised) {
             // All at once: rather the reading than the fans, unless the heat says otherwise.
             const bool silent = fan.turning.value_or(fan.together);
-            tell(silent ? HealthKind::tachometerSilent : HealthKind::fanStopped, Severity::warning,
-                 fan.turning ? Confidence::confirmed : Confidence::possible, fan.stopped);
+            tell(silent ? HealthKind::tachometerSilent : HealthKind::fanStopped, fan.stopped,
+                 fan.turning.has_value());
             continue;
         }
         if (fan.slow.raised) {
-            tell(HealthKind::fanSlow, Severity::warning, Confidence::confirmed, fan.slow);
-        } else if (fan.habit.below.size() >= kCeilingDays) {
-            Count ceiling;
-            ceiling.since = fan.habit.below.front();
-            ceiling.expected = fan.habit.usual;
-            ceiling.measured = fan.habit.reached;
-            const bool worn = fan.habit.reached < kWornShare * fan.habit.usual;
-            tell(HealthKind::fanCeiling, worn ? Severity::warning : Severity::information,
-                 Confidence::confirmed, ceiling);
+            tell(HealthKind::fanSlow, fan.slow, true);
+        } else if (ceiling.raised) {
+            const bool worn = ceiling.measured < kWornShare * ceiling.expected.value_or(0);
+            tell(HealthKind::fanCeiling, ceiling, true,
+                 worn ? Severity::warning : Severity::information);
         }
-        if (fan.unasked.raised && isKnownToFollow(fan.habit)) {
-            tell(HealthKind::fanUnasked, Severity::warning, Confidence::possible, fan.unasked);
+        if (fan.unasked.raised && fan.habit.phases >= kKnownPhases) {
+            tell(HealthKind::fanUnasked, fan.unasked, false);
         }
     }
     return list;

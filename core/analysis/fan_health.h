@@ -8,59 +8,40 @@
 #include <vector>
 
 #include "core/analysis/health_finding.h"
+#include "core/analysis/observation_clock.h"
 #include "core/model/date.h"
+#include "core/model/fan_target.h"
 #include "core/model/json_fields.h"
+#include "core/model/snapshot.h"
 
 namespace ferovane {
-
-// Speeds in revolutions per minute; what cannot be read is absent, never 0.
-struct FanSample {
-    int id = 0;                    // fan index from 0
-    std::optional<double> target;  // what the fan's key holds, whoever wrote it
-    std::optional<double> measured;
-    std::optional<double> maximum;  // as rated
-};
 
 enum class FanState {
     unreadable,  // no target or no speed
     off,         // not asked to turn, and does not
-    starting,    // asked to turn, and does not yet
-    settling,    // the target changed less than kSettlingSeconds ago, or the machine just woke
+    settling,    // the target changed just now, or the machine woke
     steady       // may be judged
 };
 
-// What was learned about one fan while it was well.
-struct FanResponsePart {
-    int tenth = 0;     // of the rated maximum that the target lies in
-    double share = 1;  // of the target that the fan reaches
-    int phases = 0;    // from which it was learned
-
-    bool operator==(const FanResponsePart&) const = default;
-    static constexpr auto jsonFields() {
-        using R = FanResponsePart;
-        return std::tuple{jsonField("tenth", &R::tenth), jsonField("share", &R::share),
-                          jsonField("phases", &R::phases)};
-    }
-};
+// What was learned about one fan.
 struct FanHabit {
-    int id = 0;
-    std::vector<FanResponsePart> parts;
-    std::vector<Date> below;        // when the maximum was asked for and not reached, a date a day
-    double usual = 0, reached = 0;  // rpm, on the last of them
+    int id = 0;          // fan index from 0
+    double share = 1;    // of its target that it reached while it was well
+    int phases = 0;      // from which that was learned
+    Evidence ceiling;    // rpm; days on which the maximum was asked for and not reached
+    int ceilingDay = 0;  // the last of them
 
     bool operator==(const FanHabit&) const = default;
     static constexpr auto jsonFields() {
         using R = FanHabit;
-        return std::tuple{jsonField("id", &R::id), jsonField("parts", &R::parts),
-                          jsonField("below", &R::below), jsonField("usual", &R::usual),
-                          jsonField("reached", &R::reached)};
+        return std::tuple{jsonField("id", &R::id), jsonField("share", &R::share),
+                          jsonField("phases", &R::phases), jsonField("ceiling", &R::ceiling),
+                          jsonField("ceilingDay", &R::ceilingDay)};
     }
 };
 
-// Judges each fan in steady phases only, by counters that go up while it is out of its band and
-// down while it is in: a fan that wobbles is found, one that misses a sample is not. The band is
-// around what this very fan has reached at such targets before. Any pace of sampling up to one in
-// 15 s; after a longer pause the machine counts as having just woken.
+// Judges each fan in steady phases only, by evidence in seconds. The band is around what this very
+// fan has reached before. After a pause the machine counts as having just woken.
 //
 // A plain value without a clock; one thread at a time.
 class FanHealth {
@@ -74,15 +55,17 @@ public:
     static constexpr double kTopShare = 0.95;     // of the maximum: a target this high asks for it
     static constexpr double kReachedShare = 0.9;  // of the usual, which is to be reached there
     static constexpr int kCeilingDays = 3;        // different days on which it was not
+    static constexpr double kLeastHabit = 0.9, kMostHabit = 1.1;  // other shares are a fault
+    static constexpr int kMostPhases = 20;  // then it is not learned any more: wear is no habit
+    static constexpr int kMostFans = 100;   // a fan with a higher index is not looked at
 
-    static constexpr int kMostFans = 100;  // a fan with a higher index is not looked at
+    // With what habits() gave.
+    explicit FanHealth(const std::vector<FanHabit>& saved = {},
+                       double longestGapSeconds = kLongestGapSeconds);
 
-    FanHealth() = default;
-    explicit FanHealth(const std::vector<FanHabit>& saved);  // with what habits() gave
-
-    // One sample of all fans. A second one of the same moment, or without a finite date, does not
-    // count; a clock that was set back is a pause.
-    void add(Date date, std::span<const FanSample> fans);
+    // One sample of all fans; `targets` is what their keys hold, whoever wrote it. Which samples
+    // count is ObservationClock's to say.
+    void add(const Snapshot& snapshot, std::span<const FanTarget> targets);
 
     // Whether fans that seem stopped turn, as the machine's heat tells it; absent while it does not
     // tell. Believed until the fans are seen turning.
@@ -90,7 +73,6 @@ public:
 
     // Unreadable for a fan that was never seen.
     FanState state(int id) const;
-    bool seemsStopped() const;  // any fan
 
     std::vector<HealthFinding> findings() const;
 
@@ -98,33 +80,29 @@ public:
     std::vector<FanHabit> habits() const;
 
 private:
-    // Net seconds out of a band, and the evidence.
-    struct Count {
-        double seconds = 0;
-        bool raised = false;
-        Date since;
-        double expected = 0, measured = 0;
-
-        void add(bool out, double passed, double limit, Date date, double asked, double seen);
-    };
     struct Fan {
         FanHabit habit;
         FanState state = FanState::unreadable;
         std::optional<Date> last;  // readable sample
-        Date phaseSince, wokeAt;
-        double target = 0;  // of the phase
-        double before = 0;  // speed of the last sample
+        double before = 0;         // speed in it
+        double target = 0;         // of the phase
+        Date settledAt;            // when the phase may be judged
         double shareSum = 0, steadySeconds = 0;
-        bool phaseUsed = false;  // learned from, or judged at the maximum
-        bool together = false;   // all fans fell silent in one sample
+        bool together = false;  // all fans fell silent in one sample
         std::optional<bool> turning;
-        Count stopped, slow, unasked;
+        Evidence stopped, slow, unasked;
+    };
+    struct Sample {
+        Fan& fan;
+        Date date;
+        double target, speed, maximum;  // rpm; maximum 0: not known
     };
 
-    static bool follow(Fan& fan, Date date, const FanSample& sample);
-    static void judge(Fan& fan, Date date, double passed, const FanSample& sample);
-    static void finishPhase(Fan& fan, Date date, double maximum);
+    void follow(const Sample& sample);
+    static void judge(const Sample& sample, double passed);
+    static void finishPhase(const Sample& sample);
 
+    ObservationClock clock_;
     std::map<int, Fan> fans_;
 };
 

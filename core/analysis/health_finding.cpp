@@ -3,60 +3,48 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <cstddef>
 #include <functional>
 #include <string_view>
+
+#include "core/analysis/numbers.h"
 
 namespace ferovane {
 namespace {
 
-// Name, `says`, what is expected, `but`, what was measured, `unit`; what is absent is left out with
-// the text behind it.
+// Beyond it no number of a finding means anything.
+constexpr double kMostTold = 1e9;
+
+struct Unit {
+    std::string_view between, after;
+};
+constexpr Unit kRpm{" 转/分，实测 ", " 转/分"}, kCelsius{" °C 变为 ", " °C"};
+
+// Name, `says`, what is expected, `between`, what was measured, `after`; what is absent is left out
+// with the text behind it.
 struct Sentence {
-    HealthKind kind;
-    std::string_view id, says, but, unit;
+    std::string_view id, says;
+    Unit unit = kCelsius;
 };
 
-constexpr std::string_view kButTurns = " 转/分，实测 ", kRpm = " 转/分", kCelsius = " °C";
-constexpr std::string_view kBecame = " °C 变为 ", kHotterId = "hotter:";
-
-constexpr std::array kSentences{
-    Sentence{HealthKind::fanStopped, "fan-stopped:", "没有转动，或转速信号中断：目标 ", kButTurns,
-             kRpm},
-    Sentence{HealthKind::fanSlow, "fan-slow:", "转速偏低：应为 ", kButTurns, kRpm},
-    Sentence{HealthKind::fanCeiling, "fan-ceiling:", "达不到额定最高转速：应为 ", kButTurns, kRpm},
-    Sentence{HealthKind::fanUnasked, "fan-unasked:", "未受指示而转动，或转得过快：目标 ", kButTurns,
-             kRpm},
-    Sentence{HealthKind::tachometerSilent, "fan-silent:", "转速信号中断，风扇很可能仍在转动：目标 ",
-             kButTurns, kRpm},
-    Sentence{HealthKind::sensorFrozen,
-             "sensor-frozen:",
-             " 读数停滞，按周围传感器的变化它应当改变：一直为 ",
-             {},
-             kCelsius},
-    Sentence{HealthKind::sensorSpike, "sensor-spike:", " 读数出现尖峰，随即返回：由 ", kBecame,
-             kCelsius},
-    Sentence{HealthKind::sensorOffset, "sensor-offset:", " 读数整体偏移，周围传感器没有变化：由 ",
-             kBecame, kCelsius},
-    Sentence{HealthKind::sensorGone, "sensor-gone:", " 不再提供读数", {}, {}},
-    Sentence{HealthKind::hotterToSink,
-             kHotterId,
-             "处理器到散热器的导热变差（导热膏可能老化），同样负载下升温 ",
-             {},
-             kCelsius},
-    Sentence{HealthKind::hotterToAir,
-             kHotterId,
-             "处理器散热器到空气的散热变差（可能积灰或风口受阻），同样负载下升温 ",
-             {},
-             kCelsius},
-    Sentence{HealthKind::hotterOverall,
-             kHotterId,
-             "处理器散热变差（可能积灰或导热膏老化），同样负载下升温 ",
-             {},
-             kCelsius},
-};
+constexpr std::array<Sentence, 12> kSentences{{
+    // by kind
+    {"fan-stopped:", "没有转动，或转速信号中断：目标 ", kRpm},
+    {"fan-slow:", "转速偏低：应为 ", kRpm},
+    {"fan-ceiling:", "达不到额定最高转速：应为 ", kRpm},
+    {"fan-unasked:", "未受指示而转动，或转得过快：目标 ", kRpm},
+    {"fan-silent:", "转速信号中断，风扇很可能仍在转动：目标 ", kRpm},
+    {"sensor-frozen:", " 读数停滞，按周围传感器的变化它应当改变：一直为 "},
+    {"sensor-spike:", " 读数出现尖峰，随即返回：由 "},
+    {"sensor-offset:", " 读数整体偏移，周围传感器没有变化：由 "},
+    {"sensor-gone:", " 不再提供读数"},
+    {"hotter:", "处理器到散热器的导热变差（导热膏可能老化），同样负载下升温 "},
+    {"hotter:", "处理器散热器到空气的散热变差（可能积灰或风口受阻），同样负载下升温 "},
+    {"hotter:", "处理器散热变差（可能积灰或导热膏老化），同样负载下升温 "},
+}};
 
 const Sentence& sentenceOf(HealthKind kind) {
-    return *std::ranges::find(kSentences, kind, &Sentence::kind);
+    return kSentences.at(static_cast<std::size_t>(kind));
 }
 
 std::string dayText(Date date) {
@@ -70,17 +58,32 @@ int dayOf(Date date) {
         std::clamp(std::floor(date.secondsSinceReference / kDaySeconds), -1e9, 1e9));
 }
 
+void Evidence::see(double step, double limit, Date date, std::optional<double> usual,
+                   std::optional<double> seen) {
+    since = count > 0 ? since : date;
+    expected = usual;
+    measured = seen;
+    count = std::min(count + step, limit);
+    raised = raised || count >= limit;
+}
+
+void Evidence::miss(double step) {
+    count = std::max(count - step, 0.0);
+    raised = raised && count > 0;
+}
+
 std::string text(const HealthFinding& finding) {
-    const Sentence& sentence = sentenceOf(finding.kind);
+    const auto& [id, says, unit] = sentenceOf(finding.kind);
     std::string all = finding.name;
-    all += sentence.says;
+    all += says;
     const auto put = [&all](std::optional<double> number, std::string_view after) {
-        if (number) {
-            all.append(std::to_string(std::llround(*number))).append(after);
+        if (ifFinite(number)) {
+            const double told = std::clamp(*number, -kMostTold, kMostTold);
+            all.append(std::to_string(std::llround(told))).append(after);
         }
     };
-    put(finding.expected, sentence.but);
-    put(finding.measured, sentence.unit);
+    put(finding.evidence.expected, unit.between);
+    put(finding.evidence.measured, unit.after);
     if (finding.baseline) {
         all += "；对照 " + dayText(finding.baseline->from) + " 至 " + dayText(finding.baseline->to);
     }
@@ -97,8 +100,8 @@ DiagnosticFinding asDiagnostic(const HealthFinding& finding, Date now) {
     told.severity = finding.severity;
     told.confidence = finding.confidence;
     told.subject = text(finding);
-    told.value = finding.measured;
-    told.seconds = std::max(now - finding.since, 0.0);
+    told.value = finding.evidence.measured;
+    told.seconds = std::max(now - finding.evidence.since, 0.0);
     return told;
 }
 

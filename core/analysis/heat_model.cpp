@@ -3,11 +3,10 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
-#include <limits>
 #include <random>
 #include <utility>
 
-#include "core/analysis/heat_trend.h"
+#include "core/analysis/numbers.h"
 
 namespace ferovane {
 namespace {
@@ -32,48 +31,80 @@ constexpr std::size_t kRefits = 18;  // two draws of days with each of these
 constexpr std::array kExponents{0.5, 0.7, 1.0};
 constexpr std::array kHiddenShares{0.5, 1.0, 1.5};
 
-using Step = RecordedDay::Step;
 using Days = std::vector<const RecordedDay*>;  // one may count several times
 
-std::optional<double> finiteIn(const std::optional<double>& value) {
-    return value && std::isfinite(*value) ? value : std::nullopt;
-}
+// ---- Samples as even steps ---------------------------------------------------------------------
 
-bool areMostlyPresent(std::span<const RecordedSample> samples,
-                      std::optional<double> RecordedSample::*member) {
-    const auto count = std::count_if(samples.begin(), samples.end(), [&](const RecordedSample& it) {
-        return finiteIn(it.*member).has_value();
-    });
+using Step = RecordedDay::Step;
+
+struct Quantity {
+    std::optional<double> HeatSample::*read;
+    double Step::*kept;
+    bool RecordedDay::*told;  // null: a step is none without it
+};
+constexpr std::array kQuantities{
+    Quantity{&HeatSample::watts, &Step::watts, &RecordedDay::hasWatts},
+    Quantity{&HeatSample::load, &Step::load, &RecordedDay::hasLoad},
+    Quantity{&HeatSample::room, &Step::room, &RecordedDay::hasRoom},
+    Quantity{&HeatSample::die, &Step::die, nullptr},
+    Quantity{&HeatSample::sink, &Step::sink, nullptr},
+    Quantity{&HeatSample::rpm, &Step::rpm, nullptr},
+};
+
+bool isMostlyPresent(const Quantity& quantity, std::span<const HeatSample> samples) {
+    const auto count = std::ranges::count_if(
+        samples, [&](const HeatSample& it) { return ifFinite(it.*quantity.read).has_value(); });
     return count > 0 &&
            static_cast<double>(count) >= kMostlyPresent * static_cast<double>(samples.size());
 }
 
+// What the day tells of a sample; absent when that is not complete.
+std::optional<Step> stepOf(const RecordedDay& day, const HeatSample& sample) {
+    Step step;
+    for (const Quantity& quantity : kQuantities) {
+        if (quantity.told == nullptr || day.*quantity.told) {
+            const auto value = ifFinite(sample.*quantity.read);
+            if (!value) {
+                return std::nullopt;
+            }
+            step.*quantity.kept = *value;
+        }
+    }
+    step.rpm = std::max(step.rpm, 0.0);
+    return step;
+}
+
 Step between(const Step& from, const Step& to, double part) {
-    const auto mix = [part](double a, double b) { return a + (b - a) * part; };
-    return {mix(from.watts, to.watts), mix(from.load, to.load),       mix(from.die, to.die),
-            mix(from.sink, to.sink),   mix(from.ambient, to.ambient), mix(from.rpm, to.rpm)};
+    Step step;
+    for (const Quantity& quantity : kQuantities) {
+        const double first = from.*quantity.kept;
+        step.*quantity.kept = first + (to.*quantity.kept - first) * part;
+    }
+    return step;
 }
 
 // ---- The sink of a given model -----------------------------------------------------------------
 
-// What a step of a day does to the sink.
+// What a step does to the sink.
 struct Drive {
     double heat;  // that has passed the die, as far as it is told
-    double flow, sink, die, ambient;
+    double flow, sink, die, room;
     bool begins;
 };
+using Stretch = std::vector<Drive>;  // in a room that stays as much warmer or cooler
 
-std::vector<Drive> drivesOf(const RecordedDay& day, const HeatModel& model) {
+Stretch drivesOf(const RecordedDay& day, const HeatModel& model) {
     const double share = 1 - std::exp(-RecordedDay::kStepSeconds / HeatModel::kDieSeconds);
-    const double room = day.hasAmbient ? 0 : kOrdinaryRoom;
-    std::vector<Drive> drives;
+    const double room = day.hasRoom ? 0 : kOrdinaryRoom;
+    Stretch drives;
     drives.reserve(day.steps.size());
     double heat = 0;
     for (const Step& step : day.steps) {
+        const bool begins = step.begins || drives.empty();
         const double told = model.fromLoad ? step.load : step.watts;
-        heat = step.begins ? told : heat + (told - heat) * share;
+        heat = begins ? told : heat + (told - heat) * share;
         drives.push_back(
-            {heat, model.flow(step.rpm), step.sink, step.die, step.ambient + room, step.begins});
+            {heat, model.flow(step.rpm), step.sink, step.die, step.room + room, begins});
     }
     return drives;
 }
@@ -90,31 +121,55 @@ struct Sink {
     double room = 0;  // what each K adds by which the room is warmer, 0 to 1
 
     void advance(const HeatModel& model, const Drive& drive) {
+        if (drive.begins) {
+            *this = {drive.sink};
+        }
         const double inertia = model.sinkSeconds / RecordedDay::kStepSeconds;
         const double cooling = model.cooling(drive.flow);
         const double whole = inertia + cooling;
-        air = (inertia * air + cooling * drive.ambient) / whole;
+        air = (inertia * air + cooling * drive.room) / whole;
         heat = (inertia * heat + drive.heat + model.hiddenHeat) / whole;
         room = (inertia * room + cooling) / whole;
     }
 };
 
-// The sink as its sensor and, through the die, the die's sensor tell.
-double sinkRead(const HeatModel& model, const Drive& drive) {
-    return (drive.sink + drive.die - dieAbove(model, drive)) / 2;
+// Of a free run: the products of what was read above the air, of what heat and room add.
+struct Products {
+    double readRead = 0, heatRead = 0, heatHeat = 0, roomRead = 0, roomHeat = 0, roomRoom = 0;
+
+    // In K, the room that suits a run best.
+    double room(double resistance) const {
+        return roomRoom > 0 ? (roomRead - resistance * roomHeat) / roomRoom : 0;
+    }
+};
+
+Products productsOf(const HeatModel& model, const Stretch& stretch) {
+    Products sum;
+    Sink sink;
+    for (const Drive& drive : stretch) {
+        sink.advance(model, drive);
+        // The sink as its sensor and, through the die, the die's sensor tell.
+        const double read = (drive.sink + drive.die - dieAbove(model, drive)) / 2 - sink.air;
+        sum.readRead += read * read;
+        sum.heatRead += sink.heat * read;
+        sum.heatHeat += sink.heat * sink.heat;
+        sum.roomRead += sink.room * read;
+        sum.roomHeat += sink.room * sink.heat;
+        sum.roomRoom += sink.room * sink.room;
+    }
+    return sum;
 }
 
 // ---- The fit -----------------------------------------------------------------------------------
 
-// An hour at most with a room of its own. Fans run faster in a warmer room: one that drifts
+// An hour at most has a room of its own. Fans run faster in a warmer room: one that drifts
 // unnoticed would make them look useless.
-using Stretch = std::vector<Drive>;
-
 std::vector<Stretch> stretchesOf(const Days& days, const HeatModel& model) {
     std::vector<Stretch> stretches;
     for (const RecordedDay* day : days) {
-        for (const Drive& drive : drivesOf(*day, model)) {
-            if (drive.begins || stretches.back().size() >= kRoomSteps) {
+        for (Drive drive : drivesOf(*day, model)) {
+            drive.begins = drive.begins || stretches.back().size() >= kRoomSteps;
+            if (drive.begins) {
                 stretches.emplace_back();
             }
             stretches.back().push_back(drive);
@@ -146,21 +201,10 @@ void fitDie(const std::vector<Stretch>& stretches, double hiddenShare, HeatModel
 double fitSink(const std::vector<Stretch>& stretches, HeatModel& model) {
     double readRead = 0, heatRead = 0, heatHeat = 0;
     for (const Stretch& stretch : stretches) {
-        Sink sink{stretch.front().sink};
-        double rr = 0, hr = 0, hh = 0, roomRead = 0, roomHeat = 0, roomRoom = 0;
-        for (const Drive& drive : stretch) {
-            sink.advance(model, drive);
-            const double read = sinkRead(model, drive) - sink.air;
-            rr += read * read;
-            hr += sink.heat * read;
-            hh += sink.heat * sink.heat;
-            roomRead += sink.room * read;
-            roomHeat += sink.room * sink.heat;
-            roomRoom += sink.room * sink.room;
-        }
-        readRead += rr - roomRead * roomRead / roomRoom;
-        heatRead += hr - roomHeat * roomRead / roomRoom;
-        heatHeat += hh - roomHeat * roomHeat / roomRoom;
+        const Products sum = productsOf(model, stretch);
+        readRead += sum.readRead - sum.roomRead * sum.roomRead / sum.roomRoom;
+        heatRead += sum.heatRead - sum.roomHeat * sum.roomRead / sum.roomRoom;
+        heatHeat += sum.heatHeat - sum.roomHeat * sum.roomHeat / sum.roomRoom;
     }
     model.sinkResistance = heatRead / heatHeat;
     return readRead - model.sinkResistance * heatRead;
@@ -200,24 +244,49 @@ bool isPhysical(const HeatModel& model) {
            model.sinkSeconds > kSinkSeconds.least && model.sinkSeconds < kSinkSeconds.most;
 }
 
+bool isAdmissible(const HeatErrors& errors) {
+    return errors.dieRms <= HeatErrors::kMostDieRms && errors.sinkRms <= HeatErrors::kMostSinkRms &&
+           std::abs(errors.dieBias) <= HeatErrors::kMostBias &&
+           std::abs(errors.sinkBias) <= HeatErrors::kMostBias;
+}
+
+std::vector<double> valuesOf(const Days& days, double Step::*member) {
+    std::vector<double> values;
+    for (const RecordedDay* day : days) {
+        for (const Step& step : day->steps) {
+            values.push_back(step.*member);
+        }
+    }
+    return values;
+}
+
+// Fits to days drawn from these.
+std::vector<HeatModel> refitsOf(const Days& days, const HeatModel& model) {
+    std::vector<HeatModel> refits;
+    std::minstd_rand random;
+    for (std::size_t i = 0; i < kRefits; ++i) {
+        Days drawn;
+        for (std::size_t day = 0; day < days.size(); ++day) {
+            drawn.push_back(days[random() % days.size()]);
+        }
+        HeatModel other = model;
+        other.flowExponent = kExponents[i % kExponents.size()];
+        const double hidden = kHiddenShares[i / kExponents.size() % kHiddenShares.size()];
+        refits.push_back(fitted(drawn, other, hidden, kRefitSearch));
+    }
+    return refits;
+}
+
 // Of enough days, that have what it takes. The last one is held out.
 HeatFit fitBy(Days days, const FanRange& range, bool fromLoad) {
     const RecordedDay& heldOut = *days.back();
     days.pop_back();
     HeatFit fit;
-    fit.model.range = range;
-    fit.model.fromLoad = fromLoad;
     const auto refused = [&fit](HeatRefusal refusal) {
         fit.refusal = refusal;
         return fit;
     };
-    std::vector<double> told, speeds;
-    for (const RecordedDay* day : days) {
-        for (const Step& step : day->steps) {
-            told.push_back(fromLoad ? step.load : step.watts);
-            speeds.push_back(step.rpm);
-        }
-    }
+    const auto speeds = valuesOf(days, &Step::rpm);
     fit.slowest = quantile(speeds, kRarest);
     fit.fastest = quantile(speeds, 1 - kRarest);
     const double spread = quantile(speeds, kHigh) - quantile(speeds, kLow);
@@ -225,10 +294,11 @@ HeatFit fitBy(Days days, const FanRange& range, bool fromLoad) {
         spread < HeatFit::kLeastFanSpreadOfRange * (range.maximum - range.minimum)) {
         return refused(HeatRefusal::fanNotVaried);
     }
-    fit.model = fitted(days, fit.model, 1, kWidestSearch);
+    fit.model = fitted(days, {range, fromLoad}, 1, kWidestSearch);
     // What a machine draws beside its die is not heat of the die.
     const double beside = std::min(fit.model.hiddenHeat, 0.0);
-    const double least = quantile(told, kLow) + beside, most = quantile(told, kHigh) + beside;
+    const auto heat = valuesOf(days, fromLoad ? &Step::load : &Step::watts);
+    const double least = quantile(heat, kLow) + beside, most = quantile(heat, kHigh) + beside;
     if (!(most >= HeatFit::kLeastHeatRatio * least)) {
         return refused(HeatRefusal::heatNotVaried);
     }
@@ -236,24 +306,18 @@ HeatFit fitBy(Days days, const FanRange& range, bool fromLoad) {
         return refused(HeatRefusal::fitInvalid);
     }
     fit.errors = follow(fit.model, heldOut).errors;
-    if (!fit.errors.admissible()) {
+    if (!isAdmissible(fit.errors)) {
         return refused(HeatRefusal::notAccurate);
     }
-    std::minstd_rand random;
-    for (std::size_t i = 0; i < kRefits; ++i) {
-        Days drawn;
-        for (std::size_t day = 0; day < days.size(); ++day) {
-            drawn.push_back(days[random() % days.size()]);
-        }
-        HeatModel other = fit.model;
-        other.flowExponent = kExponents[i % kExponents.size()];
-        const double hidden = kHiddenShares[i / kExponents.size() % kHiddenShares.size()];
-        fit.refits.push_back(fitted(drawn, other, hidden, kRefitSearch));
-    }
-    const bool clear = std::all_of(fit.refits.begin(), fit.refits.end(), [](const HeatModel& it) {
+    fit.refits = refitsOf(days, fit.model);
+    const bool clear = std::ranges::all_of(fit.refits, [](const HeatModel& it) {
         return it.movedShare >= kLeastMovedShare && isPhysical(it);
     });
-    return clear ? fit : refused(HeatRefusal::fanUnclear);
+    if (!clear) {
+        return refused(HeatRefusal::fanUnclear);
+    }
+    fit.refusal.reset();
+    return fit;
 }
 
 }  // namespace
@@ -272,61 +336,37 @@ std::string_view title(HeatRefusal refusal) {
     return kTitles[static_cast<std::size_t>(refusal)];
 }
 
-double quantile(std::vector<double> values, double part) {
-    const auto at = values.begin() + std::lround(part * static_cast<double>(values.size() - 1));
-    std::nth_element(values.begin(), at, values.end());
-    return *at;
-}
-
-RecordedSample recordedSample(const Snapshot& snapshot, CurveSensor sensor) {
-    const HeatSample heat = heatSample(snapshot, {});
-    RecordedSample sample{
-        snapshot.date, heat.watts, snapshot.cpuUsage, temperature(sensor, snapshot), heat.sink,
-        heat.room,     {}};
-    double sum = 0;
-    for (const FanReading& fan : snapshot.fans) {
-        sum += fan.rpm.value_or(std::numeric_limits<double>::quiet_NaN());
-    }
-    sample.rpm = sum / static_cast<double>(snapshot.fans.size());
-    return sample;
-}
-
-RecordedDay RecordedDay::from(std::span<const RecordedSample> samples) {
+RecordedDay RecordedDay::from(std::span<const HeatSample> samples) {
     RecordedDay day;
-    day.hasWatts = areMostlyPresent(samples, &RecordedSample::watts);
-    day.hasLoad = areMostlyPresent(samples, &RecordedSample::load);
-    day.hasAmbient = areMostlyPresent(samples, &RecordedSample::ambient);
+    for (const Quantity& quantity : kQuantities) {
+        if (quantity.told != nullptr) {
+            day.*quantity.told = isMostlyPresent(quantity, samples);
+        }
+    }
     std::optional<Step> last;
     Date lastDate, next;  // when the last was read, and when the next step is due
     std::size_t begin = 0;
-    const auto endStretch = [&] {
+    const auto endStretch = [&day, &begin] {
         if (static_cast<double>(day.steps.size() - begin) * kStepSeconds <
             kShortestStretchSeconds) {
             day.steps.resize(begin);
         }
         begin = day.steps.size();
     };
-    for (const RecordedSample& sample : samples) {
-        const auto watts = finiteIn(sample.watts), load = finiteIn(sample.load);
-        const auto die = finiteIn(sample.die), sink = finiteIn(sample.sink);
-        const auto ambient = finiteIn(sample.ambient), rpm = finiteIn(sample.rpm);
-        if (!(std::abs(sample.date.secondsSinceReference) < kFarthestDate)) {
+    for (const HeatSample& sample : samples) {
+        const auto step = stepOf(day, sample);
+        if (!step || !(std::abs(sample.date.secondsSinceReference) < kFarthestDate) ||
+            (last && sample.date == lastDate)) {
             continue;
         }
-        const double passed = last ? sample.date - lastDate : RecordedDay::kLongestGapSeconds + 1;
-        if (!die || !sink || !rpm || (day.hasWatts && !watts) || (day.hasLoad && !load) ||
-            (day.hasAmbient && !ambient) || passed == 0 || !std::isfinite(passed)) {
-            continue;
-        }
-        const Step step{watts.value_or(0),   load.value_or(0),   *die, *sink,
-                        ambient.value_or(0), std::max(*rpm, 0.0)};
-        if (passed < 0 || passed > kLongestGapSeconds) {
+        const double passed = sample.date - lastDate;
+        const bool begins = !last || passed < 0 || passed > kLongestGapSeconds;
+        if (begins) {
             endStretch();
             next = sample.date;
         }
         for (; next <= sample.date; next = next + kStepSeconds) {
-            const bool begins = day.steps.size() == begin;
-            day.steps.push_back(begins ? step : between(*last, step, (next - lastDate) / passed));
+            day.steps.push_back(begins ? *step : between(*last, *step, (next - lastDate) / passed));
             day.steps.back().begins = begins;
         }
         last = step;
@@ -340,35 +380,19 @@ double HeatModel::flow(double rpm) const {
     return std::pow(rpm / range.maximum, flowExponent);
 }
 
-bool HeatErrors::admissible() const {
-    return dieRms <= kMostDieRms && sinkRms <= kMostSinkRms && std::abs(dieBias) <= kMostBias &&
-           std::abs(sinkBias) <= kMostBias;
-}
-
 HeatTrack follow(const HeatModel& model, const RecordedDay& day) {
-    const std::vector<Drive> drives = drivesOf(day, model);
-    std::vector<Sink> sinks;
-    Sink sink;
-    double off = 0, weight = 0;
-    for (const Drive& drive : drives) {
-        if (drive.begins) {
-            sink = {drive.sink};
-        }
-        sink.advance(model, drive);
-        sinks.push_back(sink);
-        off += sink.room * (sinkRead(model, drive) - sink.air - model.sinkResistance * sink.heat);
-        weight += sink.room * sink.room;
-    }
-    const double room = weight > 0 ? off / weight : 0;
+    const Stretch drives = drivesOf(day, model);
+    const double room = productsOf(model, drives).room(model.sinkResistance);
     HeatTrack track;
     auto& [dieRms, sinkRms, dieBias, sinkBias] = track.errors;
     const auto count = static_cast<double>(drives.size());
-    for (std::size_t i = 0; i < drives.size(); ++i) {
-        const double celsius =
-            sinks[i].air + model.sinkResistance * sinks[i].heat + room * sinks[i].room;
-        track.aboveAmbient.push_back(celsius - drives[i].ambient - room);
-        const double sinkError = celsius - drives[i].sink;
-        const double dieError = celsius + dieAbove(model, drives[i]) - drives[i].die;
+    Sink sink;
+    for (const Drive& drive : drives) {
+        sink.advance(model, drive);
+        const double celsius = sink.air + model.sinkResistance * sink.heat + room * sink.room;
+        track.aboveRoom.push_back(celsius - drive.room - room);
+        const double sinkError = celsius - drive.sink;
+        const double dieError = celsius + dieAbove(model, drive) - drive.die;
         dieBias += dieError / count;
         sinkBias += sinkError / count;
         dieRms += dieError * dieError / count;
@@ -393,15 +417,13 @@ HeatFit HeatFit::of(std::span<const RecordedDay> all, const FanRange& range) {
         return {HeatRefusal::tooFewDays};
     }
     const auto inAll = [&days](bool RecordedDay::*has) {
-        return std::all_of(days.begin(), days.end(), [has](auto* day) { return day->*has; });
+        return std::ranges::all_of(days, [has](const RecordedDay* day) { return day->*has; });
     };
-    HeatFit fit{HeatRefusal::noPower};
-    if (inAll(&RecordedDay::hasWatts)) {
-        fit = fitBy(days, range, false);
-    }
+    const bool watts = inAll(&RecordedDay::hasWatts);
+    HeatFit fit = watts ? fitBy(days, range, false) : HeatFit{HeatRefusal::noPower};
     if (fit.refusal && inAll(&RecordedDay::hasLoad)) {
-        const HeatFit byLoad = fitBy(days, range, true);
-        fit = fit.refusal == HeatRefusal::noPower || !byLoad.refusal ? byLoad : fit;
+        HeatFit byLoad = fitBy(days, range, true);
+        fit = watts && byLoad.refusal ? fit : std::move(byLoad);
     }
     return fit;
 }

@@ -12,26 +12,9 @@
 #include <string_view>
 #include <vector>
 
-#include "core/fan/fan_curve.h"
-#include "core/model/date.h"
-#include "core/model/snapshot.h"
+#include "core/analysis/heat_trend.h"
 
 namespace ferovane {
-
-// What was read at one moment. What is not finite counts as absent.
-struct RecordedSample {
-    Date date;
-    std::optional<double> watts;    // of what heats the die
-    std::optional<double> load;     // percent; taken where the watts are not known
-    std::optional<double> die;      // degrees Celsius, of the sensor that a curve follows
-    std::optional<double> sink;     // degrees Celsius, of the heat sink or a probe beside it
-    std::optional<double> ambient;  // degrees Celsius, of the room
-    std::optional<double> rpm;      // mean of the fans
-};
-
-// As a snapshot tells it, where the die is what a curve with this sensor would follow, and sink,
-// room and power are those of the long-term trend.
-RecordedSample recordedSample(const Snapshot& snapshot, CurveSensor sensor);
 
 // A recorded day at even steps.
 struct RecordedDay {
@@ -40,19 +23,19 @@ struct RecordedDay {
     static constexpr double kShortestStretchSeconds = 600;  // that is worth following
 
     struct Step {
-        double watts = 0, load = 0, die = 0, sink = 0, ambient = 0, rpm = 0;
+        double watts = 0, load = 0, die = 0, sink = 0, room = 0, rpm = 0;
         bool begins = false;  // what came before is not known
     };
 
     std::vector<Step> steps;  // 2.4 MB for 24 hours
-    bool hasWatts = false, hasLoad = false, hasAmbient = false;
+    bool hasWatts = false, hasLoad = false, hasRoom = false;
 
     double hours() const { return static_cast<double>(steps.size()) * kStepSeconds / 3600; }
 
     // From samples in the order of time; one that goes back or leaves a longer gap begins anew.
     // Watts, load and the room are told when nine samples of ten have them. A sample that lacks
     // what is told, or die, sink or fan speed, does not count.
-    static RecordedDay from(std::span<const RecordedSample> samples);
+    static RecordedDay from(std::span<const HeatSample> samples);
 };
 
 // Rated, in rpm: the mean of the fans.
@@ -85,13 +68,11 @@ struct HeatErrors {
     static constexpr double kMostDieRms = 2.5, kMostSinkRms = 1.5, kMostBias = 1;
 
     double dieRms = 0, sinkRms = 0, dieBias = 0, sinkBias = 0;
-
-    bool admissible() const;
 };
 
 // A day as a model follows it, in a room that is as much warmer or cooler as fits best.
 struct HeatTrack {
-    std::vector<double> aboveAmbient;  // K, of the sink, by step
+    std::vector<double> aboveRoom;  // K, of the sink, by step
     HeatErrors errors;
 };
 HeatTrack follow(const HeatModel& model, const RecordedDay& day);
@@ -119,7 +100,8 @@ struct HeatFit {
     // is held out. The same days give the same fit.
     static HeatFit of(std::span<const RecordedDay> days, const FanRange& range);
 
-    std::optional<HeatRefusal> refusal = {};  // with one, nothing else counts but the errors
+    // With one, nothing else counts but the errors; there is one until of() has found a model.
+    std::optional<HeatRefusal> refusal = HeatRefusal::tooFewDays;
     HeatModel model = {};
     // Of days drawn from the same ones, and with what one machine does not tell taken otherwise:
     // how far they lie apart shows how much the days really say.
@@ -127,8 +109,5 @@ struct HeatFit {
     HeatErrors errors = {};           // on the day held out
     double slowest = 0, fastest = 0;  // rpm that the model has seen, but for the rarest
 };
-
-// The value below which `part` of the values lie, 0 to 1; there is at least one.
-double quantile(std::vector<double> values, double part);
 
 }  // namespace ferovane

@@ -3,25 +3,24 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
-#include <cstdint>
-#include <iterator>
+#include <limits>
 #include <string_view>
 #include <utility>
 
-#include "core/analysis/observation_clock.h"
+#include "core/analysis/numbers.h"
 
 namespace ferovane {
 namespace {
 
-constexpr double kMinuteSeconds = 60;
-constexpr std::size_t kLeastSamples = 3;   // in a minute
-constexpr double kEvenWatts = 0.25;        // range within a minute, as a share of its mean
+constexpr std::size_t kLeastSamples = 4;   // in a window
+constexpr double kEvenWatts = 0.25;        // range, as a share of the mean
 constexpr double kEvenFlow = 0.05;         // range, as a share of full speed
-constexpr double kEvenKelvin = 1;          // between the means of two minutes
+constexpr double kEvenDie = 1;             // K between the means of its halves
+constexpr double kEvenSink = 0.5;          // K
 constexpr double kLeastRise = 15;          // K of the die above the room: a load
-constexpr double kKeptEverySeconds = 600;  // minutes close together tell the same
+constexpr double kKeptEverySeconds = 600;  // windows close together tell the same
 constexpr double kSameFlow = 0.1;          // fans that do as they are asked
-constexpr std::size_t kLeastMinutes = 3;   // in a day
+constexpr std::size_t kLeastWindows = 3;   // in a day
 constexpr double kLoadedShare = 0.5;       // of the day's highest power
 
 // What the sink gives to the air: a part without any flow, and the rest with a power of it.
@@ -36,172 +35,187 @@ constexpr std::array<std::string_view, 4> kSinkKeys{"TC0P", "TC1P", "Th1H", "Th2
 constexpr std::array<std::string_view, 4> kRoomKeys{"TA0V", "TAOL", "TA0P", "TA0S"};
 constexpr std::array<std::string_view, 6> kPowerKeys{"PCPT", "PCTR", "PCPC",
                                                      "PC0R", "PHPC", "PSTR"};
+constexpr std::string_view kSinkPart = "sink=", kRoomPart = "room=", kPowerPart = "power=";
+
+using Member = std::optional<double> HeatSample::*;
+constexpr std::array kTrendMembers{&HeatSample::die,   &HeatSample::sink, &HeatSample::room,
+                                   &HeatSample::watts, &HeatSample::flow, &HeatSample::asked};
 
 double conductance(double flow) {
     return kStillAirShare + (1 - kStillAirShare) * std::pow(std::max(flow, 0.0), kFlowExponent);
+}
+
+// Kelvin per watt from sink to air, at full speed if the fans turn like this.
+double toAir(const HeatSample& means, double flow) {
+    return (*means.sink - *means.room) / *means.watts * conductance(flow);
 }
 
 Date dateOf(int day) {
     return Date{day * kDaySeconds};
 }
 
-double medianValue(std::vector<double> values) {
-    const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
-    std::ranges::nth_element(values, middle);
-    return *middle;
-}
-
 // The medians of some days or minutes, of which there is at least one.
 HeatDay medians(std::span<const HeatDay> of) {
-    std::vector<double> toSink, toAir, watts;
-    for (const HeatDay& each : of) {
-        if (each.dieToSink) {
-            toSink.push_back(*each.dieToSink);
+    const auto median = [of](double HeatDay::*member) {
+        std::vector<double> values;
+        for (const HeatDay& each : of) {
+            values.push_back(each.*member);
         }
-        toAir.push_back(each.toAir);
-        watts.push_back(each.watts);
-    }
-    HeatDay result{of.back().day, {}, medianValue(std::move(toAir)), medianValue(std::move(watts))};
-    if (!toSink.empty()) {
-        result.dieToSink = medianValue(std::move(toSink));
-    }
-    return result;
+        return quantile(std::move(values), 0.5);
+    };
+    return {of.back().day, median(&HeatDay::dieToSink), median(&HeatDay::toAir),
+            median(&HeatDay::watts)};
 }
 
 bool hasPart(const std::string& sensors, std::string_view part) {
     return sensors.find(part) != std::string::npos;
 }
 
-constexpr std::string_view kSinkPart = "sink=", kRoomPart = "room=";
-
-template <class Readings>
-std::optional<double> pick(const Readings& readings, std::span<const std::string_view> keys,
-                           double (*value)(const typename Readings::value_type&),
-                           std::string_view part, std::string& sensors) {
+// The first of these keys that gives a number, and its name behind `part`.
+template <class Reading>
+std::optional<double> pick(const std::vector<Reading>& readings, double Reading::*value,
+                           std::span<const std::string_view> keys, std::string_view part,
+                           std::string& sensors) {
     for (const std::string_view key : keys) {
-        for (const auto& reading : readings) {
-            if (reading.key == key && std::isfinite(value(reading))) {
+        for (const Reading& reading : readings) {
+            if (reading.key == key && std::isfinite(reading.*value)) {
                 sensors.append(part).append(key).append(" ");
-                return value(reading);
+                return reading.*value;
             }
         }
     }
     return std::nullopt;
 }
 
+// Complete, or absent when it is no use.
+std::optional<HeatSample> completed(HeatSample sample) {
+    for (const Member member : kTrendMembers) {
+        sample.*member = ifFinite(sample.*member);
+    }
+    if (!sample.die || !sample.watts || !sample.flow || !sample.asked) {
+        return std::nullopt;
+    }
+    sample.sink = sample.sink.value_or(*sample.die);
+    sample.room = sample.room.value_or(HeatTrend::kAssumedRoom);
+    return sample;
+}
+
+HeatSample meansOf(std::span<const HeatSample> samples) {
+    HeatSample means;
+    means.date = samples.back().date;
+    for (const Member member : kTrendMembers) {
+        double sum = 0;
+        for (const HeatSample& sample : samples) {
+            sum += *(sample.*member);
+        }
+        means.*member = sum / static_cast<double>(samples.size());
+    }
+    return means;
+}
+
+// Whether the heat has found its balance, under a load.
+bool isSteady(std::span<const HeatSample> samples, const HeatSample& means) {
+    if (samples.size() < kLeastSamples || *means.watts <= 0) {
+        return false;
+    }
+    const auto range = [samples](Member member) {
+        const auto [least, most] = std::ranges::minmax(samples, {}, member);
+        return *(most.*member) - *(least.*member);
+    };
+    const HeatSample first = meansOf(samples.first(samples.size() / 2));
+    const HeatSample second = meansOf(samples.last(samples.size() / 2));
+    return range(&HeatSample::watts) <= kEvenWatts * *means.watts &&
+           range(&HeatSample::flow) <= kEvenFlow &&
+           std::abs(*second.die - *first.die) <= kEvenDie &&
+           std::abs(*second.sink - *first.sink) <= kEvenSink &&
+           *means.die - *means.room >= kLeastRise;
+}
+
 }  // namespace
 
-HeatSample heatSample(const Snapshot& snapshot, std::span<const FanTarget> targets) {
+HeatSample heatSample(const Snapshot& snapshot, std::span<const FanTarget> targets,
+                      CurveSensor die) {
     HeatSample sample;
     sample.date = snapshot.date;
-    sample.die = snapshot.cpuTemperature();
-    const auto celsius = [](const SensorReading& reading) { return reading.celsius; };
-    sample.sink = pick(snapshot.sensors, kSinkKeys, +celsius, kSinkPart, sample.sensors);
-    sample.room = pick(snapshot.sensors, kRoomKeys, +celsius, kRoomPart, sample.sensors);
+    sample.die = temperature(die, snapshot);
+    sample.load = snapshot.cpuUsage;
+    sample.sink =
+        pick(snapshot.sensors, &SensorReading::celsius, kSinkKeys, kSinkPart, sample.sensors);
+    sample.room =
+        pick(snapshot.sensors, &SensorReading::celsius, kRoomKeys, kRoomPart, sample.sensors);
     if (snapshot.additionalSensors) {
-        const auto watts = [](const HardwareSensorReading& reading) { return reading.value; };
-        sample.watts =
-            pick(*snapshot.additionalSensors, kPowerKeys, +watts, "power=", sample.sensors);
+        sample.watts = pick(*snapshot.additionalSensors, &HardwareSensorReading::value, kPowerKeys,
+                            kPowerPart, sample.sensors);
     }
+    const auto count = static_cast<double>(snapshot.fans.size());
+    double rpm = 0, flow = 0, asked = 0;
     for (const FanReading& fan : snapshot.fans) {
         const double full = fan.maximum.value_or(0);
         const auto target = std::ranges::find(targets, fan.id, &FanTarget::id);
         const double share = full > 0 ? fan.rpm.value_or(0) / full : 0;
-        sample.flow += share / static_cast<double>(snapshot.fans.size());
-        sample.asked += (full > 0 && target != targets.end() ? target->rpm / full : share) /
-                        static_cast<double>(snapshot.fans.size());
+        rpm += fan.rpm.value_or(std::numeric_limits<double>::quiet_NaN()) / count;
+        flow += share / count;
+        asked += (full > 0 && target != targets.end() ? target->rpm / full : share) / count;
     }
+    sample.rpm = snapshot.fans.empty() ? std::nullopt : ifFinite(rpm);
+    sample.flow = flow;
+    sample.asked = asked;
     return sample;
 }
 
-void HeatTrend::add(const HeatSample& sample) {
-    if (!std::isfinite(sample.date.secondsSinceReference) || last_ == sample.date) {
+void HeatTrend::add(const HeatSample& given) {
+    const std::optional<Date> before = clock_.last();
+    const auto step = clock_.advance(given.date);
+    if (step == ObservationClock::Step::ignored) {
         return;
     }
-    if (last_ && dayOf(*last_) != dayOf(sample.date)) {
+    if (before && dayOf(*before) != dayOf(given.date)) {
         finishDay();
     }
-    const auto isFinite = [](std::optional<double> value) {
-        return std::isfinite(value.value_or(0));
-    };
-    const bool usable = sample.die && sample.watts && isFinite(sample.die) &&
-                        isFinite(sample.watts) && isFinite(sample.sink) && isFinite(sample.room) &&
-                        isFinite(sample.flow) && isFinite(sample.asked);
-    if (!usable || !continuesObservation(last_, sample.date)) {
-        minute_.clear();
-        before_.reset();
+    const auto sample = completed(given);
+    if (!sample || step != ObservationClock::Step::continues) {
+        window_.clear();
         turning_.reset();
     }
-    last_ = sample.date;
-    if (!usable) {
+    if (!sample) {
         return;
     }
-    if (sample.sensors != record_.sensors) {
+    if (sample->sensors != record_.sensors) {
         restart();
-        record_.sensors = sample.sensors;
+        record_.sensors = sample->sensors;
     }
-    if (minute_.size() < kMostSamples) {
-        minute_.push_back(sample);
+    if (window_.size() < kMostSamples) {
+        window_.push_back(*sample);
     }
-    if (sample.date - minute_.front().date >= kMinuteSeconds) {
-        finishMinute();
+    if (sample->date - window_.front().date >= kWindowSeconds) {
+        finishWindow();
     }
 }
 
-void HeatTrend::finishMinute() {
-    const auto samples = std::exchange(minute_, {});
-    const auto mean = [&](auto value) {
-        double sum = 0;
-        for (const HeatSample& sample : samples) {
-            sum += value(sample);
-        }
-        return sum / static_cast<double>(samples.size());
-    };
-    const auto range = [&](auto value) {
-        const auto [least, most] = std::ranges::minmax(samples, {}, value);
-        return value(most) - value(least);
-    };
-    const auto watts = [](const HeatSample& it) { return *it.watts; };
-    const auto flow = [](const HeatSample& it) { return it.flow; };
-    const Minute minute{mean([](const auto& it) { return *it.die; }),
-                        mean([](const auto& it) { return it.sink.value_or(*it.die); }),
-                        mean([](const auto& it) { return it.room.value_or(kAssumedRoom); }),
-                        mean(watts),
-                        mean(flow),
-                        mean([](const auto& it) { return it.asked; })};
-    const bool even = samples.size() >= kLeastSamples && minute.watts > 0 &&
-                      range(watts) <= kEvenWatts * minute.watts && range(flow) <= kEvenFlow;
-    const auto before = std::exchange(before_, even ? std::optional(minute) : std::nullopt);
+void HeatTrend::finishWindow() {
+    const auto samples = std::exchange(window_, {});
+    const HeatSample means = meansOf(samples);
     turning_.reset();
-    if (!even || !before || std::abs(minute.die - before->die) > kEvenKelvin ||
-        std::abs(minute.sink - before->sink) > kEvenKelvin / 2 ||
-        std::abs(minute.flow - before->flow) > kEvenFlow || minute.die - minute.room < kLeastRise) {
+    if (!isSteady(samples, means)) {
         return;
     }
-    const double toAir = (minute.sink - minute.room) / minute.watts;
-    const Date date = samples.back().date;
-    if (std::abs(minute.flow - minute.asked) > kSameFlow) {
-        judgeFans(minute, toAir);
-    } else if (!lastKept_ || std::abs(date - *lastKept_) >= kKeptEverySeconds) {
-        lastKept_ = date;
-        HeatDay kept{dayOf(date), {}, toAir * conductance(minute.flow), minute.watts};
-        if (samples.back().sink) {
-            kept.dieToSink = (minute.die - minute.sink) / minute.watts;
-        }
-        minutes_.push_back(kept);
+    if (std::abs(*means.flow - *means.asked) > kSameFlow) {
+        judgeFans(means);
+    } else if (!lastKept_ || std::abs(means.date - *lastKept_) >= kKeptEverySeconds) {
+        lastKept_ = means.date;
+        today_.push_back({dayOf(means.date), (*means.die - *means.sink) / *means.watts,
+                          toAir(means, *means.flow), *means.watts});
     }
 }
 
-void HeatTrend::judgeFans(const Minute& minute, double toAir) {
+void HeatTrend::judgeFans(const HeatSample& means) {
     if (record_.days.empty()) {
         return;
     }
     const std::size_t recent = std::min<std::size_t>(record_.days.size(), kWindowDays);
     const double usual = medians(std::span(record_.days).last(recent)).toAir;
-    const auto off = [&](double flow) {
-        return std::abs(std::log(toAir * conductance(flow) / usual));
-    };
-    const double asAsked = off(minute.asked), asSeen = off(minute.flow);
+    const double asAsked = std::abs(std::log(toAir(means, *means.asked) / usual));
+    const double asSeen = std::abs(std::log(toAir(means, *means.flow) / usual));
     const auto [better, worse] = std::minmax(asAsked, asSeen);
     if (better <= kFits && worse >= std::max(kClearlyNot, kClearlyTimes * better)) {
         turning_ = asAsked < asSeen;
@@ -209,40 +223,34 @@ void HeatTrend::judgeFans(const Minute& minute, double toAir) {
 }
 
 void HeatTrend::finishDay() {
-    const auto minutes = std::exchange(minutes_, {});
-    double most = 0;
-    for (const HeatDay& minute : minutes) {
-        most = std::max(most, minute.watts);
+    auto windows = std::exchange(today_, {});
+    if (windows.empty()) {
+        return;
     }
-    std::vector<HeatDay> loaded;
-    std::ranges::copy_if(minutes, std::back_inserter(loaded), [&](const HeatDay& minute) {
-        return minute.watts >= kLoadedShare * most;
-    });
-    if (loaded.size() >= kLeastMinutes) {
-        addDay(medians(loaded));
+    const double most = std::ranges::max(windows, {}, &HeatDay::watts).watts;
+    std::erase_if(windows, [most](const HeatDay& it) { return it.watts < kLoadedShare * most; });
+    if (windows.size() >= kLeastWindows) {
+        addDay(medians(windows));
     }
 }
 
 void HeatTrend::addDay(const HeatDay& day) {
     auto& days = record_.days;
-    while (!days.empty() && days.back().day >= day.day) {
-        days.pop_back();
-    }
-    while (days.size() >= kMostDays) {
+    std::erase_if(days, [&day](const HeatDay& other) { return other.day >= day.day; });
+    const int before = days.empty() ? day.day : days.back().day;
+    days.push_back(day);
+    if (days.size() > kMostDays) {
         days.erase(days.begin());
     }
-    days.push_back(day);
     if (record_.baseline) {
-        record_.nextCheck = std::min(record_.nextCheck, day.day + kWindowDays);
-        if (day.day >= record_.nextCheck) {
+        const int complete = record_.baseline->day;
+        const bool isNewWeek = (day.day - complete) / kCheckDays > (before - complete) / kCheckDays;
+        if (isNewWeek && day.day - complete >= kWindowDays) {
             check();
-            record_.nextCheck = day.day + kCheckDays;
         }
-    } else if (std::int64_t{day.day} - days.front().day >= kBaselineDays - 1 &&
-               days.size() >= kBaselineValid) {
+    } else if (day.day - days.front().day >= kBaselineDays - 1 && days.size() >= kBaselineValid) {
         record_.baseline = medians(days);
         record_.baselineFrom = days.front().day;
-        record_.nextCheck = day.day + kWindowDays;
     }
 }
 
@@ -250,59 +258,48 @@ void HeatTrend::check() {
     const HeatDay& baseline = *record_.baseline;
     const int today = record_.days.back().day;
     const auto first = std::ranges::find_if(
-        record_.days, [&](const HeatDay& day) { return day.day > today - kWindowDays; });
+        record_.days, [today](const HeatDay& day) { return day.day > today - kWindowDays; });
     const std::span<const HeatDay> window(first, record_.days.end());
     if (window.size() < kWindowValid) {
         return;
     }
     const HeatDay now = medians(window);
-    const auto judge = [&](HeatShift& shift, double usual, double value, double allowance) {
-        shift.kelvin = (value - usual) * baseline.watts;
-        const double limit =
-            std::max(kLimitKelvin, kLimitShare * usual * baseline.watts) + allowance;
-        if (shift.kelvin < limit) {
-            shift.checks = 0;
-        } else if (++shift.checks == 1) {
-            shift.since = dateOf(today);
+    const auto judge = [&](Evidence& hotter, double HeatDay::*way, double allowance) {
+        const double usual = baseline.*way * baseline.watts;
+        const double kelvin = now.*way * baseline.watts - usual;
+        if (kelvin >= std::max(kLimitKelvin, kLimitShare * usual) + allowance) {
+            hotter.see(1, kChecks, dateOf(today), {}, kelvin);
+        } else {
+            hotter = {};
         }
     };
-    if (now.dieToSink && baseline.dieToSink) {
-        judge(record_.toSink, *baseline.dieToSink, *now.dieToSink, 0);
-    }
-    judge(record_.toAir, baseline.toAir, now.toAir,
-          hasPart(record_.sensors, kRoomPart) ? 0 : kSeasonKelvin);
+    judge(record_.toSink, &HeatDay::dieToSink, 0);
+    judge(record_.toAir, &HeatDay::toAir, hasPart(record_.sensors, kRoomPart) ? 0 : kSeasonKelvin);
 }
 
 void HeatTrend::restart() {
     std::string sensors = std::move(record_.sensors);
     record_ = {};
     record_.sensors = std::move(sensors);
-    minutes_.clear();
-    before_.reset();
+    today_.clear();
+    window_.clear();
 }
 
 std::vector<HealthFinding> HeatTrend::findings() const {
     std::vector<HealthFinding> list;
-    const auto tell = [&](HealthKind kind, const HeatShift& shift, const char* part,
-                          bool roomUnknown) {
-        if (shift.checks >= kChecks && record_.baseline) {
-            using Severity = DiagnosticSeverity;
-            list.push_back(
-                {kind,
-                 roomUnknown ? Severity::information : Severity::warning,
-                 DiagnosticConfidence::possible,
-                 part,
-                 {},
-                 shift.since,
-                 {},
-                 shift.kelvin,
-                 HealthFinding::Days{dateOf(record_.baselineFrom), dateOf(record_.baseline->day)},
-                 roomUnknown});
+    const auto tell = [&](HealthKind kind, const Evidence& hotter, const char* part,
+                          DiagnosticSeverity severity) {
+        if (hotter.raised && record_.baseline) {
+            list.push_back({kind, severity, DiagnosticConfidence::possible, part, {}, hotter});
+            list.back().baseline = {dateOf(record_.baselineFrom), dateOf(record_.baseline->day)};
+            list.back().roomUnknown = severity == DiagnosticSeverity::information;
         }
     };
-    tell(HealthKind::hotterToSink, record_.toSink, "sink", false);
-    tell(hasPart(record_.sensors, kSinkPart) ? HealthKind::hotterToAir : HealthKind::hotterOverall,
-         record_.toAir, "air", !hasPart(record_.sensors, kRoomPart));
+    const bool sink = hasPart(record_.sensors, kSinkPart);
+    const bool room = hasPart(record_.sensors, kRoomPart);
+    tell(HealthKind::hotterToSink, record_.toSink, "sink", DiagnosticSeverity::warning);
+    tell(sink ? HealthKind::hotterToAir : HealthKind::hotterOverall, record_.toAir, "air",
+         room ? DiagnosticSeverity::warning : DiagnosticSeverity::information);
     return list;
 }
 

@@ -10,6 +10,8 @@
 #include <vector>
 
 #include "core/analysis/health_finding.h"
+#include "core/analysis/observation_clock.h"
+#include "core/fan/fan_curve.h"
 #include "core/model/date.h"
 #include "core/model/fan_target.h"
 #include "core/model/json_fields.h"
@@ -17,26 +19,31 @@
 
 namespace ferovane {
 
-// What the trend is made from, at one moment. Degrees Celsius; what is not known is absent.
+// What a machine tells of its heat at one moment. What is not known, or not finite, is absent.
 struct HeatSample {
     Date date;
-    std::optional<double> die, sink, room;
-    std::optional<double> watts;
-    double flow = 0;      // mean speed of the fans as a share of their maximum; 0 without a fan
-    double asked = 0;     // the same of their targets, where these are known
-    std::string sensors;  // the keys behind die, sink, room and watts
+    std::optional<double> die;    // degrees Celsius, as are the following
+    std::optional<double> sink;   // the heat sink, or a probe beside the processor's package
+    std::optional<double> room;   // at an intake
+    std::optional<double> watts;  // of the processor or else of the whole machine
+    std::optional<double> load;   // percent, of the processor
+    std::optional<double> rpm;    // mean of the fans
+    std::optional<double> flow;   // mean of their speeds as shares of their maxima; 0 without a fan
+    std::optional<double> asked;  // the same of their targets, where these are known
+    std::string sensors;          // the keys behind sink, room and watts
 };
 
-// Die: the hottest reading of the processor. Sink: the sensor beside the processor's package or on
-// a heat pipe. Room: an intake sensor. Watts: of the processor or else of the whole machine.
-HeatSample heatSample(const Snapshot& snapshot, std::span<const FanTarget> targets);
+// The die is the hottest reading of what a curve with this sensor follows. May be called from any
+// thread.
+HeatSample heatSample(const Snapshot& snapshot, std::span<const FanTarget> targets,
+                      CurveSensor die = CurveSensor::cpu);
 
 // Kelvin per watt on one day: medians of its steady minutes under load. The second is what it would
 // be at full fan speed; without a sink sensor it counts from the die, without a room sensor from
 // kAssumedRoom.
 struct HeatDay {
-    int day = 0;  // since the reference date, UTC
-    std::optional<double> dieToSink;
+    int day = 0;           // as dayOf() counts
+    double dieToSink = 0;  // 0 without a sink sensor
     double toAir = 0;
     double watts = 0;  // at like speed: how much 1 K/W means here
 
@@ -48,37 +55,21 @@ struct HeatDay {
     }
 };
 
-// One of the two ways of the heat, at the weekly checks.
-struct HeatShift {
-    double kelvin = 0;  // above the baseline, at the last check
-    int checks = 0;     // in a row that were above the limit
-    Date since;         // the first of them
-
-    bool operator==(const HeatShift&) const = default;
-    static constexpr auto jsonFields() {
-        using R = HeatShift;
-        return std::tuple{jsonField("kelvin", &R::kelvin), jsonField("checks", &R::checks),
-                          jsonField("since", &R::since)};
-    }
-};
-
 // All that is remembered.
 struct HeatTrendRecord {
     std::string sensors;              // as the samples told them
     std::vector<HeatDay> days;        // oldest first, at most HeatTrend::kMostDays
     std::optional<HeatDay> baseline;  // its medians, once it is complete; day: its last one
     int baselineFrom = 0;             // day
-    int nextCheck = 0;                // day
-    HeatShift toSink, toAir;
+    Evidence toSink, toAir;           // K above the baseline; weekly checks in a row
 
     bool operator==(const HeatTrendRecord&) const = default;
     static constexpr auto jsonFields() {
         using R = HeatTrendRecord;
         return std::tuple{
-            jsonField("sensors", &R::sensors),     jsonField("days", &R::days),
-            jsonField("baseline", &R::baseline),   jsonField("baselineFrom", &R::baselineFrom),
-            jsonField("nextCheck", &R::nextCheck), jsonField("toSink", &R::toSink),
-            jsonField("toAir", &R::toAir)};
+            jsonField("sensors", &R::sensors),   jsonField("days", &R::days),
+            jsonField("baseline", &R::baseline), jsonField("baselineFrom", &R::baselineFrom),
+            jsonField("toSink", &R::toSink),     jsonField("toAir", &R::toAir)};
     }
 };
 
@@ -95,17 +86,19 @@ public:
     static constexpr int kCheckDays = 7;
     static constexpr int kChecks = 3;
     static constexpr int kMostDays = 120;
-    static constexpr std::size_t kMostSamples = 600;  // in a minute: ten a second
+    static constexpr double kWindowSeconds = 120;      // in which heat shows that it is steady
+    static constexpr std::size_t kMostSamples = 1200;  // in it: ten a second
     static constexpr double kLimitKelvin = 3;
     static constexpr double kLimitShare = 0.1;  // of what the way of the heat has in the baseline
     // Without a room sensor the seasons move all that counts from the air.
     static constexpr double kAssumedRoom = 25;
     static constexpr double kSeasonKelvin = 10;
 
-    HeatTrend() = default;
-    explicit HeatTrend(HeatTrendRecord saved) : record_(std::move(saved)) {}
+    // With what record() gave.
+    explicit HeatTrend(HeatTrendRecord saved = {}, double longestGapSeconds = kLongestGapSeconds)
+        : record_(std::move(saved)), clock_(longestGapSeconds) {}
 
-    // One sample, at any pace of up to one in 15 s.
+    // One sample. Which ones count is ObservationClock's to say.
     void add(const HeatSample& sample);
 
     // One whole day; add() does so at the end of each. Later days are forgotten: the clock was set
@@ -116,7 +109,7 @@ public:
     void restart();
 
     // Whether the fans turn as asked although they are not seen to, as the heat of the last steady
-    // minute tells: it fits one of the two and clearly not the other. Absent while it does not
+    // minutes tells: it fits one of the two and clearly not the other. Absent while it does not
     // tell, and without a day to compare with.
     std::optional<bool> turning() const { return turning_; }
 
@@ -124,20 +117,15 @@ public:
     const HeatTrendRecord& record() const { return record_; }
 
 private:
-    struct Minute {  // means
-        double die = 0, sink = 0, room = 0, watts = 0, flow = 0, asked = 0;
-    };
-
-    void finishMinute();
+    void finishWindow();
     void finishDay();
-    void judgeFans(const Minute& minute, double toAir);
+    void judgeFans(const HeatSample& means);
     void check();
 
     HeatTrendRecord record_;
-    std::optional<Date> last_;
-    std::vector<HeatSample> minute_;  // what has passed of it
-    std::optional<Minute> before_;    // the minute before, when it was even
-    std::vector<HeatDay> minutes_;    // steady ones of today, at most one in ten minutes
+    ObservationClock clock_;
+    std::vector<HeatSample> window_;  // of kWindowSeconds
+    std::vector<HeatDay> today_;      // from its steady windows, at most one in ten minutes
     std::optional<Date> lastKept_;
     std::optional<bool> turning_;
 };

@@ -32,8 +32,8 @@ struct HealthRecord {
 // A plain value without a clock; one thread at a time.
 class MachineHealth {
 public:
-    MachineHealth() = default;
-    explicit MachineHealth(HealthRecord saved);
+    // With what record() gave, whoever had it since: what cannot have been learned is forgotten.
+    explicit MachineHealth(HealthRecord saved = {}, double longestGapSeconds = kLongestGapSeconds);
 
     // Once per sample, in the order of time. `targets`: what the fans' keys hold (SMC::target);
     // a fan without one is unreadable.
@@ -52,6 +52,7 @@ public:
     HealthRecord record() const;
 
 private:
+    double gap_;
     FanHealth fans_;
     SensorHealth sensors_;
     HeatTrend trend_;

@@ -22,6 +22,7 @@ MonitorHistories::MonitorHistories(double longestGapSeconds)
       sustained_(longestGapSeconds),
       turbo_(longestGapSeconds),
       processes_(longestGapSeconds),
+      health_({}, longestGapSeconds),
       recorder_(longestGapSeconds) {}
 
 void MonitorHistories::add(const Snapshot& snapshot, std::span<const FanTarget> targets) {

@@ -180,10 +180,10 @@ void Recorder::addHeat(const Snapshot& snapshot, bool continues) {
                         kMostFigures);
         heatStep_ = {};
     }
-    const RecordedSample sample = recordedSample(snapshot, CurveSensor::cpu);
+    const HeatSample sample = heatSample(snapshot, {});
     const std::array values{
-        sample.watts, sample.load,    sample.die, temperature(CurveSensor::gpu, snapshot),
-        sample.sink,  sample.ambient, sample.rpm};
+        sample.watts, sample.load, sample.die, temperature(CurveSensor::gpu, snapshot),
+        sample.sink,  sample.room, sample.rpm};
     Row row;
     for (std::size_t i = 0; i < values.size(); ++i) {
         row.put(kHeatIds[i], values[i]);
@@ -240,7 +240,7 @@ std::string Recorder::text(bool withNames) const {
 }
 
 RecordedDay Recorder::heatDay(CurveSensor sensor) const {
-    std::vector<RecordedSample> samples;
+    std::vector<HeatSample> samples;
     for (std::size_t row = 0; row < state_.heat.dates.size(); ++row) {
         std::array<std::optional<double>, kHeatIds.size()> values;
         for (std::size_t i = 0; i < values.size(); ++i) {
@@ -250,11 +250,17 @@ RecordedDay Recorder::heatDay(CurveSensor sensor) const {
             }
         }
         const auto& [watts, load, cpu, gpu, sink, room, rpm] = values;
-        samples.push_back({state_.heat.dates[row], watts, load,
-                           sensor == CurveSensor::cpu   ? cpu
-                           : sensor == CurveSensor::gpu ? gpu
-                                                        : std::max(cpu, gpu),
-                           sink, room, rpm});
+        HeatSample sample;
+        sample.date = state_.heat.dates[row];
+        sample.die = sensor == CurveSensor::cpu   ? cpu
+                     : sensor == CurveSensor::gpu ? gpu
+                                                  : std::max(cpu, gpu);
+        sample.sink = sink;
+        sample.room = room;
+        sample.watts = watts;
+        sample.load = load;
+        sample.rpm = rpm;
+        samples.push_back(sample);
     }
     return RecordedDay::from(samples);
 }

@@ -1,4 +1,4 @@
-// How a telemetry record follows from what the platform answered. Pure: any thread.
+// How a telemetry record follows from what the platform answered.
 #pragma once
 
 #include <optional>

@@ -316,7 +316,7 @@ TEST(HealthTest, TellsPasteFromDustAndBeginsAnewWhenCleaned) {
         int longest = 0;
         const int times = scaled(1, 50);
         for (int i = 0; i < times; ++i) {
-            Months months{std::mt19937(static_cast<unsigned>(i)), {}, ageing};
+            Months months{std::mt19937(static_cast<unsigned>(i)), HeatTrend(), ageing};
             int day = 0;
             for (; day < 260 && months.trend.findings().empty(); ++day) {
                 months.day(day);
@@ -350,8 +350,11 @@ TEST(HealthTest, TellsStoppedFromSilentOffAndUnreadable) {
     const auto run = [&](std::optional<double> target, std::optional<double> first,
                          std::optional<double> second) {
         for (int i = 0; i < 60; ++i) {
-            const FanSample fans[] = {{0, target, first, 6000}, {1, target, second, 6000}};
-            health.add(kStart + ++now, fans);
+            Snapshot snapshot;
+            snapshot.date = kStart + ++now;
+            snapshot.fans = {{0, first, {}, 6000, {}}, {1, second, {}, 6000, {}}};
+            health.add(snapshot, target ? std::vector<FanTarget>{{0, *target}, {1, *target}}
+                                        : std::vector<FanTarget>());
         }
         std::string all = std::to_string(int(health.state(0)));
         for (const HealthFinding& finding : health.findings()) {
@@ -361,15 +364,14 @@ TEST(HealthTest, TellsStoppedFromSilentOffAndUnreadable) {
     };
     EXPECT_EQ(run(0, 0, 0), "1");           // rightly off
     EXPECT_EQ(run({}, 3000, 3000), "0");    // unreadable
-    EXPECT_EQ(run(3000, 3000, 3000), "4");  // steady
-    EXPECT_EQ(run(3000, 0, 3000), "4 fan-stopped:0");
+    EXPECT_EQ(run(3000, 3000, 3000), "3");  // steady
+    EXPECT_EQ(run(3000, 0, 3000), "3 fan-stopped:0");
     EXPECT_EQ(run({}, 0, 3000), "0 fan-stopped:0");  // nothing has disproved it
-    EXPECT_EQ(run(3000, 2900, 3000), "4");
-    EXPECT_EQ(run(3000, 0, 0), "4 fan-silent:0 fan-silent:1");  // both in one sample
+    EXPECT_EQ(run(3000, 2900, 3000), "3");
+    EXPECT_EQ(run(3000, 0, 0), "3 fan-silent:0 fan-silent:1");  // both in one sample
     health.noteTurning(false);                                  // but it gets hot
-    EXPECT_EQ(run(3000, 0, 0), "4 fan-stopped:0 fan-stopped:1");
-    health.add(kStart + now + 36 * 3600, {});  // nobody looked
-    EXPECT_EQ(run(3000, 3000, 2200), "4 fan-slow:1");
+    EXPECT_EQ(run(3000, 0, 0), "3 fan-stopped:0 fan-stopped:1");
+    EXPECT_EQ(run(3000, 3000, 2200), "3 fan-slow:1");
     EXPECT_EQ(text(health.findings()[0]), "风扇 2转速偏低：应为 3000 转/分，实测 2200 转/分");
 
     DiagnosticReport report;

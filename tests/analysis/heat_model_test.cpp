@@ -65,7 +65,7 @@ RecordedDay record(const Machine& machine, const std::optional<FanCurve>& curve,
     const auto read = [&](double celsius) {
         return std::round(celsius * 4 + (dice.upTo(30) - 15) / 10.0) / 4;
     };
-    std::vector<RecordedSample> samples;
+    std::vector<HeatSample> samples;
     const auto sample = [&] {
         Snapshot snapshot;
         snapshot.date = Date{7e8 + mac.now()};
@@ -82,7 +82,7 @@ RecordedDay record(const Machine& machine, const std::optional<FanCurve>& curve,
         for (std::size_t fan = 0; fan < snapshot.fans.size(); ++fan) {
             snapshot.fans[fan].rpm = mac.fanRpm(int(fan));
         }
-        samples.push_back(recordedSample(snapshot, CurveSensor::hottest));
+        samples.push_back(heatSample(snapshot, {}, CurveSensor::hottest));
         return snapshot;
     };
     pass(0);
@@ -122,7 +122,7 @@ TEST(HeatModelTest, ForetellsCurvesAndDaysThatItHasNotSeen) {
             const std::vector<RecordedDay> day{record(machine, usual, 7)};
             for (const FanCurve& curve : {FanCurve::quiet(), FanCurve::performance()}) {
                 const RecordedDay truth = record(machine, curve, 7);
-                const CurveRun told = rerun(fit.model, day, curve);
+                const CurveRun told = CurveReplay(fit.model, day).under(curve);
                 const std::size_t steps = std::min(told.die.size(), truth.steps.size());
                 ASSERT_GT(double(steps), kHours * 1790);
                 double squares = 0, celsius = 0, rpm = 0, toldRpm = 0;
@@ -228,14 +228,15 @@ TEST(HeatModelTest, ProposesTheQuietestCurveThatKeepsAWish) {
 TEST(RecordedDayTest, IsReadAtEvenStepsBetweenGaps) {
     for (unsigned seed = 0; seed < 50; ++seed) {
         Dice dice(seed);
-        std::vector<RecordedSample> samples{{Date{dice.pick({1e20, kNaN})}, 1, 1, 1, 1, 1, 1}};
+        std::vector<HeatSample> samples{
+            {Date{dice.pick({1e20, kNaN})}, 1, 1, 1, 1, 1, 1, {}, {}, {}}};
         std::size_t steps = 0, begins = 0;
         double now = 0;
         for (int stretch = 0; stretch < 8; ++stretch) {
             const double start = now += dice.pick({31, 500, -20000});
             const double end = now + dice.pick({0, 100, 590, 612, 2000});
             for (double next = now; next <= end; next += dice.pick({0.5, 1, 5, 10, 30})) {
-                RecordedSample sample;
+                HeatSample sample;
                 sample.date = Date{7e8 + (now = next)};
                 sample.watts = sample.die = sample.sink = sample.rpm = now + 1e6;
                 sample.load = dice.maybe(3, 5.0);  // too rarely there to be told
@@ -248,7 +249,7 @@ TEST(RecordedDayTest, IsReadAtEvenStepsBetweenGaps) {
         }
         const RecordedDay day = RecordedDay::from(samples);
         ASSERT_EQ(day.steps.size(), steps) << "seed " << seed;
-        EXPECT_TRUE(day.hasWatts && !day.hasLoad && !day.hasAmbient);
+        EXPECT_TRUE(day.hasWatts && !day.hasLoad && !day.hasRoom);
         for (std::size_t i = 0; i < steps; ++i) {
             const RecordedDay::Step& step = day.steps[i];
             begins -= step.begins ? 1 : 0;
