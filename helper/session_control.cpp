@@ -212,6 +212,9 @@ void SessionControl::returnFans() {
     // A fan that is held and no longer listed was not among them.
     const std::exception_ptr unreturned = returnHeldFans();
     tellReturned(environment_.log, failure ? failure : unreturned);
+    if (unreturned) {
+        goOnReturning(unreturned);
+    }
     if (failure && unreturned) {
         throw ScopeError(textOf(failure), ResultCode::notReturned);  // the graver news
     }
@@ -330,8 +333,12 @@ void SessionControl::askToStopLocked() {
 
 void SessionControl::requireStoppedLocked() {
     askToStopLocked();
-    if (!lock_.waitLocked(environment_.timings.leaseEnd, environment_.timings.leasePoll,
-                          environment_.uptime, [this]() FV_REQUIRES(lock_) { return !running_; })) {
+    awaited_ = true;
+    const bool stopped =
+        lock_.waitLocked(environment_.timings.leaseEnd, environment_.timings.leasePoll,
+                         environment_.uptime, [this]() FV_REQUIRES(lock_) { return !running_; });
+    awaited_ = false;
+    if (!stopped) {
         throw ScopeError(kOldLeaseRuns, ResultCode::timeout);
     }
 }
@@ -407,8 +414,8 @@ void SessionControl::reportLateFailure(const std::exception_ptr& failure) noexce
     }
 }
 
-// Nobody may ask for the fans that the lease left in the next half hour. Whatever asks this lease
-// to stop tries for itself, or leaves them to the guardian.
+// Nobody may ask for the fans that the lease left in the next half hour. Whoever waits for its end
+// tries for himself, or leaves them to the guardian.
 void SessionControl::keepReturning(const std::exception_ptr& failure) noexcept {
     const auto attempt = [&] {
         if (!returnHeldFans()) {
@@ -422,8 +429,30 @@ void SessionControl::keepReturning(const std::exception_ptr& failure) noexcept {
     returnPatiently(environment_.timings.returnPause, attempt, [this](double seconds) {
         const ConditionGuard guard(lock_);
         return lock_.waitLocked(seconds, environment_.timings.leasePoll, environment_.uptime,
-                                [this]() FV_REQUIRES(lock_) { return stopRequested_; });
+                                [this]() FV_REQUIRES(lock_) { return awaited_ || finished_; });
     });
+}
+
+// In the background, as after a lease.
+void SessionControl::goOnReturning(const std::exception_ptr& failure) noexcept {
+    {
+        const ConditionGuard guard(lock_);
+        running_ = true;
+    }
+    const auto end = [this] {
+        const ConditionGuard guard(lock_);
+        running_ = false;
+        lock_.broadcast();
+    };
+    try {
+        thread_.join();  // the lease's that took the fans; it has ended
+        thread_ = std::thread([this, failure, end] {
+            keepReturning(failure);
+            end();
+        });
+    } catch (const std::exception&) {
+        end();  // then the next request tries again, or the guardian
+    }
 }
 
 void SessionControl::holdCurve(const FanCurve& curve, double duration) {

@@ -113,6 +113,7 @@ private:
 
     void runLease(const FanCurve& curve, const std::string& mode, double duration) noexcept
         FV_EXCLUDES(lock_);
+    void goOnReturning(const std::exception_ptr& failure) noexcept FV_EXCLUDES(lock_);
     void holdCurve(const FanCurve& curve, double duration);
     void reportLateFailure(const std::exception_ptr& failure) noexcept FV_EXCLUDES(lock_);
     void keepReturning(const std::exception_ptr& failure) noexcept FV_EXCLUDES(lock_);
@@ -135,6 +136,7 @@ private:
     bool running_ FV_GUARDED_BY(lock_) = false;        // a lease of this session runs
     bool serving_ FV_GUARDED_BY(lock_) = false;        // a request is being served
     bool stopRequested_ FV_GUARDED_BY(lock_) = false;  // the running lease is to end
+    bool awaited_ FV_GUARDED_BY(lock_) = false;        // a request waits for its end
     bool finished_ FV_GUARDED_BY(lock_) = false;       // nothing new may start
     std::optional<Lease> lease_ FV_GUARDED_BY(lock_);
     std::optional<Ended> ended_ FV_GUARDED_BY(lock_);

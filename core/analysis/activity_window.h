@@ -7,7 +7,7 @@
 namespace ferovane {
 
 // Cuts time into slots; whoever adds something up over the window keeps one sum per slot, so that
-// the window slides without every sample of it being kept.
+// the window slides without every sample of it being kept. One owner, no locking.
 class ActivityWindow {
 public:
     static constexpr double kLongestSeconds = 60;

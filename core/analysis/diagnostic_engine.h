@@ -12,8 +12,8 @@ namespace ferovane {
 
 // Reports what the system itself says, calls a temperature high only after it has lasted, names at
 // most two applications for their CPU use and one for its disk use, and concludes nothing while
-// data are missing or the observation is short. A plain value with one owner; it needs no reset,
-// since a gap of more than 15 s between two inputs begins a new observation.
+// data are missing or the observation is short. A plain value with one owner, no locking; it needs
+// no reset, since a gap of more than 15 s between two inputs begins a new observation.
 class DiagnosticEngine {
 public:
     // To be called once per sample, in the order of time. An input's processes count as missing

@@ -1,4 +1,5 @@
-// One input as the rules see it: what cannot be relied on is absent.
+// One input as the rules see it: what cannot be relied on is absent. Any number of threads may look
+// at it, as long as nobody changes the input.
 #pragma once
 
 #include <optional>

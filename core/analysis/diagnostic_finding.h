@@ -1,4 +1,4 @@
-// One thing that a diagnosis tells the user, and how sure it is.
+// One thing that a diagnosis tells the user, and how sure it is. Plain values.
 #pragma once
 
 #include <optional>

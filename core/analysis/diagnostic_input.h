@@ -1,4 +1,4 @@
-// What a diagnosis is made from.
+// What a diagnosis is made from. Plain values.
 #pragma once
 
 #include <optional>

@@ -1,4 +1,4 @@
-// The verdict of one evaluation.
+// The verdict of one evaluation. Plain values.
 #pragma once
 
 #include <optional>

@@ -1,4 +1,4 @@
-// The rules by which a diagnosis finds things.
+// The rules by which a diagnosis finds things. Pure functions: any thread.
 #pragma once
 
 #include <optional>

@@ -5,7 +5,10 @@
 #include <cmath>
 #include <cstdint>
 #include <limits>
+#include <numeric>
 #include <utility>
+
+#include "core/analysis/observation_clock.h"
 
 namespace ferovane::MetricChart {
 namespace {
@@ -16,10 +19,11 @@ constexpr std::array kValueSteps{1, 2, 5};           // times a power of ten
 constexpr double kExactIntegers = 9007199254740992;  // a double tells all below apart
 constexpr double kRoundingSlack = 1e-9;              // of a step
 
-constexpr int kMinute = 60, kHour = 60 * kMinute, kDay = 24 * kHour;  // seconds
-constexpr std::array kTimeSteps{kMinute,      2 * kMinute,  5 * kMinute, 10 * kMinute,
-                                15 * kMinute, 30 * kMinute, kHour,       2 * kHour,
-                                3 * kHour,    6 * kHour,    12 * kHour,  kDay};
+// Seconds.
+constexpr int kMinute = 60, kQuarter = 15 * kMinute, kHour = 60 * kMinute, kDay = 24 * kHour;
+constexpr std::array kTimeSteps{kMinute,   2 * kMinute,  5 * kMinute, 10 * kMinute,
+                                kQuarter,  30 * kMinute, kHour,       2 * kHour,
+                                3 * kHour, 6 * kHour,    12 * kHour,  kDay};
 
 bool hasExtent(Date from, Date to) {
     return to > from && std::isfinite(to - from);
@@ -46,20 +50,6 @@ double yOf(double value, const ChartFrame& frame) {
 int columnOf(const MetricBucket& bucket, const ChartFrame& frame) {
     const double x = xOf(bucket.middle(), frame.from, frame.to);
     return std::min(static_cast<int>(x * frame.columns), frame.columns - 1);
-}
-
-void join(const MetricBucket& next, MetricBucket& bucket) {
-    bucket.last = next.last;
-    bucket.minimum = std::min(bucket.minimum, next.minimum);
-    bucket.maximum = std::max(bucket.maximum, next.maximum);
-    // Two parts, so that no difference of huge values overflows; rounding must not carry a mean
-    // past the values that it is the mean of.
-    const double samples = next.samples;
-    const double weight = samples / (samples + bucket.samples);
-    bucket.mean =
-        std::clamp(bucket.mean * (1 - weight) + next.mean * weight, bucket.minimum, bucket.maximum);
-    bucket.samples +=
-        std::min(next.samples, std::numeric_limits<std::uint32_t>::max() - bucket.samples);
 }
 
 // Seconds from a moment to the nearest one of a bucket; not above zero within.
@@ -89,41 +79,21 @@ std::string clockText(double localSeconds) {
     return twoDigits(minutes / 60) + ":" + twoDigits(minutes % 60);
 }
 
-// The first whole second up to `to` at which another offset holds than at `from`.
-Date changeBetween(Date from, Date to, const UtcOffset& offset) {
-    const double before = offset(from);
-    Date last{std::floor(from.secondsSinceReference)};
-    while (to - last >= 2) {
-        const Date middle = last + std::floor((to - last) / 2);
-        if (offset(middle) == before) {
-            last = middle;
-        } else {
-            to = middle;
-        }
-    }
-    return to;
-}
-
 // Absent when there are more.
 std::optional<std::vector<ChartTick>> ticksEvery(int step, std::size_t most,
                                                  const ChartFrame& frame, const UtcOffset& offset) {
     std::vector<ChartTick> ticks;
-    for (Date at = frame.from; at <= frame.to;) {
-        const double ahead = offset(at);
-        const double local = std::ceil((at + ahead).secondsSinceReference / step) * step;
-        const Date next = Date{local} - ahead;
-        if (offset(next) != ahead) {
-            at = changeBetween(at, next, offset);
+    const int apart = std::gcd(step, kQuarter);  // of the moments that may be marked
+    Date at{std::ceil(frame.from.secondsSinceReference / apart) * apart};
+    for (; at <= frame.to; at = at + apart) {
+        const double local = (at + offset(at)).secondsSinceReference;
+        if (std::fmod(local, step) != 0) {
             continue;
-        }
-        if (next > frame.to) {
-            break;
         }
         if (ticks.size() == most) {
             return std::nullopt;
         }
-        ticks.push_back({xOf(next, frame.from, frame.to), clockText(local)});
-        at = next + 1;
+        ticks.push_back({xOf(at, frame.from, frame.to), clockText(local)});
     }
     return ticks;
 }
@@ -150,7 +120,7 @@ std::vector<ChartStretch> stretches(std::span<const MetricBucket> buckets,
         if (broken || here != column) {
             stretches.back().push_back({bucket});
         } else {
-            join(bucket, stretches.back().back().bucket);
+            stretches.back().back().bucket.add(bucket);
         }
         column = here;
         broken = false;
@@ -255,11 +225,8 @@ std::vector<ChartTick> valueTicks(const ChartFrame& frame, int most) {
 }
 
 std::vector<ChartTick> timeTicks(const ChartFrame& frame, int most, const UtcOffset& offset) {
-    const auto counted = [&](Date date) {
-        return std::abs((date + offset(date)).secondsSinceReference) < kExactIntegers;
-    };
-    if (most < 1 || !hasExtent(frame.from, frame.to) || !counted(frame.from) ||
-        !counted(frame.to)) {
+    const double days = (frame.to - frame.from) / kDay;
+    if (most < 1 || !isMoment(frame.from) || !(days > 0 && days <= most + 1.0)) {
         return {};
     }
     for (const int step : kTimeSteps) {

@@ -59,8 +59,8 @@ struct ChartTick {
     bool operator==(const ChartTick&) const = default;
 };
 
-// Seconds by which the local clock is ahead of UTC at a moment, daylight saving included: whole,
-// and changing at whole seconds, at most once a day.
+// Seconds by which the local clock is ahead of UTC at a moment, daylight saving included: whole
+// quarters of an hour, as all time zones are today.
 using UtcOffset = std::function<double(Date)>;
 
 namespace MetricChart {
@@ -92,7 +92,7 @@ std::vector<ChartTick> valueTicks(const ChartFrame& frame, int most);
 // At most so many moments, at which the local time of day is a multiple of the smallest step that
 // leaves so few: 1 to 30 minutes, 1 to 12 hours or a day. Where the clock is set ahead, a time that
 // is left out has no tick; where it is set back, one that comes twice has two. As "HH:MM". None
-// when even days are too many, or the frame or the offset cannot be counted in seconds.
+// when even days are too many.
 std::vector<ChartTick> timeTicks(const ChartFrame& frame, int most, const UtcOffset& offset);
 
 }  // namespace MetricChart

@@ -2,24 +2,22 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 #include <utility>
 
 namespace ferovane {
-namespace {
 
-void addSample(Date date, double value, MetricBucket& bucket) {
-    ++bucket.samples;
-    bucket.last = date;
-    bucket.minimum = std::min(bucket.minimum, value);
-    bucket.maximum = std::max(bucket.maximum, value);
-    // Two halves, so that no difference of huge values overflows; rounding must not carry a mean
+void MetricBucket::add(const MetricBucket& next) {
+    last = next.last;
+    minimum = std::min(minimum, next.minimum);
+    maximum = std::max(maximum, next.maximum);
+    // Two parts, so that no difference of huge values overflows; rounding must not carry a mean
     // past the values that it is the mean of.
-    const double weight = 1.0 / bucket.samples;
-    bucket.mean =
-        std::clamp(bucket.mean * (1 - weight) + value * weight, bucket.minimum, bucket.maximum);
+    const double more = next.samples;
+    const double weight = more / (samples + more);
+    mean = std::clamp(mean * (1 - weight) + next.mean * weight, minimum, maximum);
+    samples += std::min(next.samples, std::numeric_limits<std::uint32_t>::max() - samples);
 }
-
-}  // namespace
 
 MetricSeries::MetricSeries(double bucketSeconds, double spanSeconds, double longestGapSeconds)
     : bucketSeconds_(bucketSeconds), spanSeconds_(spanSeconds), clock_(longestGapSeconds) {}
@@ -42,10 +40,11 @@ void MetricSeries::append(Date date, std::optional<double> value) {
     const bool continues =
         !std::exchange(broken_, false) && !recorded.empty() &&
         continuesObservation(recorded.back().last, date, clock_.longestGapSeconds());
+    const MetricBucket bucket{date, date, *value, *value, *value, 1, !continues};
     if (continues && belongsToLast(date)) {
-        addSample(date, *value, buckets_.back());
+        buckets_.back().add(bucket);
     } else {
-        add({date, date, *value, *value, *value, 1, !continues});
+        add(bucket);
     }
 }
 

@@ -22,6 +22,7 @@ struct MetricBucket {
     bool afterGap = false;  // nothing joins it to the bucket before
 
     Date middle() const { return first + (last - first) / 2; }
+    void add(const MetricBucket& next);  // becomes one with what comes after it
     bool operator==(const MetricBucket&) const = default;
     static constexpr auto jsonFields() {
         return std::tuple{jsonField("first", &MetricBucket::first),

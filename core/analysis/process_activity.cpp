@@ -107,17 +107,6 @@ void ProcessActivity::measure() {
             tally.slots[window_.slot()] = {};
         }
     };
-    const auto add = [](const Use& use, Use& sum) {
-        sum.cpuSeconds += use.cpuSeconds;
-        sum.readBytes += use.readBytes;
-        sum.writtenBytes += use.writtenBytes;
-    };
-    const auto end = [&](Tally& tally) {
-        Use& slot = tally.slots[window_.slot()];
-        add(tally.latest, slot);
-        slot.cpuObserved += tally.latest.cpuObserved;
-        slot.diskObserved += tally.latest.diskObserved;
-    };
     for (Application& application : applications_) {
         begin(application.tally);
     }
@@ -126,17 +115,25 @@ void ProcessActivity::measure() {
         begin(now.tally);
         const Process* known = before(now.sample);
         if (known != nullptr && newIndex_.find(now.sample.pid) == i) {
-            Use& use = now.tally.latest = useBetween(known->sample, now.sample);
-            Use& sum = applications_[now.application].tally.latest;
-            add(use, sum);
-            sum.cpuObserved = std::max(sum.cpuObserved, use.cpuObserved);
-            sum.diskObserved = std::max(sum.diskObserved, use.diskObserved);
-            end(now.tally);
+            now.tally.latest = useBetween(known->sample, now.sample);
+            now.tally.slots[window_.slot()].add(now.tally.latest);
+            applications_[now.application].tally.latest.add(now.tally.latest);
         }
     }
     for (Application& application : applications_) {
-        end(application.tally);
+        Use& latest = application.tally.latest;
+        latest.cpuObserved = std::min(latest.cpuObserved, interval_);
+        latest.diskObserved = std::min(latest.diskObserved, interval_);
+        application.tally.slots[window_.slot()].add(latest);
     }
+}
+
+void ProcessActivity::Use::add(const Use& other) {
+    cpuSeconds += other.cpuSeconds;
+    readBytes += other.readBytes;
+    writtenBytes += other.writtenBytes;
+    cpuObserved += other.cpuObserved;
+    diskObserved += other.diskObserved;
 }
 
 ProcessActivity::Use ProcessActivity::useBetween(const ProcessSample& before,

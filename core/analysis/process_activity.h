@@ -84,6 +84,8 @@ private:
     struct Use {
         double cpuSeconds = 0, readBytes = 0, writtenBytes = 0;
         double cpuObserved = 0, diskObserved = 0;  // seconds in which some process told
+
+        void add(const Use& other);
     };
     struct Tally {
         std::array<Use, ActivityWindow::kSlots> slots{};

@@ -10,7 +10,7 @@
 
 namespace ferovane {
 
-// What cannot be read is absent, never zero.
+// What cannot be read is absent, never zero. A plain value.
 struct SystemTelemetry {
     Date date;
     std::optional<double> batteryPercent;  // state of charge
@@ -27,7 +27,7 @@ struct SystemTelemetry {
     // Share of the physical memory in use, in percent; absent unless both are known.
     std::optional<double> memoryPercent() const;
 
-    // Takes one reading now.
+    // Takes one reading now. Any thread.
     static SystemTelemetry read();
 
     // Power of a battery; absent for a voltage outside 1000 to 30000 mV or a current of 30000 mA or

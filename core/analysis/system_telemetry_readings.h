@@ -1,4 +1,4 @@
-// How a telemetry record follows from what the platform answered.
+// How a telemetry record follows from what the platform answered. Pure: any thread.
 #pragma once
 
 #include <optional>

@@ -6,6 +6,7 @@
 #include <signal.h>
 #include <spawn.h>
 #include <sys/mman.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -168,6 +169,7 @@ int simulator_posix_spawn(pid_t* pid, const char* path,
         posix_spawnattr_getsigmask(attributes, &mask);
     }
     const bool suspended = (flags & POSIX_SPAWN_START_SUSPENDED) != 0;
+    const pid_t parent = getpid();
     const SharedFlag loads;
     const pid_t child = loads ? fork() : -1;
     if (child == 0) {
@@ -184,7 +186,14 @@ int simulator_posix_spawn(pid_t* pid, const char* path,
         pthread_sigmask(SIG_SETMASK, &mask, nullptr);
         *loads = true;
         if (suspended) {
+            // A system hangs up what is stopped when its parent goes. Here the parent may go before
+            // the stop, and nobody would.
+            prctl(PR_SET_PDEATHSIG, SIGKILL);
+            if (getppid() != parent) {
+                _exit(kNotLoaded);
+            }
             raise(SIGSTOP);
+            prctl(PR_SET_PDEATHSIG, 0);
         }
         execve(program.c_str(), argv, environment);
         _exit(kNotLoaded);

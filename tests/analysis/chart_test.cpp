@@ -63,7 +63,7 @@ TEST(MetricHistoriesTest, KeepsEveryMetricUntilADayHasPassed) {
     }
     EXPECT_NEAR(double(day.minutes().buckets().size()), 361, 1);
     EXPECT_NEAR(double(day.hours().buckets().size()), 289, 1);
-    for (unsigned seed = 0; seed < 15; ++seed) {
+    for (unsigned seed = 0; seed < 10; ++seed) {
         Dice dice(seed);
         Clock clock(dice, dice.pick({1, 9, 25}));
         const double gap = dice.pick({15, 40});
@@ -84,7 +84,8 @@ TEST(MetricHistoriesTest, KeepsEveryMetricUntilADayHasPassed) {
                 told.cpuUsage = dice.oneIn(2) ? kNaN : 7;
                 for (const char* key : {"TC0P", "TG0P", "Ts0P"}) {
                     if (dice.oneIn(3)) {
-                        told.sensors.push_back({key, std::to_string(dice.upTo(3)), 40});
+                        told.sensors.push_back(
+                            {key, std::to_string(dice.upTo(3)), dice.pick({40, kNaN})});
                     }
                 }
                 histories.add(told);
@@ -130,46 +131,54 @@ TEST(MetricHistoriesTest, KeepsEveryMetricUntilADayHasPassed) {
     EXPECT_FALSE(histories.restore("new", MetricKind::percent, "", {}, {}));
 }
 
-// One column of one stretch, and the buckets that fall into it.
-struct Fallen {
-    int stretch;
+// One column of one stretch, with all buckets that fall into it.
+struct Drawn {
+    std::size_t stretch;
     double column;
-    std::vector<MetricBucket> buckets;
+    MetricBucket bucket;
+    double sum = 0;
 };
 
-std::vector<Fallen> fallInto(const ChartFrame& frame, std::span<const MetricBucket> buckets) {
-    std::vector<Fallen> all;
-    int stretch = 0;
+std::vector<Drawn> draw(const ChartFrame& frame, std::span<const MetricBucket> buckets) {
+    std::vector<Drawn> all;
+    bool broken = false;
     for (const MetricBucket& it : buckets) {
-        stretch += it.afterGap ? 1 : 0;
-        if (it.last >= frame.from && it.first <= frame.to) {
-            const double x = (it.middle() - frame.from) / (frame.to - frame.from);
-            const double column = std::clamp(std::floor(x * frame.columns), 0., frame.columns - 1.);
-            if (all.empty() || all.back().stretch != stretch || all.back().column != column) {
-                all.push_back({stretch, column, {}});
-            }
-            all.back().buckets.push_back(it);
+        broken = broken || it.afterGap;
+        if (it.last < frame.from || it.first > frame.to) {
+            continue;
         }
+        const double x = (it.middle() - frame.from) / (frame.to - frame.from);
+        const double column = std::clamp(std::floor(x * frame.columns), 0., frame.columns - 1.);
+        if (all.empty() || broken || all.back().column != column) {
+            all.push_back({all.empty() ? 0 : all.back().stretch + (broken ? 1 : 0), column, it});
+            all.back().bucket.samples = 0;
+        }
+        auto& [stretch, number, bucket, sum] = all.back();
+        bucket.last = it.last;
+        bucket.minimum = std::min(bucket.minimum, it.minimum);
+        bucket.maximum = std::max(bucket.maximum, it.maximum);
+        bucket.samples += it.samples;
+        sum += it.mean * it.samples;
+        bucket.mean = sum / bucket.samples;
+        broken = false;
     }
     return all;
 }
 
 // The column before or after a cursor: the nearer, in a gap only within half a column.
-std::optional<MetricBucket> under(Date cursor, double halfColumn, const std::vector<Fallen>& all,
-                                  const std::vector<MetricBucket>& drawn) {
-    const auto next =
-        std::ranges::find_if(drawn, [&](const auto& it) { return it.last >= cursor; });
-    const auto at = std::size_t(next - drawn.begin());
-    const double ahead = next == drawn.end() ? kInfinity : std::max(next->first - cursor, 0.0);
-    const double behind = at == 0 ? kInfinity : cursor - drawn[at - 1].last;
+std::optional<MetricBucket> under(Date cursor, double halfColumn, const std::vector<Drawn>& all) {
+    // Where a clock was set back, two may end at the same moment.
+    const auto next = std::ranges::find_if(all, [&](auto& it) { return it.bucket.last >= cursor; });
+    const double ahead = next == all.end() ? kInfinity : std::max(next->bucket.first - cursor, 0.0);
+    const double behind = next == all.begin() ? kInfinity : cursor - (next - 1)->bucket.last;
     const bool joined =
-        std::max(ahead, behind) < kInfinity && all[at - 1].stretch == all[at].stretch;
-    if (std::min(ahead, behind) > (joined || ahead == 0 ? kInfinity / 2 : halfColumn)) {
+        next != all.end() && next != all.begin() && (next - 1)->stretch == next->stretch;
+    if (!joined && ahead > 0 && std::min(ahead, behind) > halfColumn) {
         return std::nullopt;
     }
-    // Where a clock was set back, two may end at the same moment.
-    return behind > ahead ? *next
-                          : *std::ranges::find(drawn, drawn[at - 1].last, &MetricBucket::last);
+    return behind > ahead ? next->bucket : std::ranges::find_if(all, [&](auto& it) {
+                                               return it.bucket.last == (next - 1)->bucket.last;
+                                           })->bucket;
 }
 
 TEST(MetricChartTest, DrawsTheMeanAndTheExtremesOfEveryColumn) {
@@ -184,44 +193,30 @@ TEST(MetricChartTest, DrawsTheMeanAndTheExtremesOfEveryColumn) {
         }
         const Date from = kStart + dice.upTo(1000), to = from + 1 + dice.upTo(2000);
         const ChartFrame frame{from, to, 20, 60, dice.oneIn(2) ? 1 + dice.upTo(10) : 500};
-        const auto expected = fallInto(frame, series.buckets());
+        auto drawn = draw(frame, series.buckets());
         const auto stretches = MetricChart::stretches(series.buckets(), frame);
-        std::vector<MetricBucket> drawn;
         std::optional<ChartRange> range;
+        auto expected = drawn.begin();
         for (std::size_t i = 0; i < stretches.size(); ++i) {
-            for (const ChartColumn& column : stretches[i]) {
-                ASSERT_LT(drawn.size(), expected.size());
-                const auto& [stretch, number, buckets] = expected[drawn.size()];
-                ASSERT_EQ(stretch != expected[std::max(drawn.size(), 1UL) - 1].stretch,
-                          i > 0 && &column == &stretches[i][0]);
-                MetricBucket all = buckets[0];
-                all.last = buckets.back().last;
-                all.samples = 0;
-                double sum = 0;
-                for (const MetricBucket& it : buckets) {
-                    all.minimum = std::min(all.minimum, it.minimum);
-                    all.maximum = std::max(all.maximum, it.maximum);
-                    all.samples += it.samples;
-                    sum += it.mean * it.samples;
-                }
-                ASSERT_NEAR(column.bucket.mean, sum / all.samples, 1e-9);
-                all.mean = column.bucket.mean;
+            for (const ChartColumn& told : stretches[i]) {
+                ASSERT_TRUE(expected != drawn.end() && expected->stretch == i);
+                MetricBucket& all = expected++->bucket;
+                ASSERT_NEAR(told.bucket.mean, all.mean, 1e-9);
+                all.mean = told.bucket.mean;
                 const auto height = [](double y) { return std::clamp((y - 20) / 40, 0.0, 1.0); };
                 const double x = std::clamp((all.middle() - from) / (to - from), 0.0, 1.0);
-                ASSERT_EQ(column, (ChartColumn{all, x, height(all.minimum), height(all.mean),
-                                               height(all.maximum)}));
-                drawn.push_back(all);
+                ASSERT_EQ(told, (ChartColumn{all, x, height(all.minimum), height(all.mean),
+                                             height(all.maximum)}));
                 range = {std::min(range ? range->low : 999, all.minimum),
                          std::max(range ? range->high : 0, all.maximum)};
             }
         }
-        ASSERT_EQ(drawn.size(), expected.size());
+        ASSERT_TRUE(expected == drawn.end());
         ASSERT_EQ(MetricChart::range(series.buckets(), from, to), range);
         for (int i = 0; i < 100; ++i) {
             const double x = dice.upTo(4000) / 4000.;
-            const Date cursor = from + x * (to - from);
             const auto told = MetricChart::bucketAt(stretches, frame, x);
-            ASSERT_EQ(told, under(cursor, (to - from) / frame.columns / 2, expected, drawn)) << x;
+            ASSERT_EQ(told, under(from + x * (to - from), (to - from) / frame.columns / 2, drawn));
             ++(told ? found : missed);
         }
         ASSERT_FALSE(MetricChart::bucketAt(stretches, frame, dice.pick({-1e-9, 1.01, kNaN})));
@@ -272,36 +267,31 @@ TEST(MetricChartTest, StacksTheBandsOfEveryFiveMinutes) {
 
 using Ticks = std::vector<ChartTick>;
 
-// In integers: low and high in ten thousandths of a power of ten.
+// In ten thousandths, which are integers.
 TEST(MetricChartTest, MarksRoundValues) {
     for (unsigned seed = 0; seed < 1000; ++seed) {
         Dice dice(seed);
-        const int power = dice.upTo(8) - 4, most = 1 + dice.upTo(20);
-        const std::int64_t low = dice.upTo(4000) - 2000,
-                           high = low + 1 + dice.upTo(dice.oneIn(2) ? 20 : 2000);
-        const auto real = [&](std::int64_t number, int exponent) {
-            return exponent < 0 ? double(number) / std::pow(10, -exponent)
-                                : double(number) * std::pow(10, exponent);
-        };
-        const ChartFrame frame{{}, {}, real(low, power), real(high, power)};
-        Ticks expected;
-        std::int64_t unit = 1;  // a power of ten
-        for (int exponent = power - 4, done = 0; !done; ++exponent, unit *= 10) {
+        const int most = 1 + dice.upTo(20), scale = int(dice.pick({100, 1000, 300'000}));
+        const std::int64_t low = 100 * (dice.upTo(2 * scale) - scale);
+        const std::int64_t high = low + 100 + 100 * dice.upTo(dice.oneIn(2) ? 20 : scale);
+        Ticks expected(99);
+        std::int64_t unit = 1;
+        for (int places = 4; int(expected.size()) > most; --places, unit *= 10) {
             for (const std::int64_t step : {unit, 2 * unit, 5 * unit}) {
-                expected.clear();
-                std::int64_t it = low * 10000 + (-low * 10000 % step + step) % step;
-                for (; it <= high * 10000 && int(expected.size()) <= most; it += step) {
-                    char text[40];
-                    std::snprintf(text, sizeof text, "%.*f", std::max(-exponent, 0),
-                                  real(it, power - 4));
-                    expected.push_back({real(it - low * 10000, 0) / real(high - low, 4), text});
-                }
-                if ((done = int(expected.size()) <= most)) {
+                if (int(expected.size()) <= most) {
                     break;
+                }
+                expected.clear();
+                std::int64_t it = low + (-low % step + step) % step;
+                for (; it <= high && int(expected.size()) <= most; it += step) {
+                    char text[40];
+                    std::snprintf(text, sizeof text, "%.*f", std::max(places, 0), double(it) / 1e4);
+                    expected.push_back({double(it - low) / double(high - low), text});
                 }
             }
         }
-        Ticks told = MetricChart::valueTicks(frame, most);
+        const Ticks told =
+            MetricChart::valueTicks({{}, {}, double(low) / 1e4, double(high) / 1e4}, most);
         ASSERT_EQ(told.size(), expected.size()) << "seed " << seed;
         for (std::size_t i = 0; i < told.size(); ++i) {
             ASSERT_NEAR(told[i].at, expected[i].at, 1e-9);
@@ -313,15 +303,13 @@ TEST(MetricChartTest, MarksRoundValues) {
 // Minute by minute, through days on which the clock is changed.
 TEST(MetricChartTest, MarksRoundLocalTimes) {
     constexpr int kSteps[] = {1, 2, 5, 10, 15, 30, 60, 120, 180, 360, 720, 1440};
-    for (unsigned seed = 0; seed < 400; ++seed) {
+    for (unsigned seed = 0; seed < 250; ++seed) {
         Dice dice(seed);
         const Date from = kStart + dice.upTo(100'000) * 0.5;
         const ChartFrame frame{from, from + 60.0 * (1 + dice.upTo(dice.oneIn(2) ? 60 : 3000))};
         const double before = dice.pick({0, 3600, 28800, -12600, 20700});
         const double after = before + dice.pick({0, 3600, -3600, 1800, -1800});
-        const int unit = dice.oneIn(3) ? 60 : 3600;
-        const Date change{std::floor(from.secondsSinceReference / unit) * unit +
-                          unit * dice.upTo(90'000 / unit)};
+        const Date change{std::floor(from.secondsSinceReference / 60) * 60 + 60 * dice.upTo(1500)};
         const UtcOffset offset = [&](Date date) { return date < change ? before : after; };
         const int most = 1 + dice.upTo(12);
         Ticks expected(99);
@@ -332,11 +320,10 @@ TEST(MetricChartTest, MarksRoundLocalTimes) {
             expected.clear();
             for (Date it{std::ceil(from.secondsSinceReference / 60) * 60}; it <= frame.to;
                  it = it + 60) {
-                const auto minute = std::int64_t((it + offset(it)).secondsSinceReference / 60);
+                const int minute = int((it + offset(it)).secondsSinceReference / 60) % 1440;
                 if (minute % step == 0) {
-                    char text[9];
-                    std::snprintf(text, sizeof text, "%02d:%02d", int(minute / 60 % 24),
-                                  int(minute % 60));
+                    char text[30];
+                    std::snprintf(text, sizeof text, "%02d:%02d", minute / 60, minute % 60);
                     expected.push_back({(it - from) / (frame.to - from), text});
                 }
             }
@@ -344,17 +331,6 @@ TEST(MetricChartTest, MarksRoundLocalTimes) {
         expected = int(expected.size()) <= most ? expected : Ticks{};
         ASSERT_EQ(MetricChart::timeTicks(frame, most, offset), expected) << "seed " << seed;
     }
-}
-
-// The hour that is left out begins where a mark stands.
-TEST(MetricChartTest, MarksTheMomentAtWhichTheClockIsSetAhead) {
-    const UtcOffset offset = [](Date date) { return date < kStart + 16'400 ? 3600.0 : 7200.0; };
-    const Date midnight = kStart + 9200;  // 2:00 becomes 3:00
-    std::string labels;
-    for (const auto& tick : MetricChart::timeTicks({midnight, midnight + 82'799}, 8, offset)) {
-        labels += tick.label + " ";
-    }
-    EXPECT_EQ(labels, "00:00 03:00 06:00 09:00 12:00 15:00 18:00 21:00 ");
 }
 
 TEST(MetricChartTest, MarksNothingThatCannotBeCounted) {
@@ -371,7 +347,8 @@ TEST(MetricChartTest, MarksNothingThatCannotBeCounted) {
     EXPECT_EQ(MetricChart::valueTicks({{}, {}, 0, 1}, 0), Ticks{});
     EXPECT_EQ(MetricChart::timeTicks({kStart, kStart + 60}, 0, utc), Ticks{});
     EXPECT_EQ(MetricChart::timeTicks({kStart, kStart}, 5, utc), Ticks{});
-    EXPECT_EQ(MetricChart::timeTicks({{1e17}, {2e17}}, 5, utc), Ticks{});
+    EXPECT_EQ(MetricChart::timeTicks({{1e18}, {1e18 + 600}}, 5, utc), Ticks{});
+    EXPECT_EQ(MetricChart::timeTicks({kStart, {kInfinity}}, 5, utc), Ticks{});
     EXPECT_EQ(MetricChart::timeTicks({kStart, kStart + 60}, 5, [](Date) { return kNaN; }), Ticks{});
     // Before the reference date, and midnight.
     EXPECT_EQ(MetricChart::timeTicks({{-90'000}, {1}}, 2, utc),

@@ -266,7 +266,7 @@ class AttackerTest(unittest.TestCase):
              "hang-up": session.process.stdin.close, "SIGKILL": session.process.kill}[cause]()
             session.process.wait(20)
             reply = session.process.stdout.read() or b""
-            self.assertTrue(eventually(lambda: not processes_attached(mac), 3))
+            self.assertTrue(eventually(lambda: not processes_attached(mac)))
             self.assertTrue(mac.automatic())
             if cause != "SIGKILL" and b'"backup"' not in reply:
                 self.assertEqual(settings(mac), before, reply)

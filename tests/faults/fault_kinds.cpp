@@ -12,23 +12,43 @@ namespace ferovane::testing {
 namespace {
 
 constexpr double kHour = 3600;
-constexpr double kHalfAMinute = 30;
+constexpr double kTwoMinutes = 120;
 constexpr double kOutageSeconds = 6;
 
-// ---- Which calls -------------------------------------------------------------------------------
+// ---- Which calls, and in which runs ------------------------------------------------------------
 
-constexpr Calls kAny = ~Calls{0};
+constexpr Calls kBefore = calls({CallKind::before});
+constexpr Calls kAny = ~kBefore;
 constexpr Calls kDescriptor = calls({CallKind::read, CallKind::poll, CallKind::write});
-constexpr Calls kWithoutLock = ~calls({CallKind::clock, CallKind::probe});
+constexpr Calls kWithoutLock = kAny & ~calls({CallKind::clock, CallKind::probe});
 
 bool fans(const Flow& flow) {
     return flow.controlsFans;
 }
+bool takesFans(const Flow& flow) {
+    return flow.controlsFans && !flow.returnsAll;
+}
 bool oneShotLease(const Flow& flow) {
     return flow.lease;
 }
+bool takesAtOnce(const Flow& flow) {
+    return flow.lease && flow.turboDisabled < 0;
+}
 bool session(const Flow& flow) {
     return flow.isSession();
+}
+bool curve(const Flow& flow) {
+    return takesFans(flow) && !flow.cooling;
+}
+bool byModeKey(const Flow& flow) {
+    return takesFans(flow) && flow.machine->modeKeys;
+}
+bool byMask(const Flow& flow) {
+    return takesFans(flow) && !flow.machine->modeKeys && !flow.machine->appleSilicon;
+}
+bool untilUnlocked(const Flow& flow) {
+    return byModeKey(flow) && flow.machine->appleSilicon && flow.machine->canBeHeld &&
+           flow.machine->unlockKey;
 }
 
 // ---- What happens ------------------------------------------------------------------------------
@@ -55,6 +75,9 @@ void temperaturesGone(FaultWorld& world, const Call&) {
 void controllerOut(FaultWorld& world, const Call&) {
     world.mac.refuseCalls(simulator::kBadCommand);
     world.mac.after(kOutageSeconds).clearFaults();
+}
+void ownerGone(FaultWorld& world, const Call&) {
+    world.ownerLeavesAt = 0;
 }
 
 }  // namespace
@@ -128,7 +151,7 @@ const std::vector<FaultKind>& faultKinds() {
         {"clock set back", time, calls({clock}), fans,
          [](W& w, C&) { w.mishap.clockShift = -kHour; }},
         {"clock set back for good", time, calls({clock}), fans,
-         [](W& w, C&) { w.lasting[clock].clockShift = -kHalfAMinute; }},
+         [](W& w, C&) { w.lasting[clock].clockShift = -kTwoMinutes; }},
         {"clock ahead", time, calls({clock}), fans, [](W& w, C&) { w.mishap.clockShift = kHour; }},
 
         // The system.
@@ -154,13 +177,32 @@ const std::vector<FaultKind>& faultKinds() {
         {"SIGTERM", cause, kAny, nullptr, stopSignal<SIGTERM>},
         {"SIGINT", cause, kAny, nullptr, stopSignal<SIGINT>},
         {"SIGHUP", cause, kAny, nullptr, stopSignal<SIGHUP>},
-        {"owner gone", cause, kAny, nullptr, [](W& w, C&) { w.ownerAlive = false; }},
+        {"owner gone", cause, kAny, nullptr, ownerGone},
         {"stop file", cause, kAny, oneShotLease, [](W& w, C&) { w.stopFileAt = 0; }},
         {"end of input", cause, kAny, session, [](W& w, C&) { w.closeInputNow(); }},
         {"shutdown", fails, kAny, session,
          [](W& w, C&) { w.sendNow("{\"command\":\"shutdown\"}", Ask::shutdown); }},
         {"replacement", fails, kWithoutLock, session,
          [](W& w, C&) { w.sendNow("{\"command\":\"test-fans\"}", Ask::lease); }},
+
+        // How the machine and the caller are found.
+        {"take-fan fan=last", unfit, kBefore, fans},
+        {"take-fan fan=0", unfit, kBefore, fans},
+        {"hold-unlock value=1", unfit, kBefore, untilUnlocked},
+        {"other-write key=F0Md value=2", unfit, kBefore, byModeKey},
+        {"other-write key=F0Md value=3", none, kBefore, untilUnlocked},
+        {"a mask for a fan that there is not", unfit, kBefore, byMask,
+         [](W& w, C&) { w.mac.otherWrites("FS! ", 1 << w.mac.fanCount()); }},
+        {"refuse-read key=F0Md code=0x85", unfit, kBefore, untilUnlocked},
+        {"refuse-read key=F0Tg code=0x85", unfit, kBefore, takesFans},
+        {"refuse-read key=F0Mx code=0x85", unfit, kBefore, takesFans},
+        {"other-write key=F0Tg value=9000", unfit, kBefore, takesAtOnce},
+        {"other-write key=F0Mx value=1900", unfit, kBefore, takesFans},
+        {"other-write key=F0Mn value=0", unfit, kBefore, curve},
+        {"not root", denied, kBefore, fans, [](W& w, C&) { w.environment.effectiveUser = 501; }},
+        {"another user's session", denied, kBefore, session,
+         [](W& w, C&) { w.environment.realUser = 502; }},
+        {"a caller that is gone", denied, kBefore, takesFans, ownerGone},
     };
     return kinds;
 }

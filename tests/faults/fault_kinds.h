@@ -1,4 +1,4 @@
-// Everything that can go wrong at a call, and at which calls each of it can.
+// Everything that can be wrong, and at which calls each of it can begin.
 #pragma once
 
 #include <string_view>
@@ -19,6 +19,8 @@ enum class Harm : std::uint8_t {
     time,     // the clock is wrong, or the machine sleeps
     rival,    // another program
     cause,    // a reason to stop
+    unfit,    // found so: no lease may begin
+    denied,   // found so: nothing at all may be done
 };
 
 // By a name, or by the simulated machine's own line for it, with "@" for the key of the call.
@@ -33,7 +35,7 @@ struct FaultKind {
         return (calls & made) != 0 && (isIn == nullptr || isIn(flow));
     }
     bool is(std::string_view word) const { return name.starts_with(word); }
-    bool isOfOneKey() const { return name.find("key=@") != name.npos; }
+    bool has(std::string_view word) const { return name.find(word) != name.npos; }
     void strike(FaultWorld& world, const Call& call) const;
 };
 const std::vector<FaultKind>& faultKinds();

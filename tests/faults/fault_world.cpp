@@ -24,10 +24,21 @@ constexpr std::uint32_t kOwnerUid = 501;
 // A monitor that has nothing left to say closes its end some time later.
 constexpr double kIdleSeconds = 30;
 
-constexpr double kToolSeconds = 0.3;
+constexpr double kToolSeconds = 2;
 constexpr double kToolTimeOut = 30;
+constexpr double kToolSlice = 0.5;  // after the first of them it has taken effect
+constexpr double kNoEnd = 6 * 3600;
 
 FaultWorld* theWorld = nullptr;
+
+// Calls that leave the code under test.
+template <class Act>
+auto outside(Act act) {
+    return [act](auto&&... arguments) {
+        const OutsideProduct outside;
+        return act(arguments...);
+    };
+}
 
 class Guardian : public FanGuardian {
 public:
@@ -69,13 +80,21 @@ public:
     }
     void setTurbo(bool disabled) override {
         bool stopped = false;
-        const Mishap mishap = work(stopped);
+        Mishap mishap;
+        {
+            const OutsideProduct outside;
+            mishap = world_.enter({CallKind::tool});
+            double left = mishap.hangs ? kToolTimeOut : kToolSeconds;
+            for (; left > 0 && !stopped; left -= kToolSlice) {
+                world_.turns.sleep(kToolSlice);
+                if (!mishap.nothing) {
+                    world_.mac.set(simulator::Property::kExtensionLoaded, disabled ? 1 : 0);
+                }
+                stopped = stop_ && stop_();
+            }
+        }
         if (stopped) {
             throw WorkStopped();
-        }
-        const OutsideProduct outside;
-        if (!mishap.nothing) {
-            world_.mac.set(simulator::Property::kExtensionLoaded, disabled ? 1 : 0);
         }
         if (mishap.nothing || mishap.error != 0) {
             throw ScopeError("睿频操作失败");
@@ -83,17 +102,6 @@ public:
     }
 
 private:
-    Mishap work(bool& stopped) {
-        const OutsideProduct outside;
-        const Mishap mishap = world_.enter({CallKind::tool});
-        const double end = world_.turns.now() + (mishap.hangs ? kToolTimeOut : kToolSeconds);
-        while (!stopped && world_.turns.now() < end) {
-            world_.turns.sleep(kToolSeconds / 2);
-            stopped = stop_ && stop_();
-        }
-        return mishap;
-    }
-
     FaultWorld& world_;
     std::function<bool()> stop_;
     std::unique_ptr<TurboAccess> undisturbed_;
@@ -112,7 +120,13 @@ std::string Call::keyText() const {
 FaultWorld::FaultWorld(simulator::SimulatedMac& machine, bool appleSilicon, std::uint64_t orderSeed)
     : mac(machine),
       attached(mac.attach()),
-      turns([this] { return mac.now(); }, [this](double seconds) { mac.advance(seconds); },
+      turns([this] { return mac.now(); },
+            [this, end = mac.now() + kNoEnd](double seconds) {
+                mac.advance(seconds);
+                if (mac.now() > end) {
+                    Turns::giveUp("the helper does not end");
+                }
+            },
             orderSeed) {
     fillEnvironment(appleSilicon);
     turns.onStart = [this] {
@@ -134,50 +148,45 @@ void FaultWorld::fillEnvironment(bool appleSilicon) {
     environment.inputDescriptor = kInputDescriptor;
     environment.outputDescriptor = kOutputDescriptor;
     environment.errorDescriptor = kErrorDescriptor;
-    environment.now = environment.uptime = [this] {
-        const OutsideProduct outside;
-        return mac.now() + enter({CallKind::clock}).clockShift;
+    environment.now = outside([this] { return mac.now() + enter({CallKind::clock}).clockShift; });
+    environment.uptime = [this] {
+        return mac.machine().locked([](simulator::World& world) {
+            return world.state().machineSeconds - world.state().sleptSeconds;
+        });
     };
-    environment.pause = [this](double seconds) {
-        const OutsideProduct outside;
+    environment.pause = outside([this](double seconds) {
         const double end = turns.now() + seconds;
         while (!stopped() && turns.now() < end) {
             turns.sleep(std::min(end - turns.now(), pauseSlice));
         }
         return stopped();
-    };
+    });
     environment.shouldStop = [this] { return stopped(); };
     environment.installStopHandlers = fv_install_stop_handlers;
-    environment.ownerAlive = [this](std::int32_t, std::uint32_t) {
-        const OutsideProduct outside;
+    environment.ownerAlive = outside([this](std::int32_t, std::uint32_t) {
         enter({CallKind::owner});
-        return ownerAlive && mac.now() < ownerLeavesAt;
-    };
-    environment.fileExists = [this](const std::string& path) {
-        const OutsideProduct outside;
+        return mac.now() < ownerLeavesAt;
+    });
+    environment.fileExists = outside([this](const std::string& path) {
         enter({CallKind::stopFile});
-        return path.rfind("/tmp/ferovane-stop-", 0) == 0 && mac.now() >= stopFileAt;
-    };
+        return path.starts_with("/tmp/ferovane-stop-") && mac.now() >= stopFileAt;
+    });
     environment.useUtilityPriority = [] {};
     // Looks at stops less often than the helper does, so that a case is not mostly such looks.
-    environment.timings.watchdogPoll = 0.5;
+    environment.timings.watchdogPoll = 1;
     environment.timings.leasePoll = 0.5;
-    environment.log = [this](const LogLine& line) {
-        const OutsideProduct outside;
-        if (onLog && !ended_) {
+    environment.log = outside([this](const LogLine& line) {
+        if (onLog && !endedWith) {
             onLog(line.text());
         }
-    };
+    });
     environment.endProcess = [this](int status) { endOfProcess(status); };
     environment.appleSilicon = appleSilicon;
     environment.makeGuardian = [this] { return std::make_unique<Guardian>(*this); };
     environment.makeSMC = [this, appleSilicon] {
-        return std::make_unique<SMC>(SMC::Surroundings{environment.now,
-                                                       [this](double seconds) {
-                                                           const OutsideProduct outside;
-                                                           turns.sleep(seconds);
-                                                       },
-                                                       appleSilicon});
+        return std::make_unique<SMC>(SMC::Surroundings{
+            environment.now, outside([this](double seconds) { turns.sleep(seconds); }),
+            appleSilicon});
     };
     environment.makePowerAccess = [this](ToolKeeper&, std::function<bool()> stop) {
         return std::make_unique<TurboAccess>(*this, std::move(stop));
@@ -198,11 +207,10 @@ int FaultWorld::run(std::vector<std::string> words) {
 
 // What happens from here on is only the way out of a process that is gone already.
 void FaultWorld::endOfProcess(int status) {
-    if (ended_) {
+    if (endedWith) {
         return;
     }
     const OutsideProduct outside;
-    ended_ = true;
     endedWith = status;
     FailingMemory::relent();
     if (atEnd) {
@@ -215,7 +223,7 @@ void FaultWorld::endOfProcess(int status) {
 }
 
 Mishap FaultWorld::enter(Call call) {
-    if (ended_) {
+    if (endedWith) {
         return {};
     }
     if (call.mayBeWaitedFor()) {
@@ -302,11 +310,11 @@ int FaultWorld::controllerCall(const simulator::ControllerBlock& in,
         call.returns = call.returns || write.returns();
     }
     enter(call);
-    if (!ended_ && beforeFanWrite) {
+    if (!endedWith && beforeFanWrite) {
         beforeFanWrite(writes);
     }
     const int code = real();
-    if (!ended_ && afterControllerCall) {
+    if (!endedWith && afterControllerCall) {
         afterControllerCall();
     }
     return code;
@@ -316,7 +324,7 @@ int FaultWorld::controllerCall(const simulator::ControllerBlock& in,
 
 void FaultWorld::sendNow(const std::string& line, Ask ask) {
     input_ += line + "\n";
-    asked.push_back(ask);
+    asked.push_back({ask, mac.now(), calls});
     farewellAt = ask == Ask::shutdown ? std::min(farewellAt, mac.now()) : farewellAt;
     turns.notify(&input_);
 }
@@ -327,13 +335,8 @@ void FaultWorld::closeInputNow() {
     turns.notify(&input_);
 }
 
-// One that nobody has looked after ends the process: where no fan is held, that is nothing to try.
 void FaultWorld::sendSignal(int number) {
-    if (handled[number]) {
-        stopSignal = true;
-    } else {
-        diedHolding = diedHolding || !fansTaken().empty();
-    }
+    stopSignalAt = handled[number] ? 0 : stopSignalAt;
 }
 
 void FaultWorld::takeMonitorStep() {
@@ -400,7 +403,7 @@ long FaultWorld::read(void* bytes, std::size_t size) {
 
 long FaultWorld::write(int descriptor, const void* bytes, std::size_t size) {
     const Mishap trouble = enter({CallKind::write});
-    if (ended_) {
+    if (endedWith) {
         return static_cast<long>(size);
     }
     std::string& text = descriptor == kOutputDescriptor ? output : errors;

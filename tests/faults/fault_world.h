@@ -24,6 +24,7 @@ inline constexpr int kOutputDescriptor = kInputDescriptor + 1;
 inline constexpr int kErrorDescriptor = kInputDescriptor + 2;
 
 enum class CallKind : std::uint8_t {
+    before,   // none yet: how everything is found
     keyInfo,  // the controller's four
     keyRead,
     keyWrite,
@@ -39,6 +40,7 @@ enum class CallKind : std::uint8_t {
     threadStart,  // a lease's, the watchdog's
     tool,         // a switch of turbo
 };
+inline constexpr int kCallKinds = static_cast<int>(CallKind::tool) + 1;
 
 // Several kinds of calls, a bit each.
 using Calls = std::uint32_t;
@@ -100,6 +102,13 @@ struct MonitorStep {
     bool closes = false;
 };
 
+// A request that was sent: when, and after how many calls.
+struct Asked {
+    Ask ask;
+    double at;
+    std::size_t calls;
+};
+
 class FaultWorld {
 public:
     // At most one at a time; it lives on the thread that runs the helper.
@@ -117,9 +126,7 @@ public:
     simulator::SimulatedMac& mac;
     simulator::Attachment attached;
     std::vector<MonitorStep> monitor;
-    bool ownerAlive = true;
-    bool stopSignal = false;
-    // The same at a time to come, in machine seconds.
+    // In machine seconds.
     double ownerLeavesAt = Turns::kForever;
     double stopFileAt = Turns::kForever;
     double stopSignalAt = Turns::kForever;
@@ -131,7 +138,7 @@ public:
     void letTimePass(double seconds) { turns.sleep(seconds); }
     void sendNow(const std::string& line, Ask ask);  // the monitor's next line, at once
     void closeInputNow();
-    void sendSignal(int number);
+    void sendSignal(int number);  // one that nobody looks after ends what has not begun yet
 
     // ---- Who looks on ----------------------------------------------------------------------
     std::function<void(const Call& call)> beforeCall;
@@ -144,13 +151,12 @@ public:
 
     // ---- What the code under test did ------------------------------------------------------
     std::size_t calls = 0;
-    std::vector<Ask> asked;  // so far, in the order of their replies
+    std::vector<Asked> asked;  // so far, in the order of their replies
     std::string output, errors;
     std::string undelivered;       // what it tried to say where saying it failed
     bool muffled = false;          // what it had to say was not taken for as long as it waits
     bool guarded = false;          // the guardian was told that fans are held
     std::map<int, bool> handled;   // signals that the code under test has looked after
-    bool diedHolding = false;      // a signal that it had not would have ended it with fans held
     std::optional<int> endedWith;  // by the watchdog, or by a session that could not end
     std::string told() const { return output + errors + undelivered; }
 
@@ -170,11 +176,10 @@ public:
     int poll(short events, short& revents, int milliseconds);
     long read(void* bytes, std::size_t size);
     long write(int descriptor, const void* bytes, std::size_t size);
-    std::uint32_t entropy() { return ++drawn_; }
 
 private:
     void fillEnvironment(bool appleSilicon);
-    bool stopped() { return stopSignal || mac.now() >= stopSignalAt; }
+    bool stopped() { return mac.now() >= stopSignalAt; }
     bool inputReady() const { return !input_.empty() || inputClosed_; }
     bool awaitInput(double deadline);
     void takeMonitorStep();
@@ -184,11 +189,9 @@ private:
 
     std::string input_;
     bool inputClosed_ = false;
-    bool ended_ = false;
     std::size_t nextStep_ = 0;
     std::optional<double> stepAt_;  // when it is taken; absent until it is waited for
-    std::uint32_t drawn_ = 0;
-    std::size_t checked_ = 0;  // bytes of output that were handed on
+    std::size_t checked_ = 0;       // bytes of output that were handed on
     std::uint32_t maskWritten_ = 0;
 };
 

@@ -1,5 +1,7 @@
 #include "tests/faults/flows.h"
 
+#include <algorithm>
+
 #include "core/control/control_request.h"
 #include "core/model/json_codec.h"
 #include "simulator/machine/machine.h"
@@ -7,8 +9,7 @@
 namespace ferovane::testing {
 namespace {
 
-using simulator::AppleSiliconOptions;
-using Mode = AppleSiliconOptions::ManualMode;
+using Rule = simulator::ManualModeRule;
 
 constexpr double kCoolingSeconds = 300;
 constexpr double kProfileSeconds = 1800;
@@ -17,35 +18,36 @@ constexpr double kSoon = 7;  // seconds: the first rounds are over
 constexpr double kLongIdle = 60;
 constexpr int kMostRequests = 4;
 
-const std::string kSession = "6f1c2f0e-7a44-4d2b-9a3d-0e6c9bb0a1f2";
 // {"points":[{"temperature":30,"percent":20},{"temperature":80,"percent":100}],"sensor":"CPU"}
 const std::string kCurve =
     "eyJwb2ludHMiOlt7InRlbXBlcmF0dXJlIjozMCwicGVyY2VudCI6MjB9LHsidGVtcGVyYXR1cmUiOjgwLCJwZXJjZW50Ij"
     "oxMDB9XSwic2Vuc29yIjoiQ1BVIn0=";
 
-MachineKind appleSilicon(const char* name, bool canBeHeld, const AppleSiliconOptions& options) {
-    const auto make = [options](int fans) { return simulator::appleSiliconMac(fans, options); };
-    return {name, true, canBeHeld, make};
+MachineKind appleSilicon(const char* name, const simulator::AppleSiliconOptions& options) {
+    const bool isHeld = options.manualMode == Rule::kAcceptedAtOnce && !options.lowerCaseModeKey;
+    return {name, true, isHeld, !options.lowerCaseModeKey, options.unlockKey, [options](int fans) {
+                return simulator::appleSiliconMac(fans, options);
+            }};
+}
+
+// A mask that nothing follows, beside the mode keys.
+simulator::SimulatedMac intelMacWithBoth(int fans) {
+    simulator::SimulatedMac mac = simulator::intelMac(fans);
+    mac.setKey("FS! ", "ui16", {0, 0});
+    return mac;
 }
 
 // ---- One-shot commands -------------------------------------------------------------------------
 
-Flow cooling(const std::string& word, double seconds) {
-    return {.name = word,
-            .words = {word, "4711", "501", kSession},
-            .controlsFans = true,
-            .lease = true,
-            .cooling = true,
-            .seconds = seconds};
-}
-
-Flow profile(const std::string& mode, int turboDisabled) {
-    return {.name = "profile " + mode,
-            .words = {"profile", "4711", "501", kSession, mode, mode == "custom" ? kCurve : "-"},
-            .controlsFans = true,
-            .lease = true,
-            .turboDisabled = turboDisabled,
-            .seconds = kProfileSeconds};
+Flow lease(const std::string& word, std::vector<std::string> arguments, double seconds) {
+    Flow flow{.name = word,
+              .words = {word, "4711", "501", "6f1c2f0e-7a44-4d2b-9a3d-0e6c9bb0a1f2"},
+              .controlsFans = true,
+              .lease = true,
+              .cooling = arguments.empty(),
+              .seconds = seconds};
+    flow.words.insert(flow.words.end(), arguments.begin(), arguments.end());
+    return flow;
 }
 
 Flow single(const std::string& word, int turboDisabled = -1) {
@@ -57,22 +59,25 @@ Flow drawOneShot(const MachineKind& machine, bool lengthy, Dice& dice) {
     switch (dice.upTo(lengthy ? 6 : 11)) {
         case 0:
         case 1:
-            flow = cooling("cooling", kCoolingSeconds);
+            flow = lease("cooling", {}, kCoolingSeconds);
             break;
         case 2:
         case 3:
-            flow = cooling("test-fan", kFanTestSeconds);
+            flow = lease("test-fan", {}, kFanTestSeconds);
             break;
         case 4:
             if (!machine.appleSilicon) {
-                flow = dice.oneIn(2) ? profile("quiet", 1) : profile("balanced", 0);
-                break;
+                flow.turboDisabled = dice.upTo(1);
             }
             [[fallthrough]];
         case 5:
-        case 6:
-            flow = profile("custom", -1);
+        case 6: {
+            const int turbo = flow.turboDisabled;
+            const char* mode = turbo < 0 ? "custom" : turbo == 0 ? "balanced" : "quiet";
+            flow = lease("profile", {mode, turbo < 0 ? kCurve : "-"}, kProfileSeconds);
+            flow.turboDisabled = turbo;
             break;
+        }
         case 7:
         case 8:
         case 9:
@@ -100,21 +105,20 @@ MonitorStep command(const std::string& word, Ask ask) {
     return {encodeJson(ControlRequest{.command = word}), ask};
 }
 
+// Of the curves some ask for the same speed at every usual temperature.
 MonitorStep drawProfile(bool appleSilicon, Dice& dice) {
-    if (!dice.oneIn(3)) {
-        const FanCurve curve{{{30, 10.0 * static_cast<double>(dice.upTo(6))}, {80, 100}},
-                             CurveSensor::cpu};
-        return {
-            encodeJson(ControlRequest{.command = "profile", .profile = "custom", .curve = curve}),
-            Ask::lease};
+    ControlRequest request{.command = "profile", .profile = "custom"};
+    if (dice.oneIn(3)) {
+        request.profile = dice.oneIn(2) ? "quiet" : "balanced";
+        return {encodeJson(request), appleSilicon ? Ask::refused : Ask::lease};
     }
-    const char* word = dice.oneIn(2) ? "quiet" : "balanced";
-    return {encodeJson(ControlRequest{.command = "profile", .profile = word}),
-            appleSilicon ? Ask::refused : Ask::lease};
+    const double percent = 10.0 * dice.upTo(6);
+    const double level = dice.oneIn(2) ? 35 : 70;
+    request.curve = FanCurve{{{30, percent}, {level, percent}, {80, 100}}, CurveSensor::cpu};
+    return {encodeJson(request), Ask::lease};
 }
 
 MonitorStep drawRequest(bool appleSilicon, Dice& dice) {
-    const Ask onIntel = appleSilicon ? Ask::refused : Ask::turbo;
     switch (dice.upTo(11)) {
         case 0:
             return command("hello", Ask::status);
@@ -132,7 +136,8 @@ MonitorStep drawRequest(bool appleSilicon, Dice& dice) {
             return dice.oneIn(2) ? MonitorStep{"{nonsense", Ask::refused}
                                  : command("dance", Ask::refused);
         case 7:
-            return command(dice.oneIn(2) ? "turbo-disable" : "turbo-enable", onIntel);
+            return command(dice.oneIn(2) ? "turbo-disable" : "turbo-enable",
+                           appleSilicon ? Ask::refused : Ask::turbo);
         default:
             return drawProfile(appleSilicon, dice);
     }
@@ -149,112 +154,51 @@ Flow drawSession(const MachineKind& machine, bool lengthy, Dice& dice) {
     for (MonitorStep& step : flow.monitor) {
         step.after = 0.05 + drawSeconds(dice, most[dice.upTo(lengthy ? 3 : dice.oneIn(8) ? 2 : 1)]);
     }
-    switch (dice.upTo(3)) {
-        case 0:
-            flow.monitor.push_back(command("shutdown", Ask::shutdown));
-            flow.monitor.back().after = 0.05 + drawSeconds(dice, kSoon);
-            break;
-        case 1:
-            flow.monitor.push_back({.after = 0.05 + drawSeconds(dice, kSoon), .closes = true});
-            break;
-        default:
-            flow.monitor.push_back({.after = kLongIdle});
-            flow.ending = drawSeconds(dice, kSoon);
-            for (const MonitorStep& step : flow.monitor) {
-                flow.ending += step.after < kLongIdle || lengthy ? step.after : 0;
-            }
-            flow.cause = dice.oneIn(2) ? &FaultWorld::ownerLeavesAt : &FaultWorld::stopSignalAt;
-            flow.ending -= flow.ending > kProfileSeconds ? kProfileSeconds : 0;
+    const int last = dice.upTo(2);
+    MonitorStep end = last == 0 ? command("shutdown", Ask::shutdown) : MonitorStep{};
+    end.closes = last == 1;
+    end.after = last == 2 || dice.oneIn(6) ? kLongIdle : 0.05 + drawSeconds(dice, kSoon);
+    if (last == 2) {
+        flow.ending = drawSeconds(dice, dice.oneIn(4) ? kLongIdle : kSoon);
+        for (const MonitorStep& step : flow.monitor) {
+            flow.ending += step.after;
+        }
+        flow.ending -= flow.ending > kProfileSeconds ? kProfileSeconds : 0;
+        flow.cause = dice.oneIn(2) ? &FaultWorld::ownerLeavesAt : &FaultWorld::stopSignalAt;
     }
+    flow.monitor.push_back(end);
     for (const MonitorStep& step : flow.monitor) {
-        flow.name += (step.closes         ? " close"
-                      : step.line.empty() ? " wait"
-                                          : " " + step.line) +
-                     " after " + std::to_string(step.after);
+        flow.name +=
+            (step.closes ? " close" : " " + step.line) + " after " + std::to_string(step.after);
     }
     return flow;
 }
 
-// ---- Conditions --------------------------------------------------------------------------------
-
-bool always(const MachineKind&, const Flow&) {
-    return true;
-}
-bool toTake(const MachineKind&, const Flow& flow) {
-    return !flow.returnsAll;
-}
-bool onAppleSilicon(const MachineKind& machine, const Flow& flow) {
-    return machine.appleSilicon && machine.canBeHeld && machine.name != "without unlock" &&
-           !flow.returnsAll;
-}
-bool withModeKeys(const MachineKind& machine, const Flow& flow) {
-    return machine.name != "forced mask" && machine.name != "lower case" && !flow.returnsAll;
-}
-bool oneShot(const MachineKind&, const Flow& flow) {
-    return flow.lease && flow.turboDisabled < 0;
-}
-bool curve(const MachineKind&, const Flow& flow) {
-    return !flow.cooling && !flow.returnsAll;
-}
-
-template <int fan>
-void otherTakes(FaultWorld& world, Flow&) {
-    world.mac.otherTakesFan(fan < 0 ? world.mac.fanCount() - 1 : fan);
-}
-template <const char* const& key>
-void unreadable(FaultWorld& world, Flow&) {
-    world.mac.refuseReads(key, simulator::kNotReadable);
-}
-const char* const kFirstTarget = "F0Tg";
-const char* const kFirstMaximum = "F0Mx";
-const char* const kFirstMode = "F0Md";
-
 }  // namespace
 
-const std::vector<MachineKind>& machines() {
+const MachineKind& drawMachine(Dice& dice) {
     static const std::vector<MachineKind> kinds{
-        {"mode keys", false, true, simulator::intelMac},
-        {"forced mask", false, true, simulator::intelMacWithMaskOnly},
-        appleSilicon("accepting", true, {}),
-        appleSilicon("without unlock", true, {.unlockKey = false}),
-        appleSilicon("raising targets", true, {.raisesLowTargets = true}),
-        appleSilicon("locked", false, {.manualMode = Mode::kRefusedUntilUnlocked}),
-        appleSilicon("lower case", false, {.lowerCaseModeKey = true}),
-        appleSilicon("deaf", false, {.manualMode = Mode::kWithoutEffect}),
+        {"mode keys", false, true, true, false, simulator::intelMac},
+        {"mode keys and a mask", false, true, true, false, intelMacWithBoth},
+        {"forced mask", false, true, false, false, simulator::intelMacWithMaskOnly},
+        appleSilicon("accepting", {}),
+        appleSilicon("without unlock", {.unlockKey = false}),
+        appleSilicon("locked", {.manualMode = Rule::kRefusedUntilUnlocked}),
+        appleSilicon("lower case", {.lowerCaseModeKey = true}),
+        appleSilicon("deaf", {.manualMode = Rule::kWithoutEffect}),
     };
-    return kinds;
+    const int held = static_cast<int>(std::count_if(
+        kinds.begin(), kinds.end(), [](const MachineKind& kind) { return kind.canBeHeld; }));
+    return kinds[static_cast<std::size_t>(
+        dice.oneIn(8) ? held + dice.upTo(static_cast<int>(kinds.size()) - held - 1)
+                      : dice.upTo(held - 1))];
 }
 
 Flow drawFlow(const MachineKind& machine, bool lengthy, Dice& dice) {
-    return dice.oneIn(2) ? drawSession(machine, lengthy, dice)
-                         : drawOneShot(machine, lengthy, dice);
-}
-
-const std::vector<Condition>& conditions() {
-    static const std::vector<Condition> all{
-        {"another program holds the last fan", true, always, otherTakes<-1>},
-        {"another program holds the first fan", true, always, otherTakes<0>},
-        {"another program holds the unlock", true, onAppleSilicon,
-         [](FaultWorld& w, Flow&) { w.mac.otherHoldsUnlock(); }},
-        {"a mode that nobody knows", true, withModeKeys,
-         [](FaultWorld& w, Flow&) { w.mac.otherWrites("F0Md", 2); }},
-        {"a mode that cannot be read", true, withModeKeys, unreadable<kFirstMode>},
-        {"a target that cannot be read", true, toTake, unreadable<kFirstTarget>},
-        {"a rated maximum that cannot be read", true, toTake, unreadable<kFirstMaximum>},
-        {"a target above its range", true, oneShot,
-         [](FaultWorld& w, Flow&) { w.mac.otherWrites("F0Tg", w.mac.fanMaximum(0) + 500); }},
-        {"a rated maximum below the minimum", true, toTake,
-         [](FaultWorld& w, Flow&) { w.mac.setNumber("F0Mx", w.mac.fanMinimum(0) - 100); }},
-        {"a rated minimum of 0", true, curve,
-         [](FaultWorld& w, Flow&) { w.mac.setNumber("F0Mn", 0); }},
-        {"the system's own automatic mode", false, onAppleSilicon,
-         [](FaultWorld& w, Flow&) {
-             for (int fan = 0; fan < w.mac.fanCount(); ++fan) {
-                 w.mac.otherWrites("F" + std::to_string(fan) + "Md", 3);
-             }
-         }},
-    };
-    return all;
+    Flow flow =
+        dice.oneIn(2) ? drawSession(machine, lengthy, dice) : drawOneShot(machine, lengthy, dice);
+    flow.machine = &machine;
+    return flow;
 }
 
 }  // namespace ferovane::testing

@@ -4,7 +4,6 @@
 #include <functional>
 #include <limits>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "tests/faults/fault_world.h"
@@ -16,9 +15,11 @@ struct MachineKind {
     std::string name;
     bool appleSilicon;
     bool canBeHeld;  // the others refuse every lease
+    bool modeKeys;   // "F0Md" …
+    bool unlockKey;
     std::function<simulator::SimulatedMac(int fans)> make;
 };
-const std::vector<MachineKind>& machines();
+const MachineKind& drawMachine(Dice& dice);
 
 struct Flow {
     static constexpr double kNever = std::numeric_limits<double>::infinity();
@@ -34,6 +35,7 @@ struct Flow {
     double seconds = kNever;              // for which a fan may be held without a break
     double ending = kNever;               // when a cause to stop comes, in seconds after the start
     double FaultWorld::*cause = nullptr;  // which
+    const MachineKind* machine = nullptr;
 
     bool isSession() const { return words.front() == "serve"; }
     bool usesTools() const { return isSession() || turboDisabled >= 0; }
@@ -46,15 +48,5 @@ inline double drawSeconds(Dice& dice, double most) {
 
 // lengthy: with endings and pauses as long as a lease, else of a few seconds.
 Flow drawFlow(const MachineKind& machine, bool lengthy, Dice& dice);
-
-// What a machine may be like, or a caller, so that no fan may be taken; and what it may be like
-// without that.
-struct Condition {
-    std::string_view name;
-    bool refuses;
-    bool (*applies)(const MachineKind& machine, const Flow& flow);
-    void (*prepare)(FaultWorld& world, Flow& flow);
-};
-const std::vector<Condition>& conditions();
 
 }  // namespace ferovane::testing

@@ -4,7 +4,9 @@
 #include <cmath>
 #include <filesystem>
 #include <iterator>
+#include <limits>
 #include <regex>
+#include <utility>
 
 #include "core/model/json_codec.h"
 #include "tests/faults/failing_memory.h"
@@ -20,6 +22,7 @@ constexpr const char* kNoFans = "没有可读取的风扇";
 constexpr const char* kNoMemory = "内存不足，操作未完成";
 constexpr const char* kUnreturned = "恢复自动风扇失败";
 constexpr const char* kSomebodyElses = "风扇未处于系统自动";
+constexpr const char* kUnlockTaken = "风扇控制交接已被占用";
 constexpr const char* kTurboNotPutBack = "睿频回退失败";
 
 constexpr double kRoundedRpm = 3;          // a target is kept in steps below this
@@ -32,6 +35,7 @@ constexpr double kRivalPeriodSeconds = 25;
 constexpr double kRoundSeconds = 3;
 constexpr double kLeaseSlack = 5;         // seconds, of taking and handing back
 constexpr double kTakingSeconds = 0.5;    // per fan, when nothing is wrong
+constexpr double kReplySeconds = 7;       // likewise, with a switch of turbo
 constexpr double kSettlingSeconds = 12;   // more than delayed writes in a row need
 constexpr double kTakeWindow = 0.06;      // between the last look for a cause to stop and a take
 constexpr double kSessionWaits = 11.5;    // seconds for its lease to end, before its process does
@@ -63,12 +67,10 @@ bool names(const std::string& text, int fan) {
 
 }  // namespace
 
-Judge::Judge(FaultWorld& world, const MachineKind& machine, const Flow& flow,
-             const Condition* condition)
+Judge::Judge(FaultWorld& world, const Flow& flow, const FaultKind* found)
     : world_(world),
-      machine_(machine),
       flow_(flow),
-      condition_(condition),
+      found_(found),
       start_(world.mac.now()),
       driver_(driverLoaded()),
       descriptors_(openDescriptors()) {
@@ -92,15 +94,9 @@ Judge::Judge(FaultWorld& world, const MachineKind& machine, const Flow& flow,
     world.atEnd = [this] { checkEnd(); };
 }
 
-void Judge::complain(const std::string& text) {
-    if (std::find(complaints.begin(), complaints.end(), text) == complaints.end()) {
+void Judge::complainIf(bool isWrong, const std::string& text) {
+    if (isWrong && std::find(complaints.begin(), complaints.end(), text) == complaints.end()) {
         complaints.push_back(text);
-    }
-}
-
-void Judge::complainIf(bool isWrong, const char* text) {
-    if (isWrong) {
-        complain(text);
     }
 }
 
@@ -116,22 +112,18 @@ bool Judge::hasSwitch(const Keys& keys, int fan) {
     return has(keys, {key(fan, "Md"), key(fan, "md"), "FS! ", "Ftst"});
 }
 
-bool Judge::isTouched(int fan) const {
-    return hasSwitch(hit_, fan) || has(hit_, {"FNum"});
-}
-
 bool Judge::isHit() const {
     return !hit_.empty() || FailingMemory::hasStruck();
 }
 
 bool Judge::isFit() const {
-    return condition_ == nullptr || !condition_->refuses || flow_.returnsAll;
+    return found_ == nullptr || found_->harm == Harm::none ||
+           (flow_.returnsAll && found_->harm == Harm::unfit);
 }
 
-// Then what made the machine unfit is gone.
-bool Judge::wasAskedToReturn() const {
-    const auto& asked = world_.asked;
-    return std::find(asked.begin(), asked.end(), Ask::automatic) != asked.end();
+int Judge::timesAsked(Ask ask) const {
+    return static_cast<int>(std::count_if(world_.asked.begin(), world_.asked.end(),
+                                          [ask](const Asked& asked) { return asked.ask == ask; }));
 }
 
 bool Judge::mayThinkItReturned(int fan) const {
@@ -151,18 +143,27 @@ bool Judge::mayLeave(int fan, double end) {
 }
 
 double Judge::slowest(double seconds) const {
-    return seconds + static_cast<double>(fans_.size()) *
-                         (calm_ && !isHit() ? kSecondsPerFan : kSlowSecondsPerFan);
+    return seconds +
+           static_cast<double>(fans_.size()) * (isCalm() ? kSecondsPerFan : kSlowSecondsPerFan);
+}
+
+double Judge::takingSeconds() const {
+    return kTakingSeconds * static_cast<double>(fans_.size());
 }
 
 // ---- What befalls the helper -------------------------------------------------------------------
 
 void Judge::strikes(const FaultKind& kind, const Call& call) {
-    const std::string struck = kind.isOfOneKey() ? call.keyText() : "";
+    const bool isOfOneKey = kind.has("key=@");
+    const std::string struck = isOfOneKey ? call.keyText() : "";
+    quiet_ = false;
     calm_ = calm_ && kind.harm == Harm::none;
     lastHitAt_ = kind.harm == Harm::none ? lastHitAt_ : now();
     using enum CallKind;
-    toolsWrong_ = toolsWrong_ || (calls({call.kind}) & calls({tool, threadStart, probe})) != 0;
+    toolsWrong_ = toolsWrong_ || (kind.calls & ~calls({tool, threadStart, probe})) == 0;
+    complainIf(kind.is("SIG") && wrote_ && world_.handled.empty(),
+               "a signal would have ended the helper in the middle");
+    slow_ = slow_ || !(kind.is("refuse") || kind.harm == Harm::rival || kind.harm == Harm::cause);
     switch (kind.harm) {
         case Harm::lies:
             lied_.insert(struck);
@@ -176,6 +177,7 @@ void Judge::strikes(const FaultKind& kind, const Call& call) {
             break;
         case Harm::time:
             timeIsWrong_ = true;
+            slept_ = slept_ || kind.is("sleep");
             if (kind.is("sleep")) {  // every fan is the system's again
                 unlockSince_.reset();
                 for (Fan& fan : fans_) {
@@ -198,11 +200,23 @@ void Judge::strikes(const FaultKind& kind, const Call& call) {
         default:
             break;
     }
+    // A lease must not go on where it can no longer see.
+    const bool isBlind = kind.is("refuse-read") && !kind.has("times") &&
+                         (struck == "FNum" || struck == "FS! " ||
+                          (struck[0] == 'F' && (struck.ends_with("Tg") || struck.ends_with("Md"))));
+    const bool isCold = kind.is("temperatures") && !flow_.cooling;
+    if ((isBlind || isCold || kind.is("vanish-fan")) && held_ &&
+        now() > heldSince_ + takingSeconds() + 1) {
+        loses(now());
+        onlyMoved_ = false;
+    }
 }
 
 void Judge::seeRival(const FaultKind& kind) {
     rival_ = true;
     const bool keeps = kind.is("keep-target");
+    rivalCalls_ =
+        keeps ? std::numeric_limits<std::size_t>::max() : std::max(rivalCalls_, world_.calls);
     const int fan = kind.is("take-fan") ? static_cast<int>(fans_.size()) - 1 : 0;
     const FanState first = world_.fan(0);
     if (kind.is("hold-unlock")) {
@@ -215,10 +229,10 @@ void Judge::seeRival(const FaultKind& kind) {
         of(0).othersSince.reset();
     }
     if ((kind.is("take-fan") || keeps) && !world_.fan(fan).manual) {
-        of(fan).othersSince = of(fan).othersSince.value_or(world_.calls);
+        of(fan).othersSince = world_.calls;
     } else if (fan == 0 && first.manual && !first.others &&
-               now() > heldSince_ + kTakingSeconds * static_cast<double>(fans_.size()) + 1) {
-        interferedAt_ = std::min(interferedAt_, now());
+               now() > heldSince_ + takingSeconds() + 1) {
+        loses(now());
         onlyMoved_ = kind.is("drift-target");
         keptAt_ = keeps ? std::min(keptAt_, now()) : keptAt_;
     }
@@ -227,12 +241,15 @@ void Judge::seeRival(const FaultKind& kind) {
 // ---- What was written --------------------------------------------------------------------------
 
 void Judge::seeWrites(const std::vector<FanWrite>& writes) {
-    complainIf(!flow_.controlsFans && !writes.empty(), "fans written to, which nobody asked for");
+    wrote_ = wrote_ || !writes.empty();
+    const bool isDenied = found_ != nullptr && found_->harm == Harm::denied;
+    complainIf((!flow_.controlsFans || isDenied) && !writes.empty(),
+               "fans written to, which nobody asked for or might ask for");
     // One that cannot be read is set as it was before the first fan.
     const auto taken = std::count_if(writes.begin(), writes.end(), [&](const FanWrite& write) {
         return write.takes() && !world_.fan(write.fan).manual;
     });
-    complainIf(taken > 1 && !has(lied_, {"FS! "}) && !rival_ && !timeIsWrong_,
+    complainIf(taken > 1 && !has(lied_, {"FS! "}) && !rival_ && !slept_,
                "more than one fan switched by a mask");
     for (const FanWrite& write : writes) {
         if (!write.isMode) {
@@ -268,8 +285,8 @@ void Judge::seeTaking(const FanWrite& write) {
     complainIf(!world_.guarded, "a fan taken, and the guardian does not know");
     complainIf(!logged_ && !mayThinkItReturned(write.fan),
                "a fan taken, and the log does not know");
-    complainIf(!isFit() && !wasAskedToReturn() && lied_.empty() && hit_.count("") == 0 && !rival_ &&
-                   !timeIsWrong_,
+    complainIf(!isFit() && timesAsked(Ask::automatic) == 0 && lied_.empty() &&
+                   hit_.count("") == 0 && !rival_ && !slept_,
                "a fan taken that had to be refused");
     Fan& fan = of(write.fan);
     const std::size_t window =
@@ -279,13 +296,17 @@ void Judge::seeTaking(const FanWrite& write) {
     } else
         complainIf(!isTouched(write.fan) && fan.othersSince && world_.fan(write.fan).others,
                    "a fan taken that another program held");
-    complainIf(!isTouched(write.fan) && write.isMode && unlockSince_ && machine_.appleSilicon &&
-                   !held_ && world_.mac.number("Ftst").value_or(0) != 0 &&
+    complainIf(!isTouched(write.fan) && write.isMode && unlockSince_ &&
+                   flow_.machine->appleSilicon && !held_ &&
+                   world_.mac.number("Ftst").value_or(0) != 0 &&
                    world_.calls > *unlockSince_ + window,
                "a fan taken while another program had the unlock");
-    complainIf(write.isMode && flow_.cooling && !fan.taken && now() > causeAt_ + kTakeWindow &&
-                   !timeIsWrong_,
-               "a fan taken after a cause to stop");
+    const bool isTooLate = flow_.isSession()
+                               ? !held_ && answered_ < world_.asked.size() &&
+                                     causeAt_ < world_.asked[answered_].at &&
+                                     world_.farewellAt == Turns::kForever
+                               : flow_.cooling && !fan.taken && now() > causeAt_ + kTakeWindow;
+    complainIf(write.isMode && isTooLate && !slept_, "a fan taken after a cause to stop");
     if (write.isMode) {
         fan.taken = true;
         fan.orders = 0;
@@ -321,16 +342,21 @@ void Judge::seeMachine() {
     held_ = false;
     heldUntil_ = now();
     const double noticed = keptAt_ < Turns::kForever ? kRivalPeriodSeconds : 0;
+    const double longest = timeIsWrong_ ? 2 * flow_.seconds : flow_.seconds;
     const bool isBlind = hasSwitch(lied_, 0) || has(lied_, {"F0Tg", "FNum"});
-    if (!timeIsWrong_) {
-        complainIf(heldUntil_ - heldSince_ > flow_.seconds + slowest(kLeaseSlack),
+    if (!slept_) {
+        complainIf(heldUntil_ - heldSince_ > longest + (quiet_ && !isHit()
+                                                            ? takingSeconds() + world_.pauseSlice
+                                                            : slowest(kLeaseSlack)),
                    "fans held for longer than a lease may");
+        complainIf(heldUntil_ > refusedAt_ + slowest(kHandBackSeconds),
+                   "fans held for long by a lease that was refused");
         complainIf(heldUntil_ > std::max(causeAt_, heldSince_) + slowest(kHandBackSeconds),
                    "fans held for long after a cause to stop");
         complainIf(heldUntil_ > interferedAt_ + slowest(noticed + kNoticingSeconds) && !isBlind,
                    "a lease that went on while another program changed its fan");
     }
-    interferedAt_ = keptAt_ = Turns::kForever;
+    interferedAt_ = keptAt_ = refusedAt_ = Turns::kForever;
 }
 
 // Those that were somebody else's before are "auto"'s, too.
@@ -368,11 +394,15 @@ void Judge::hearOutput(const std::string& line) {
     try {
         const auto reply = decodeJson<ControlReply>(line);
         if (answered_ >= world_.asked.size()) {
-            return complain("a reply to nothing: " + line);
+            return complainIf(true, "a reply to nothing: " + line);
         }
-        hearReply(reply, world_.asked[answered_++]);
+        const Asked& asked = world_.asked[answered_++];
+        const double since = std::max(asked.at, std::exchange(answeredAt_, now()));
+        complainIf(now() > since + kReplySeconds + 2 * takingSeconds() && !slow_,
+                   "a reply that took long");
+        hearReply(reply, asked);
     } catch (const std::exception& error) {
-        complain("a reply that is none: " + line + ": " + error.what());
+        complainIf(true, "a reply that is none: " + line + ": " + error.what());
     }
 }
 
@@ -386,7 +416,8 @@ void Judge::hearLog(const std::string& line) {
                "the log told that fans are returned that are not");
 }
 
-void Judge::hearReply(const ControlReply& reply, Ask ask) {
+void Judge::hearReply(const ControlReply& reply, const Asked& asked) {
+    const Ask ask = asked.ask;
     checkForeseen(reply, ask);
     const double driver = driverLoaded();
     if (!reply.ok) {
@@ -395,6 +426,7 @@ void Judge::hearReply(const ControlReply& reply, Ask ask) {
                    "turbo left changed by what failed");
         driver_ = driver;
         leaseEnds_ = ask == Ask::refused ? leaseEnds_ : 0;
+        refusedAt_ = ask == Ask::lease && held_ ? std::min(refusedAt_, now()) : refusedAt_;
         return;
     }
     driver_ = driver;
@@ -412,7 +444,8 @@ void Judge::hearReply(const ControlReply& reply, Ask ask) {
         leaseEnds_ = 0;
         for (int fan = 0; fan < static_cast<int>(fans_.size()); ++fan) {
             complainIf(world_.fan(fan).manual && world_.mac.hasKey(key(fan, "Tg")) &&
-                           !mayThinkItReturned(fan) && !has(lied_, {"FNum"}) && !rival_,
+                           !mayThinkItReturned(fan) && !has(lied_, {"FNum"}) &&
+                           rivalCalls_ <= asked.calls,
                        "every fan told to be returned, and one is not");
         }
         complainIf(reply.session.has_value(), "a lease told to run on, which was to end");
@@ -423,13 +456,13 @@ void Judge::hearReply(const ControlReply& reply, Ask ask) {
 
 void Judge::checkControlTold(const ControlReply& reply) {
     if (!reply.session || !reply.fanStatus) {
-        return complain("control told, and not of which lease");
+        return complainIf(true, "control told, and not of which lease");
     }
     leaseEnds_ = now() + reply.fanStatus->remainingSeconds;
     // What strikes a lease ends it within a round.
     const bool isOver = now() >= causeAt_ || now() < lastHitAt_ + slowest(kNoticingSeconds) ||
                         FailingMemory::hasStruck();
-    if (isOver || rival_ || timeIsWrong_ || !machine_.canBeHeld) {
+    if (isOver || rival_ || timeIsWrong_ || !flow_.machine->canBeHeld) {
         return;
     }
     complainIf(reply.fanStatus->targets.size() != fans_.size() && !has(lied_, {"FNum"}),
@@ -452,19 +485,17 @@ void Judge::checkControlTold(const ControlReply& reply) {
 // When nothing is wrong, what is asked for is done.
 void Judge::checkForeseen(const ControlReply& reply, Ask ask) {
     const bool mustBeRefused = ask == Ask::refused || (ask == Ask::lease && !isFit() && isCalm());
-    complainIf(reply.ok && mustBeRefused && (ask == Ask::refused || !wasAskedToReturn()),
-               "done what had to be refused");
-    const bool isFine = isCalm() && isFit() && machine_.canBeHeld && now() < causeAt_;
+    complainIf(
+        reply.ok && mustBeRefused && (ask == Ask::refused || timesAsked(Ask::automatic) == 0),
+        "done what had to be refused");
+    const bool isFine = isCalm() && isFit() && flow_.machine->canBeHeld && now() < causeAt_;
     if (!isFine || ask == Ask::refused) {
         return;
     }
-    if (!reply.ok) {
-        complain("refused with nothing wrong: " + reply.message);
-    }
-    if (ask == Ask::status && (leaseEnds_ > now() + 1) != (reply.message == kConfirmed) &&
-        (leaseEnds_ > now() + 1 || now() > leaseEnds_ + kLeaseSlack)) {
-        complain("a status that is not so: " + reply.message);
-    }
+    complainIf(!reply.ok, "refused with nothing wrong: " + reply.message);
+    complainIf(ask == Ask::status && (leaseEnds_ > now() + 1) != (reply.message == kConfirmed) &&
+                   (leaseEnds_ > now() + 1 || now() > leaseEnds_ + kLeaseSlack),
+               "a status that is not so: " + reply.message);
 }
 
 // ---- What is left ------------------------------------------------------------------------------
@@ -473,23 +504,39 @@ void Judge::checkEnd() {
     const double end = now();
     seeMachine();
     checkFansLeft();
-    checkSettings();
-    complainIf(world_.diedHolding, "a signal would have ended the helper while it held fans");
-    complainIf(
-        end > std::max(causeAt_, start_) + slowest(kEndsSeconds) && !toolsWrong_ && !timeIsWrong_,
-        "it did not end for long after a cause to");
-    const bool isOthers = flow_.lease && contains(world_.told(), kSomebodyElses);
-    complainIf(isOthers && !isHit() &&
-                   std::any_of(fans_.begin(), fans_.end(),
-                               [](const Fan& fan) { return fan.returnedOfOthers; }),
-               "a fan of another program returned");
+    complainIf(end > std::max(causeAt_, start_) + slowest(kEndsSeconds) && !toolsWrong_ && !slept_,
+               "it did not end for long after a cause to");
+    checkRefusal(world_.told());
+    const double driver = driverLoaded();
+    const bool switches = flow_.turboDisabled >= 0;
+    const double wanted = switches && !world_.output.empty() ? flow_.turboDisabled : driver_;
+    complainIf(driver != wanted && !toolsWrong_ && !contains(world_.told(), kTurboNotPutBack) &&
+                   !((switches || flow_.isSession()) && (isCutOff() || FailingMemory::hasStruck())),
+               "turbo is not as it was, nor as it was told");
+}
+
+// A fan that was refused because it is not free stays untouched.
+void Judge::checkRefusal(const std::string& told) {
+    const bool isOthers = contains(told, kSomebodyElses);
+    const int leases = flow_.lease ? 1 : timesAsked(Ask::lease);
+    if ((!isOthers && !contains(told, kUnlockTaken)) || isHit() || leases != 1 ||
+        timesAsked(Ask::automatic) > 0) {
+        return;
+    }
+    bool isAnyUntouched = false, isOthersReturned = false;
+    for (const Fan& fan : fans_) {
+        isAnyUntouched = isAnyUntouched || (!fan.taken && fan.orders == 0);
+        isOthersReturned = isOthersReturned || fan.returnedOfOthers;
+    }
+    complainIf(!isAnyUntouched, "no fan untouched, though one was refused");
+    complainIf(isOthers && isOthersReturned, "a fan of another program returned");
 }
 
 void Judge::checkFansLeft() {
     const double end = now();
     world_.mac.advance(late_.empty() ? 0 : kSettlingSeconds);
     const std::string told = world_.told();
-    const bool cutOff = world_.muffled || !world_.undelivered.empty();
+    const bool cutOff = isCutOff();
     complainIf(logged_ && !contains(told, kUnreturned), "a lease ended, and the log does not know");
     const std::vector<int> left = fansLeft();
     isLeft = !left.empty();
@@ -501,14 +548,12 @@ void Judge::checkFansLeft() {
         return;
     }
     for (const int fan : left) {
-        if (!mayLeave(fan, end)) {
-            complain("fan " + std::to_string(fan) + " left in manual mode without need");
-        }
-        if (flow_.lease && !cutOff && !mayThinkItReturned(fan) && !names(told, fan)) {
-            complain("fan " + std::to_string(fan) + " left in manual mode, and not named");
-        }
-        complainIf(flow_.isSession() && of(fan).orders < kPatientAttempts &&
-                       end > of(fan).orderedAt + slowest(kLongestSilence) && !timeIsWrong_,
+        const std::string name = "fan " + std::to_string(fan);
+        complainIf(!mayLeave(fan, end), name + " left in manual mode without need");
+        complainIf(flow_.lease && !cutOff && !mayThinkItReturned(fan) && !names(told, fan),
+                   name + " left in manual mode, and not named");
+        complainIf(flow_.isSession() && of(fan).orders > 0 && of(fan).orders < kPatientAttempts &&
+                       end > of(fan).orderedAt + slowest(kLongestSilence) && !slept_,
                    "a session gave up handing back");
     }
     if (leavesKnown()) {
@@ -521,22 +566,8 @@ void Judge::checkFansLeft() {
     }
 }
 
-void Judge::checkSettings() {
-    if (toolsWrong_ || flow_.isSession()) {
-        return;
-    }
-    const double driver = driverLoaded();
-    const bool switches = flow_.turboDisabled >= 0;
-    const double wanted = switches && !world_.output.empty() ? flow_.turboDisabled : driver_;
-    const bool both = switches && !world_.undelivered.empty();
-    complainIf(driver != wanted && !both && !contains(world_.told(), kTurboNotPutBack),
-               "turbo is not as it was, nor as it was told");
-}
-
 void Judge::ended(int status) {
-    complainIf(
-        status != 0 && world_.errors.empty() && world_.undelivered.empty() && !world_.muffled,
-        "a failure without a word");
+    complainIf(status != 0 && world_.errors.empty() && !isCutOff(), "a failure without a word");
     complainIf(!(world_.mac.ports() == simulator::PortCounts{}), "ports that were not given back");
     complainIf(openDescriptors() != descriptors_, "descriptors that were not closed");
     const bool told = !world_.output.empty() && world_.output.back() == '\n';
@@ -545,8 +576,8 @@ void Judge::ended(int status) {
         complainIf(status == 0 && isLeft && leavesKnown(),
                    "success with a fan left in manual mode");
     }
-    const bool inTime = flow_.ending > 1 + kTakingSeconds * static_cast<double>(fans_.size());
-    if (isCalm() && inTime) {
+    const double begun = 1 + takingSeconds() + (flow_.usesTools() ? kReplySeconds : 0);
+    if (isCalm() && flow_.ending > begun) {
         checkFailure(status);
     }
 }
@@ -554,11 +585,11 @@ void Judge::ended(int status) {
 // Where nothing has struck: what had to be refused was, and nothing else.
 void Judge::checkFailure(int status) {
     if (!isFit()) {
-        return complainIf(flow_.lease && status == 0, "success in what had to be refused");
+        return complainIf((flow_.lease || found_->harm == Harm::denied) && status == 0,
+                          "success in what had to be refused");
     }
-    if (status != 0 && (!flow_.lease || machine_.canBeHeld)) {
-        return complain("failed with nothing wrong: " + world_.told());
-    }
+    complainIf(status != 0 && (!flow_.lease || flow_.machine->canBeHeld),
+               "failed with nothing wrong: " + world_.told());
     if (!flow_.lease || status != 0) {
         return;
     }

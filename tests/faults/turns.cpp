@@ -81,6 +81,11 @@ Turns* Turns::ofThisThread() {
     return turnsOfThread;
 }
 
+void Turns::giveUp(const char* why) {
+    std::fprintf(stderr, "seed %u: %s\n", seedOfCase, why);
+    std::abort();
+}
+
 void Turns::sometimesYield() {
     if (shuffled_ && parts_.size() > 1 && random_() % kCallsPerYield == 0) {
         waitFor(nullptr, now());
@@ -130,8 +135,7 @@ Turns::Part& Turns::next() {
         return *ready[random_() % ready.size()];
     }
     if (first == nullptr || first->wakeAt == kForever) {
-        std::fputs("every thread of the code under test waits for ever\n", stderr);
-        std::abort();
+        giveUp("every thread of the code under test waits for ever");
     }
     if (ready.empty()) {
         advance_(first->wakeAt - now());

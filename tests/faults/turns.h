@@ -21,6 +21,8 @@ inline constexpr auto reallyStart =
     __real__ZNSt6thread15_M_start_threadESt10unique_ptrINS_6_StateESt14default_deleteIS1_EEPFvvE;
 inline constexpr auto reallyJoin = __real__ZNSt6thread4joinEv;
 
+inline unsigned seedOfCase = 0;  // told when a run comes to no end
+
 // While it lives, the thread that made it takes part, and every std::thread that a part-taker
 // starts. Their waits for a condition, their joins and steady_clock are on this clock (the calls
 // are redirected when the test program is linked).
@@ -36,6 +38,7 @@ public:
     Turns& operator=(const Turns&) = delete;
 
     static Turns* ofThisThread();  // null when it takes no part
+    [[noreturn]] static void giveUp(const char* why);
 
     double now() const { return now_(); }
     void sleep(double seconds) { waitFor(nullptr, now() + seconds); }

@@ -7,7 +7,6 @@
 #include <condition_variable>
 #include <cstdint>
 #include <cstring>
-#include <random>
 #include <thread>
 #include <utility>
 
@@ -95,15 +94,7 @@ FEROVANE_PROBE(fv_processor_count, -1)
 int __wrap_fv_cpu_ticks(std::uint64_t* user, std::uint64_t* system, std::uint64_t* idle,
                         std::uint64_t* nice) {
     *user = *system = *idle = *nice = 100;
-    FaultWorld* world = here();
-    return world != nullptr && world->enter({CallKind::probe}).nothing ? -1 : 0;
-}
-
-// Identifiers are made of it.
-unsigned __real__ZNSt13random_device9_M_getvalEv(std::random_device*);
-unsigned __wrap__ZNSt13random_device9_M_getvalEv(std::random_device* device) {
-    FaultWorld* world = here();
-    return world != nullptr ? world->entropy() : __real__ZNSt13random_device9_M_getvalEv(device);
+    return 0;
 }
 
 // ---- Descriptors and signals -------------------------------------------------------------------
