@@ -1,7 +1,7 @@
 #include "core/analysis/monitor_histories.h"
 
 #include <algorithm>
-#include <optional>
+#include <cmath>
 
 namespace ferovane {
 namespace {
@@ -17,10 +17,12 @@ std::optional<double> fastestOf(const Snapshot& snapshot) {
 }  // namespace
 
 MonitorHistories::MonitorHistories(double longestGapSeconds)
-    : metrics_(longestGapSeconds),
+    : gap_(longestGapSeconds),
+      metrics_(longestGapSeconds),
       load_(longestGapSeconds),
       sustained_(longestGapSeconds),
       turbo_(longestGapSeconds),
+      assessment_(longestGapSeconds),
       processes_(longestGapSeconds),
       health_({}, longestGapSeconds),
       recorder_(longestGapSeconds) {}
@@ -43,6 +45,40 @@ void MonitorHistories::add(Date date, std::span<const ProcessSample> processes) 
 void MonitorHistories::add(const SystemTelemetry& telemetry) {
     metrics_.add(telemetry);
     recorder_.add(telemetry);
+}
+
+SavedDay MonitorHistories::state() const {
+    SavedDay day{{}, load_.state(),    sustained_.state(), turbo_.state(), assessment_.state(),
+                 {}, health_.record(), recorder_.state()};
+    day.changed = day.assessment.changed;
+    for (const auto& [id, metric] : metrics_.all()) {
+        const auto minutes = metric.history.minutes().buckets();
+        const auto hours = metric.history.hours().buckets();
+        day.metrics[id] = {metric.label,
+                           metric.kind,
+                           {minutes.begin(), minutes.end()},
+                           {hours.begin(), hours.end()}};
+    }
+    return day;
+}
+
+bool MonitorHistories::restore(SavedDay day) {
+    MonitorHistories restored(gap_);
+    day.assessment.changed = day.changed;
+    for (const auto& [id, metric] : day.metrics) {
+        if (!restored.metrics_.restore(id, metric.kind, metric.label, metric.minutes,
+                                       metric.hours)) {
+            return false;
+        }
+    }
+    if (!restored.load_.restore(day.load) || !restored.sustained_.restore(day.sustained) ||
+        !restored.turbo_.restore(day.turbo) || !restored.assessment_.restore(day.assessment) ||
+        !restored.recorder_.restore(std::move(day.recorder))) {
+        return false;
+    }
+    restored.health_ = MachineHealth(std::move(day.health));
+    *this = std::move(restored);
+    return true;
 }
 
 }  // namespace ferovane

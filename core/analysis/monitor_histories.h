@@ -1,8 +1,13 @@
 // Everything that a monitor remembers, fed in one place.
 #pragma once
 
+#include <map>
+#include <optional>
 #include <span>
+#include <string>
+#include <tuple>
 #include <utility>
+#include <vector>
 
 #include "core/analysis/cpu_load_history.h"
 #include "core/analysis/diagnostic_report.h"
@@ -16,9 +21,40 @@
 #include "core/analysis/turbo_history.h"
 #include "core/model/date.h"
 #include "core/model/fan_target.h"
+#include "core/model/json_fields.h"
 #include "core/model/snapshot.h"
 
 namespace ferovane {
+
+// What is worth keeping for the next run. Processes are not: theirs has passed by then. As JSON
+// without the long lists of numbers.
+struct SavedDay {
+    struct Metric {
+        std::string label;
+        MetricKind kind{};
+        std::vector<MetricBucket> minutes, hours;
+
+        static constexpr auto jsonFields() {
+            return std::tuple{jsonField("label", &Metric::label), jsonField("kind", &Metric::kind)};
+        }
+    };
+
+    std::map<std::string, Metric> metrics;  // by id
+    CpuLoadHistory::State load;
+    SustainedLoad::State sustained;
+    TurboHistory::State turbo;
+    OptimizationAssessment::State assessment;
+    std::optional<Date> changed;  // of the assessment
+    HealthRecord health;
+    Recorder::State recorder;
+
+    static constexpr auto jsonFields() {
+        using R = SavedDay;
+        return std::tuple{jsonField("metrics", &R::metrics), jsonField("sustained", &R::sustained),
+                          jsonField("turbo", &R::turbo),     jsonField("changed", &R::changed),
+                          jsonField("health", &R::health),   jsonField("recorder", &R::recorder)};
+    }
+};
 
 // What a monitor would otherwise feed one by one, at its own pace: seconds that may pass between
 // two samples of one observation. Any of the three comes as often as the monitor likes, each in the
@@ -60,7 +96,13 @@ public:
     const MachineHealth& health() const { return health_; }
     const Recorder& recorder() const { return recorder_; }
 
+    SavedDay state() const;
+
+    // Goes on from there, after a gap. False, and nothing changes, for what no histories tell.
+    bool restore(SavedDay day);
+
 private:
+    double gap_;
     MetricHistories metrics_;
     CpuLoadHistory load_;
     SustainedLoad sustained_;

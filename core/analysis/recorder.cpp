@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <functional>
+#include <iterator>
 #include <limits>
 #include <string_view>
 
@@ -18,41 +19,44 @@ constexpr double kNoFigure = std::numeric_limits<double>::quiet_NaN();
 constexpr std::array<std::string_view, 7> kHeatIds{"watts", "load", "cpu", "gpu",
                                                    "sink",  "room", "rpm"};
 
-class Row {
-public:
+struct Row {
     std::vector<MetricReading> readings;
 
     template <class Value>
-    void put(std::string_view id, const Value& value) {
+    void put(std::string id, const Value& value) {
         std::optional<double> number;
         if constexpr (requires { value.has_value(); }) {
             number = value ? std::optional(static_cast<double>(*value)) : std::nullopt;
         } else {
             number = static_cast<double>(value);
         }
-        readings.push_back({std::string(id), {}, {}, number});
+        readings.push_back({std::move(id), {}, {}, number});
+    }
+
+    // Every member of a record that is a number, a state or a switch.
+    template <class Record>
+    void putAll(const std::string& prefix, const Record& record) {
+        const auto put = [&](const auto& field) {
+            if constexpr (
+                requires { static_cast<double>(record.*field.member); } ||
+                requires { static_cast<double>(*(record.*field.member)); }) {
+                this->put(prefix + std::string(field.name), record.*field.member);
+            }
+        };
+        std::apply([&](const auto&... field) { (put(field), ...); }, Record::jsonFields());
     }
 };
 
 std::vector<MetricReading> figuresOf(const Snapshot& snapshot, std::span<const FanTarget> targets) {
-    Row row{MetricHistories::readings(snapshot)};
-    row.put("turbo", snapshot.turbo);
-    row.put("acPower", snapshot.acPower);
-    row.put("lowPower", snapshot.lowPower);
-    row.put("smcAvailable", snapshot.smcAvailable);
-    row.put("availableCPUs", snapshot.availableCPUs);
-    row.put("totalCPUs", snapshot.totalCPUs);
-    row.put("thermalWarning", snapshot.thermalWarning);
+    Row row;
+    row.putAll({}, snapshot);
     for (const FanReading& fan : snapshot.fans) {
-        const std::string id = MetricHistories::fan(fan.id);
-        row.put(id + ":minimum", fan.minimum);
-        row.put(id + ":maximum", fan.maximum);
-        row.put(id + ":manual", fan.manual);
-        row.put(id + ":controllable", fan.controllable);
+        row.putAll(MetricHistories::fan(fan.id) + ":", fan);
     }
     for (const FanTarget& target : targets) {
         row.put(MetricHistories::fan(static_cast<int>(target.id)) + ":target", target.rpm);
     }
+    std::ranges::move(MetricHistories::readings(snapshot), std::back_inserter(row.readings));
     return row.readings;
 }
 
@@ -112,7 +116,7 @@ void FigureTable::add(Date date, std::span<const MetricReading> row, double span
         if (reading.value && std::isfinite(*reading.value)) {
             Column& column = columns[reading.id];
             column.label = reading.label;
-            column.values.resize(dates.size(), kNoFigure);  // of two with one id the last counts
+            column.values.resize(dates.size(), kNoFigure);  // the last of two with one id counts
             column.values.push_back(*reading.value);
         }
     }
@@ -158,11 +162,9 @@ void Recorder::add(const Snapshot& snapshot, std::span<const FanTarget> targets)
 }
 
 void Recorder::add(const SystemTelemetry& telemetry) {
-    Row row{MetricHistories::readings(telemetry)};
-    row.put("charging", telemetry.charging);
-    row.put("cycles", telemetry.cycles);
-    row.put("memoryUsed", telemetry.memoryUsed);
-    row.put("memoryTotal", telemetry.memoryTotal);
+    Row row;
+    row.putAll({}, telemetry);
+    std::ranges::move(MetricHistories::readings(telemetry), std::back_inserter(row.readings));
     telemetry_ = std::move(row.readings);
 }
 
@@ -186,7 +188,7 @@ void Recorder::addHeat(const Snapshot& snapshot, bool continues) {
         sample.sink,  sample.room, sample.rpm};
     Row row;
     for (std::size_t i = 0; i < values.size(); ++i) {
-        row.put(kHeatIds[i], values[i]);
+        row.put(std::string(kHeatIds[i]), values[i]);
     }
     heatStep_.add(snapshot.date, row.readings, kHeatStepSeconds, kMostFigures);
 }
