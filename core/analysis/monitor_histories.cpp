@@ -76,7 +76,7 @@ bool MonitorHistories::restore(SavedDay day) {
         !restored.recorder_.restore(std::move(day.recorder))) {
         return false;
     }
-    restored.health_ = MachineHealth(std::move(day.health));
+    restored.health_ = MachineHealth(std::move(day.health), gap_);
     *this = std::move(restored);
     return true;
 }
