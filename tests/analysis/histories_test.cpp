@@ -7,7 +7,9 @@
 #include <iterator>
 #include <limits>
 #include <map>
+#include <span>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -21,15 +23,36 @@
 namespace ferovane::testing {
 namespace {
 
-constexpr double kHuge = std::numeric_limits<double>::max();
+struct Told {
+    Date date;
+    std::optional<double> load, celsius;
+    TurboState state = TurboState::unknown;
+};
+
+// A time in which one thing holds, and the samples in it.
+struct Stretch {
+    Date from, to;
+    double kind = 0;
+    bool joined = false;  // to the one before
+    std::vector<Told> told;
+};
+using Stretches = std::vector<Stretch>;
 
 // What a clock that was set back to `date` leaves: of what reaches past it the figures, up to then.
-template <class Periods, class Period>
-void setBack(Date date, Date Period::*from, Date Period::*to, Periods& all) {
-    std::erase_if(all, [&](const Period& it) { return it.*from >= date; });
-    for (Period& it : all) {
-        it.*to = std::min(it.*to, date);
-    }
+template <class Periods>
+void setBack(Date date, Periods& all) {
+    std::erase_if(all, [&](const auto& it) { return it.from >= date; });
+    std::ranges::for_each(all, [&](auto& it) { it.to = std::min(it.to, date); });
+}
+
+Stretches after(Date date, Stretches all) {
+    std::erase_if(all, [&](const Stretch& it) { return it.to <= date; });
+    std::ranges::for_each(all, [&](Stretch& it) { it.from = std::max(it.from, date); });
+    return all;
+}
+
+Date even(Date date, double length) {
+    return {std::floor(date.secondsSinceReference / length) * length};
 }
 
 // So far that two ways of taking a mean agree; no mean of whole numbers lies between two steps.
@@ -38,168 +61,22 @@ double rounded(double mean) {
     return std::round(mean * kSteps) / kSteps;
 }
 
-// The buckets of a series of 20 s each over ten minutes.
-struct SeriesModel {
-    explicit SeriesModel(double longestGap) : time(longestGap), gap(longestGap) {}
-
-    void append(Date date, std::optional<double> value) {
-        const auto seen = time.see(date);
-        if (!seen.counts) {
-            return;
-        }
-        if (seen.setBack) {
-            setBack(date, &MetricBucket::first, &MetricBucket::last, told);
-        }
-        unseen = unseen || !seen.goesOn;
-        std::erase_if(told, [&](const MetricBucket& it) { return it.last < date - 600; });
-        if (!known(value)) {
-            return;
-        }
-        const auto cell = [](Date moment) { return std::floor(moment.secondsSinceReference / 20); };
-        unseen = unseen || told.empty() || unbroken(told.back().last, date, gap) == 0;
-        if (unseen || cell(told.back().first) != cell(date)) {
-            told.push_back({date, date, *value, 0, *value, 0, unseen});
-            sum = 0;
-        }
-        unseen = false;
-        MetricBucket& it = told.back();
-        it.last = date;
-        it.minimum = std::min(it.minimum, *value);
-        it.maximum = std::max(it.maximum, *value);
-        sum += *value;
-        it.mean = static_cast<double>(sum / ++it.samples);
-    }
-
-    TimeModel time;
-    double gap;
-    bool unseen = false;  // what lies between the last value and now
-    std::vector<MetricBucket> told;
-    long double sum = 0;  // of the last bucket
-};
-
-TEST(MetricSeriesTest, KeepsTheLowestMeanAndHighestOfEveryBucket) {
-    for (unsigned seed = 0; seed < 40; ++seed) {
-        Dice dice(seed);
-        Clock clock(dice, dice.pick({1.25, 9}));
-        const double gap = dice.pick({15, 75});
-        MetricSeries series(20, 600, gap);
-        SeriesModel model(gap);
-        for (int i = 0; i < 1000; ++i) {
-            SCOPED_TRACE("seed " + std::to_string(seed) + ", sample " + std::to_string(i));
-            if (dice.oneIn(200)) {
-                const auto kept = std::exchange(series, MetricSeries(20, 600, gap));
-                ASSERT_TRUE(series.restore(kept.buckets()));
-                model.unseen = true;
-                model.time.restore(model.told.empty() ? std::nullopt
-                                                      : std::optional(model.told.back().last));
-            }
-            const Date date = clock.next();
-            const double value = dice.oneIn(20) ? dice.pick({kNaN, kHuge, -kHuge}) : dice.upTo(999);
-            const auto given = dice.maybe(10, value);
-            series.append(date, given);
-            model.append(date, given);
-            ASSERT_EQ(series.buckets().size(), model.told.size());
-            for (std::size_t at = 0; at < model.told.size(); ++at) {
-                MetricBucket bucket = series.buckets()[at];
-                const MetricBucket& told = model.told[at];
-                const double extent = told.maximum / 2 - told.minimum / 2;
-                ASSERT_NEAR(bucket.mean, told.mean, 1e-9 * extent + 1e-9);
-                ASSERT_TRUE(bucket.minimum <= bucket.mean && bucket.mean <= bucket.maximum);
-                bucket.mean = told.mean;
-                ASSERT_EQ(bucket, told);
-            }
-        }
-    }
-}
-
-// The time from one sample to the next, and the load in it.
-struct Piece {
-    Date from, to;
-    double load;
-};
-
-// What is left of the pieces after a date.
-std::vector<Piece> after(Date date, std::vector<Piece> pieces) {
-    std::erase_if(pieces, [&](const Piece& it) { return it.to <= date; });
-    for (Piece& it : pieces) {
-        it.from = std::max(it.from, date);
-    }
-    return pieces;
-}
-
-struct LoadModel {
-    void append(Date date, std::optional<double> load) {
-        const auto seen = time.see(date);
-        if (!seen.counts) {
-            return;
-        }
-        if (seen.setBack) {
-            setBack(date, &Piece::from, &Piece::to, hour);
-            setBack(stretchOf(date), &Piece::from, &Piece::to, day);
-            const auto again = after(stretchOf(date), hour);
-            day.insert(day.end(), again.begin(), again.end());
-        }
-        if (seen.goesOn && known(load)) {
-            hour.push_back({*seen.before, date, *load});
-            day.push_back(hour.back());
-        }
-        hour = after(date - 3600, std::move(hour));
-        day = after(stretchOf(date - 86400), std::move(day));
-    }
-    static Date stretchOf(Date date) {
-        return {std::floor(date.secondsSinceReference / 300) * 300};
-    }
-    static int bandOf(const Piece& it) {
-        return (it.load >= 10) + (it.load >= 35) + (it.load >= 65) + (it.load >= 90);
-    }
-    CpuLoadHistory::State state() const {
-        CpuLoadHistory::State state;
-        for (const Piece& it : hour) {
-            const auto band = CpuLoadBand(bandOf(it));
-            if (state.spans.empty() || state.spans.back().to != it.from ||
-                state.spans.back().band != band) {
-                state.spans.push_back({it.from, it.from, band});
-            }
-            state.spans.back().to = it.to;
-        }
-        std::map<Date, CpuLoadStretch> stretches;
-        for (const Piece& it : day) {
-            for (Date at = stretchOf(it.from); at < it.to; at = at + 300) {
-                stretches[at].from = at;
-                stretches[at].seconds[std::size_t(bandOf(it))] +=
-                    std::min(it.to, at + 300) - std::max(it.from, at);
-            }
-        }
-        for (const auto& [from, stretch] : stretches) {
-            state.day.push_back(stretch);
-        }
-        return state;
-    }
-
-    TimeModel time;
-    std::vector<Piece> hour, day;
-};
-
 // The busy periods in pieces without a gap; `current` when the last one goes on.
-std::deque<SustainedLoadPeriod> busyIn(const std::vector<Piece>& pieces, bool& current) {
-    std::deque<SustainedLoadPeriod> found;
+SustainedLoad::State busyIn(const Stretches& pieces, bool& current) {
+    SustainedLoad::State found;
     for (std::size_t at = 0; at < pieces.size();) {
-        if (pieces[at].load < 70) {
-            ++at;
-            continue;
-        }
-        bool open = true;  // nothing has ended it yet
         SustainedLoadPeriod it{pieces[at].from, pieces[at].from, 0, 0};
         double work = 0, peak = 0;
+        bool open = true;  // nothing has ended it yet
         for (; at < pieces.size() && open; ++at) {
+            const auto& [from, to, load, joined, told] = pieces[at];
             const bool busy = it.seconds() >= 30;
-            work += (pieces[at].to - pieces[at].from) * pieces[at].load;
-            peak = std::max(peak, pieces[at].load);
-            if (pieces[at].load >= (busy ? 50 : 70)) {
-                it = {it.from, pieces[at].to, rounded(work / (pieces[at].to - it.from)), peak};
+            work += (to - from) * load;
+            peak = std::max(peak, load);
+            if (load >= (busy ? 50 : 70)) {
+                it = {it.from, to, rounded(work / (to - it.from)), peak};
             }
-            const double calm = pieces[at].to - it.to;
-            open = busy ? calm < 15 : calm <= 5;
+            open = it.seconds() > 0 && (busy ? to - it.to < 15 : to - it.to <= 5);
         }
         current = open && it.seconds() >= 30;
         if (it.seconds() >= 30) {
@@ -209,45 +86,10 @@ std::deque<SustainedLoadPeriod> busyIn(const std::vector<Piece>& pieces, bool& c
     return found;
 }
 
-struct BusyModel {
-    void append(Date date, std::optional<double> load) {
-        const auto seen = time.see(date);
-        if (seen.counts && seen.goesOn && known(load)) {
-            run.push_back({*seen.before, date, *load});
-        } else if (seen.counts) {
-            ended = state();
-            run.clear();
-        }
-        if (seen.setBack) {
-            setBack(date, &SustainedLoadPeriod::from, &SustainedLoadPeriod::to, ended);
-        }
-    }
-    std::deque<SustainedLoadPeriod> state() {
-        current = false;
-        std::deque<SustainedLoadPeriod> all = ended;
-        std::ranges::copy(busyIn(run, current), std::back_inserter(all));
-        while (all.size() > SustainedLoad::kMostPeriods + (current ? 1 : 0)) {
-            all.pop_front();
-        }
-        return all;
-    }
-
-    TimeModel time;
-    std::vector<Piece> run;
-    std::deque<SustainedLoadPeriod> ended;
-    bool current = false;
-};
-
-struct TurboSample {
-    Date date;
-    std::optional<double> load, celsius;
-};
-
-std::optional<TurboMeasure> measured(const std::vector<TurboSample>& samples,
-                                     std::optional<double> TurboSample::*value, Date from,
-                                     Date to) {
+std::optional<TurboMeasure> measured(const std::vector<Told>& samples,
+                                     std::optional<double> Told::*value, Date from, Date to) {
     TurboMeasure all{0, -kInfinity, 0};
-    for (const TurboSample& it : samples) {
+    for (const Told& it : samples) {
         if (it.date >= from && it.date <= to && known(it.*value)) {
             all = {all.mean + *(it.*value), std::max(all.highest, *(it.*value)), all.samples + 1};
         }
@@ -256,169 +98,240 @@ std::optional<TurboMeasure> measured(const std::vector<TurboSample>& samples,
     return all.samples > 0 ? std::optional(all) : std::nullopt;
 }
 
-struct TurboModel {
-    struct Period {
-        TurboState state;
-        Date from, to;
-        bool change;  // seen to begin
-        std::vector<TurboSample> samples, before;
-    };
-    void append(Date date, TurboState state, std::optional<double> load,
-                std::optional<double> celsius) {
-        const auto seen = time.see(date);
+// What every sample that counts has told.
+struct Model {
+    explicit Model(double longestGap) : gap(longestGap), time(longestGap) {}
+
+    void append(const Told& now) {
+        const auto seen = time.see(now.date);
+        complete = seen.goesOn && known(now.load) && known(now.celsius) && hasState(now);
         if (!seen.counts) {
             return;
         }
+        const Date stretch = even(now.date, 300);
+        if (!seen.goesOn || !known(now.load)) {
+            ended = busy();
+            run.clear();
+            ended = busy();  // the one that went on is one of the ended ones now
+        }
         if (seen.setBack) {
-            setBack(date, &Period::from, &Period::to, periods);
+            setBack(now.date, buckets);
+            setBack(now.date, periods);
+            setBack(now.date, ended);
+            setBack(now.date, hour);
+            setBack(stretch, day);
+            std::ranges::copy(after(stretch, hour), std::back_inserter(day));
         }
-        const bool joins = std::exchange(open, state == TurboState::disabledDriverLoaded ||
-                                                   state == TurboState::driverNotLoaded) &&
-                           seen.goesOn;
-        if (!open) {
-            return;
-        }
-        if (!joins || periods.back().state != state) {
-            const auto before = joins ? periods.back().samples : std::vector<TurboSample>();
-            periods.push_back({state, date, date, joins, {}, before});
-        }
-        periods.back().to = date;
-        periods.back().samples.push_back({date, load, celsius});
-    }
-    TurboHistory::State state() const {
-        TurboHistory::State all;
-        constexpr auto kLoad = &TurboSample::load, kCelsius = &TurboSample::celsius;
-        for (const Period& it : periods) {
-            const Date ever{kInfinity}, never{-kInfinity}, early = it.from - 60,
-                                                           late = it.from + 60;
-            all.periods.push_back({it.state, it.from, it.to,
-                                   measured(it.samples, kLoad, never, ever),
-                                   measured(it.samples, kCelsius, never, ever)});
-            if (it.change) {
-                all.changes.push_back({it.from, it.state, measured(it.before, kLoad, early, ever),
-                                       measured(it.samples, kLoad, never, late),
-                                       measured(it.before, kCelsius, early, ever),
-                                       measured(it.samples, kCelsius, never, late)});
+        std::erase_if(buckets, [&](const Stretch& it) { return it.to < now.date - 600; });
+        if (seen.goesOn && known(now.load)) {
+            for (Stretches* pieces : {&hour, &day, &run}) {
+                pieces->push_back({*seen.before, now.date, *now.load, {}, {}});
             }
+        }
+        hour = after(now.date - 3600, std::move(hour));
+        day = after(even(now.date - 86400, 300), std::move(day));
+        unseen = unseen || !seen.goesOn;
+        if (known(now.celsius)) {
+            const auto last = buckets.empty() ? std::nullopt : std::optional(buckets.back().to);
+            put(now, even(now.date, 20).secondsSinceReference,
+                !std::exchange(unseen, false) && unbroken(last, now.date, gap) > 0, buckets);
+        }
+        if (const bool joins = std::exchange(open, hasState(now)) && seen.goesOn; open) {
+            put(now, int(now.state), joins, periods);
+        }
+    }
+
+    static bool hasState(const Told& it) { return it.state < TurboState::unknown; }
+    static void put(const Told& now, double kind, bool joins, Stretches& all) {
+        if (!joins || all.back().kind != kind) {
+            all.push_back({now.date, now.date, kind, joins, {}});
+        }
+        all.back().to = now.date;
+        all.back().told.push_back(now);
+    }
+
+    std::vector<MetricBucket> series() const {
+        std::vector<MetricBucket> series;
+        for (const auto& [from, to, cell, joined, told] : buckets) {
+            MetricBucket it{from, to, kInfinity, 0, -kInfinity, 0, !joined};
+            for (const Told& sample : told) {
+                it.minimum = std::min(it.minimum, *sample.celsius);
+                it.maximum = std::max(it.maximum, *sample.celsius);
+                it.mean += *sample.celsius;
+                ++it.samples;
+            }
+            it.mean = rounded(it.mean / it.samples);
+            series.push_back(it);
+        }
+        return series;
+    }
+
+    static auto bandOf(double load) {
+        return CpuLoadBand((load >= 10) + (load >= 35) + (load >= 65) + (load >= 90));
+    }
+    CpuLoadHistory::State load() const {
+        CpuLoadHistory::State state;
+        for (const Stretch& it : hour) {
+            auto& spans = state.spans;
+            if (spans.empty() || spans.back().to != it.from ||
+                spans.back().band != bandOf(it.kind)) {
+                spans.push_back({it.from, it.from, bandOf(it.kind)});
+            }
+            spans.back().to = it.to;
+        }
+        std::map<Date, CpuLoadStretch> stretches;
+        for (const Stretch& it : day) {
+            for (Date at = even(it.from, 300); at < it.to; at = at + 300) {
+                stretches[at].from = at;
+                stretches[at].seconds[std::size_t(bandOf(it.kind))] +=
+                    std::min(it.to, at + 300) - std::max(it.from, at);
+            }
+        }
+        for (const auto& [from, it] : stretches) {
+            state.day.push_back(it);
+        }
+        return state;
+    }
+
+    SustainedLoad::State busy() {
+        SustainedLoad::State all = ended;
+        current = false;
+        std::ranges::copy(busyIn(run, current), std::back_inserter(all));
+        while (all.size() > SustainedLoad::kMostPeriods + (current ? 1 : 0)) {
+            all.pop_front();
         }
         return all;
     }
 
+    TurboHistory::State turbo() const {
+        TurboHistory::State all;
+        const Date ever{kInfinity}, never{-kInfinity};
+        const std::vector<Told>* before = nullptr;
+        for (const auto& [from, to, kind, joined, told] : periods) {
+            const auto state = TurboState(int(kind));
+            all.periods.push_back({state, from, to, measured(told, &Told::load, never, ever),
+                                   measured(told, &Told::celsius, never, ever)});
+            if (joined) {
+                all.changes.push_back({from, state, measured(*before, &Told::load, from - 60, ever),
+                                       measured(told, &Told::load, never, from + 60),
+                                       measured(*before, &Told::celsius, from - 60, ever),
+                                       measured(told, &Told::celsius, never, from + 60)});
+            }
+            before = &told;
+        }
+        return all;
+    }
+
+    double gap;
     TimeModel time;
-    bool open = false;  // the last sample had a state
-    std::vector<Period> periods;
+    bool complete = false;  // the last sample was
+    bool unseen = false;    // what lies between the last temperature and now
+    bool open = false;      // the last sample had a state
+    bool current = false;
+    Stretches buckets, periods;  // of a series of 20 s over ten minutes; of the turbo history
+    Stretches hour, day, run;    // a piece per load
+    SustainedLoad::State ended;
 };
 
-SustainedLoad::State rounded(SustainedLoad::State state) {
-    for (SustainedLoadPeriod& it : state) {
-        it.mean = rounded(it.mean);
-    }
-    return state;
+std::vector<MetricBucket> rounded(std::span<const MetricBucket> buckets) {
+    std::vector<MetricBucket> all(buckets.begin(), buckets.end());
+    std::ranges::for_each(all, [](auto& it) { it.mean = rounded(it.mean); });
+    return all;
+}
+SustainedLoad::State rounded(SustainedLoad::State all) {
+    std::ranges::for_each(all, [](auto& it) { it.mean = rounded(it.mean); });
+    return all;
 }
 TurboHistory::State rounded(TurboHistory::State state) {
-    std::vector<std::optional<TurboMeasure>*> all;
+    const auto round = [](std::initializer_list<std::optional<TurboMeasure>*> all) {
+        for (auto* it : all) {
+            *it = *it ? TurboMeasure{rounded((*it)->mean), (*it)->highest, (*it)->samples} : *it;
+        }
+    };
     for (TurboPeriod& it : state.periods) {
-        all.insert(all.end(), {&it.load, &it.temperature});
+        round({&it.load, &it.temperature});
     }
     for (TurboChange& it : state.changes) {
-        all.insert(all.end(),
-                   {&it.loadBefore, &it.loadAfter, &it.temperatureBefore, &it.temperatureAfter});
-    }
-    for (std::optional<TurboMeasure>* it : all) {
-        if (*it) {
-            (*it)->mean = rounded((*it)->mean);
-        }
+        round({&it.loadBefore, &it.loadAfter, &it.temperatureBefore, &it.temperatureAfter});
     }
     return state;
-}
-
-// Makes a history anew from what it keeps.
-template <class History>
-void restart(History& history, double gap) {
-    const auto kept = std::exchange(history, History(gap)).state();
-    ASSERT_TRUE(history.restore(kept));
-}
-
-std::optional<Date> lastOf(const auto& periods, auto member) {
-    return periods.empty() ? std::nullopt : std::optional(periods.back().*member);
 }
 
 TEST(HistoriesTest, KeepWhatEverySampleThatCountsHasTold) {
-    std::size_t busy = 0, changes = 0, days = 0;
-    for (unsigned seed = 0; seed < 40; ++seed) {
+    std::size_t busy = 0, changes = 0, days = 0, restarts = 0;
+    for (unsigned seed = 0; seed < 50; ++seed) {
         Dice dice(seed);
         const double gap = dice.pick({15, 15, 75});
         Clock clock(dice, gap > 15 ? dice.pick({20, 40}) : dice.pick({1, 1, 2.5, 7}), 60);
+        MetricSeries series(20, 600, gap);
         CpuLoadHistory load(gap);
         SustainedLoad sustained(gap);
         TurboHistory turbo(gap);
-        LoadModel loadModel{TimeModel(gap), {}, {}};
-        BusyModel busyModel{TimeModel(gap), {}, {}};
-        TurboModel turboModel{TimeModel(gap), false, {}};
-        double percent = 0;
-        TurboState state = TurboState::driverNotLoaded;
-        for (int i = 0; i < 2000; ++i) {
+        Model model(gap);
+        Told now;
+        for (int i = 0; i < 1200; ++i) {
             SCOPED_TRACE("seed " + std::to_string(seed) + ", sample " + std::to_string(i));
-            const Date date = clock.next();
-            percent = dice.oneIn(dice.oneIn(2) ? 2 : 30)
-                          ? dice.pick({0, 9.99, 10, 34.99, 35, 49.99, 50, 64.99, 65, 69.99, 70, 70,
-                                       80, 80, 89.99, 90, 90, 100})
-                          : percent;
-            state = dice.oneIn(60) ? TurboState(dice.upTo(3)) : state;
-            const auto usage = dice.maybe(200, dice.oneIn(200) ? kNaN : percent);
-            const auto celsius = dice.maybe(20, dice.oneIn(20) ? kNaN : dice.upTo(99));
-            load.append(date, usage);
-            loadModel.append(date, usage);
-            sustained.append(date, usage);
-            busyModel.append(date, usage);
-            turbo.append(date, state, usage, celsius);
-            turboModel.append(date, state, usage, celsius);
-            if (dice.oneIn(400)) {
-                restart(load, gap);
-                restart(sustained, gap);
-                restart(turbo, gap);
-                const auto now = loadModel.state();
-                loadModel.time.restore(now.spans.empty() ? lastOf(now.day, &CpuLoadStretch::from)
-                                                         : lastOf(now.spans, &CpuLoadSpan::to));
-                busyModel.ended = busyModel.state();
-                busyModel.run.clear();
-                busyModel.ended = busyModel.state();
-                busyModel.time.restore(lastOf(busyModel.ended, &SustainedLoadPeriod::to));
-                turboModel.time.restore(lastOf(turboModel.periods, &TurboModel::Period::to));
+            const Date last = std::exchange(now.date, clock.next());
+            if (dice.oneIn(30) && model.complete && sustained.current() &&
+                unbroken(last, now.date, gap) > 0) {
+                const auto buckets = std::exchange(series, MetricSeries(20, 600, gap));
+                const auto spans = std::exchange(load, CpuLoadHistory(gap)).state();
+                const auto periods = std::exchange(sustained, SustainedLoad(gap)).state();
+                const auto states = std::exchange(turbo, TurboHistory(gap)).state();
+                ASSERT_TRUE(series.restore(buckets.buckets()) && load.restore(spans) &&
+                            sustained.restore(periods) && turbo.restore(states));
+                model.time.interrupt();
+                ++restarts;
             }
+            if (dice.oneIn(dice.oneIn(2) ? 2 : 30)) {
+                now.load = dice.pick({0, 9.99, 10, 34.99, 35, 49.99, 50, 64.99, 65, 69.99, 70, 70,
+                                      80, 80, 89.99, 90, 90, 100});
+            }
+            now.state = dice.oneIn(60) ? TurboState(dice.upTo(3)) : now.state;
+            Told told = now;
+            told.load = dice.maybe(200, dice.oneIn(200) ? kNaN : now.load.value_or(0));
+            told.celsius = dice.maybe(20, dice.oneIn(20) ? kNaN : dice.upTo(99));
+            series.append(told.date, told.celsius);
+            load.append(told.date, told.load);
+            sustained.append(told.date, told.load);
+            turbo.append(told.date, told.state, told.load, told.celsius);
+            model.append(told);
             if (!dice.oneIn(20)) {
                 continue;
             }
-            const auto expected = loadModel.state();
-            ASSERT_EQ(load.state(), expected);
-            for (int band = 0; band < 5; ++band) {
-                double seconds = 0;
-                for (const Piece& it : loadModel.hour) {
-                    seconds += LoadModel::bandOf(it) == band ? it.to - it.from : 0;
-                }
-                ASSERT_EQ(load.seconds(CpuLoadBand(band)), seconds);
+            const auto expected = model.load();
+            double seconds[5] = {};
+            for (const auto& [from, to, band] : expected.spans) {
+                seconds[int(band)] += to - from;
             }
-            const auto periods = busyModel.state();
-            ASSERT_EQ(rounded(sustained.state()), periods);
-            ASSERT_EQ(sustained.current().has_value(), busyModel.current);
-            ASSERT_EQ(rounded(turbo.state()), turboModel.state());
-            busy += periods.size();
+            for (int band = 0; band < 5; ++band) {
+                ASSERT_EQ(load.seconds(CpuLoadBand(band)), seconds[band]);
+            }
+            ASSERT_EQ(load.state(), expected);
+            ASSERT_EQ(rounded(series.buckets()), model.series());
+            ASSERT_EQ(rounded(sustained.state()), model.busy());
+            ASSERT_EQ(sustained.current().has_value(), model.current);
+            ASSERT_EQ(rounded(turbo.state()), model.turbo());
+            busy += sustained.state().size();
             changes += turbo.changes().size();
-            days += expected.day.size();
+            days += load.day().size();
         }
     }
-    EXPECT_GT(std::min({busy / 10, changes, days / 10}), 4000);
+    EXPECT_GT(std::min({busy / 10, changes, days / 10, restarts * 10}), 2000);
 }
 
-// What the histories say themselves at the edges of what they keep.
 TEST(HistoriesTest, AreBounded) {
+    constexpr double kHuge = std::numeric_limits<double>::max();
     CpuLoadHistory load;
     SustainedLoad sustained;
     TurboHistory turbo;
+    MetricSeries huge(1e6, 1e6);
     for (int i = 0; i < 5000; ++i) {
         load.append(kStart + i * 0.5, i % 2 * 95);
         sustained.append(kStart + i * 15, i % 3 == 0 ? std::nullopt : std::optional(90.0));
-        turbo.append(kStart + i, TurboState(i % 2), 1, 1);
+        turbo.append(kStart + i, i % 2 ? TurboState::driverNotLoaded : TurboState{}, 1, 1);
+        huge.append(kStart + i, i % 3 ? kHuge : -kHuge);
+        ASSERT_LE(std::abs(huge.buckets()[0].mean), kHuge);
     }
     EXPECT_EQ(load.spans().size(), CpuLoadHistory::kMostSpans);
     EXPECT_EQ(load.spans().back().to, kStart + 2499.5);
@@ -427,50 +340,46 @@ TEST(HistoriesTest, AreBounded) {
     EXPECT_EQ(turbo.changes().size(), TurboHistory::kMostChanges);
 }
 
-// Dates that no history tells, of two periods.
-TEST(HistoriesTest, TakeNothingOverThatIsOutOfOrder) {
+TEST(HistoriesTest, TakeOverWhatIsInOrderOnly) {
     const struct {
         double from, to, from2, to2;
     } cases[] = {{1, 0, 2, 3},    {0, 2, 1, 3},         {2, 3, 0, 1},
-                 {0, 0, 0, 0},    {0, 1, 0, 1},         {kNaN, 1, 2, 3},
-                 {0, kNaN, 2, 3}, {0, 1, 2, kInfinity}, {0, 1, 9e99, 9e99}};
+                 {0, 0, 0, 0},    {0, 1, 0, 1},         {0, 1, 2, 1},
+                 {kNaN, 1, 2, 3}, {0, 1, 2, kInfinity}, {0, 1, 9e99, 9e99}};
     for (const auto& [from, to, from2, to2] : cases) {
-        const Date a = kStart + from, b = kStart + to, c = kStart + from2, d = kStart + to2;
-        EXPECT_FALSE(MetricSeries(20, 600).restore(
-            std::vector<MetricBucket>{{a, b, 1, 1, 1, 1, true}, {c, d, 1, 1, 1, 1, true}}));
-        EXPECT_FALSE(CpuLoadHistory().restore({{{a, b, {}}, {c, d, {}}}, {}}));
-        EXPECT_FALSE(SustainedLoad().restore({{a, b, 1, 1}, {c, d, 1, 1}}));
-        EXPECT_FALSE(TurboHistory().restore({{{{}, a, b, {}, {}}, {{}, c, d, {}, {}}}, {}}));
-        if (!(from2 > from)) {
-            EXPECT_FALSE(
-                TurboHistory().restore({{}, {{a, {}, {}, {}, {}, {}}, {c, {}, {}, {}, {}, {}}}}));
-            EXPECT_FALSE(OptimizationAssessment().restore(
-                {kStart + 9, {{a, {}, {}, {}, {}}, {c, {}, {}, {}, {}}}, {}}));
-            EXPECT_FALSE(OptimizationAssessment().restore(
-                {kStart, {}, {{a, {}, {}, {}, {}}, {c, {}, {}, {}, {}}}}));
-        }
+        const CpuLoadSpan bad[] = {{kStart + from, kStart + to, {}},
+                                   {kStart + from2, kStart + to2, {}}};
+        EXPECT_FALSE(inOrder(&CpuLoadSpan::from, &CpuLoadSpan::to, bad));
     }
-    const Date even{300};
+    const Date early = even(kStart, 300), late = early + 300;
+    EXPECT_TRUE(CpuLoadHistory().restore({{}, {{early, {}}, {late, {}}}}));
     for (const CpuLoadStretch& bad :
-         {CpuLoadStretch{even + 1, {}}, {even, {0, -1}}, {even, {kNaN}}, {Date{9e99}, {}}}) {
-        EXPECT_FALSE(CpuLoadHistory().restore({{}, {bad}}));
+         {CpuLoadStretch{late + 1, {}}, {late, {0, -1}}, {late, {kNaN}}, {early, {}}}) {
+        EXPECT_FALSE(CpuLoadHistory().restore({{}, {{early, {}}, bad}}));
     }
-    EXPECT_FALSE(CpuLoadHistory().restore({{}, {{even, {}}, {even, {}}}}));
-    EXPECT_TRUE(CpuLoadHistory().restore({{}, {{even, {}}, {even + 300, {}}}}));
-    for (const MetricBucket& bad : {MetricBucket{even, even, 1, 0, 1, 1, true},
-                                    {even, even, 1, 2, 1, 1, true},
-                                    {even, even, 1, 1, 1, 0, true},
-                                    {even, even, kNaN, 1, 1, 1, true},
-                                    {even, even, 1, 1, kInfinity, 1, true},
-                                    {even, even, 1, kNaN, 1, 1, true}}) {
+    EXPECT_FALSE(CpuLoadHistory().restore({{{late, early, {}}}, {}}));
+    EXPECT_FALSE(SustainedLoad().restore({{late, early, 1, 1}}));
+    EXPECT_FALSE(TurboHistory().restore({{{{}, late, early, {}, {}}}, {}}));
+    EXPECT_FALSE(TurboHistory().restore({{}, {{Date{kNaN}, {}, {}, {}, {}, {}}}}));
+    for (const auto& [low, mean, high, samples, to] : {std::tuple(1., 0., 1., 1U, late),
+                                                       {1., 2., 1., 1U, late},
+                                                       {1., 1., 1., 0U, late},
+                                                       {-kInfinity, 1., 1., 1U, late},
+                                                       {1., 1., kInfinity, 1U, late},
+                                                       {1., kNaN, 1., 1U, late},
+                                                       {1., 1., 1., 1U, early - 1}}) {
+        const MetricBucket bad{early, to, low, mean, high, samples, true};
         EXPECT_FALSE(MetricSeries(20, 600).restore(std::span(&bad, 1)));
     }
-    const OptimizationSample early{even, {}, {}, {}, {}};
-    EXPECT_FALSE(OptimizationAssessment().restore({{}, {early}, {}}));
-    EXPECT_FALSE(OptimizationAssessment().restore({{}, {}, {early}}));
-    EXPECT_FALSE(OptimizationAssessment().restore({even - 1, {early}, {}}));
-    EXPECT_FALSE(OptimizationAssessment().restore({Date{kNaN}, {}, {}}));
-    EXPECT_FALSE(OptimizationAssessment().restore({even, std::deque(6001, early), {}}));
+    const std::deque<OptimizationSample> one{{early, {}, {}, {}, {}}};
+    for (const OptimizationAssessment::State& bad : {OptimizationAssessment::State{{}, one, {}},
+                                                     {{}, {}, one},
+                                                     {early - 1, one, {}},
+                                                     {Date{kNaN}, {}, {}},
+                                                     {late, {one[0], one[0]}, {}},
+                                                     {late, {}, {6001, one[0]}}}) {
+        EXPECT_FALSE(OptimizationAssessment().restore(bad));
+    }
 }
 
 // Samples from the first to the last second; without any, a change at the first.

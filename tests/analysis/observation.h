@@ -33,7 +33,7 @@ public:
         std::optional<Date> before = {};  // the sample that counted last
     };
     Seen see(Date date) {
-        if (!std::isfinite(date - kStart) || date == last_ || date == doubtful_) {
+        if (!(std::abs(date - kStart) < 9e15) || date == last_ || date == doubtful_) {
             return {};
         }
         const double step = last_ ? date - *last_ : 0;
@@ -42,19 +42,15 @@ public:
         if (doubtful_) {
             return {};
         }
-        const bool goesOn = !std::exchange(restored_, false) && unbroken(last_, date, gap_) > 0;
+        const bool goesOn = !std::exchange(interrupted_, false) && unbroken(last_, date, gap_) > 0;
         return {true, goesOn, step < 0, std::exchange(last_, date)};
     }
-    // What was told up to a moment is there again, and nobody knows what was after it.
-    void restore(std::optional<Date> last) {
-        last_ = last;
-        doubtful_.reset();
-        restored_ = true;
-    }
+    // What was told so far is there again, and nobody knows what came after it.
+    void interrupt() { interrupted_ = true; }
 
 private:
     double gap_;
-    bool restored_ = false;
+    bool interrupted_ = false;
     std::optional<Date> last_, doubtful_;
 };
 
