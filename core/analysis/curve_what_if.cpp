@@ -85,27 +85,22 @@ std::string_view title(CurveNote note) {
 }
 
 CurveReplay::CurveReplay(const HeatModel& model, std::span<const RecordedDay> days)
-    : model_(model), days_(days) {
+    : model_(model) {
     for (const RecordedDay& day : days) {
-        aboveRoom_.push_back(follow(model, day).aboveRoom);
+        const HeatTrack track = follow(model, day);
+        steps_.insert(steps_.end(), day.steps.begin(), day.steps.end());
+        aboveRoom_.insert(aboveRoom_.end(), track.aboveRoom.begin(), track.aboveRoom.end());
     }
 }
 
 CurveRun CurveReplay::under(const std::optional<FanCurve>& curve) const {
-    CurveRun whole;
-    for (std::size_t day = 0; day < days_.size(); ++day) {
-        run(day, curve, whole);
-    }
-    return whole;
-}
-
-void CurveReplay::run(std::size_t day, const std::optional<FanCurve>& curve, CurveRun& run) const {
     const double inertia = model_.sinkSeconds / RecordedDay::kStepSeconds;
+    CurveRun run;
     std::optional<double> percent;
     double warmer = 0;   // than it was, in K
     double written = 0;  // rpm
-    for (std::size_t i = 0; i < days_[day].steps.size(); ++i) {
-        const RecordedDay::Step& step = days_[day].steps[i];
+    for (std::size_t i = 0; i < steps_.size(); ++i) {
+        const RecordedDay::Step& step = steps_[i];
         const bool begins = step.begins || i == 0;
         if (begins) {
             percent.reset();
@@ -128,9 +123,10 @@ void CurveReplay::run(std::size_t day, const std::optional<FanCurve>& curve, Cur
         if (curve) {
             const double cooling = model_.cooling(model_.flow(written));
             const double less = model_.cooling(model_.flow(step.rpm)) - cooling;
-            warmer = (inertia * warmer + less * aboveRoom_[day][i]) / (inertia + cooling);
+            warmer = (inertia * warmer + less * aboveRoom_[i]) / (inertia + cooling);
         }
     }
+    return run;
 }
 
 CurveWhatIf whatIf(const HeatFit& fit, std::span<const RecordedDay> days,

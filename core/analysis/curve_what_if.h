@@ -51,7 +51,7 @@ struct CurveRun {
     std::size_t changes = 0;
 };
 
-// Days as a model follows them, ready to be run again under any curve. The days outlive it.
+// Days as a model follows them, ready to be run again under any curve.
 class CurveReplay {
 public:
     CurveReplay(const HeatModel& model, std::span<const RecordedDay> days);
@@ -62,11 +62,9 @@ public:
     CurveRun under(const std::optional<FanCurve>& curve) const;
 
 private:
-    void run(std::size_t day, const std::optional<FanCurve>& curve, CurveRun& run) const;
-
     HeatModel model_;
-    std::span<const RecordedDay> days_;
-    std::vector<std::vector<double>> aboveRoom_;  // by day and step
+    std::vector<RecordedDay::Step> steps_;
+    std::vector<double> aboveRoom_;  // by step
 };
 
 // On days that need not be those of the fit. `before` is absent when the fans were left to the

@@ -16,7 +16,7 @@ constexpr double kLow = 0.1, kHigh = 0.9;
 constexpr double kFarthestDate = 1e12;  // seconds; beyond it a step is lost in rounding
 constexpr double kRarest = 0.01;        // of the speeds seen, at either end
 
-constexpr double kOrdinaryRoom = 23;      // degrees Celsius
+constexpr double kOrdinaryRoom = 23;      // degrees Celsius, which a fit corrects
 constexpr std::size_t kRoomSteps = 1800;  // an hour, in which a room stays as it is
 
 // Of the sink's time constant, as a factor, and of the share that the fans move.
@@ -45,7 +45,6 @@ struct Quantity {
 constexpr std::array kQuantities{
     Quantity{&HeatSample::watts, &Step::watts, &RecordedDay::hasWatts},
     Quantity{&HeatSample::load, &Step::load, &RecordedDay::hasLoad},
-    Quantity{&HeatSample::room, &Step::room, &RecordedDay::hasRoom},
     Quantity{&HeatSample::die, &Step::die, nullptr},
     Quantity{&HeatSample::sink, &Step::sink, nullptr},
     Quantity{&HeatSample::rpm, &Step::rpm, nullptr},
@@ -88,14 +87,13 @@ Step between(const Step& from, const Step& to, double part) {
 // What a step does to the sink.
 struct Drive {
     double heat;  // that has passed the die, as far as it is told
-    double flow, sink, die, room;
+    double flow, sink, die;
     bool begins;
 };
 using Stretch = std::vector<Drive>;  // in a room that stays as much warmer or cooler
 
 Stretch drivesOf(const RecordedDay& day, const HeatModel& model) {
     const double share = 1 - std::exp(-RecordedDay::kStepSeconds / HeatModel::kDieSeconds);
-    const double room = day.hasRoom ? 0 : kOrdinaryRoom;
     Stretch drives;
     drives.reserve(day.steps.size());
     double heat = 0;
@@ -103,8 +101,7 @@ Stretch drivesOf(const RecordedDay& day, const HeatModel& model) {
         const bool begins = step.begins || drives.empty();
         const double told = model.fromLoad ? step.load : step.watts;
         heat = begins ? told : heat + (told - heat) * share;
-        drives.push_back(
-            {heat, model.flow(step.rpm), step.sink, step.die, step.room + room, begins});
+        drives.push_back({heat, model.flow(step.rpm), step.sink, step.die, begins});
     }
     return drives;
 }
@@ -116,7 +113,7 @@ double dieAbove(const HeatModel& model, const Drive& drive) {
 // The sink's temperature as the sum of what it is made of. Steps are implicit, so that they are
 // stable for every time constant.
 struct Sink {
-    double air = 0;   // as if it were not heated
+    double air = 0;   // as if it were not heated, in an ordinary room
     double heat = 0;  // what the heat adds, per resistance
     double room = 0;  // what each K adds by which the room is warmer, 0 to 1
 
@@ -127,7 +124,7 @@ struct Sink {
         const double inertia = model.sinkSeconds / RecordedDay::kStepSeconds;
         const double cooling = model.cooling(drive.flow);
         const double whole = inertia + cooling;
-        air = (inertia * air + cooling * drive.room) / whole;
+        air = (inertia * air + cooling * kOrdinaryRoom) / whole;
         heat = (inertia * heat + drive.heat + model.hiddenHeat) / whole;
         room = (inertia * room + cooling) / whole;
     }
@@ -390,7 +387,7 @@ HeatTrack follow(const HeatModel& model, const RecordedDay& day) {
     for (const Drive& drive : drives) {
         sink.advance(model, drive);
         const double celsius = sink.air + model.sinkResistance * sink.heat + room * sink.room;
-        track.aboveRoom.push_back(celsius - drive.room - room);
+        track.aboveRoom.push_back(celsius - kOrdinaryRoom - room);
         const double sinkError = celsius - drive.sink;
         const double dieError = celsius + dieAbove(model, drive) - drive.die;
         dieBias += dieError / count;

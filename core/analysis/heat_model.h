@@ -23,18 +23,18 @@ struct RecordedDay {
     static constexpr double kShortestStretchSeconds = 600;  // that is worth following
 
     struct Step {
-        double watts = 0, load = 0, die = 0, sink = 0, room = 0, rpm = 0;
+        double watts = 0, load = 0, die = 0, sink = 0, rpm = 0;
         bool begins = false;  // what came before is not known
     };
 
     std::vector<Step> steps;  // 2.4 MB for 24 hours
-    bool hasWatts = false, hasLoad = false, hasRoom = false;
+    bool hasWatts = false, hasLoad = false;
 
     double hours() const { return static_cast<double>(steps.size()) * kStepSeconds / 3600; }
 
     // From samples in the order of time; one that goes back or leaves a longer gap begins anew.
-    // Watts, load and the room are told when nine samples of ten have them. A sample that lacks
-    // what is told, or die, sink or fan speed, does not count.
+    // Watts and load are told when nine samples of ten have them. A sample that lacks what is told,
+    // or die, sink or fan speed, does not count.
     static RecordedDay from(std::span<const HeatSample> samples);
 };
 

@@ -8,18 +8,20 @@ namespace ferovane {
 namespace {
 
 // What may stand in a record.
-constexpr JsonRange kFigures{-1e6, 1e6};  // kelvin, watts and revolutions per minute
+constexpr JsonRange kFigures{-1e6, 1e6};  // kelvin, watts, revolutions per minute, days
 constexpr JsonRange kSums{0, 1e9};
-constexpr JsonRange kDays{-1e6, 1e6};
-constexpr JsonRange kDates{kDays.least * kDaySeconds, kDays.most* kDaySeconds};
 constexpr JsonRange kShares{FanHealth::kLeastHabit, FanHealth::kMostHabit};
+constexpr JsonRange kLonely{0, SensorHealth::kMostLonely};
 constexpr double kRounding = 1.01;
 
-// Counted in whole steps; raised when `limit` is reached.
-bool isPossible(const Evidence& evidence, int limit) {
-    return JsonRange{0, double(limit)}.admits(evidence.count) &&
+bool isPossible(Date date) {
+    return kFigures.admits(date.secondsSinceReference / kDaySeconds);
+}
+
+// Raised when `limit` is reached, and not counted further.
+bool isPossible(const Evidence& evidence, double limit) {
+    return JsonRange{0, limit}.admits(evidence.count) && isPossible(evidence.since) &&
            evidence.raised == (evidence.count >= limit) &&
-           kDates.admits(evidence.since.secondsSinceReference) &&
            kFigures.admits(evidence.expected.value_or(0)) &&
            kFigures.admits(evidence.measured.value_or(0));
 }
@@ -39,13 +41,14 @@ bool isPossible(const SensorResponse& it) {
 }
 
 bool isPossible(const SensorHabit& habit) {
-    return kDates.admits(habit.seen.secondsSinceReference) && kSums.admits(habit.observed) &&
-           kSums.admits(habit.step) && isPossible(habit.response) && kSums.admits(habit.calmest);
+    return isPossible(habit.seen) && kSums.admits(habit.observed) && kSums.admits(habit.step) &&
+           isPossible(habit.response) && kSums.admits(habit.calmest) &&
+           kLonely.admits(habit.loneliest);
 }
 
 bool isPossible(const HeatDay& day) {
-    return kDays.admits(day.day) && kFigures.admits(day.dieToSink) && kFigures.admits(day.toAir) &&
-           day.watts > 0 && kFigures.admits(day.watts);
+    return kFigures.admits(day.day) && kFigures.admits(day.dieToSink) &&
+           kFigures.admits(day.toAir) && day.watts > 0 && kFigures.admits(day.watts);
 }
 
 bool isPossible(const HeatTrendRecord& record) {
@@ -53,7 +56,7 @@ bool isPossible(const HeatTrendRecord& record) {
            std::ranges::is_sorted(record.days, {}, &HeatDay::day) &&
            std::ranges::all_of(record.days, [](auto& day) { return isPossible(day); }) &&
            (!record.baseline || isPossible(*record.baseline)) &&
-           kDays.admits(record.baselineFrom) && isPossible(record.toSink, HeatTrend::kChecks) &&
+           kFigures.admits(record.baselineFrom) && isPossible(record.toSink, HeatTrend::kChecks) &&
            isPossible(record.toAir, HeatTrend::kChecks);
 }
 

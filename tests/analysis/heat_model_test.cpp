@@ -37,10 +37,10 @@ const Machine kLaptop{"MacBookPro11,4", {2080, 5928}};
 const Machine kTower{"MacPro7,1", {500, 2275}};
 
 // A day under a curve, or under the system's own control, read every two seconds. The same day has
-// the same work, whatever the fans do. In no record: leakage, as percent of load more per K, and
-// graphics load, in percent every other ten minutes.
+// the same work, whatever the fans do. In no record: graphics load, in percent every other ten
+// minutes.
 RecordedDay record(const Machine& machine, const std::optional<FanCurve>& curve, int day,
-                   double leakage = 0, double graphics = 0) {
+                   double graphics = 0) {
     simulator::SimulatedMac mac = simulator::builtInMac(machine.name);
     const auto attached = mac.attach();
     SMC smc({[&] { return mac.now(); }, [&](double time) { mac.advance(time); }, false});
@@ -56,8 +56,7 @@ RecordedDay record(const Machine& machine, const std::optional<FanCurve>& curve,
     const auto pass = [&](double seconds) {
         const auto step = std::size_t(mac.now() / 2);
         load = work[step % work.size()];
-        const double leaked = leakage * (mac.dieTemperature() - 50);
-        mac.set(Property::kLoad, std::clamp(load + leaked, 0.0, 100.0));
+        mac.set(Property::kLoad, load);
         mac.set(Property::kGraphicsLoad, step / 300 % 2 == 0 ? 0 : graphics);
         mac.set(Property::kAmbient, 19 + 3 * day % 8 + std::sin(day + mac.now() / 4600));
         mac.advance(seconds);
@@ -74,7 +73,7 @@ RecordedDay record(const Machine& machine, const std::optional<FanCurve>& curve,
                             {"Th1H", "", read(mac.heatSinkTemperature())}};
         snapshot.additionalSensors.emplace();
         for (const char* key : {"PCPT", "PC0R", "PSTR"}) {
-            if (const auto watts = mac.number(key); watts && leakage == 0) {
+            if (const auto watts = mac.number(key)) {
                 snapshot.additionalSensors->push_back({key, "", HardwareSensorKind::power, *watts});
             }
         }
@@ -102,10 +101,10 @@ RecordedDay record(const Machine& machine, const std::optional<FanCurve>& curve,
 }
 
 std::vector<RecordedDay> fourDays(const Machine& machine, const std::optional<FanCurve>& curve,
-                                  double leakage = 0, double graphics = 0) {
+                                  double graphics = 0) {
     std::vector<RecordedDay> days;
     for (int day = 1; day <= 4; ++day) {
-        days.push_back(record(machine, curve, day, leakage, graphics));
+        days.push_back(record(machine, curve, day, graphics));
     }
     return days;
 }
@@ -180,11 +179,10 @@ TEST(HeatModelTest, RefusesWhatWouldMislead) {
         // nobody reads.
         {R::fitInvalid, with([](auto& it, auto, bool odd) { it.sink = odd ? 31 : 31.25; })},
         {R::fitInvalid, with([](auto& it, auto, bool) { std::swap(it.sink, it.die); })},
-        {R::fitInvalid, kScale != nullptr ? fourDays(kLaptop, {}, 0, 100) : Days()},
+        {R::fitInvalid, kScale != nullptr ? fourDays(kLaptop, {}, 100) : Days()},
         {R::notAccurate, with([](auto& it, auto day, bool) { it.die += day == 3 ? 8 : 0; })},
-        // Another machine's fan, then heat that follows the die, which nobody reads either.
+        // Another machine's fan.
         {R::fanUnclear, with([](auto& it, auto, bool odd) { it.rpm = odd ? 5000 : 2000; })},
-        {R::notAccurate, kScale != nullptr ? fourDays(kLaptop, FanCurve::balanced(), 1.2) : Days()},
     };
     for (const auto& [refusal, days, fans] : cases) {
         const HeatFit fit = HeatFit::of(days, fans);
@@ -249,7 +247,7 @@ TEST(RecordedDayTest, IsReadAtEvenStepsBetweenGaps) {
         }
         const RecordedDay day = RecordedDay::from(samples);
         ASSERT_EQ(day.steps.size(), steps) << "seed " << seed;
-        EXPECT_TRUE(day.hasWatts && !day.hasLoad && !day.hasRoom);
+        EXPECT_TRUE(day.hasWatts && !day.hasLoad);
         for (std::size_t i = 0; i < steps; ++i) {
             const RecordedDay::Step& step = day.steps[i];
             begins -= step.begins ? 1 : 0;
