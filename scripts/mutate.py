@@ -48,7 +48,7 @@ PROGRAMS = {
     "attacker": "tests/endtoend/attacker_test.py",
     "faults": "fault_tests",
 }
-EXECUTABLES = ["FerovaneHelper", "simulated-mac"]  # what the process tests start
+EXECUTABLES = ["FerovaneHelper", "simulated-mac", "monitor-example"]  # what the process tests start
 
 # How far below its anchor a mutant's text may begin: a function is not longer than this.
 ANCHOR_LINES = 60
