@@ -4,7 +4,6 @@
 #include <array>
 #include <cmath>
 #include <cstdint>
-#include <limits>
 #include <numeric>
 #include <utility>
 
@@ -194,7 +193,7 @@ std::vector<ChartBar> loadBars(const std::deque<CpuLoadStretch>& stretches, Date
 
 std::vector<ChartTick> valueTicks(const ChartFrame& frame, int most) {
     const double height = (frame.high - frame.low) / most;  // of one tick
-    if (most < 1 || !(height >= std::numeric_limits<double>::min()) || !std::isfinite(height)) {
+    if (most < 1 || !(height > 0) || !std::isfinite(height)) {
         return {};
     }
     for (int exponent = static_cast<int>(std::floor(std::log10(height)));; ++exponent) {

@@ -122,7 +122,6 @@ void ProcessActivity::measure() {
     }
     for (Application& application : applications_) {
         Use& latest = application.tally.latest;
-        latest.cpuObserved = std::min(latest.cpuObserved, interval_);
         latest.diskObserved = std::min(latest.diskObserved, interval_);
         application.tally.slots[window_.slot()].add(latest);
     }

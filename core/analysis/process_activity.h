@@ -83,7 +83,8 @@ public:
 private:
     struct Use {
         double cpuSeconds = 0, readBytes = 0, writtenBytes = 0;
-        double cpuObserved = 0, diskObserved = 0;  // seconds in which some process told
+        double cpuObserved = 0;   // above 0 when some process told
+        double diskObserved = 0;  // seconds in which some process told
 
         void add(const Use& other);
     };

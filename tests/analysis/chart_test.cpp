@@ -189,7 +189,8 @@ TEST(MetricChartTest, DrawsTheMeanAndTheExtremesOfEveryColumn) {
         for (int i = 0; i < 300; ++i) {
             series.append(clock.next(), dice.oneIn(20) ? dice.upTo(100) : 40 + dice.upTo(3));
         }
-        const Date from = kStart + dice.upTo(1000), to = from + 1 + dice.upTo(2000);
+        const Date from = dice.oneOf(series.buckets()).first - dice.upTo(1000);
+        const Date to = from + 1 + dice.upTo(2000);
         const ChartFrame frame{from, to, 20, 60, dice.oneIn(2) ? 1 + dice.upTo(10) : 500};
         auto drawn = draw(frame, series.buckets());
         const auto stretches = MetricChart::stretches(series.buckets(), frame);

@@ -121,7 +121,6 @@ struct ActivityModel {
                 use.diskObserved = seconds;
             }
             all.add(use);
-            all.cpuObserved = std::min(all.cpuObserved, seconds);
             all.diskObserved = std::min(all.diskObserved, seconds);
         }
         before = list;
@@ -149,7 +148,8 @@ struct ActivityModel {
         if (all.cpuObserved > 0) {
             told.averageCPU = 100 * all.cpuSeconds / window;
         }
-        told.currentCPU = ratio(100 * latest.cpuSeconds, latest.cpuObserved);
+        told.currentCPU =
+            ratio(100 * latest.cpuSeconds, latest.cpuObserved > 0 ? looks.back().seconds : 0);
         told.averageRead = ratio(all.read, all.diskObserved);
         told.currentRead = ratio(latest.read, latest.diskObserved);
         told.averageWritten = ratio(all.written, all.diskObserved);
