@@ -90,8 +90,8 @@ struct Metric {
     MetricHistory history;
 };
 
-// Every metric that had a value within the last day. Takes at most 70 kB for a metric whose samples
-// follow one another, and 0.6 MB for one of which each comes after a gap; beyond kMostMetrics no
+// Every metric that had a value within the last day. Takes at most 60 kB for a metric whose samples
+// follow one another, and 0.5 MB for one of which each comes after a gap; beyond kMostMetrics no
 // new one is taken up. One owner, no locking.
 class MetricHistories {
 public:

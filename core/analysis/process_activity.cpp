@@ -43,9 +43,7 @@ void ProcessActivity::add(Date date, std::span<const ProcessSample> processes) {
     }
     regroup(processes);
     remember(processes);
-    if (interval_ > 0) {
-        measure();
-    }
+    measure();
     std::swap(processes_, newProcesses_);
     std::swap(index_, newIndex_);
 }
