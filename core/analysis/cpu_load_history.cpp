@@ -114,12 +114,14 @@ void CpuLoadHistory::forgetBefore(Date now) {
 bool CpuLoadHistory::restore(State state) {
     if (!inOrder(&CpuLoadSpan::from, &CpuLoadSpan::to, state.spans) ||
         !inOrder(&CpuLoadStretch::from, &CpuLoadStretch::from, state.day) ||
-        !std::ranges::all_of(state.day, isPossible)) {
+        !std::ranges::all_of(state.day, isPossible) ||
+        (!state.spans.empty() &&
+         (state.day.empty() || state.day.back().from >= state.spans.back().to))) {
         return false;
     }
     *this = CpuLoadHistory(clock_.longestGapSeconds());
     state_ = std::move(state);
-    if (!state_.spans.empty() || !state_.day.empty()) {
+    if (!state_.day.empty()) {
         clock_.resume(state_.spans.empty() ? state_.day.back().from : state_.spans.back().to);
         forgetBefore(*clock_.last());
     }

@@ -20,12 +20,9 @@ inline constexpr std::size_t kCpuLoadBands = 5;
 
 template <>
 struct RawEnum<CpuLoadBand> {
+    using enum CpuLoadBand;
     static constexpr std::array<RawCase<CpuLoadBand, int>, kCpuLoadBands> cases{
-        {{CpuLoadBand::idle, 0},
-         {CpuLoadBand::light, 1},
-         {CpuLoadBand::moderate, 2},
-         {CpuLoadBand::heavy, 3},
-         {CpuLoadBand::saturated, 4}}};
+        {{idle, 0}, {light, 1}, {moderate, 2}, {heavy, 3}, {saturated, 4}}};
 };
 
 // Busy percentage of all processors at which each band above idle begins. Below 10 a machine does

@@ -357,7 +357,13 @@ TEST(HistoriesTest, TakeOverWhatIsInOrderOnly) {
          {CpuLoadStretch{late + 1, {}}, {late, {0, -1}}, {late, {kNaN}}, {early, {}}}) {
         EXPECT_FALSE(CpuLoadHistory().restore({{}, {{early, {}}, bad}}));
     }
-    EXPECT_FALSE(CpuLoadHistory().restore({{{late, early, {}}}, {}}));
+    EXPECT_TRUE(CpuLoadHistory().restore({{{early, late, {}}}, {{early, {}}}}));
+    for (const CpuLoadHistory::State& bad :
+         {CpuLoadHistory::State{{{late, early, {}}}, {{early, {}}}},
+          {{{early, late, {}}}, {}},
+          {{{early, late, {}}}, {{late, {}}}}}) {
+        EXPECT_FALSE(CpuLoadHistory().restore(bad));
+    }
     EXPECT_FALSE(SustainedLoad().restore({{late, early, 1, 1}}));
     EXPECT_FALSE(TurboHistory().restore({{{{}, late, early, {}, {}}}, {}}));
     EXPECT_FALSE(TurboHistory().restore({{}, {{Date{kNaN}, {}, {}, {}, {}, {}}}}));
