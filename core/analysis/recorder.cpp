@@ -237,7 +237,7 @@ std::string Recorder::text(bool withNames) const {
         text.append(withNames ? "\t" + event.names : "").append("\n");
     }
     writeTable("最近半小时的读数", state_.figures, text);
-    writeTable("最近一天的发热与散热（每 10 秒的平均）", state_.heat, text);
+    writeTable("最近一天的发热与散热（每 5 秒的平均）", state_.heat, text);
     return text;
 }
 

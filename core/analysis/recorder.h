@@ -78,9 +78,9 @@ struct RecordedEvent {
 };
 
 // Every figure of each snapshot, what was asked of a session and answered, and findings as they
-// came and went. Beside it the day that a heat model is fitted from, in means of ten seconds: where
-// a die jumps, these describe it better than single samples do. Bounded by the constants below,
-// about 4 MB. A plain value; dates count as ObservationClock says. One owner, no locking.
+// came and went. Beside it the day that a heat model is fitted from, in means of five seconds: they
+// describe a die that jumps as well as samples every two do. Bounded by the constants below, about
+// 5 MB. A plain value; dates count as ObservationClock says. One owner, no locking.
 class Recorder {
 public:
     static constexpr double kSeconds = 30 * 60;
@@ -88,7 +88,7 @@ public:
     static constexpr std::size_t kMostEventBytes = 256 * 1024;
     static constexpr std::size_t kMostTextBytes = 4096;  // of one event; what is longer is cut
     static constexpr double kHeatSeconds = 24 * 60 * 60;
-    static constexpr double kHeatStepSeconds = 10;
+    static constexpr double kHeatStepSeconds = 5;
 
     explicit Recorder(double longestGapSeconds = kLongestGapSeconds) : clock_(longestGapSeconds) {}
 

@@ -44,7 +44,7 @@ void require(bool holds, std::string_view otherwise = kDamaged) {
 }
 
 constexpr double kThousandths = 1e3, kMicroseconds = 1e6;
-constexpr double kMostRounded = 9e15;            // beyond it a double is no longer that exact
+constexpr double kMost = 9e15;  // of them: beyond it a double is no longer that exact
 constexpr std::size_t kMostNumbers = 4'000'000;  // some ten times what a day has
 constexpr int kVarintBits = 7, kMostVarintBits = 63;
 constexpr std::uint64_t kVarintMore = 1 << kVarintBits;
@@ -148,32 +148,35 @@ private:
             numbers = last;
             numbers.resize(count);
         }
-        std::int64_t before = 0;
+        std::int64_t expected = 0, before = 0;
         for (auto number = numbers.begin(); code != 0 && number != numbers.end(); ++number) {
-            step(*number, dates ? kMicroseconds : kThousandths, before);
+            const std::int64_t now = step(*number, dates ? kMicroseconds : kThousandths, expected);
+            expected = dates ? 2 * now - before : now;  // dates come at an even pace
+            before = now;
         }
         last = numbers;
     }
 
-    // 0 for no number; else small differences of either sign are small.
-    void step(double& number, double scale, std::int64_t& before) {
+    // How far it lies from what is expected: small differences of either sign are small, 0 is no
+    // number. Returns it as it will be read, and for no number what is expected.
+    std::int64_t step(double& number, double scale, std::int64_t expected) {
         std::uint64_t code = 0;
-        if (!reading_ && std::abs(number * scale) < kMostRounded) {
-            const std::int64_t change = std::llround(number * scale) - before;
+        std::int64_t change = 0;
+        if (!reading_ && !std::isnan(number)) {
+            change = std::llround(std::clamp(number * scale, -kMost, kMost)) - expected;
             code = 1 + (static_cast<std::uint64_t>(change) << 1 ^
                         static_cast<std::uint64_t>(change >> 63));
-            before += change;
         }
         pass(code);
-        if (reading_ && code != 0) {
+        if (reading_ && code == 0) {
+            number = std::numeric_limits<double>::quiet_NaN();
+        } else if (reading_) {
             const auto half = static_cast<std::int64_t>((code - 1) >> 1);
-            before = (code - 1) % 2 == 0 ? before + half : before - half - 1;
-            require(std::abs(static_cast<double>(before)) < kMostRounded);
+            change = (code - 1) % 2 == 0 ? half : -half - 1;
+            number = static_cast<double>(expected + change) / scale;
+            require(std::abs(number * scale) <= kMost);
         }
-        if (reading_) {
-            number = code == 0 ? std::numeric_limits<double>::quiet_NaN()
-                               : static_cast<double>(before) / scale;
-        }
+        return expected + change;
     }
 
     // Seven bits a byte.

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "core/analysis/curve_what_if.h"
+#include "core/analysis/recorder.h"
 #include "core/fan/curve_lease.h"
 #include "core/fan/fan_keys.h"
 #include "core/hardware/smc.h"
@@ -38,9 +39,9 @@ const Machine kTower{"MacPro7,1", {500, 2275}};
 
 // A day under a curve, or under the system's own control, read every two seconds. The same day has
 // the same work, whatever the fans do. In no record: graphics load, in percent every other ten
-// minutes.
+// minutes. As a recorder tells it, in means, or every sample.
 RecordedDay record(const Machine& machine, const std::optional<FanCurve>& curve, int day,
-                   double graphics = 0) {
+                   double graphics = 0, bool means = true) {
     simulator::SimulatedMac mac = simulator::builtInMac(machine.name);
     const auto attached = mac.attach();
     SMC smc({[&] { return mac.now(); }, [&](double time) { mac.advance(time); }, false});
@@ -64,6 +65,7 @@ RecordedDay record(const Machine& machine, const std::optional<FanCurve>& curve,
     const auto read = [&](double celsius) {
         return std::round(celsius * 4 + (dice.upTo(30) - 15) / 10.0) / 4;
     };
+    Recorder recorder;
     std::vector<HeatSample> samples;
     const auto sample = [&] {
         Snapshot snapshot;
@@ -81,6 +83,7 @@ RecordedDay record(const Machine& machine, const std::optional<FanCurve>& curve,
         for (std::size_t fan = 0; fan < snapshot.fans.size(); ++fan) {
             snapshot.fans[fan].rpm = mac.fanRpm(int(fan));
         }
+        recorder.add(snapshot, {});
         samples.push_back(heatSample(snapshot, {}, CurveSensor::hottest));
         return snapshot;
     };
@@ -97,7 +100,7 @@ RecordedDay record(const Machine& machine, const std::optional<FanCurve>& curve,
             pass(2);
         }
     }
-    return RecordedDay::from(samples);
+    return means ? recorder.heatDay(CurveSensor::hottest) : RecordedDay::from(samples);
 }
 
 std::vector<RecordedDay> fourDays(const Machine& machine, const std::optional<FanCurve>& curve,
@@ -120,7 +123,7 @@ TEST(HeatModelTest, ForetellsCurvesAndDaysThatItHasNotSeen) {
             ASSERT_FALSE(fit.refusal) << machine.name << ": " << title(*fit.refusal);
             const std::vector<RecordedDay> day{record(machine, usual, 7)};
             for (const FanCurve& curve : {FanCurve::quiet(), FanCurve::performance()}) {
-                const RecordedDay truth = record(machine, curve, 7);
+                const RecordedDay truth = record(machine, curve, 7, 0, false);
                 const CurveRun told = CurveReplay(fit.model, day).under(curve);
                 const std::size_t steps = std::min(told.die.size(), truth.steps.size());
                 ASSERT_GT(double(steps), kHours * 1790);
@@ -203,7 +206,7 @@ TEST(HeatModelTest, ProposesTheQuietestCurveThatKeepsAWish) {
     const std::vector<RecordedDay> days{record(kTower, {}, 7)};
     FanCurve curve = quietestCurve(fit, days, 88, CurveSensor::cpu);
     curve.validate();
-    const RecordedDay truth = record(kTower, curve, 7);
+    const RecordedDay truth = record(kTower, curve, 7, 0, false);
     const auto above = std::count_if(truth.steps.begin(), truth.steps.end(),
                                      [](const auto& step) { return step.die > 88; });
     EXPECT_LE(double(above), 0.02 * double(truth.steps.size()));

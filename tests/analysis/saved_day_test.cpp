@@ -1,8 +1,10 @@
 // What a monitor saved is there again, whatever happens to the program or the file.
 //
 // FEROVANE_SAVE_KILLS=N: how often the program is killed while it saves, instead of 20 times.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/file.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -166,6 +168,7 @@ TEST_F(SavedDayTest, RefusesWhatIsNoDayAndLeavesItAlone) {
     for (int i = 0; i < 40; ++i) {
         monitor.sample(lived, kStart + i);
     }
+    lived.add(SystemTelemetry{kStart + 40, 1e300, {}, {}, {}, {}, 0});  // no reason to lose the day
     const fs::path victim = folder_ / "victim";
     write(victim, "mine");
     fs::create_symlink(victim, file_.string() + ".new");  // planted: not followed
@@ -203,8 +206,12 @@ TEST_F(SavedDayTest, RefusesWhatIsNoDayAndLeavesItAlone) {
         any.recorder().heatDay(CurveSensor::hottest);
     }
     DayFile::save(file_, lived, DayFile::Unreadable::replace);
-    EXPECT_TRUE(contentOf(file_) == day);
+    EXPECT_TRUE(contentOf(file_) == day && DayFile::load(file_, read));
     EXPECT_EQ(failureOf([&] { DayFile::load(folder_, read); }), "不是监测历史文件");
+    const int other = ::open(folder_.c_str(), O_RDONLY);
+    ASSERT_EQ(::flock(other, LOCK_EX | LOCK_NB), 0);
+    EXPECT_EQ(failureOf([&] { DayFile::save(file_, lived); }), "另一个程序正在保存监测历史");
+    ::close(other);
     EXPECT_EQ(failureOf([&] { DayFile::save(file_ / "day", lived); }),
               "无法保存监测历史文件（错误 20）");
     EXPECT_EQ(failureOf([&] { DayFile::save(folder_ / "no" / "day", lived); }),
