@@ -86,7 +86,6 @@ bool MetricSeries::restore(std::span<const MetricBucket> buckets) {
     }
     buckets_.assign(buckets.begin(), buckets.end());
     forgotten_ = 0;
-    broken_ = true;
     if (!buckets.empty()) {
         clock_.resume(buckets.back().last);
         forgetBefore(buckets.back().last - spanSeconds_);

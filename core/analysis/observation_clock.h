@@ -53,7 +53,7 @@ public:
         : gap_(std::min(longestGapSeconds, kFarSeconds)) {}
 
     Step advance(Date date) {
-        if (!isMoment(date) || date == last_ || date == jump_) {
+        if (!isMoment(date) || date == last_) {
             return Step::ignored;
         }
         if (last_ && std::abs(date - *last_) > kFarSeconds &&

@@ -272,8 +272,8 @@ TEST(HistoriesTest, KeepWhatEverySampleThatCountsHasTold) {
         for (int i = 0; i < 1200; ++i) {
             SCOPED_TRACE("seed " + std::to_string(seed) + ", sample " + std::to_string(i));
             const Date last = std::exchange(now.date, clock.next());
-            if (dice.oneIn(30) && model.complete && sustained.current() &&
-                unbroken(last, now.date, gap) > 0) {
+            if (dice.oneIn(30) && model.complete && sustained.current() && now.date != last &&
+                std::abs(now.date - last) < 3000) {
                 const auto buckets = std::exchange(series, MetricSeries(20, 600, gap));
                 const auto spans = std::exchange(load, CpuLoadHistory(gap)).state();
                 const auto periods = std::exchange(sustained, SustainedLoad(gap)).state();
@@ -335,6 +335,11 @@ TEST(HistoriesTest, AreBounded) {
     }
     EXPECT_EQ(load.spans().size(), CpuLoadHistory::kMostSpans);
     EXPECT_EQ(load.spans().back().to, kStart + 2499.5);
+    for (int i = 0; i <= 90000; i += 15) {
+        load.append(kStart + 3000 + i, 50);
+        ASSERT_LE(load.day().size(), 289);
+    }
+    EXPECT_EQ(load.day().front().from, even(kStart + 6600, 300));
     EXPECT_EQ(sustained.ended().size(), SustainedLoad::kMostPeriods);
     EXPECT_EQ(turbo.periods().size(), TurboHistory::kMostPeriods);
     EXPECT_EQ(turbo.changes().size(), TurboHistory::kMostChanges);
