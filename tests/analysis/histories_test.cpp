@@ -471,6 +471,7 @@ TEST(OptimizationAssessmentTest, ComparesMediansOfLikeWindowsBeforeAndAfterAChan
         {{old, edit, {0, 180}, {196, 700, 99, 90}}, over, 120, better},
         {{old, edit, {0, 179}, {195, 300}}, left(555), 45},
         {{old, edit, {0, 30}, {90, 100}}, {interrupted, pause, 50}},
+        {{old, edit, {0, 30}, {90, 100, kNaN}}, {interrupted, pause, 50}},
         {{old, edit, {0, 30}, {90, 900}}, over, 600, better},
         {{{-600, -16, 70}, edit, now}, never},
         {{{-300, -1, 70}, {1, 5}, edit, {6, 660}}, over, 300, better},
