@@ -242,16 +242,8 @@ ControlReply SessionControl::status() {
 
 ControlReply SessionControl::stateLocked(std::optional<std::int64_t> turbo) {
     ControlReply reply{true, ""};
-    if (unreturned_) {
-        reply.say(textOf(unreturned_), codeOf(unreturned_));
-    } else if (running_ && lease_ && lease_->applied) {
-        reply.session = lease_->session;
-        sayConfirmed(reply);
-    } else {
-        reply.say("风扇由系统管理", ResultCode::automatic);
-    }
-    reply.turbo = turbo;
-    if (running_ && lease_ && !unreturned_) {
+    const bool leased = running_ && lease_ && !unreturned_;
+    if (leased) {
         reply.session = lease_->session;
         reply.profile = lease_->mode;
         reply.label = lease_->label;
@@ -261,6 +253,14 @@ ControlReply SessionControl::stateLocked(std::optional<std::int64_t> turbo) {
                                  lease_->progress->targets, lease_->progress->protectionActive};
         }
     }
+    if (leased && lease_->applied) {
+        sayConfirmed(reply);
+    } else if (unreturned_) {
+        reply.say(textOf(unreturned_), codeOf(unreturned_));
+    } else {
+        reply.say("风扇由系统管理", ResultCode::automatic);
+    }
+    reply.turbo = turbo;
     return reply;
 }
 
