@@ -60,8 +60,8 @@ struct SavedDay {
 // two samples of one observation. Any of the three comes as often as the monitor likes, each in the
 // order of time; one without a finite date does not count.
 //
-// Bounded: some 40 KB for each metric, of which there may be MetricHistories::kMostMetrics, 5 MB
-// for the recorder, 3 MB for all else; about 10 MB in all with a hundred metrics. The processes of
+// Bounded: by MetricHistories, which takes up to 70 kB for each metric that is seen all day, 5 MB
+// for the recorder, 3 MB for all else; 10 MB for a day of 75 metrics, a sample a second. Processes of
 // one list come on top.
 //
 // A plain value: whoever wants to save or draw on another thread copies it there. One thread at a
