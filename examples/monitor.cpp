@@ -26,7 +26,6 @@
 #include "core/analysis/monitor_histories.h"
 #include "core/analysis/process_list.h"
 #include "core/analysis/saved_day.h"
-#include "core/analysis/sensor_catalog.h"
 #include "core/analysis/system_telemetry.h"
 #include "core/control/control_client.h"
 #include "core/hardware/hardware_sampler.h"
@@ -88,24 +87,6 @@ struct Line {
     }
 };
 
-std::vector<Row> commonSensors(const Snapshot& snapshot) {
-    std::vector<HardwareSensorReading> readings;
-    for (const SensorReading& sensor : snapshot.sensors) {
-        readings.push_back(
-            {sensor.key, sensor.label, HardwareSensorKind::temperature, sensor.celsius});
-    }
-    if (snapshot.additionalSensors) {
-        readings.insert(readings.end(), snapshot.additionalSensors->begin(),
-                        snapshot.additionalSensors->end());
-    }
-    std::vector<Row> rows;
-    for (const auto& common : SensorCatalog::common(readings, currentNamingPlatform())) {
-        rows.push_back({common.id, common.title, common.explanation, std::string(unit(common.kind)),
-                        common.value});
-    }
-    return rows;
-}
-
 std::optional<int> sleepBlockers() {
     try {
         return static_cast<int>(SleepBlocker::read().size());
@@ -152,10 +133,14 @@ void print(const Snapshot& snapshot, const DiagnosticReport& report, std::vector
               snapshot.cpuTemperature(),
               snapshot.temperature(SensorCategory::gpu),
               snapshot.fans,
-              commonSensors(snapshot),
+              {},
               textOf(report.state),
               {},
               std::move(leases)};
+    for (const CommonSensorReading& it : commonSensors(snapshot)) {
+        line.common.push_back(
+            {it.id, it.title, it.explanation, std::string(unit(it.kind)), it.value});
+    }
     for (const DiagnosticFinding& finding : report.findings) {
         line.findings.push_back({finding.id, textOf(finding)});
     }

@@ -8,6 +8,7 @@
 #include "core/analysis/heat_model.h"
 #include "core/analysis/metric_chart.h"
 #include "core/analysis/monitor_histories.h"
+#include "core/analysis/sensor_catalog.h"
 #include "core/model/snapshot.h"
 
 // What is shown beside the histories, all as of the snapshot's date.
@@ -18,6 +19,9 @@ struct PageMoment {
     std::vector<ferovane::RecordedDay> days;
     ferovane::UtcOffset offset;  // of the clock that the page tells the time by
 };
+
+// The short list that a user sees first.
+std::vector<ferovane::CommonSensorReading> commonSensors(const ferovane::Snapshot& snapshot);
 
 // Every view, drawn from the library's coordinates and texts: a document that is whole in itself,
 // asks for nothing from anywhere, and is well-formed XML as well. Whatever names sensors, processes

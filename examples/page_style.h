@@ -77,4 +77,6 @@ function show(event) {
 for (const kind of ['pointermove', 'pointerdown']) document.addEventListener(kind, show);
 document.addEventListener('scroll', () => { tip.style.display = 'none'; cursor.remove(); });
 )";
+// Of the script: no other runs, whatever else were to be wrong with the page.
+inline constexpr char kPageScriptHash[] = "sha256-qS7EJbmJf9atHsyLy75V5YgyAKSIjiOV61hG9XF7Ac4=";
 // clang-format on
