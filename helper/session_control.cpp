@@ -422,7 +422,9 @@ void SessionControl::keepReturning(const std::exception_ptr& failure) noexcept {
             return true;
         }
         const ConditionGuard guard(lock_);
-        lease_->failure = failure;  // whoever waits for the lease learns at once what ended it
+        if (lease_) {
+            lease_->failure = failure;  // whoever waits for it learns at once what ended it
+        }
         lock_.broadcast();
         return false;
     };
@@ -437,6 +439,7 @@ void SessionControl::keepReturning(const std::exception_ptr& failure) noexcept {
 void SessionControl::goOnReturning(const std::exception_ptr& failure) noexcept {
     {
         const ConditionGuard guard(lock_);
+        lease_.reset();  // it is over, and has told why
         running_ = true;
     }
     const auto end = [this] {
