@@ -27,8 +27,8 @@ namespace {
 
 using simulator::Property;
 
-const char* const kScale = std::getenv("FEROVANE_HEAT_HOURS");
-const double kHours = kScale != nullptr ? std::atof(kScale) : 1.05;
+const char* const kHeatScale = std::getenv("FEROVANE_HEAT_HOURS");
+const double kHours = kHeatScale != nullptr ? std::atof(kHeatScale) : 1.05;
 
 struct Machine {
     std::string name;
@@ -114,7 +114,7 @@ std::vector<RecordedDay> fourDays(const Machine& machine, const std::optional<Fa
 
 TEST(HeatModelTest, ForetellsCurvesAndDaysThatItHasNotSeen) {
     std::vector<Machine> machines{kLaptop};
-    if (kScale != nullptr) {
+    if (kHeatScale != nullptr) {
         machines = {kLaptop, kTower, {"MacBookPro16,1", {1768, 5101}}, {"iMac18,3", {1200, 2867}}};
     }
     for (const Machine& machine : machines) {
@@ -182,7 +182,7 @@ TEST(HeatModelTest, RefusesWhatWouldMislead) {
         // nobody reads.
         {R::fitInvalid, with([](auto& it, auto, bool odd) { it.sink = odd ? 31 : 31.25; })},
         {R::fitInvalid, with([](auto& it, auto, bool) { std::swap(it.sink, it.die); })},
-        {R::fitInvalid, kScale != nullptr ? fourDays(kLaptop, {}, 100) : Days()},
+        {R::fitInvalid, kHeatScale != nullptr ? fourDays(kLaptop, {}, 100) : Days()},
         {R::notAccurate, with([](auto& it, auto day, bool) { it.die += day == 3 ? 8 : 0; })},
         // Another machine's fan.
         {R::fanUnclear, with([](auto& it, auto, bool odd) { it.rpm = odd ? 5000 : 2000; })},

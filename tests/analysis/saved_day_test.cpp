@@ -241,6 +241,75 @@ TEST_F(SavedDayTest, HoldsTheLastWholeDayWheneverItsProgramIsKilled) {
     EXPECT_GT(saved, 0u);
 }
 
+TEST(RecorderTest, KeepsWhatWasReadInTheLastHalfHour) {
+    for (unsigned seed = 0; seed < 6; ++seed) {
+        Dice dice(seed);
+        Clock clock(dice, 5, 40);
+        ObservationClock counts;
+        Recorder recorder;
+        std::vector<std::pair<Date, std::optional<double>>> model;
+        for (int i = 0; i < 900; ++i) {
+            Snapshot now;
+            now.date = clock.next();
+            now.cpuUsage = dice.maybe(9, double(dice.upTo(99)));
+            recorder.add(now, {});
+            const auto step = counts.advance(now.date);
+            if (step == ObservationClock::Step::ignored) {
+                continue;
+            }
+            std::erase_if(model, [&](const auto& row) {
+                return row.first >= now.date || row.first < now.date - 1800;
+            });
+            model.emplace_back(now.date, now.cpuUsage);
+            const FigureTable& table = recorder.state().figures;
+            ASSERT_EQ(table.dates.size(), model.size()) << seed << ", " << i;
+            const auto column = table.columns.find("cpuUsage");
+            for (std::size_t row = 0; row < model.size(); ++row) {
+                ASSERT_EQ(table.dates[row], model[row].first) << seed << ", " << i;
+                const double told =
+                    column == table.columns.end() ? kNaN : column->second.values[row];
+                ASSERT_TRUE(same(told, model[row].second.value_or(kNaN))) << seed << ", " << i;
+            }
+        }
+    }
+}
+
+TEST(RecorderTest, IsBoundedAndTellsEachCurveItsDie) {
+    Recorder recorder;
+    Snapshot now = unremarkable(0).snapshot;
+    now.sensors = {{"TC0P", "", 50}, {"TG0P", "", 60}};
+    now.fans = {{0, 2000, 1200, 6000, false, true}};
+    for (int i = 0; i < 700; ++i) {
+        now.date = kStart + i;
+        recorder.add(now, {});
+        recorder.add({now.date, RecordedEventKind::reply, std::string(5000, 'x'), {}});
+    }
+    const std::pair<CurveSensor, double> dies[]{
+        {CurveSensor::cpu, 50}, {CurveSensor::gpu, 60}, {CurveSensor::hottest, 60}};
+    for (const auto& [sensor, die] : dies) {
+        const RecordedDay day = recorder.heatDay(sensor);
+        EXPECT_NEAR(double(day.steps.size()), 350, 5);
+        EXPECT_EQ(day.steps.at(9).die, die);
+    }
+    EXPECT_EQ(recorder.state().events.size(), 256 * 1024 / (4096 + sizeof(RecordedEvent)));
+    for (int i = 0; i < 900; ++i) {
+        now.sensors.push_back({"S" + std::to_string(i), "", 1});
+    }
+    for (int i = 0; i < 400; ++i) {
+        now.date = now.date + 1;
+        recorder.add(now, {});
+    }
+    const FigureTable& table = recorder.state().figures;
+    EXPECT_LE(table.dates.size() * table.columns.size(), Recorder::kMostFigures);
+    EXPECT_GT((table.dates.size() + 1) * table.columns.size(), Recorder::kMostFigures);
+    now.sensors.resize(2);
+    for (int i = 0; i < 400; ++i) {
+        now.date = now.date + 1;
+        recorder.add(now, std::vector<FanTarget>(i == 399 ? 1 : 0));
+    }
+    EXPECT_LT(table.columns.size(), 50u);  // without those that are gone
+}
+
 TEST_F(SavedDayTest, TellsABugReportNobodysNameUnlessAsked) {
     MonitorHistories lived;
     Monitor monitor(3, 2);
