@@ -223,7 +223,7 @@ public:
             }
             html.add("</li>");
         }
-        return moment_.report.findings.empty() ? none("没有需要注意的情况") : html.add("</ul>");
+        return moment_.report.findings.empty() ? none("目前没有发现") : html.add("</ul>");
     }
 
     Html health() const {
@@ -239,7 +239,7 @@ public:
             rows.push_back({std::to_string(fan.id + 1), fixed(fan.rpm, ""), fixed(fan.minimum, ""),
                             fixed(fan.maximum, ""), controlled.value_or("—")});
         }
-        return Html(findings.empty() ? none("没有发现异常") : html.add("</ul>"),
+        return Html(findings.empty() ? none("目前没有发现异常") : html.add("</ul>"),
                     table({"风扇", "RPM", "额定最低", "额定最高", "控制"}, rows));
     }
 
@@ -535,7 +535,7 @@ private:
                 upper += pen + point(it.x, it.high);
                 lower.insert(0, "L" + point(it.x, it.low));
             }
-            line += stretch.size() == 1 ? "h0" : "";
+            line += stretch.size() == 1 ? "m-2 0h4" : "";  // seen at all
             band += upper + lower + "Z";
         }
         std::optional<MetricBucket> before;

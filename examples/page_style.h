@@ -26,7 +26,7 @@ figcaption b{margin-left:auto;white-space:nowrap}
 .name{unicode-bidi:isolate;overflow-wrap:anywhere}
 .plot{position:relative;height:130px;margin:8px 20px 24px 46px;touch-action:pan-y}
 .cards .plot{height:64px}.plot.strip{height:18px}
-.plot svg{position:absolute;inset:0;width:100%;height:100%}
+.plot svg{position:absolute;inset:0;width:100%;height:100%;overflow:visible}
 path{fill:none;vector-effect:non-scaling-stroke;stroke-linecap:round;stroke-linejoin:round}
 .rule{stroke:var(--rule)}.line{stroke:var(--line);stroke-width:1.6}
 .band{fill:var(--line);stroke:var(--line);fill-opacity:.2;stroke-opacity:.2}
