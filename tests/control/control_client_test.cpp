@@ -1,6 +1,7 @@
 #include "core/control/control_client.h"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -64,6 +65,13 @@ TEST_F(ControlClientTest, AnyFailureIsAValueAndTheEndOfTheSession) {
     EXPECT_EQ(asked(gone), "failure 辅助进程写入失败");
     ControlClient none({"/no/such/helper"});
     EXPECT_EQ(asked(none), "failure 无法启动辅助进程");
+    rlimit most{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &most), 0);
+    const rlimit noMore{0, most.rlim_max};
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &noMore), 0);
+    ControlClient lineless({"/bin/sh"});
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &most), 0);
+    EXPECT_EQ(asked(lineless), "failure 无法启动辅助进程");
 }
 
 TEST_F(ControlClientTest, ASessionIsARequestAndAReplyAtATimeToItsEnd) {
