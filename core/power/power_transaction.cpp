@@ -70,7 +70,6 @@ public:
         if (work_.switchesTurbo) {
             turboBegun_ = true;
             access_.setTurbo(true);
-            turboDone_ = true;
         }
     }
 
