@@ -48,9 +48,13 @@ void MonitorHistories::add(const SystemTelemetry& telemetry) {
 }
 
 SavedDay MonitorHistories::state() const {
-    SavedDay day{{}, load_.state(),    sustained_.state(), turbo_.state(), assessment_.state(),
-                 {}, health_.record(), recorder_.state()};
-    day.changed = day.assessment.changed;
+    SavedDay day{{},
+                 load_.state(),
+                 sustained_.state(),
+                 turbo_.state(),
+                 assessment_.state(),
+                 health_.record(),
+                 recorder_.state()};
     for (const auto& [id, metric] : metrics_.all()) {
         const auto minutes = metric.history.minutes().buckets();
         const auto hours = metric.history.hours().buckets();
@@ -64,7 +68,6 @@ SavedDay MonitorHistories::state() const {
 
 bool MonitorHistories::restore(SavedDay day) {
     MonitorHistories restored(gap_);
-    day.assessment.changed = day.changed;
     for (const auto& [id, metric] : day.metrics) {
         if (!restored.metrics_.restore(id, metric.kind, metric.label, metric.minutes,
                                        metric.hours)) {

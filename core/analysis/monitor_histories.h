@@ -44,15 +44,14 @@ struct SavedDay {
     SustainedLoad::State sustained;
     TurboHistory::State turbo;
     OptimizationAssessment::State assessment;
-    std::optional<Date> changed;  // of the assessment
     HealthRecord health;
     Recorder::State recorder;
 
     static constexpr auto jsonFields() {
         using R = SavedDay;
         return std::tuple{jsonField("metrics", &R::metrics), jsonField("sustained", &R::sustained),
-                          jsonField("turbo", &R::turbo),     jsonField("changed", &R::changed),
-                          jsonField("health", &R::health),   jsonField("recorder", &R::recorder)};
+                          jsonField("turbo", &R::turbo), jsonField("health", &R::health),
+                          jsonField("recorder", &R::recorder)};
     }
 };
 
@@ -61,8 +60,8 @@ struct SavedDay {
 // order of time; one without a finite date does not count.
 //
 // Bounded: by MetricHistories, which takes up to 70 kB for each metric that is seen all day, 5 MB
-// for the recorder, 3 MB for all else; 10 MB for a day of 75 metrics, a sample a second. Processes of
-// one list come on top.
+// for the recorder, 3 MB for all else; 10 MB for a day of 75 metrics, a sample a second. Processes
+// of one list come on top.
 //
 // A plain value: whoever wants to save or draw on another thread copies it there. One thread at a
 // time; what accessors return is valid until the next change.

@@ -99,7 +99,7 @@ void writeTable(std::string_view title, const FigureTable& table, std::string& t
 }
 
 bool isPossible(const FigureTable& table) {
-    return std::ranges::adjacent_find(table.dates, std::ranges::greater_equal{}) ==
+    return std::ranges::adjacent_find(table.dates, std::ranges::greater{}) ==
                table.dates.end() &&
            table.dates.size() * table.columns.size() <= Recorder::kMostFigures &&
            std::ranges::all_of(table.columns, [&](const auto& entry) {

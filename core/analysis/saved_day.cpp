@@ -10,6 +10,7 @@
 #include <bit>
 #include <cerrno>
 #include <cmath>
+#include <deque>
 #include <filesystem>
 #include <fstream>
 #include <limits>
@@ -43,8 +44,9 @@ void require(bool holds, std::string_view otherwise = kDamaged) {
     }
 }
 
-constexpr double kThousandths = 1e3, kMicroseconds = 1e6;
-constexpr double kMost = 9e15;  // of them: beyond it a double is no longer that exact
+constexpr double kThousandths = 1e3, kMostThousandths = 9e15;
+// As fine as a double since the year 2009, so that dates stay what they were to each other.
+constexpr double kMoments = 1 << 24, kMostMoments = 9e17;
 constexpr std::size_t kMostNumbers = 4'000'000;  // some ten times what a day has
 constexpr int kVarintBits = 7, kMostVarintBits = 63;
 constexpr std::uint64_t kVarintMore = 1 << kVarintBits;
@@ -150,7 +152,9 @@ private:
         }
         std::int64_t expected = 0, before = 0;
         for (auto number = numbers.begin(); code != 0 && number != numbers.end(); ++number) {
-            const std::int64_t now = step(*number, dates ? kMicroseconds : kThousandths, expected);
+            const std::int64_t now = dates
+                                         ? step(*number, kMoments, kMostMoments, expected)
+                                         : step(*number, kThousandths, kMostThousandths, expected);
             expected = dates ? 2 * now - before : now;  // dates come at an even pace
             before = now;
         }
@@ -159,11 +163,11 @@ private:
 
     // How far it lies from what is expected: small differences of either sign are small, 0 is no
     // number. Returns it as it will be read, and for no number what is expected.
-    std::int64_t step(double& number, double scale, std::int64_t expected) {
+    std::int64_t step(double& number, double scale, double most, std::int64_t expected) {
         std::uint64_t code = 0;
         std::int64_t change = 0;
         if (!reading_ && !std::isnan(number)) {
-            change = std::llround(std::clamp(number * scale, -kMost, kMost)) - expected;
+            change = std::llround(std::clamp(number * scale, -most, most)) - expected;
             code = 1 + (static_cast<std::uint64_t>(change) << 1 ^
                         static_cast<std::uint64_t>(change >> 63));
         }
@@ -174,7 +178,7 @@ private:
             const auto half = static_cast<std::int64_t>((code - 1) >> 1);
             change = (code - 1) % 2 == 0 ? half : -half - 1;
             number = static_cast<double>(expected + change) / scale;
-            require(std::abs(number * scale) <= kMost);
+            require(std::abs(number * scale) <= most);
         }
         return expected + change;
     }
@@ -214,6 +218,14 @@ void walk(SavedDay& day, Numbers& numbers) {
     }
     numbers.list(day.load.spans, 2 * kSlots);
     numbers.list(day.load.day, 3 * kSlots);
+    std::deque<OptimizationSample> changed;
+    if (day.assessment.changed) {
+        changed.push_back({*day.assessment.changed, {}, {}, {}, {}});
+    }
+    numbers.list(changed, 8 * kSlots);
+    if (!changed.empty()) {
+        day.assessment.changed = changed.front().date;
+    }
     numbers.list(day.assessment.before, 4 * kSlots);
     numbers.list(day.assessment.after, 5 * kSlots);
     numbers.table(day.recorder.figures, 6 * kSlots);
@@ -348,9 +360,9 @@ void save(const std::string& file, const MonitorHistories& histories, Unreadable
     const Descriptor lock(::open(folder.empty() ? "." : folder.c_str(), O_RDONLY | O_CLOEXEC));
     require(::flock(lock, LOCK_EX | LOCK_NB) == 0 || errno != EWOULDBLOCK, kBusy);
     try {
-        const auto bytesBefore = unreadable == Unreadable::keep ? read(file) : std::nullopt;
-        if (bytesBefore) {
-            contentOf(*bytesBefore);
+        MonitorHistories whole;
+        if (unreadable == Unreadable::keep) {
+            load(file, whole);
         }
     } catch (const ScopeError& error) {
         throw ScopeError(error.message() + std::string(kKept));
