@@ -29,11 +29,11 @@ struct Sentence {
 
 constexpr std::array<Sentence, 12> kSentences{{
     // by kind
-    {"fan-stopped:", "没有转动，或转速信号中断：目标 ", kRpm},
-    {"fan-slow:", "转速偏低：应为 ", kRpm},
-    {"fan-ceiling:", "达不到额定最高转速：应为 ", kRpm},
-    {"fan-unasked:", "未受指示而转动，或转得过快：目标 ", kRpm},
-    {"fan-silent:", "转速信号中断，风扇很可能仍在转动：目标 ", kRpm},
+    {"fan-stopped:", " 没有转动，或转速信号中断：目标 ", kRpm},
+    {"fan-slow:", " 转速偏低：应为 ", kRpm},
+    {"fan-ceiling:", " 达不到额定最高转速：应为 ", kRpm},
+    {"fan-unasked:", " 未受指示而转动，或转得过快：目标 ", kRpm},
+    {"fan-silent:", " 转速信号中断，风扇很可能仍在转动：目标 ", kRpm},
     {"sensor-frozen:", " 读数停滞，按周围传感器的变化它应当改变：一直为 "},
     {"sensor-spike:", " 读数出现尖峰，随即返回：由 "},
     {"sensor-offset:", " 读数整体偏移，周围传感器没有变化：由 "},

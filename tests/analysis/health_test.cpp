@@ -394,7 +394,7 @@ TEST(HealthTest, TellsStoppedFromSilentOffAndUnreadable) {
     health.noteTurning(false);                                  // but it gets hot
     EXPECT_EQ(run(3000, 0, 0), "3 fan-stopped:0 fan-stopped:1");
     EXPECT_EQ(run(3000, 3000, 2200), "3 fan-slow:1");
-    EXPECT_EQ(text(health.findings()[0]), "风扇 2转速偏低：应为 3000 转/分，实测 2200 转/分");
+    EXPECT_EQ(text(health.findings()[0]), "风扇 2 转速偏低：应为 3000 转/分，实测 2200 转/分");
 
     DiagnosticReport report;
     report.state = DiagnosticState::stable;
