@@ -70,6 +70,15 @@ std::optional<double> meanOf(const std::deque<double>& values) {
     return count > 0 ? std::optional(sum / count) : std::nullopt;
 }
 
+std::size_t sizeOf(const RecordedEvent& event) {
+    return sizeof(event) + event.text.size() + event.names.size();
+}
+
+// But for the tabs between the parts of an event.
+bool isControl(char byte) {
+    return (byte >= 0 && byte < ' ' && byte != '\t') || byte == 127;
+}
+
 RecordedEvent eventOf(const DiagnosticFinding& finding, Date date) {
     RecordedEvent event{date, RecordedEventKind::findingCame, finding.id, {}};
     const std::string subject = finding.subject.value_or("");
@@ -99,8 +108,7 @@ void writeTable(std::string_view title, const FigureTable& table, std::string& t
 }
 
 bool isPossible(const FigureTable& table) {
-    return std::ranges::adjacent_find(table.dates, std::ranges::greater{}) ==
-               table.dates.end() &&
+    return std::ranges::adjacent_find(table.dates, std::ranges::greater{}) == table.dates.end() &&
            table.dates.size() * table.columns.size() <= Recorder::kMostFigures &&
            std::ranges::all_of(table.columns, [&](const auto& entry) {
                return entry.second.values.size() == table.dates.size();
@@ -151,6 +159,10 @@ void Recorder::add(const Snapshot& snapshot, std::span<const FanTarget> targets)
         return;
     }
     if (step == ObservationClock::Step::setBack) {
+        for (; !state_.events.empty() && state_.events.back().date > snapshot.date;
+             state_.events.pop_back()) {
+            eventBytes_ -= sizeOf(state_.events.back());
+        }
         for (FigureTable* table : {&state_.figures, &state_.heat, &heatStep_}) {
             table->forgetFrom(snapshot.date);
         }
@@ -162,6 +174,9 @@ void Recorder::add(const Snapshot& snapshot, std::span<const FanTarget> targets)
 }
 
 void Recorder::add(const SystemTelemetry& telemetry) {
+    if (!isMoment(telemetry.date)) {
+        return;
+    }
     Row row;
     row.putAll({}, telemetry);
     std::ranges::move(MetricHistories::readings(telemetry), std::back_inserter(row.readings));
@@ -211,20 +226,18 @@ void Recorder::add(const DiagnosticReport& report) {
 }
 
 void Recorder::add(RecordedEvent event) {
-    if (!std::isfinite(event.date.secondsSinceReference)) {
+    if (!isMoment(event.date)) {
         return;
     }
     for (std::string* text : {&event.text, &event.names}) {
         *text = utf8Prefix(repairUtf8(*text), kMostTextBytes);
-        std::ranges::replace(*text, '\n', ' ');
+        std::ranges::replace_if(*text, isControl, ' ');
     }
-    const auto size = [](const RecordedEvent& it) {
-        return sizeof(it) + it.text.size() + it.names.size();
-    };
-    eventBytes_ += size(event);
-    state_.events.push_back(std::move(event));
-    for (; eventBytes_ > kMostEventBytes; state_.events.pop_front()) {
-        eventBytes_ -= size(state_.events.front());
+    eventBytes_ += sizeOf(event);
+    auto& events = state_.events;
+    events.insert(std::ranges::upper_bound(events, event.date, {}, &RecordedEvent::date), event);
+    for (; eventBytes_ > kMostEventBytes; events.pop_front()) {
+        eventBytes_ -= sizeOf(events.front());
     }
 }
 

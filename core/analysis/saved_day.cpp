@@ -357,7 +357,8 @@ bool create(const std::string& file, std::string_view bytes) {
 void save(const std::string& file, const MonitorHistories& histories, Unreadable unreadable) {
     // The lock ends with its holder, however that ends; a folder that knows none does without.
     const std::string folder = std::filesystem::path(file).parent_path().string();
-    const Descriptor lock(::open(folder.empty() ? "." : folder.c_str(), O_RDONLY | O_CLOEXEC));
+    const Descriptor lock(
+        ::open(folder.empty() ? "." : folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     require(::flock(lock, LOCK_EX | LOCK_NB) == 0 || errno != EWOULDBLOCK, kBusy);
     try {
         MonitorHistories whole;
