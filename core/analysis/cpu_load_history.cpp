@@ -4,6 +4,8 @@
 #include <cmath>
 #include <utility>
 
+#include "core/analysis/numbers.h"
+
 namespace ferovane {
 namespace {
 
@@ -17,38 +19,25 @@ bool isPossible(const CpuLoadStretch& stretch) {
            std::ranges::all_of(stretch.seconds, [](double seconds) { return seconds >= 0; });
 }
 
+bool hasBand(const CpuLoadSpan& span) {
+    return fromRawValue<CpuLoadBand>(static_cast<int>(span.band)).has_value();
+}
+
 }  // namespace
 
 std::optional<CpuLoadBand> cpuLoadBand(std::optional<double> usage) {
-    if (!usage || !std::isfinite(*usage)) {
+    constexpr std::array kBegins{kLightLoadPercent, kModerateLoadPercent, kHeavyLoadPercent,
+                                 kSaturatedLoadPercent};
+    if (!ifFinite(usage)) {
         return std::nullopt;
     }
-    if (*usage >= kSaturatedLoadPercent) {
-        return CpuLoadBand::saturated;
-    }
-    if (*usage >= kHeavyLoadPercent) {
-        return CpuLoadBand::heavy;
-    }
-    if (*usage >= kModerateLoadPercent) {
-        return CpuLoadBand::moderate;
-    }
-    return *usage >= kLightLoadPercent ? CpuLoadBand::light : CpuLoadBand::idle;
+    return static_cast<CpuLoadBand>(std::ranges::upper_bound(kBegins, *usage) - kBegins.begin());
 }
 
 std::string_view title(CpuLoadBand band) {
-    switch (band) {
-        case CpuLoadBand::idle:
-            return "空闲";
-        case CpuLoadBand::light:
-            return "轻度负载";
-        case CpuLoadBand::moderate:
-            return "中度负载";
-        case CpuLoadBand::heavy:
-            return "高负载";
-        case CpuLoadBand::saturated:
-            return "满负载";
-    }
-    return {};
+    constexpr std::array<std::string_view, kCpuLoadBands> kTitles{"空闲", "轻度负载", "中度负载",
+                                                                  "高负载", "满负载"};
+    return kTitles[static_cast<std::size_t>(band)];
 }
 
 void CpuLoadHistory::append(Date date, std::optional<double> usage) {
@@ -114,9 +103,9 @@ void CpuLoadHistory::forgetBefore(Date now) {
 bool CpuLoadHistory::restore(State state) {
     if (!inOrder(&CpuLoadSpan::from, &CpuLoadSpan::to, state.spans) ||
         !inOrder(&CpuLoadStretch::from, &CpuLoadStretch::from, state.day) ||
-        !std::ranges::all_of(state.day, isPossible) ||
+        !std::ranges::all_of(state.spans, hasBand) || !std::ranges::all_of(state.day, isPossible) ||
         (!state.spans.empty() &&
-         (state.day.empty() || state.day.back().from >= state.spans.back().to))) {
+         (state.day.empty() || state.day.back().from > state.spans.back().to))) {
         return false;
     }
     *this = CpuLoadHistory(clock_.longestGapSeconds());

@@ -83,9 +83,6 @@ public:
         std::deque<CpuLoadStretch> day;
 
         bool operator==(const State&) const = default;
-        static constexpr auto jsonFields() {
-            return std::tuple{jsonField("spans", &State::spans), jsonField("day", &State::day)};
-        }
     };
 
     void append(Date date, std::optional<double> usage);

@@ -141,21 +141,19 @@ std::optional<MetricBucket> bucketAt(std::span<const ChartStretch> stretches,
         return std::nullopt;
     }
     const Date date = frame.from + x * (frame.to - frame.from);
-    const double halfColumn = (frame.to - frame.from) / frame.columns / 2;
-    const ChartColumn* nearest = nullptr;
-    bool drawn = false;  // at that moment
+    double reach = (frame.to - frame.from) / frame.columns / 2;
+    const MetricBucket* nearest = nullptr;
     for (const ChartStretch& stretch : stretches) {
-        drawn =
-            drawn || (date >= stretch.front().bucket.first && date <= stretch.back().bucket.last);
+        if (date >= stretch.front().bucket.first && date <= stretch.back().bucket.last) {
+            reach = frame.to - frame.from;
+        }
         for (const ChartColumn& column : stretch) {
-            if (!nearest || distance(date, column.bucket) < distance(date, nearest->bucket)) {
-                nearest = &column;
+            if (!nearest || distance(date, column.bucket) < distance(date, *nearest)) {
+                nearest = &column.bucket;
             }
         }
     }
-    return nearest && (drawn || distance(date, nearest->bucket) <= halfColumn)
-               ? std::optional(nearest->bucket)
-               : std::nullopt;
+    return nearest && distance(date, *nearest) <= reach ? std::optional(*nearest) : std::nullopt;
 }
 
 std::optional<ChartRange> range(std::span<const MetricBucket> buckets, Date from, Date to) {

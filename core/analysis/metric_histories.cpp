@@ -2,9 +2,9 @@
 
 #include <algorithm>
 #include <array>
-#include <cmath>
 #include <utility>
 
+#include "core/analysis/numbers.h"
 #include "core/analysis/sensor_catalog.h"
 
 namespace ferovane {
@@ -17,16 +17,9 @@ constexpr std::array kTelemetryMetrics{MetricHistories::kBatteryPercent,
                                        MetricHistories::kBatteryWatts,
                                        MetricHistories::kMemoryPercent};
 
-constexpr std::array<std::pair<MetricKind, HardwareSensorKind>, 5> kSensorKinds{{
-    {MetricKind::fan, HardwareSensorKind::fan},
-    {MetricKind::temperature, HardwareSensorKind::temperature},
-    {MetricKind::power, HardwareSensorKind::power},
-    {MetricKind::voltage, HardwareSensorKind::voltage},
-    {MetricKind::current, HardwareSensorKind::current},
-}};
-
+// Every kind of sensor is a kind of metric, by the same name.
 MetricKind kindOf(HardwareSensorKind kind) {
-    return std::ranges::find(kSensorKinds, kind, [](const auto& it) { return it.second; })->first;
+    return *fromRawValue<MetricKind>(rawValue(kind));
 }
 
 // The metric of the fan whose speed a further sensor repeats: "F0Ac" is that of fan 0.
@@ -46,9 +39,8 @@ std::string_view unit(MetricKind kind) {
     if (kind == MetricKind::percent) {
         return "%";
     }
-    const auto* it =
-        std::ranges::find(kSensorKinds, kind, [](const auto& both) { return both.first; });
-    return it == kSensorKinds.end() ? std::string_view() : unit(it->second);
+    const auto sensor = fromRawValue<HardwareSensorKind>(rawValue(kind));
+    return sensor ? unit(*sensor) : std::string_view();
 }
 
 std::string MetricHistories::sensor(std::string_view key) {
@@ -121,17 +113,14 @@ void MetricHistories::add(const SystemTelemetry& telemetry) {
 
 void MetricHistories::add(Date date, std::span<const MetricReading> readings, bool telemetry) {
     for (const auto& [id, kind, label, value] : readings) {
-        auto found = metrics_.find(id);
-        if (!value || !std::isfinite(*value) ||
-            (found == metrics_.end() && metrics_.size() >= kMostMetrics)) {
+        if (!ifFinite(value) || (!metrics_.contains(id) && metrics_.size() >= kMostMetrics)) {
             continue;
         }
-        if (found == metrics_.end()) {
-            found = metrics_.try_emplace(id, Metric{kind, label, MetricHistory(gapSeconds_)}).first;
-        }
-        found->second.kind = kind;
-        found->second.label = label;
-        found->second.history.append(date, value);
+        const Metric fresh{kind, label, MetricHistory(gapSeconds_)};
+        Metric& metric = metrics_.try_emplace(id, fresh).first->second;
+        metric.kind = kind;
+        metric.label = label;
+        metric.history.append(date, value);
     }
     // A second sample of one moment changes nothing, so this tells of those alone that had no
     // value.

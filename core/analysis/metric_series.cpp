@@ -5,6 +5,8 @@
 #include <limits>
 #include <utility>
 
+#include "core/analysis/numbers.h"
+
 namespace ferovane {
 
 void MetricBucket::add(const MetricBucket& next) {
@@ -19,9 +21,6 @@ void MetricBucket::add(const MetricBucket& next) {
     samples += std::min(next.samples, std::numeric_limits<std::uint32_t>::max() - samples);
 }
 
-MetricSeries::MetricSeries(double bucketSeconds, double spanSeconds, double longestGapSeconds)
-    : bucketSeconds_(bucketSeconds), spanSeconds_(spanSeconds), clock_(longestGapSeconds) {}
-
 void MetricSeries::append(Date date, std::optional<double> value) {
     const ObservationClock::Step step = clock_.advance(date);
     if (step == ObservationClock::Step::ignored) {
@@ -30,26 +29,20 @@ void MetricSeries::append(Date date, std::optional<double> value) {
     broken_ = broken_ || step != ObservationClock::Step::continues;
     if (step == ObservationClock::Step::setBack) {
         endAt(date, &MetricBucket::first, &MetricBucket::last, buckets_);
-        forgotten_ = std::min(forgotten_, buckets_.size());
     }
     forgetBefore(date - spanSeconds_);
-    if (!value || !std::isfinite(*value)) {
+    if (!ifFinite(value)) {
         return;
     }
-    const auto recorded = buckets();
     const bool continues =
-        !std::exchange(broken_, false) && !recorded.empty() &&
-        continuesObservation(recorded.back().last, date, clock_.longestGapSeconds());
+        !std::exchange(broken_, false) && !buckets_.empty() &&
+        continuesObservation(buckets_.back().last, date, clock_.longestGapSeconds());
     const MetricBucket bucket{date, date, *value, *value, *value, 1, !continues};
     if (continues && belongsToLast(date)) {
         buckets_.back().add(bucket);
     } else {
-        add(bucket);
+        buckets_.push_back(bucket);
     }
-}
-
-std::span<const MetricBucket> MetricSeries::buckets() const {
-    return std::span(buckets_).subspan(forgotten_);
 }
 
 bool MetricSeries::belongsToLast(Date date) const {
@@ -60,19 +53,8 @@ bool MetricSeries::belongsToLast(Date date) const {
 }
 
 void MetricSeries::forgetBefore(Date earliest) {
-    while (forgotten_ < buckets_.size() && buckets_[forgotten_].last < earliest) {
-        ++forgotten_;
-    }
-}
-
-void MetricSeries::add(const MetricBucket& bucket) {
-    // Rather than grow, the living move over the dead: at most eight moves for each bucket added.
-    if (buckets_.size() == buckets_.capacity() && forgotten_ > buckets_.size() / 8) {
-        buckets_.erase(buckets_.begin(),
-                       buckets_.begin() + static_cast<std::ptrdiff_t>(forgotten_));
-        forgotten_ = 0;
-    }
-    buckets_.push_back(bucket);
+    const auto kept = std::ranges::lower_bound(buckets_, earliest, {}, &MetricBucket::last);
+    buckets_.erase(buckets_.begin(), kept);
 }
 
 bool MetricSeries::restore(std::span<const MetricBucket> buckets) {
@@ -85,7 +67,6 @@ bool MetricSeries::restore(std::span<const MetricBucket> buckets) {
         return false;
     }
     buckets_.assign(buckets.begin(), buckets.end());
-    forgotten_ = 0;
     if (!buckets.empty()) {
         clock_.resume(buckets.back().last);
         forgetBefore(buckets.back().last - spanSeconds_);

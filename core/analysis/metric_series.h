@@ -1,7 +1,6 @@
 // The last stretch of one metric, in buckets that keep its lowest, mean and highest value.
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <span>
@@ -25,23 +24,22 @@ struct MetricBucket {
     void add(const MetricBucket& next);  // becomes one with what comes after it
     bool operator==(const MetricBucket&) const = default;
     static constexpr auto jsonFields() {
-        return std::tuple{jsonField("first", &MetricBucket::first),
-                          jsonField("last", &MetricBucket::last),
-                          jsonField("minimum", &MetricBucket::minimum),
-                          jsonField("mean", &MetricBucket::mean),
-                          jsonField("maximum", &MetricBucket::maximum),
-                          jsonField("samples", &MetricBucket::samples),
-                          jsonField("afterGap", &MetricBucket::afterGap)};
+        using R = MetricBucket;
+        return std::tuple{jsonField("first", &R::first),      jsonField("last", &R::last),
+                          jsonField("minimum", &R::minimum),  jsonField("mean", &R::mean),
+                          jsonField("maximum", &R::maximum),  jsonField("samples", &R::samples),
+                          jsonField("afterGap", &R::afterGap)};
     }
 };
 
 // Bounded by its span: at most one bucket per bucket length and one per gap. Appending takes
-// constant time on average. A plain value whose samples bring their dates, which count as
-// ObservationClock says. One owner, no locking.
+// constant time, and time linear in the number of buckets when it forgets one. A plain value whose
+// samples bring their dates, which count as ObservationClock says. One owner, no locking.
 class MetricSeries {
 public:
     MetricSeries(double bucketSeconds, double spanSeconds,
-                 double longestGapSeconds = kLongestGapSeconds);
+                 double longestGapSeconds = kLongestGapSeconds)
+        : bucketSeconds_(bucketSeconds), spanSeconds_(spanSeconds), clock_(longestGapSeconds) {}
 
     // Records a sample and forgets what ended more than the span before it. A value that is absent
     // or not finite records nothing; when none has come for longer than a gap may be, the next one
@@ -50,14 +48,13 @@ public:
     void append(Date date, std::optional<double> value);
 
     // Oldest first; valid until the next append or restore.
-    std::span<const MetricBucket> buckets() const;
+    std::span<const MetricBucket> buckets() const { return buckets_; }
 
     // Takes over what another series has told; what comes next begins after a gap. False, and
     // nothing changes, for what no series tells.
     bool restore(std::span<const MetricBucket> buckets);
 
 private:
-    void add(const MetricBucket& bucket);
     void forgetBefore(Date earliest);
     bool belongsToLast(Date date) const;
 
@@ -66,7 +63,6 @@ private:
     ObservationClock clock_;
     bool broken_ = false;  // since the last value
     std::vector<MetricBucket> buckets_;
-    std::size_t forgotten_ = 0;  // buckets at the front that are no longer part of the series
 };
 
 }  // namespace ferovane

@@ -100,16 +100,21 @@ void endAt(Date date, Date Period::*from, Date Period::*to, Periods& periods) {
     }
 }
 
-// Whether periods lie in the order of time, each at a moment of its own and none over another.
+// Forgets the oldest of too many.
+template <class Deque>
+void keepLast(std::size_t most, Deque& items) {
+    while (items.size() > most) {
+        items.pop_front();
+    }
+}
+
+// Whether periods lie in the order of time, none over another.
 template <class Periods, class Period>
 bool inOrder(Date Period::*from, Date Period::*to, const Periods& periods) {
     const Period* before = nullptr;
     for (const Period& period : periods) {
-        const bool possible =
-            isMoment(period.*from) && isMoment(period.*to) && period.*from <= period.*to;
-        const bool follows =
-            before == nullptr || (period.*from > before->*from && period.*from >= before->*to);
-        if (!possible || !follows) {
+        if (!isMoment(period.*from) || !isMoment(period.*to) || period.*from > period.*to ||
+            (before && period.*from < before->*to)) {
             return false;
         }
         before = &period;

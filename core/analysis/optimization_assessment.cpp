@@ -1,10 +1,13 @@
 #include "core/analysis/optimization_assessment.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <numeric>
 #include <utility>
 #include <vector>
+
+#include "core/analysis/numbers.h"
 
 namespace ferovane {
 namespace {
@@ -18,13 +21,9 @@ struct Window {
     Date from, to;
 };
 
-double median(std::vector<double>& values) {
-    const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
-    std::nth_element(values.begin(), middle, values.end());
-    if (values.size() % 2 == 1) {
-        return *middle;
-    }
-    return std::midpoint(*std::max_element(values.begin(), middle), *middle);
+double median(std::vector<double> values) {
+    std::ranges::sort(values);
+    return std::midpoint(values[(values.size() - 1) / 2], values[values.size() / 2]);
 }
 
 double lengthOf(const Samples& samples) {
@@ -40,14 +39,14 @@ std::optional<double> medianOf(Metric metric, const Window& window) {
             continue;
         }
         ++samples;
-        if (const auto& value = sample.*metric; value && std::isfinite(*value)) {
+        if (const auto value = ifFinite(sample.*metric)) {
             values.push_back(*value);
         }
     }
     if (values.empty() || values.size() * 2 < samples) {
         return std::nullopt;
     }
-    return median(values);
+    return median(std::move(values));
 }
 
 std::optional<OptimizationComparison> compare(Metric metric, const Window& before,
@@ -57,67 +56,34 @@ std::optional<OptimizationComparison> compare(Metric metric, const Window& befor
     return first && second ? std::optional(OptimizationComparison{*first, *second}) : std::nullopt;
 }
 
-OptimizationVerdict verdictOn(const OptimizationResult& result) {
+OptimizationVerdict verdictOn(double moreLoad, double moreCelsius) {
+    using enum OptimizationVerdict;
     using Assessment = OptimizationAssessment;
-    if (std::abs(result.cpuUsage->change()) > Assessment::kLikeLoadPercent) {
-        return OptimizationVerdict::loadDiffers;
-    }
-    const double celsius = result.cpuTemperature->change();
-    if (celsius <= -Assessment::kNotableCelsius) {
-        return OptimizationVerdict::better;
-    }
-    return celsius >= Assessment::kNotableCelsius ? OptimizationVerdict::worse
-                                                  : OptimizationVerdict::unchanged;
+    return std::abs(moreLoad) > Assessment::kLikeLoadPercent ? loadDiffers
+           : moreCelsius <= -Assessment::kNotableCelsius     ? better
+           : moreCelsius >= Assessment::kNotableCelsius      ? worse
+                                                             : unchanged;
 }
 
 }  // namespace
 
 std::string_view title(OptimizationVerdict verdict) {
-    switch (verdict) {
-        case OptimizationVerdict::notEnoughData:
-            return "数据不足";
-        case OptimizationVerdict::loadDiffers:
-            return "负载不同，无法比较";
-        case OptimizationVerdict::better:
-            return "温度下降";
-        case OptimizationVerdict::unchanged:
-            return "没有明显变化";
-        case OptimizationVerdict::worse:
-            return "温度上升";
-    }
-    return {};
+    constexpr std::array<std::string_view, 5> kTitles{"数据不足", "负载不同，无法比较", "温度下降",
+                                                      "没有明显变化", "温度上升"};
+    return kTitles[static_cast<std::size_t>(verdict)];
 }
 
 std::string_view title(OptimizationPhase phase) {
-    switch (phase) {
-        case OptimizationPhase::noChange:
-            return "尚无更改";
-        case OptimizationPhase::noBaseline:
-            return "更改前的数据不足";
-        case OptimizationPhase::settling:
-            return "等待温度稳定";
-        case OptimizationPhase::collecting:
-            return "正在收集数据";
-        case OptimizationPhase::interrupted:
-            return "已中断，等待温度重新稳定";
-        case OptimizationPhase::done:
-            return "已完成";
-    }
-    return {};
+    constexpr std::array<std::string_view, 6> kTitles{
+        "尚无更改",     "更改前的数据不足",         "等待温度稳定",
+        "正在收集数据", "已中断，等待温度重新稳定", "已完成"};
+    return kTitles[static_cast<std::size_t>(phase)];
 }
 
 std::string_view title(OptimizationInterruption interruption) {
-    switch (interruption) {
-        case pause:
-            return "采样曾暂停";
-        case clockSet:
-            return "系统时钟被调整";
-        case loadMissing:
-            return "缺少处理器负载";
-        case temperatureMissing:
-            return "缺少处理器温度";
-    }
-    return {};
+    constexpr std::array<std::string_view, 4> kTitles{"采样曾暂停", "系统时钟被调整",
+                                                      "缺少处理器负载", "缺少处理器温度"};
+    return kTitles[static_cast<std::size_t>(interruption)];
 }
 
 void OptimizationAssessment::append(const OptimizationSample& sample) {
@@ -125,8 +91,8 @@ void OptimizationAssessment::append(const OptimizationSample& sample) {
     if (step == ObservationClock::Step::ignored) {
         return;
     }
-    const bool hasLoad = sample.cpuUsage && std::isfinite(*sample.cpuUsage);
-    const bool counts = hasLoad && sample.cpuTemperature && std::isfinite(*sample.cpuTemperature);
+    const bool hasLoad = ifFinite(sample.cpuUsage).has_value();
+    const bool counts = hasLoad && ifFinite(sample.cpuTemperature);
     if (!counts) {
         missing_ = hasLoad ? temperatureMissing : loadMissing;
     }
@@ -216,7 +182,7 @@ OptimizationResult OptimizationAssessment::assess() const {
     result.cpuTemperature = temperature;
     result.fanRpm = compare(&OptimizationSample::fanRpm, before, after);
     result.watts = compare(&OptimizationSample::watts, before, after);
-    result.verdict = verdictOn(result);
+    result.verdict = verdictOn(load->change(), temperature->change());
     return result;
 }
 
@@ -239,13 +205,12 @@ OptimizationProgress OptimizationAssessment::progress() const {
 }
 
 bool OptimizationAssessment::restore(State state) {
-    const auto all = {&state.before, &state.after};
-    const bool possible = std::ranges::all_of(all, [&](const Samples* samples) {
-        return samples->size() <= kMostSamples && (state.changed || samples->empty()) &&
-               inOrder(&OptimizationSample::date, &OptimizationSample::date, *samples);
-    });
-    if (!possible || (state.changed && !isMoment(*state.changed)) ||
-        (!state.before.empty() && state.before.back().date > *state.changed)) {
+    const bool possible =
+        std::ranges::all_of(std::array{&state.before, &state.after}, [&](auto it) {
+            return it->size() <= kMostSamples && (state.changed || it->empty()) &&
+                   inOrder(&OptimizationSample::date, &OptimizationSample::date, *it);
+        });
+    if (!possible || !isMoment(state.changed.value_or(Date()))) {
         return false;
     }
     *this = OptimizationAssessment(clock_.longestGapSeconds());

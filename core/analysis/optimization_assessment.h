@@ -23,11 +23,10 @@ struct OptimizationSample {
 
     bool operator==(const OptimizationSample&) const = default;
     static constexpr auto jsonFields() {
-        return std::tuple{jsonField("date", &OptimizationSample::date),
-                          jsonField("cpuUsage", &OptimizationSample::cpuUsage),
-                          jsonField("cpuTemperature", &OptimizationSample::cpuTemperature),
-                          jsonField("fanRpm", &OptimizationSample::fanRpm),
-                          jsonField("watts", &OptimizationSample::watts)};
+        using R = OptimizationSample;
+        return std::tuple{jsonField("date", &R::date), jsonField("cpuUsage", &R::cpuUsage),
+                          jsonField("cpuTemperature", &R::cpuTemperature),
+                          jsonField("fanRpm", &R::fanRpm), jsonField("watts", &R::watts)};
     }
 };
 
@@ -114,13 +113,6 @@ public:
     struct State {
         std::optional<Date> changed;
         std::deque<OptimizationSample> before, after;
-
-        bool operator==(const State&) const = default;
-        static constexpr auto jsonFields() {
-            return std::tuple{jsonField("changed", &State::changed),
-                              jsonField("before", &State::before),
-                              jsonField("after", &State::after)};
-        }
     };
     const State& state() const { return state_; }  // valid until the next call that changes it
 

@@ -42,8 +42,7 @@ void ProcessActivity::add(Date date, std::span<const ProcessSample> processes) {
         newIndex_.add(processes[i].pid, i);
     }
     regroup(processes);
-    remember(processes);
-    measure();
+    measure(processes);
     std::swap(processes_, newProcesses_);
     std::swap(index_, newIndex_);
 }
@@ -65,39 +64,22 @@ const ProcessActivity::Process* ProcessActivity::before(const ProcessSample& pro
 
 void ProcessActivity::regroup(std::span<const ProcessSample> processes) {
     findLeaders(processes, newIndex_, leaders_);
-    applicationOf_.resize(processes.size());
+    newProcesses_.resize(processes.size());
     newApplications_.clear();
     for (std::size_t i = 0; i < processes.size(); ++i) {
         if (leaders_[i] != i) {
             continue;
         }
         const Process* known = before(processes[i]);
-        // A pid that is listed twice leads one application, not two.
-        const bool kept = known != nullptr && known->leads && newIndex_.find(processes[i].pid) == i;
-        newApplications_.push_back(kept ? std::move(applications_[known->application])
-                                        : Application{idOf(processes[i]), {}, {}});
-        newApplications_.back().name = processes[i].name;
-        applicationOf_[i] = newApplications_.size() - 1;
-    }
-    for (std::size_t i = 0; i < processes.size(); ++i) {
-        applicationOf_[i] = applicationOf_[leaders_[i]];
+        const Application* old = known ? &applications_[known->application] : nullptr;
+        const bool kept = old && &processes_[old->leader] == known;
+        newProcesses_[i].application = newApplications_.size();
+        newApplications_.push_back({i, kept ? old->tally : Tally{}});
     }
     std::swap(applications_, newApplications_);
 }
 
-void ProcessActivity::remember(std::span<const ProcessSample> processes) {
-    newProcesses_.resize(processes.size());
-    for (std::size_t i = 0; i < processes.size(); ++i) {
-        Process& now = newProcesses_[i];
-        const Process* known = before(processes[i]);
-        now.sample = processes[i];
-        now.application = applicationOf_[i];
-        now.leads = leaders_[i] == i;
-        now.tally = known != nullptr ? known->tally : Tally{};
-    }
-}
-
-void ProcessActivity::measure() {
+void ProcessActivity::measure(std::span<const ProcessSample> processes) {
     const bool newSlot = window_.advance(interval_);
     const auto begin = [&](Tally& tally) {
         tally.latest = {};
@@ -110,9 +92,12 @@ void ProcessActivity::measure() {
     }
     for (std::size_t i = 0; i < newProcesses_.size(); ++i) {
         Process& now = newProcesses_[i];
+        const Process* known = before(processes[i]);
+        now.sample = processes[i];
+        now.application = newProcesses_[leaders_[i]].application;
+        now.tally = known ? known->tally : Tally{};
         begin(now.tally);
-        const Process* known = before(now.sample);
-        if (known != nullptr && newIndex_.find(now.sample.pid) == i) {
+        if (known && newIndex_.find(now.sample.pid) == i) {
             now.tally.latest = useBetween(known->sample, now.sample);
             now.tally.slots[window_.slot()].add(now.tally.latest);
             applications_[now.application].tally.latest.add(now.tally.latest);
@@ -170,16 +155,16 @@ ActivityFigures ProcessActivity::figuresOf(const Tally& tally) const {
 
 std::vector<ApplicationActivity> ProcessActivity::applications() const {
     std::vector<ApplicationActivity> all;
-    for (const Application& application : applications_) {
-        all.push_back({application.id, application.name, 0, figuresOf(application.tally), {}});
+    for (const auto& [leader, tally] : applications_) {
+        const ProcessSample& it = processes_[leader].sample;
+        all.push_back({idOf(it), it.name, it.uid, figuresOf(tally), {}});
     }
     for (std::size_t i = 0; i < processes_.size(); ++i) {
-        const auto& [sample, position, leads, tally] = processes_[i];
+        const auto& [sample, position, tally] = processes_[i];
         if (index_.find(sample.pid) != i) {
             continue;  // listed twice
         }
         ApplicationActivity& application = all[position];
-        application.uid = leads ? sample.uid : application.uid;
         application.figures.memoryBytes += sample.memoryBytes;
         application.members.push_back({sample.pid, sample.uid, sample.name, figuresOf(tally)});
         application.members.back().figures.memoryBytes = sample.memoryBytes;
@@ -190,15 +175,15 @@ std::vector<ApplicationActivity> ProcessActivity::applications() const {
 
 std::vector<DiagnosticSource> ProcessActivity::sources() const {
     std::vector<DiagnosticSource> sources;
-    for (const Application& application : applications_) {
-        const auto& [slots, latest] = application.tally;
+    for (const auto& [leader, tally] : applications_) {
+        const auto& [slots, latest] = tally;
         if (!(latest.cpuObserved > 0)) {
             continue;
         }
-        const ActivityFigures figures = figuresOf(application.tally);
+        const ActivityFigures figures = figuresOf(tally);
         DiagnosticSource& source = sources.emplace_back();
-        source.id = application.id;
-        source.name = application.name;
+        source.id = idOf(processes_[leader].sample);
+        source.name = processes_[leader].sample.name;
         source.averageCPU = *figures.averageCPU;
         source.currentCPU = *figures.currentCPU;
         source.diskSeconds = window_.sum(slots, &Use::diskObserved);
@@ -217,20 +202,18 @@ std::optional<double> ProcessActivity::windowSeconds() const {
 std::vector<ApplicationActivity> applicationsFor(const DiagnosticAction& action,
                                                  std::vector<ApplicationActivity> applications) {
     using enum DiagnosticAction::Kind;
-    const auto memory = [](const auto& it) { return it.figures.memoryBytes; };
-    const auto diskRate = [](const auto& it) {
-        return it.figures.averageRead.value_or(0) + it.figures.averageWritten.value_or(0);
+    // Absent for one that is not shown.
+    const auto weight = [&](const ApplicationActivity& it) -> std::optional<double> {
+        const double disk =
+            it.figures.averageRead.value_or(0) + it.figures.averageWritten.value_or(0);
+        const bool shown = action.kind == memoryProcesses ||
+                           (action.kind == diskProcesses && disk > 0) ||
+                           (action.kind == reviewApplication && it.id == action.application);
+        const auto memory = static_cast<double>(it.figures.memoryBytes);
+        return shown ? std::optional(action.kind == diskProcesses ? disk : memory) : std::nullopt;
     };
-    std::erase_if(applications, [&](const ApplicationActivity& it) {
-        return action.kind == diskProcesses       ? !(diskRate(it) > 0)
-               : action.kind == reviewApplication ? it.id != action.application
-                                                  : action.kind != memoryProcesses;
-    });
-    if (action.kind == memoryProcesses) {
-        std::ranges::stable_sort(applications, std::greater(), memory);
-    } else {
-        std::ranges::stable_sort(applications, std::greater(), diskRate);
-    }
+    std::erase_if(applications, [&](const auto& it) { return !weight(it); });
+    std::ranges::stable_sort(applications, std::greater(), weight);
     return applications;
 }
 

@@ -93,21 +93,19 @@ private:
         Use latest;  // of the last interval
     };
     struct Application {
-        std::string id, name;
+        std::size_t leader = 0;  // its position in the list
         Tally tally;
     };
     struct Process {
         ProcessSample sample;
         std::size_t application = 0;  // its position
-        bool leads = false;           // that application
         Tally tally;
     };
 
     void beginAnew();
     const Process* before(const ProcessSample& process) const;
     void regroup(std::span<const ProcessSample> processes);
-    void remember(std::span<const ProcessSample> processes);
-    void measure();
+    void measure(std::span<const ProcessSample> processes);
     Use useBetween(const ProcessSample& before, const ProcessSample& now) const;
     ActivityFigures figuresOf(const Tally& tally) const;
 
@@ -120,7 +118,7 @@ private:
 
     // Of the list being taken in; kept for their memory.
     ProcessIndex newIndex_;
-    std::vector<std::size_t> leaders_, applicationOf_;  // by position in the list
+    std::vector<std::size_t> leaders_;  // by position in the list
     std::vector<Application> newApplications_;
     std::vector<Process> newProcesses_;
 };

@@ -27,20 +27,20 @@ void SustainedLoad::extend(Date from, Date to, double usage) {
             return;
         }
         const SustainedLoadPeriod none{from, from, 0, 0};
-        run_ = Run{none, none, false};
+        run_ = Run{none, none};
     }
     SustainedLoadPeriod& all = run_->all;
     const double before = all.seconds();
     all.to = to;
     all.mean = (all.mean * before + usage * (to - from)) / all.seconds();
     all.peak = std::max(all.peak, usage);
-    if (usage >= (run_->confirmed ? kEndPercent : kBeginPercent)) {
+    const bool confirmed = current().has_value();
+    if (usage >= (confirmed ? kEndPercent : kBeginPercent)) {
         run_->busy = all;
-        run_->confirmed = run_->confirmed || all.seconds() >= kBeginSeconds;
         return;
     }
     const double calm = all.to - run_->busy.to;
-    if (run_->confirmed ? calm >= kEndSeconds : calm > kDipSeconds) {
+    if (confirmed ? calm >= kEndSeconds : calm > kDipSeconds) {
         end();
     }
 }
@@ -49,14 +49,12 @@ void SustainedLoad::end() {
     if (const auto period = current()) {
         ended_.push_back(*period);
     }
-    while (ended_.size() > kMostPeriods) {
-        ended_.pop_front();
-    }
+    keepLast(kMostPeriods, ended_);
     run_.reset();
 }
 
 std::optional<SustainedLoadPeriod> SustainedLoad::current() const {
-    return run_ && run_->confirmed ? std::optional(run_->busy) : std::nullopt;
+    return run_ && run_->busy.seconds() >= kBeginSeconds ? std::optional(run_->busy) : std::nullopt;
 }
 
 SustainedLoad::State SustainedLoad::state() const {

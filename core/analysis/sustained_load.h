@@ -20,10 +20,9 @@ struct SustainedLoadPeriod {
     double seconds() const { return to - from; }
     bool operator==(const SustainedLoadPeriod&) const = default;
     static constexpr auto jsonFields() {
-        return std::tuple{jsonField("from", &SustainedLoadPeriod::from),
-                          jsonField("to", &SustainedLoadPeriod::to),
-                          jsonField("mean", &SustainedLoadPeriod::mean),
-                          jsonField("peak", &SustainedLoadPeriod::peak)};
+        using R = SustainedLoadPeriod;
+        return std::tuple{jsonField("from", &R::from), jsonField("to", &R::to),
+                          jsonField("mean", &R::mean), jsonField("peak", &R::peak)};
     }
 };
 
@@ -62,7 +61,6 @@ private:
     struct Run {
         SustainedLoadPeriod busy;  // up to the last sample that was busy enough
         SustainedLoadPeriod all;   // with what may turn out to be its end
-        bool confirmed = false;
     };
 
     void extend(Date from, Date to, double usage);

@@ -1,8 +1,9 @@
 #include "core/analysis/turbo_history.h"
 
 #include <algorithm>
-#include <cmath>
 #include <utility>
+
+#include "core/analysis/numbers.h"
 
 namespace ferovane {
 namespace {
@@ -12,7 +13,7 @@ bool isKnown(TurboState state) {
 }
 
 void add(std::optional<double> value, std::optional<TurboMeasure>& measure) {
-    if (!value || !std::isfinite(*value)) {
+    if (!ifFinite(value)) {
         return;
     }
     if (!measure) {
@@ -21,13 +22,6 @@ void add(std::optional<double> value, std::optional<TurboMeasure>& measure) {
     ++measure->samples;
     measure->mean += (*value - measure->mean) / measure->samples;
     measure->highest = std::max(measure->highest, *value);
-}
-
-template <class Deque>
-void keepLast(std::size_t most, Deque& items) {
-    while (items.size() > most) {
-        items.pop_front();
-    }
 }
 
 }  // namespace
@@ -49,7 +43,6 @@ void TurboHistory::append(Date date, TurboState state, std::optional<double> loa
     const bool continues = step == ObservationClock::Step::continues;
     if (!continues) {
         recent_.clear();
-        followsChange_ = false;
     } else if (state_.periods.back().state != state) {
         change(date, state);
     }
@@ -61,7 +54,7 @@ void TurboHistory::append(Date date, TurboState state, std::optional<double> loa
 }
 
 void TurboHistory::change(Date date, TurboState state) {
-    TurboChange change;
+    TurboChange& change = state_.changes.emplace_back();
     change.date = date;
     change.state = state;
     for (const Sample& sample : recent_) {
@@ -70,10 +63,8 @@ void TurboHistory::change(Date date, TurboState state) {
             add(sample.temperature, change.temperatureBefore);
         }
     }
-    state_.changes.push_back(change);
     keepLast(kMostChanges, state_.changes);
     recent_.clear();
-    followsChange_ = true;
 }
 
 void TurboHistory::record(const Sample& sample) {
@@ -81,7 +72,8 @@ void TurboHistory::record(const Sample& sample) {
     period.to = sample.date;
     add(sample.load, period.load);
     add(sample.temperature, period.temperature);
-    if (followsChange_ && sample.date - state_.changes.back().date <= kAroundSeconds) {
+    const bool followsChange = !state_.changes.empty() && state_.changes.back().date == period.from;
+    if (followsChange && sample.date - period.from <= kAroundSeconds) {
         add(sample.load, state_.changes.back().loadAfter);
         add(sample.temperature, state_.changes.back().temperatureAfter);
     }

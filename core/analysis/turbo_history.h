@@ -35,10 +35,10 @@ struct TurboPeriod {
 
     bool operator==(const TurboPeriod&) const = default;
     static constexpr auto jsonFields() {
-        return std::tuple{jsonField("state", &TurboPeriod::state),
-                          jsonField("from", &TurboPeriod::from), jsonField("to", &TurboPeriod::to),
-                          jsonField("load", &TurboPeriod::load),
-                          jsonField("temperature", &TurboPeriod::temperature)};
+        using R = TurboPeriod;
+        return std::tuple{jsonField("state", &R::state), jsonField("from", &R::from),
+                          jsonField("to", &R::to), jsonField("load", &R::load),
+                          jsonField("temperature", &R::temperature)};
     }
 };
 
@@ -53,12 +53,13 @@ struct TurboChange {
 
     bool operator==(const TurboChange&) const = default;
     static constexpr auto jsonFields() {
-        return std::tuple{jsonField("date", &TurboChange::date),
-                          jsonField("state", &TurboChange::state),
-                          jsonField("loadBefore", &TurboChange::loadBefore),
-                          jsonField("loadAfter", &TurboChange::loadAfter),
-                          jsonField("temperatureBefore", &TurboChange::temperatureBefore),
-                          jsonField("temperatureAfter", &TurboChange::temperatureAfter)};
+        using R = TurboChange;
+        return std::tuple{jsonField("date", &R::date),
+                          jsonField("state", &R::state),
+                          jsonField("loadBefore", &R::loadBefore),
+                          jsonField("loadAfter", &R::loadAfter),
+                          jsonField("temperatureBefore", &R::temperatureBefore),
+                          jsonField("temperatureAfter", &R::temperatureAfter)};
     }
 };
 
@@ -113,8 +114,7 @@ private:
 
     ObservationClock clock_;
     State state_;
-    std::deque<Sample> recent_;   // of the current period, up to kAroundSeconds back
-    bool followsChange_ = false;  // the current period began with the last change
+    std::deque<Sample> recent_;  // of the current period, up to kAroundSeconds back
 };
 
 }  // namespace ferovane

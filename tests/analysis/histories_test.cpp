@@ -348,25 +348,27 @@ TEST(HistoriesTest, AreBounded) {
 TEST(HistoriesTest, TakeOverWhatIsInOrderOnly) {
     const struct {
         double from, to, from2, to2;
-    } cases[] = {{1, 0, 2, 3},    {0, 2, 1, 3},         {2, 3, 0, 1},
-                 {0, 0, 0, 0},    {0, 1, 0, 1},         {0, 1, 2, 1},
-                 {kNaN, 1, 2, 3}, {0, 1, 2, kInfinity}, {0, 1, 9e99, 9e99}};
-    for (const auto& [from, to, from2, to2] : cases) {
-        const CpuLoadSpan bad[] = {{kStart + from, kStart + to, {}},
-                                   {kStart + from2, kStart + to2, {}}};
-        EXPECT_FALSE(inOrder(&CpuLoadSpan::from, &CpuLoadSpan::to, bad));
+        bool ordered = false;
+    } cases[] = {{0, 1, 1, 1, true}, {0, 0, 0, 0, true},  // rounded, as a file does
+                 {1, 0, 2, 3},       {0, 2, 1, 3},         {0, 1, 2, 1},
+                 {kNaN, 1, 2, 3},    {0, 1, 2, kInfinity}, {0, 1, 9e99, 9e99}};
+    for (const auto& [from, to, from2, to2, ordered] : cases) {
+        const CpuLoadSpan both[] = {{kStart + from, kStart + to, {}},
+                                    {kStart + from2, kStart + to2, {}}};
+        EXPECT_EQ(inOrder(&CpuLoadSpan::from, &CpuLoadSpan::to, both), ordered);
     }
     const Date early = even(kStart, 300), late = early + 300;
     EXPECT_TRUE(CpuLoadHistory().restore({{}, {{early, {}}, {late, {}}}}));
     for (const CpuLoadStretch& bad :
-         {CpuLoadStretch{late + 1, {}}, {late, {0, -1}}, {late, {kNaN}}, {early, {}}}) {
+         {CpuLoadStretch{late + 1, {}}, {late, {0, -1}}, {late, {kNaN}}, {early - 300, {}}}) {
         EXPECT_FALSE(CpuLoadHistory().restore({{}, {{early, {}}, bad}}));
     }
-    EXPECT_TRUE(CpuLoadHistory().restore({{{early, late, {}}}, {{early, {}}}}));
+    EXPECT_TRUE(CpuLoadHistory().restore({{{early, late, {}}}, {{early, {}}, {late, {}}}}));
     for (const CpuLoadHistory::State& bad :
          {CpuLoadHistory::State{{{late, early, {}}}, {{early, {}}}},
           {{{early, late, {}}}, {}},
-          {{{early, late, {}}}, {{late, {}}}}}) {
+          {{{early, late, CpuLoadBand(5)}}, {{early, {}}}},
+          {{{early, late - 1, {}}}, {{late, {}}}}}) {
         EXPECT_FALSE(CpuLoadHistory().restore(bad));
     }
     EXPECT_FALSE(SustainedLoad().restore({{late, early, 1, 1}}));
@@ -383,12 +385,13 @@ TEST(HistoriesTest, TakeOverWhatIsInOrderOnly) {
         EXPECT_FALSE(MetricSeries(20, 600).restore(std::span(&bad, 1)));
     }
     const std::deque<OptimizationSample> one{{early, {}, {}, {}, {}}};
-    for (const OptimizationAssessment::State& bad : {OptimizationAssessment::State{{}, one, {}},
-                                                     {{}, {}, one},
-                                                     {early - 1, one, {}},
-                                                     {Date{kNaN}, {}, {}},
-                                                     {late, {one[0], one[0]}, {}},
-                                                     {late, {}, {6001, one[0]}}}) {
+    EXPECT_TRUE(OptimizationAssessment().restore({early - 1e-6, one, {}}));
+    for (const OptimizationAssessment::State& bad :
+         {OptimizationAssessment::State{{}, one, {}},
+          {{}, {}, one},
+          {Date{kNaN}, {}, {}},
+          {late, {one[0], {early - 1, {}, {}, {}, {}}}, {}},
+          {late, {}, {6001, one[0]}}}) {
         EXPECT_FALSE(OptimizationAssessment().restore(bad));
     }
 }
@@ -434,10 +437,8 @@ TEST(OptimizationAssessmentTest, ComparesMediansOfLikeWindowsBeforeAndAfterAChan
         OptimizationComparison celsius = {70, 65}, load = {40, 40};  // not without enough data
     } cases[] = {
         {{}, {}},
-        {{old, {0, 400, 70}}, {}},
         {{{-120, -1, 70}, edit, {0, 180}}, over, 120, better},
         {{{-119, -1, 70}, edit, now}, never, 119},
-        {{old, edit}, {settling, {}, 60}},
         {{old, edit, {0, 20}}, {settling, {}, 40}},
         {{old, edit, {0, 179}}, left(481), 119},
         {{{-2000, -1, 70}, edit, {0, 2000}}, over, 600, better},
@@ -471,7 +472,6 @@ TEST(OptimizationAssessmentTest, ComparesMediansOfLikeWindowsBeforeAndAfterAChan
         {{old, edit, {0, 180}, {196, 700, 99, 90}}, over, 120, better},
         {{old, edit, {0, 179}, {195, 300}}, left(555), 45},
         {{old, edit, {0, 30}, {90, 100}}, {interrupted, pause, 50}},
-        {{old, edit, {0, 30}, {90, 100, kNaN}}, {interrupted, pause, 50}},
         {{old, edit, {0, 30}, {90, 900}}, over, 600, better},
         {{{-600, -16, 70}, edit, now}, never},
         {{{-300, -1, 70}, {1, 5}, edit, {6, 660}}, over, 300, better},
@@ -515,18 +515,6 @@ TEST(OptimizationAssessmentTest, ComparesMediansOfLikeWindowsBeforeAndAfterAChan
         EXPECT_EQ(assessment.assess(), OptimizationResult{});
         EXPECT_EQ(assessment.progress(), OptimizationProgress{});
     }
-    std::string titles;
-    const auto add = [&](std::string_view text) { titles.append(text).append(" "); };
-    for (int i = 0; i < 6; ++i) {
-        add(title(CpuLoadBand(i)));
-        add(title(OptimizationVerdict(i)));
-        add(title(OptimizationPhase(i)));
-        add(title(OptimizationInterruption(i)));
-    }
-    EXPECT_EQ(titles,
-              "空闲 数据不足 尚无更改 采样曾暂停 轻度负载 负载不同，无法比较 更改前的数据不足 "
-              "系统时钟被调整 中度负载 温度下降 等待温度稳定 缺少处理器负载 高负载 没有明显变化 "
-              "正在收集数据 缺少处理器温度 满负载 温度上升 已中断，等待温度重新稳定    已完成  ");
 }
 
 }  // namespace
