@@ -127,10 +127,11 @@ public:
     bool restore(std::string id, MetricKind kind, std::string label,
                  std::span<const MetricBucket> minutes, std::span<const MetricBucket> hours);
 
-    // By id. References into it hold until the next add.
+    // By id. References into it hold until the next add or restore.
     const std::map<std::string, Metric, std::less<>>& all() const { return metrics_; }
 
-    // Null for a metric without a value in the last day; valid until the next add.
+    // Null for a metric without a value in the last day; valid until the next add or
+    // restore.
     const Metric* find(std::string_view id) const;
 
 private:

@@ -67,6 +67,7 @@ struct SavedDay {
 // time; what accessors return is valid until the next change.
 class MonitorHistories {
 public:
+    // To be longer than the monitor's pace by some, since no sample comes when it is due.
     explicit MonitorHistories(double longestGapSeconds = kLongestGapSeconds);
 
     // `targets`: what the fans' keys hold (SMC::target); a fan without one is unreadable.

@@ -56,6 +56,10 @@ std::vector<MetricReading> figuresOf(const Snapshot& snapshot, std::span<const F
     for (const FanTarget& target : targets) {
         row.put(MetricHistories::fan(static_cast<int>(target.id)) + ":target", target.rpm);
     }
+    // A fan's number is in its name, and its speed is one of the metrics.
+    std::erase_if(row.readings, [](const MetricReading& reading) {
+        return reading.id.ends_with(":id") || reading.id.ends_with(":rpm");
+    });
     std::ranges::move(MetricHistories::readings(snapshot), std::back_inserter(row.readings));
     return row.readings;
 }
