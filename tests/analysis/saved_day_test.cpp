@@ -55,12 +55,12 @@ public:
             histories.note(date, RecordedEventKind::request,
                            ControlRequest{.command = "profile", .label = "老板的模式"});
         }
-        using Kind = DiagnosticKind;
+        using Symptom = DiagnosticKind;
         DiagnosticReport report;
         report.date = date;
         if (std::fmod(date.secondsSinceReference, 198) < 99) {
-            report.findings = {{"cpu:7-1", Kind::sustainedCPU, {}, {}, "秘密", 95, {}, {}},
-                               {"temperature", Kind::temperature, {}, {}, "CPU", 91, {}, {}}};
+            report.findings = {{"cpu:7-1", Symptom::sustainedCPU, {}, {}, "秘密", 95, {}, {}},
+                               {"temperature", Symptom::temperature, {}, {}, "CPU", 91, {}, {}}};
         }
         histories.add(report);
     }
