@@ -235,7 +235,6 @@ void Recorder::add(RecordedEvent event) {
     }
     for (std::string* text : {&event.text, &event.names}) {
         *text = utf8Prefix(repairUtf8(*text), kMostTextBytes);
-        std::ranges::replace_if(*text, isControl, ' ');
     }
     eventBytes_ += sizeOf(event);
     auto& events = state_.events;
@@ -249,9 +248,10 @@ std::string Recorder::text(bool withNames) const {
     std::string text = "监测记录（时间为 UTC）\n";
     text += "\n事件\n";
     for (const RecordedEvent& event : state_.events) {
+        std::string line = event.text + (withNames ? "\t" + event.names : "");
+        std::ranges::replace_if(line, isControl, ' ');
         text.append(iso8601(event.date)).append("\t").append(rawValue(event.kind));
-        text.append("\t").append(event.text);
-        text.append(withNames ? "\t" + event.names : "").append("\n");
+        text.append("\t").append(line).append("\n");
     }
     writeTable("最近半小时的读数", state_.figures, text);
     writeTable("最近一天的发热与散热（每 5 秒的平均）", state_.heat, text);
