@@ -53,7 +53,9 @@ function(ferovane_compiles_soon name)
     elseif(FEROVANE_SANITIZE)
         target_compile_options(${name} PRIVATE -O0)
     else()
-        target_compile_options(${name} PRIVATE $<$<NOT:$<CONFIG:Debug>>:-O1>)
+        # As with its sanitizers GCC warns of optionals that are initialised.
+        target_compile_options(${name} PRIVATE $<$<NOT:$<CONFIG:Debug>>:-O1>
+            $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>)
     endif()
 endfunction()
 
