@@ -180,12 +180,14 @@ public:
     void look() { show(client_.request({.command = "status"}), false); }
 
 private:
-    // The fans are now run otherwise than before.
+    // When it is no refusal, the fans are now run otherwise than before.
     void note(const ControlAnswer& answer) {
         show(answer, true);
         if (const auto* reply = std::get_if<ControlReply>(&answer)) {
             histories_.note(Date::now(), RecordedEventKind::reply, *reply);
-            histories_.noteChange(Date::now());
+            if (reply->ok) {
+                histories_.noteChange(Date::now());
+            }
         }
     }
     static void show(const ControlAnswer& answer, bool always) {

@@ -113,11 +113,14 @@ void MetricHistories::add(const SystemTelemetry& telemetry) {
 
 void MetricHistories::add(Date date, std::span<const MetricReading> readings, bool telemetry) {
     for (const auto& [id, kind, label, value] : readings) {
-        if (!ifFinite(value) || (!metrics_.contains(id) && metrics_.size() >= kMostMetrics)) {
+        auto known = metrics_.find(id);
+        if (!ifFinite(value) || (known == metrics_.end() && metrics_.size() >= kMostMetrics)) {
             continue;
         }
-        const Metric fresh{kind, label, MetricHistory(gapSeconds_)};
-        Metric& metric = metrics_.try_emplace(id, fresh).first->second;
+        if (known == metrics_.end()) {
+            known = metrics_.emplace(id, Metric{kind, label, MetricHistory(gapSeconds_)}).first;
+        }
+        Metric& metric = known->second;
         metric.kind = kind;
         metric.label = label;
         metric.history.append(date, value);

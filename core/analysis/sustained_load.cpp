@@ -1,7 +1,8 @@
 #include "core/analysis/sustained_load.h"
 
 #include <algorithm>
-#include <cmath>
+
+#include "core/analysis/numbers.h"
 
 namespace ferovane {
 
@@ -11,7 +12,7 @@ void SustainedLoad::append(Date date, std::optional<double> usage) {
     if (step == ObservationClock::Step::ignored) {
         return;
     }
-    if (usage && std::isfinite(*usage) && step == ObservationClock::Step::continues) {
+    if (ifFinite(usage) && step == ObservationClock::Step::continues) {
         extend(*last, date, *usage);
     } else {
         end();

@@ -12,6 +12,7 @@
 #include <bit>
 #include <cmath>
 #include <cstdlib>
+#include <deque>
 #include <filesystem>
 #include <fstream>
 #include <random>
@@ -273,6 +274,28 @@ TEST(RecorderTest, KeepsWhatWasReadInTheLastHalfHour) {
             }
         }
     }
+}
+
+TEST(RecorderTest, TellsEventsInTheOrderOfTimeALineEach) {
+    Recorder recorder;
+    Snapshot now = unremarkable(60).snapshot;
+    now.fans = {{0, 2000, 1200, 6000, false, true}};
+    recorder.add(SystemTelemetry{Date{kNaN}, 1, {}, {}, {}, {}, 0});
+    recorder.add(now, {});
+    for (const double second : {61., 5., 40., 70.}) {
+        recorder.add({kStart + second, RecordedEventKind::reply, "a\nb\x1B", "\r"});
+    }
+    now.date = kStart + 50;  // the clock is set back
+    recorder.add(now, {});
+    const auto& events = recorder.state().events;
+    ASSERT_EQ(events.size(), 2u);
+    EXPECT_EQ(events[0].date, kStart + 5);
+    EXPECT_EQ(events[1].date, kStart + 40);
+    const std::string text = recorder.text(true);
+    EXPECT_NE(text.find("\t回复\ta b \t \n"), text.npos) << text;
+    EXPECT_EQ(recorder.state().figures.columns.count("batteryPercent"), 0u);
+    EXPECT_EQ(recorder.state().figures.columns.count("fan:0:rpm"), 0u);
+    EXPECT_EQ(recorder.state().figures.columns.at("fan:0").values, (std::deque<double>{2000}));
 }
 
 TEST(RecorderTest, IsBoundedAndTellsEachCurveItsDie) {
